@@ -1,0 +1,24 @@
+# cmake --install: the library, its headers, a CMake package, a pkg-config file and the programs.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+install(TARGETS videostabilizer EXPORT videostabilizer-targets)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/videostabilizer
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+install(FILES ${PROJECT_BINARY_DIR}/include/videostabilizer/version.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/videostabilizer)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/videostabilizer)
+install(EXPORT videostabilizer-targets NAMESPACE videostabilizer:: DESTINATION ${package_dir})
+configure_package_config_file(cmake/videostabilizer-config.cmake.in
+  ${PROJECT_BINARY_DIR}/videostabilizer-config.cmake INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/videostabilizer-config-version.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${PROJECT_BINARY_DIR}/videostabilizer-config.cmake
+  ${PROJECT_BINARY_DIR}/videostabilizer-config-version.cmake
+  DESTINATION ${package_dir})
+
+configure_file(cmake/videostabilizer.pc.in videostabilizer.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/videostabilizer.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+
+#include "videostabilizer/export.h"
+
+namespace videostabilizer {
+
+// Pixel formats. The library tells them apart in two places only: the size of the chroma area
+// (chroma_planes_factor) and the kernel family of the warp. Values 0, 1 and 4 are the same to it:
+// chroma pairs move whole, so their byte order is the host's business.
+enum PixFmt : std::int32_t {
+    PIX_FMT_YUV420SP_0 = 0,  // semi-planar 4:2:0: height/2 rows of interleaved chroma pairs
+    PIX_FMT_YUV420SP_1 = 1,  // as 0
+    PIX_FMT_YUV420P = 2,     // planar 4:2:0: a U plane, directly followed by a V plane
+    PIX_FMT_YUV_DOUBLE_CHROMA = 3,  // chroma area twice the size of 4:2:0; cannot be warped
+    PIX_FMT_YUV420SP_4 = 4,         // as 0
+    PIX_FMT_LUMA_ONLY = 5,          // no chroma area; cannot be warped
+};
+
+// Bytes of the chroma area, in units of stride_uv * height, by PixFmt.
+inline constexpr std::int32_t chroma_planes_factor[6] = {1, 1, 1, 2, 1, 0};
+
+// One picture. Whoever holds a Frame* outside a queue owns the record: a push hands it over, a
+// refused push releases it, a pop hands it on. Pixel memory that the host supplied stays the host's.
+//
+// Planes (all samples are bytes, all strides in bytes):
+//   luma    `height` rows, `stride_y` apart; stride_y * height bytes
+//   chroma  chroma_planes_factor[format] * stride_uv * height bytes
+//           planar       U rows `stride_uv` apart, then at (stride_uv * height) / 2 the V rows
+//           semi-planar  height / 2 rows of pairs, `stride_y` apart (not stride_uv)
+// For packed 4:2:0 pictures stride_y = width and stride_uv = width / 2.
+//
+// Threads: a frame is used by one thread at a time, its holder.
+struct Frame {
+    std::int32_t width;       // pixels
+    std::int32_t height;      // rows
+    std::int32_t stride_y;    // luma row pitch, bytes
+    std::int32_t stride_uv;   // chroma row pitch of one planar chroma plane, bytes
+    PixFmt format;            //
+    std::int64_t timestamp;   // the host's; copied to new output frames, never interpreted; 0 if new
+    std::int32_t contiguous;  // 1: chroma follows luma in one buffer; informational
+    unsigned char* plane_y;   // luma
+    unsigned char* plane_uv;  // chroma area
+    void* opaque;  // on its way through the pipeline: six floats, the frame's correcting transform.
+                   // Those belong to the stabilizer: a host never follows this pointer of a popped
+                   // frame unless its own frame maker stored it. Null in a new frame.
+    Frame* next;   // links of whichever queue holds the frame
+    Frame* prev;
+};
+
+// Makes a frame whose luma and chroma lie in one buffer.
+// data non-null: the frame points into the host's buffer of stride_y * height +
+//                chroma_planes_factor[format] * stride_uv * height bytes, which stays the host's.
+// data null:     the frame owns its pixels, uninitialised, in one heap block with the record.
+// Every field that is not an argument is zero, but `contiguous`, which is 1.
+// Returns: the frame, or null with an error in the log: no memory; a format outside 0..5; negative
+//          sizes or strides, or planes beyond what memory can address.
+VIDEOSTABILIZER_API Frame* frame_create(int width, int height, int stride_y, int stride_uv,
+                                        PixFmt format, unsigned char* data);
+
+// Makes a frame over two planes of the host's, which are neither copied nor looked at.
+// `contiguous` is 0. Returns: as above.
+VIDEOSTABILIZER_API Frame* frame_create(int width, int height, int stride_y, int stride_uv,
+                                        PixFmt format, unsigned char* y, unsigned char* uv);
+
+// Releases the record, and with it the pixels that it owns; the host's pixels are not touched.
+// The frame must not be in a queue. Null is allowed and does nothing.
+VIDEOSTABILIZER_API void frame_delete(Frame* frame);
+
+}  // namespace videostabilizer

@@ -1,0 +1,7 @@
+#include "videostabilizer/version.h"
+
+namespace videostabilizer {
+
+const char* version() { return VIDEOSTABILIZER_VERSION; }
+
+}  // namespace videostabilizer
