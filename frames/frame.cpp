@@ -89,6 +89,8 @@ Frame* frame_create(int width, int height, int stride_y, int stride_uv, PixFmt f
     return frame;
 }
 
-void frame_delete(Frame* frame) { std::free(frame); }
+void frame_delete(Frame* frame) {
+    std::free(frame);
+}
 
 }  // namespace videostabilizer

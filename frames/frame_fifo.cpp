@@ -30,7 +30,9 @@ void set_newest(Frame& sentinel, Frame* newest) {
 
 // The following three expect the mutex to be held.
 
-bool holds_frame(const FrameFifo& fifo) { return fifo.sentinel.prev != &fifo.sentinel; }
+bool holds_frame(const FrameFifo& fifo) {
+    return fifo.sentinel.prev != &fifo.sentinel;
+}
 
 void append(const FrameFifo& fifo, Frame* frame) {
     Frame* const newest = fifo.sentinel.prev;

@@ -29,10 +29,10 @@ struct FrameFifo {
     std::atomic<std::int32_t>& count;
     const std::int32_t& capacity;
     pthread_mutex_t& mutex;
-    pthread_cond_t& cond;                 // a frame was queued, or a flag was raised
+    pthread_cond_t& cond;                   // a frame was queued, or a flag was raised
     const std::atomic<std::int32_t>& quit;  // the stop mark
     const std::atomic<std::int32_t>& eos;   // no more frames will be put
-    const std::int32_t& timeout_ms;       // length of one timed wait
+    const std::int32_t& timeout_ms;         // length of one timed wait
 };
 
 // Makes the queue empty without releasing anything. Not while another thread uses it.

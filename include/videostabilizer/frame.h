@@ -10,9 +10,9 @@ namespace videostabilizer {
 // (chroma_planes_factor) and the kernel family of the warp. Values 0, 1 and 4 are the same to it:
 // chroma pairs move whole, so their byte order is the host's business.
 enum PixFmt : std::int32_t {
-    PIX_FMT_YUV420SP_0 = 0,  // semi-planar 4:2:0: height/2 rows of interleaved chroma pairs
-    PIX_FMT_YUV420SP_1 = 1,  // as 0
-    PIX_FMT_YUV420P = 2,     // planar 4:2:0: a U plane, directly followed by a V plane
+    PIX_FMT_YUV420SP_0 = 0,         // semi-planar 4:2:0: height/2 rows of interleaved chroma pairs
+    PIX_FMT_YUV420SP_1 = 1,         // as 0
+    PIX_FMT_YUV420P = 2,            // planar 4:2:0: a U plane, directly followed by a V plane
     PIX_FMT_YUV_DOUBLE_CHROMA = 3,  // chroma area twice the size of 4:2:0; cannot be warped
     PIX_FMT_YUV420SP_4 = 4,         // as 0
     PIX_FMT_LUMA_ONLY = 5,          // no chroma area; cannot be warped
@@ -22,7 +22,8 @@ enum PixFmt : std::int32_t {
 inline constexpr std::int32_t chroma_planes_factor[6] = {1, 1, 1, 2, 1, 0};
 
 // One picture. Whoever holds a Frame* outside a queue owns the record: a push hands it over, a
-// refused push releases it, a pop hands it on. Pixel memory that the host supplied stays the host's.
+// refused push releases it, a pop hands it on. Pixel memory that the host supplied stays the
+// host's.
 //
 // Planes (all samples are bytes, all strides in bytes):
 //   luma    `height` rows, `stride_y` apart; stride_y * height bytes
@@ -33,12 +34,12 @@ inline constexpr std::int32_t chroma_planes_factor[6] = {1, 1, 1, 2, 1, 0};
 //
 // Threads: a frame is used by one thread at a time, its holder.
 struct Frame {
-    std::int32_t width;       // pixels
-    std::int32_t height;      // rows
-    std::int32_t stride_y;    // luma row pitch, bytes
-    std::int32_t stride_uv;   // chroma row pitch of one planar chroma plane, bytes
-    PixFmt format;            //
-    std::int64_t timestamp;   // the host's; copied to new output frames, never interpreted; 0 if new
+    std::int32_t width;      // pixels
+    std::int32_t height;     // rows
+    std::int32_t stride_y;   // luma row pitch, bytes
+    std::int32_t stride_uv;  // chroma row pitch of one planar chroma plane, bytes
+    PixFmt format;           //
+    std::int64_t timestamp;  // the host's; copied to new output frames, never interpreted; 0 if new
     std::int32_t contiguous;  // 1: chroma follows luma in one buffer; informational
     unsigned char* plane_y;   // luma
     unsigned char* plane_uv;  // chroma area

@@ -5,7 +5,7 @@ namespace videostabilizer {
 // Results of the stabilizer and of the warp stage. Functions that say no more return one of these.
 enum Result : int {
     RESULT_OK = 0,
-    RESULT_FAILED = -1,           // unsupported format or geometry, or an OpenCL call failed
+    RESULT_FAILED = -1,             // unsupported format or geometry, or an OpenCL call failed
     RESULT_END_OF_STREAM = -10001,  // the queue is empty and its end was signalled
     RESULT_STOPPING = -10002,       // the stop mark is set
     RESULT_NOTHING_TAKEN = -10003,  // woken with nothing to take
