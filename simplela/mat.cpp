@@ -1,8 +1,10 @@
 #include "videostabilizer/mat.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
-#include <cstring>
+#include <limits>
 #include <utility>
 
 #include "simplela/mat_util.h"
@@ -12,6 +14,14 @@ namespace SimpleLA {
 namespace {
 
 constexpr int TILE = 4;  // a tile of 4x4 floats touches 4 + 4 cache lines, whatever the sizes
+
+// Whether a step can be stated for such a row and an object of that size can exist.
+template <typename T>
+bool fits_memory(int rows, int cols) {
+    constexpr int element = static_cast<int>(sizeof(T));
+    return rows >= 0 && cols >= 0 && cols <= std::numeric_limits<int>::max() / element &&
+           static_cast<long long>(rows) * cols <= PTRDIFF_MAX / element;
+}
 
 }  // namespace
 
@@ -34,7 +44,7 @@ Mat<T>::Mat(int row_count, int col_count, T* elements, int step_bytes)
 
 template <typename T>
 Mat<T>::Mat(const Mat& other)
-    : external_data(true),
+    : external_data(other.data != nullptr),
       continuous(other.continuous),
       data(other.data),
       rows(other.rows),
@@ -57,8 +67,12 @@ Mat<T>& Mat<T>::operator=(const Mat& other) {
 template <typename T>
 Mat<T>& Mat<T>::operator=(Mat&& other) noexcept {
     if (this != &other) {
-        release();
-        external_data = std::exchange(other.external_data, false);
+        // Freeing our elements would leave a view on them, the new value, without any.
+        const bool stays_owner = !external_data && data != nullptr && data == other.data;
+        if (!stays_owner) {
+            release();
+        }
+        external_data = std::exchange(other.external_data, false) && !stays_owner;
         continuous = std::exchange(other.continuous, false);
         data = std::exchange(other.data, nullptr);
         rows = std::exchange(other.rows, 0);
@@ -83,9 +97,12 @@ void Mat<T>::create(int row_count, int col_count) {
     continuous = true;
     rows = row_count;
     cols = col_count;
-    step = col_count * static_cast<int>(sizeof(T));
-    data = static_cast<T*>(std::malloc(static_cast<std::size_t>(row_count) *
-                                       static_cast<std::size_t>(col_count) * sizeof(T)));
+    step = 0;
+    if (fits_memory<T>(rows, cols)) {
+        step = cols * static_cast<int>(sizeof(T));
+        data = static_cast<T*>(
+            std::malloc(static_cast<std::size_t>(rows) * static_cast<std::size_t>(step)));
+    }
 }
 
 template <typename T>
@@ -109,14 +126,24 @@ void transpose(Mat<float> src, Mat<float> dst) {
         return;
     }
     if (src.rows != dst.cols || src.cols != dst.rows) {
-        copy_elements(src, dst);
+        const Mat<float> common(std::min(src.rows, dst.rows), std::min(src.cols, dst.cols),
+                                src.data, src.step);
+        copy_elements(common, dst);
         return;
     }
-    if (dst.data == src.data) {
+    if (dst.data == src.data && src.rows == src.cols) {
         for (int i = 0; i < src.cols; ++i) {
             for (int j = i + 1; j < src.cols; ++j) {
                 std::swap(dst.at(i, j), dst.at(j, i));
             }
+        }
+        return;
+    }
+    if (dst.data == src.data) {
+        Mat<float> old(src.rows, src.cols);
+        if (old.data != nullptr) {
+            copy_elements(src, old);
+            transpose(old, dst);
         }
         return;
     }
@@ -135,7 +162,8 @@ void transpose(Mat<float> src, Mat<float> dst) {
 }
 
 void completeSymm(Mat<float> m, bool lower_to_upper) {
-    for (int i = 0; i < m.rows; ++i) {
+    const int order = m.data != nullptr ? std::min(m.rows, m.cols) : 0;
+    for (int i = 1; i < order; ++i) {
         for (int j = 0; j < i; ++j) {
             if (lower_to_upper) {
                 m.at(j, i) = m.at(i, j);

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <functional>
 
 #include "videostabilizer/mat.h"
 
@@ -9,31 +11,63 @@
 
 namespace SimpleLA {
 
-// Copies the elements of src to dst, which has at least its rows and columns: one block when the
-// steps agree, else row by row. The gap behind the last row is left out of the block: a view may end
-// with its last element.
-inline void copy_elements(const Mat<float>& src, Mat<float>& dst) {
-    if (src.rows <= 0) {
-        return;
+// Bytes from the first element of m to the end of its last one. The gap behind the last row is not
+// part of it: a view on the corner of a larger matrix ends with its last element.
+inline std::size_t span_bytes(const Mat<float>& m) {
+    if (m.data == nullptr || m.rows <= 0 || m.cols <= 0) {
+        return 0;
     }
+    return static_cast<std::size_t>(m.step) * static_cast<std::size_t>(m.rows - 1) +
+           static_cast<std::size_t>(m.cols) * sizeof(float);
+}
+
+// Whether the memory spans of two matrices overlap. Views on the left and the right half of one
+// matrix count as overlapping although they share no element.
+inline bool spans_overlap(const Mat<float>& x, const Mat<float>& y) {
+    const std::size_t x_bytes = span_bytes(x);
+    const std::size_t y_bytes = span_bytes(y);
+    if (x_bytes == 0 || y_bytes == 0) {
+        return false;
+    }
+    const std::less<const float*> before;
+    return before(x.data, y.data + y_bytes / sizeof(float)) &&
+           before(y.data, x.data + x_bytes / sizeof(float));
+}
+
+// Whether element (i, j) of both matrices is the same one, for all i and j.
+inline bool same_place(const Mat<float>& x, const Mat<float>& y) {
+    return x.data == y.data && (x.step == y.step || (x.rows == 1 && y.rows == 1));
+}
+
+// Whether shaping `out` by the create rule would replace elements that `in` still looks at.
+inline bool create_would_drop(const Mat<float>& out, int rows, int cols, const Mat<float>& in) {
+    return (out.rows != rows || out.cols != cols) && spans_overlap(out, in);
+}
+
+// Copies the elements of src to dst, which has at least its rows and columns: one block when the
+// steps agree, else row by row.
+inline void copy_elements(const Mat<float>& src, Mat<float>& dst) {
     if (src.step == dst.step) {
-        const int block = src.step * (src.rows - 1) + src.cols * static_cast<int>(sizeof(float));
-        std::memcpy(dst.data, src.data, static_cast<std::size_t>(block));
+        if (span_bytes(src) > 0) {
+            std::memmove(dst.data, src.data, span_bytes(src));
+        }
         return;
     }
     for (int i = 0; i < src.rows; ++i) {
-        std::memcpy(dst.row(i), src.row(i), static_cast<std::size_t>(src.cols) * sizeof(float));
+        std::memmove(dst.row(i), src.row(i), static_cast<std::size_t>(src.cols) * sizeof(float));
     }
 }
 
-// Sets all rows * step bytes to zero, the gap at the end of each row included.
+// Sets the elements and the gaps between the rows to zero.
 inline void set_zero(Mat<float>& m) {
-    std::memset(m.data, 0, static_cast<std::size_t>(m.rows) * static_cast<std::size_t>(m.step));
+    if (span_bytes(m) > 0) {
+        std::memset(m.data, 0, span_bytes(m));
+    }
 }
 
 inline void set_identity(Mat<float>& m) {
     set_zero(m);
-    for (int i = 0; i < m.cols; ++i) {
+    for (int i = 0; i < std::min(m.rows, m.cols); ++i) {
         m.at(i, i) = 1.0F;
     }
 }
