@@ -1,1 +1,125 @@
-// placeholder
+// The host's side of the stabilizer's queues: push, pop, end of stream, and the callbacks through
+// which the warp stage fills the output queue.
+
+#include "frames/deadline.h"
+#include "pipeline/geometry.h"
+#include "pipeline/stabilizer_internal.h"
+#include "platform/log.h"
+
+namespace videostabilizer {
+
+namespace {
+
+constexpr int WAIT_EOS_ROUNDS = 10;
+
+// The worker reads a picture of the stream's size, and the warp stage uploads into buffers of the
+// stream's planes, for a kernel of the stream's chroma layout: a frame that is anything else would
+// be read or written outside its planes.
+bool fits_stream(const VideoStabilizer* stabilizer, const Frame* frame) {
+    return frame->width == stabilizer->width && frame->height == stabilizer->height &&
+           frame->stride_y <= stabilizer->stride_y && frame->stride_uv <= stabilizer->stride_uv &&
+           can_be_warped(frame->format) &&
+           (frame->format == PIX_FMT_YUV420P) == (stabilizer->format == PIX_FMT_YUV420P) &&
+           geometry_fault(frame->width, frame->height, frame->stride_y, frame->stride_uv,
+                          frame->format) == nullptr &&
+           frame->plane_y != nullptr && frame->plane_uv != nullptr;
+}
+
+}  // namespace
+
+FrameFifo input_fifo(VideoStabilizer* stabilizer) {
+    return {stabilizer->input_queue, stabilizer->input_count, stabilizer->input_capacity,
+            stabilizer->input_mutex, stabilizer->input_cond,  stabilizer->quit,
+            stabilizer->input_eos,   stabilizer->timeout_ms};
+}
+
+FrameFifo output_fifo(VideoStabilizer* stabilizer) {
+    return {stabilizer->output_queue, stabilizer->output_count, stabilizer->output_capacity,
+            stabilizer->output_mutex, stabilizer->output_cond,  stabilizer->quit,
+            stabilizer->output_eos,   stabilizer->timeout_ms};
+}
+
+int video_stabilizer_push_frame(VideoStabilizer* stabilizer, Frame* frame) {
+    if (frame == nullptr) {
+        __android_log_print(LOG_ERROR, STABILIZER_TAG, "push refused: no frame");
+        return RESULT_NO_FRAME;
+    }
+    if (!fits_stream(stabilizer, frame)) {
+        __android_log_print(
+            LOG_ERROR, STABILIZER_TAG,
+            "push refused: frame of %d x %d, strides %d and %d, format %d in a stream of %d x %d, "
+            "strides %d and %d, format %d",
+            frame->width, frame->height, frame->stride_y, frame->stride_uv,
+            static_cast<int>(frame->format), stabilizer->width, stabilizer->height,
+            stabilizer->stride_y, stabilizer->stride_uv, static_cast<int>(stabilizer->format));
+        frame_delete(frame);
+        return RESULT_FAILED;
+    }
+    return fifo_put(input_fifo(stabilizer), frame, WhenEnded::REFUSE);
+}
+
+int video_stabilizer_pop_frame(VideoStabilizer* stabilizer, Frame** out) {
+    const int code = fifo_take(output_fifo(stabilizer), out);
+    if (code != RESULT_END_OF_STREAM) {
+        return code;
+    }
+    // Of several threads that find the end at once, one reports it.
+    if (stabilizer->quit.exchange(1) != 0) {
+        return RESULT_STOPPING;
+    }
+    __android_log_print(LOG_WARN, STABILIZER_TAG, "Met output EOS.");
+    return RESULT_END_OF_STREAM;
+}
+
+int video_stabilizer_input_empty(VideoStabilizer* stabilizer) {
+    return fifo_is_empty(stabilizer->input_queue);
+}
+
+int video_stabilizer_input_full(VideoStabilizer* stabilizer) {
+    return fifo_is_full(stabilizer->input_count, stabilizer->input_capacity);
+}
+
+int video_stabilizer_output_empty(VideoStabilizer* stabilizer) {
+    return fifo_is_empty(stabilizer->output_queue);
+}
+
+int video_stabilizer_output_full(VideoStabilizer* stabilizer) {
+    return fifo_is_full(stabilizer->output_count, stabilizer->output_capacity);
+}
+
+int video_stabilizer_signal_eos(VideoStabilizer* stabilizer) {
+    stabilizer->input_eos.store(1);
+    wake_waiters(stabilizer->input_mutex, stabilizer->input_cond);
+    return RESULT_OK;
+}
+
+int video_stabilizer_reached_eos(VideoStabilizer* stabilizer) {
+    return stabilizer->output_eos.load();
+}
+
+int video_stabilizer_wait_eos(VideoStabilizer* stabilizer) {
+    pthread_mutex_lock(&stabilizer->output_mutex);
+    for (int round = 0; round < WAIT_EOS_ROUNDS && stabilizer->output_eos.load() == 0; ++round) {
+        const timespec deadline = deadline_in(stabilizer->timeout_ms);
+        pthread_cond_timedwait(&stabilizer->eos_cond, &stabilizer->output_mutex, &deadline);
+    }
+    pthread_mutex_unlock(&stabilizer->output_mutex);
+    return stabilizer->output_eos.load() != 0 ? 0 : 1;
+}
+
+int take_input_frame(VideoStabilizer* stabilizer, Frame** out) {
+    return fifo_take(input_fifo(stabilizer), out);
+}
+
+int stabilizer_on_frame(void* owner, Frame* frame) {
+    return fifo_put(output_fifo(static_cast<VideoStabilizer*>(owner)), frame, WhenEnded::ACCEPT);
+}
+
+void stabilizer_on_eos(void* owner) {
+    auto* const stabilizer = static_cast<VideoStabilizer*>(owner);
+    stabilizer->output_eos.store(1);
+    wake_waiters(stabilizer->output_mutex, stabilizer->output_cond);
+    pthread_cond_broadcast(&stabilizer->eos_cond);
+}
+
+}  // namespace videostabilizer

@@ -1,1 +1,196 @@
-// placeholder
+// The worker: analyses frame after frame and hands each on to the warp stage once the ten frames
+// after it are known. While it runs it alone touches the analysis state of the stabilizer.
+
+#include <cstddef>
+#include <new>
+#include <utility>
+
+#include "pipeline/decimate.h"
+#include "pipeline/stabilizer_internal.h"
+#include "platform/log.h"
+
+namespace videostabilizer {
+
+namespace {
+
+using Slot = std::size_t;
+
+Slot ring_slot(const VideoStabilizer* s, int frame) {
+    return static_cast<Slot>(frame % s->ring_size);
+}
+
+void decimate(const VideoStabilizer* s, const Frame* frame, unsigned char* image) {
+    decimate_luma(frame->plane_y, frame->width, frame->height, s->scale, image);
+}
+
+// Finds the corners of the previous image and follows them into the current one.
+void track_corners(VideoStabilizer* s) {
+    const int width = s->width / s->scale;
+    const int height = s->height / s->scale;
+    s->prev_points.clear();
+    s->prev_points.reserve(static_cast<std::size_t>(s->max_points));
+    fast16(s->prev_luma, s->prev_points, width, height, &s->fast_params);
+    s->next_points.resize(s->prev_points.size());
+    s->track_status.resize(s->prev_points.size());
+    lk_pyramid_image(s->prev_luma, s->cur_luma, width, height, &s->lk_params, s->prev_points,
+                     s->next_points, s->track_status);
+}
+
+KeyPoint to_full_resolution(KeyPoint point, float scale) {
+    point.x *= scale;
+    point.y *= scale;
+    return point;
+}
+
+// Collects the pairs that were tracked, in pixels of the full picture.
+void match_points(VideoStabilizer* s) {
+    s->matched_prev.clear();
+    s->matched_next.clear();
+    s->matched_prev.reserve(static_cast<std::size_t>(s->max_points));
+    s->matched_next.reserve(static_cast<std::size_t>(s->max_points));
+    const auto scale = static_cast<float>(s->scale);
+    for (std::size_t i = 0; i < s->prev_points.size(); ++i) {
+        if (s->track_status[i] != 0) {
+            s->matched_prev.push_back(to_full_resolution(s->prev_points[i], scale));
+            s->matched_next.push_back(to_full_resolution(s->next_points[i], scale));
+        }
+    }
+}
+
+// Estimates the motion from the frame before the newest to the newest.
+void estimate_motion(VideoStabilizer* s) {
+    const int from = s->frame_index - 1;
+    const Slot slot = ring_slot(s, from);
+    MotionLog& log = s->motion_logs[slot];
+    // 0/0 is NaN when there was no corner; the estimator then overwrites the log.
+    log.track_ratio =
+        static_cast<float>(s->matched_prev.size()) / static_cast<float>(s->prev_points.size());
+    estimateGlobalMotionRansac(*s->motions[slot], log, s->matched_prev, s->matched_next,
+                               s->ransac_params);
+    if (s->observer.on_motion != nullptr) {
+        s->observer.on_motion(s->observer.ctx, from, s->motions[slot]->data, &log);
+    }
+}
+
+// Computes the correction of frame n and sends the frame to the warp stage. There are two matrices
+// for two frames inside the stage, one queued and one in work; the stage copies the matrix when it
+// takes a frame, so frame n + 2 may have the matrix of frame n as soon as n + 1 was accepted.
+void send_corrected(VideoStabilizer* s, int n) {
+    s->output_index = n;
+    SimpleLA::Mat<float>& correction =
+        *s->warp_pool[static_cast<std::size_t>(n) % s->warp_pool.size()];
+    gaussian_motion_filter_stabilize(s->filter, correction, n, s->motions, s->motion_logs, 0,
+                                     s->frame_index);
+    if (s->observer.on_correction != nullptr) {
+        s->observer.on_correction(s->observer.ctx, n, correction.data);
+    }
+    Frame*& slot = s->ring_frames[ring_slot(s, n)];
+    Frame* const frame = slot;
+    slot = nullptr;  // the stage's from here on
+    frame->opaque = correction.data;
+    affine_transformer_ocl_send_frame(s->transformer, frame);
+}
+
+void drain(VideoStabilizer* s) {
+    while (s->output_index < s->frame_index) {
+        send_corrected(s, s->output_index + 1);
+    }
+    affine_transformer_ocl_signal_eos(s->transformer);
+}
+
+void log_error(int code) {
+    __android_log_print(LOG_ERROR, STABILIZER_TAG, "video stabilizer met an error: %d", code);
+}
+
+// Takes the first frame. Returns false when the thread is to end.
+bool first_frame(VideoStabilizer* s) {
+    Frame* frame = nullptr;
+    const int code = take_input_frame(s, &frame);
+    if (code == RESULT_END_OF_STREAM) {
+        __android_log_print(LOG_WARN, STABILIZER_TAG, "thread meet EOS, and return");
+        // No end of output will follow, since the stage never saw a frame: pops end by this.
+        s->quit.store(1);
+        wake_waiters(s->output_mutex, s->output_cond);
+        return false;
+    }
+    if (code == RESULT_STOPPING) {
+        __android_log_print(LOG_WARN, STABILIZER_TAG, "thread quited, and return");
+        return false;
+    }
+    if (code != RESULT_OK) {
+        log_error(code);
+        return false;
+    }
+    if (frame == nullptr) {
+        __android_log_print(LOG_ERROR, STABILIZER_TAG, "video stabilizer met an unknown error: %d",
+                            code);
+        return false;
+    }
+    s->ring_frames[0] = frame;
+    s->frame_index = 0;
+    decimate(s, frame, s->prev_luma);
+    __android_log_print(LOG_INFO, STABILIZER_TAG, "before thread loop...");
+    return s->quit.load() == 0;
+}
+
+// Takes and analyses frames until there are no more. Returns the code that ended it, or 0 when the
+// stop mark was seen between two frames.
+int later_frames(VideoStabilizer* s) {
+    do {
+        Frame* frame = nullptr;
+        const int code = take_input_frame(s, &frame);
+        if (code != RESULT_OK) {
+            return code;
+        }
+        if (frame == nullptr) {
+            return RESULT_NO_FRAME;
+        }
+        s->frame_index += 1;
+        s->ring_frames[ring_slot(s, s->frame_index)] = frame;
+        decimate(s, frame, s->cur_luma);
+        track_corners(s);
+        std::swap(s->prev_luma, s->cur_luma);
+        match_points(s);
+        estimate_motion(s);
+        if (s->frame_index >= s->radius) {
+            send_corrected(s, s->frame_index - s->radius);
+        }
+    } while (s->quit.load() == 0);
+    return RESULT_OK;
+}
+
+void run(VideoStabilizer* s) {
+    if (!first_frame(s)) {
+        return;
+    }
+    const int code = later_frames(s);
+    switch (code) {
+        case RESULT_OK:
+            break;
+        case RESULT_END_OF_STREAM:
+            __android_log_print(LOG_WARN, STABILIZER_TAG, "Meet End of Input Stream...");
+            drain(s);
+            __android_log_print(LOG_WARN, STABILIZER_TAG, "thread meet EOS, and return");
+            break;
+        case RESULT_STOPPING:
+            __android_log_print(LOG_WARN, STABILIZER_TAG, "thread quited, and return");
+            break;
+        default:
+            log_error(code);
+    }
+}
+
+}  // namespace
+
+void* stabilizer_thread(void* arg) {
+    try {
+        run(static_cast<VideoStabilizer*>(arg));
+    } catch (const std::bad_alloc&) {
+        // A point list outgrew its reservation and could not. The thread ends as after any error.
+        __android_log_print(LOG_ERROR, STABILIZER_TAG, OUT_OF_MEMORY_TEXT);
+        log_error(RESULT_NO_MEMORY);
+    }
+    return nullptr;
+}
+
+}  // namespace videostabilizer

@@ -2,6 +2,8 @@
 
 namespace videostabilizer {
 
-const char* version() { return VIDEOSTABILIZER_VERSION; }
+const char* version() {
+    return VIDEOSTABILIZER_VERSION;
+}
 
 }  // namespace videostabilizer

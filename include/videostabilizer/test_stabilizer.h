@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstdint>
+
+#include "videostabilizer/export.h"
+#include "videostabilizer/frame.h"
+
+// A test of the whole pipeline on a device: 90 raw frames of 1280 x 720 planar 4:2:0 are read from
+// "/sdcard/keypoints_90f.yuv" (921,600 luma bytes, then 460,800 chroma bytes a frame, no header),
+// stabilised in place and written to "/sdcard/keypoints_90f_stab.yuv" in the same layout. Reached
+// from Java through a native method, and from a shell through the `main` that the library exports
+// (not declared here: it would clash with a host's own), which calls test_stabilizer and returns 0.
+
+namespace videostabilizer {
+
+// One pixel buffer pair of the test's pools.
+struct Buffer {
+    std::int32_t width;   // 1280
+    std::int32_t height;  // 720
+    unsigned char* y;     // heap block of 921,600 bytes
+    unsigned char* uv;    // heap block of 460,800 bytes: U plane, then V plane
+};
+
+// The pools, valid while test_stabilizer runs. The input pool is larger than the number of frames
+// that the pipeline can hold at once, so that no buffer is refilled while its frame is in flight.
+struct FrameContext {
+    Buffer output_buffers[6];
+    Buffer input_buffers[26];
+    std::int32_t output_cursor;  // next output buffer to use
+    std::int32_t input_cursor;   // next input buffer to use
+};
+
+extern VIDEOSTABILIZER_API FrameContext frame_ctx;
+
+// Runs the test; prints its progress, the elapsed time and the number of frames to standard output.
+// A missing file, a failed pop or a machine without OpenCL ends the test with a message; whatever
+// happens, threads, frames and pools are released before it returns.
+// Threads: one run at a time in a process. Returns 0 always.
+VIDEOSTABILIZER_API int test_stabilizer();
+
+// Thread function of the test's producer: reads, pushes and signals the end of the input. `arg` is
+// the VideoStabilizer. Returns null.
+VIDEOSTABILIZER_API void* stabilizer_func(void* arg);
+
+// Frame maker over the pool of output buffers in turn; `ctx` is &frame_ctx. The frame's `opaque`
+// points at its Buffer. Returns null when memory runs out.
+VIDEOSTABILIZER_API Frame* create_frame_from_video_buffer(void* ctx);
+
+// A frame over the planes of `buffer`, which stays the caller's. Null when memory runs out.
+VIDEOSTABILIZER_API Frame* create_frame_from_video_stab_buffer(Buffer& buffer);
+
+// Wall-clock time in milliseconds since the epoch. Threads: thread-safe.
+VIDEOSTABILIZER_API std::int64_t time_ms();
+
+}  // namespace videostabilizer

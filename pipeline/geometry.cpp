@@ -1,0 +1,45 @@
+#include "pipeline/geometry.h"
+
+#include "warp/picture_limits.h"
+
+namespace videostabilizer {
+
+namespace {
+
+constexpr int MIN_PICTURE_SIZE = 16;  // pixels of one work item of the narrower kernels
+
+const char* chroma_fault(const PictureGeometry& picture, PixFmt format) {
+    if (plane_bytes(picture.stride_uv, picture.height) > LARGEST_PLANE_BYTES) {
+        return "the chroma area is larger than 128 MiB";
+    }
+    const bool planar = format == PIX_FMT_YUV420P;
+    const bool packed = picture.width % 32 == 0;  // the wider kernels take packed rows
+    return warp_stays_in_planes(picture, planar, packed) ? nullptr
+                                                         : "stride_uv is too small for the chroma";
+}
+
+}  // namespace
+
+bool can_be_warped(PixFmt format) {
+    return format >= PIX_FMT_YUV420SP_0 && format <= PIX_FMT_LUMA_ONLY &&
+           chroma_planes_factor[format] == 1;
+}
+
+const char* geometry_fault(int width, int height, int stride_y, int stride_uv, PixFmt format) {
+    if (width < MIN_PICTURE_SIZE || height < MIN_PICTURE_SIZE) {
+        return "width and height must be at least 16";
+    }
+    if (width % 2 != 0 || height % 2 != 0) {
+        return "width and height must be even";
+    }
+    if (stride_y < width) {
+        return "stride_y is below the width";
+    }
+    if (plane_bytes(stride_y, height) > LARGEST_PLANE_BYTES) {
+        return "the luma plane is larger than 128 MiB";
+    }
+    return can_be_warped(format) ? chroma_fault({width, height, stride_y, stride_uv}, format)
+                                 : nullptr;
+}
+
+}  // namespace videostabilizer
