@@ -1,0 +1,90 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+// Sequential bytes in and out, for the programs. Failures are exceptions whose what() is a sentence
+// for the user.
+
+namespace apps {
+
+struct InputError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+struct OutputError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+class ByteSource {
+  public:
+    virtual ~ByteSource() = default;
+
+    // Blocks until `size` bytes are in `to` or the stream ends.
+    // Returns the bytes delivered; fewer than `size` only at the end. Throws InputError.
+    virtual std::size_t read(unsigned char* to, std::size_t size) = 0;
+};
+
+class ByteSink {
+  public:
+    virtual ~ByteSink() = default;
+
+    // Takes all of it, possibly into a buffer. Throws OutputError.
+    virtual void write(const unsigned char* from, std::size_t size) = 0;
+};
+
+// Buffered reading from a file descriptor: a file, a pipe or a terminal.
+class FdSource : public ByteSource {
+  public:
+    // Opens `path`, or standard input for "-". Throws InputError.
+    // cancelled  may be null; once true, reads that wait for data throw within a tenth of a second.
+    //            Without it a program could not end while its input is silent.
+    explicit FdSource(const std::string& path, const std::atomic<bool>* cancelled = nullptr);
+    ~FdSource() override;
+    FdSource(const FdSource&) = delete;
+    FdSource& operator=(const FdSource&) = delete;
+
+    std::size_t read(unsigned char* to, std::size_t size) override;
+
+    int fd() const { return fd_; }
+    // Bytes of a regular file; -1 of anything else.
+    long long file_size() const;
+
+  private:
+    std::size_t read_some(unsigned char* to, std::size_t size);
+
+    std::string name_;
+    const std::atomic<bool>* cancelled_;
+    int fd_;
+    bool owned_;
+    std::vector<unsigned char> buffer_;
+    std::size_t begin_ = 0;  // buffered bytes are buffer_[begin_, end_)
+    std::size_t end_ = 0;
+};
+
+// Buffered writing to a file descriptor. What is still buffered at destruction is dropped: whoever
+// wants it written calls flush, and sees the errors.
+class FdSink : public ByteSink {
+  public:
+    // Writes to `fd`, which stays the caller's. `name` appears in messages.
+    // cancelled  may be null; once true, a write that has to wait throws.
+    FdSink(int fd, std::string name, const std::atomic<bool>* cancelled = nullptr);
+
+    void write(const unsigned char* from, std::size_t size) override;
+    void flush();
+
+  private:
+    void write_through(const unsigned char* from, std::size_t size);
+
+    int fd_;
+    std::string name_;
+    const std::atomic<bool>* cancelled_;
+    std::vector<unsigned char> buffer_;
+    std::size_t used_ = 0;
+    std::size_t largest_write_;  // bytes; a pipe that polls ready takes PIPE_BUF without blocking
+};
+
+}  // namespace apps

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+#include "apps/byte_io.h"
+
+// YUV4MPEG2: uncompressed video, one header line, then per picture a line starting with FRAME and
+// the planes Y, U, V with packed rows. Here: 8-bit 4:2:0 only, of any size. Chroma planes of odd
+// pictures are rounded up.
+
+namespace apps {
+
+// The stream is not what it should be. what() is a sentence for the user.
+struct Y4mError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Limits on what a header may ask for, so that a hostile one cannot exhaust memory.
+inline constexpr int Y4M_LARGEST_SIDE = 16384;                          // pixels
+inline constexpr std::int64_t Y4M_MOST_PIXELS = std::int64_t{1} << 26;  // per picture
+inline constexpr std::size_t Y4M_LONGEST_LINE = 4096;  // bytes, without the newline
+
+struct Y4mHeader {
+    int width = 0;   // pixels
+    int height = 0;  // rows
+    // The header line without its newline. A writer repeats it as it is, and with it frame rate,
+    // interlacing, aspect ratio and comments.
+    std::string line;
+
+    int chroma_width() const { return (width + 1) / 2; }
+    int chroma_height() const { return (height + 1) / 2; }
+    // Bytes of one picture, without its FRAME line.
+    std::int64_t frame_bytes() const {
+        return std::int64_t{width} * height + 2 * std::int64_t{chroma_width()} * chroma_height();
+    }
+};
+
+// Makes the header of a progressive stream with square pixels and centred chroma.
+// rate  frames per second as a ratio, for example "30:1"
+Y4mHeader make_y4m_header(int width, int height, const std::string& rate);
+
+// Where the three planes of a picture lie; strides in bytes. The memory is the caller's.
+struct Planes {
+    unsigned char* y;
+    unsigned char* u;
+    unsigned char* v;
+    std::ptrdiff_t stride_y;
+    std::ptrdiff_t stride_uv;
+};
+
+class Y4mReader {
+  public:
+    // Reads the header. `source` must outlive the reader. Throws Y4mError, InputError.
+    explicit Y4mReader(ByteSource& source);
+
+    const Y4mHeader& header() const { return header_; }
+
+    // Reads the next picture into `planes` (header().width x height and its chroma).
+    // Returns false at the end of the stream. Throws Y4mError if the picture is cut short or does
+    // not begin with a FRAME line, InputError; `planes` may then hold part of a picture.
+    bool read_frame(const Planes& planes);
+
+    // What followed FRAME in the line of the last picture read, leading blank included; mostly "".
+    const std::string& frame_parameters() const { return frame_parameters_; }
+
+    // Pictures read whole so far.
+    std::int64_t frames() const { return frames_; }
+
+  private:
+    void read_plane(unsigned char* plane, std::ptrdiff_t stride, int width, int height,
+                    std::int64_t& done);
+
+    ByteSource& source_;
+    Y4mHeader header_;
+    std::string frame_parameters_;
+    std::int64_t frames_ = 0;
+};
+
+class Y4mWriter {
+  public:
+    // Writes the header line. `sink` must outlive the writer. Throws OutputError.
+    Y4mWriter(ByteSink& sink, const Y4mHeader& header);
+
+    // Writes one picture. `parameters` as Y4mReader::frame_parameters gives them.
+    void write_frame(const Planes& planes, const std::string& parameters = "");
+
+  private:
+    void write_plane(const unsigned char* plane, std::ptrdiff_t stride, int width, int height);
+
+    ByteSink& sink_;
+    Y4mHeader header_;
+};
+
+}  // namespace apps
