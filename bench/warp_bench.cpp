@@ -1,0 +1,114 @@
+// Every CPU warp, against a plain copy of the same planes and against warpAffine on a picture of
+// the same size. The three take turns, so that whatever else the machine does meets all of them.
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tests/cpu_warp/warp_variants.h"
+#include "videostabilizer/warp_affine.h"
+
+namespace {
+
+// A slight rotation and zoom, as corrections have: rows are read across.
+constexpr float MATRIX[6] = {1.1F, 0.02F, -60.0F, -0.02F, 1.1F, -30.0F};
+
+using Clock = std::chrono::steady_clock;
+
+template <typename Work>
+double seconds(Work work) {
+    const auto start = Clock::now();
+    work();
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+double quantile(std::vector<double>& values, double share) {
+    const auto at = values.begin() +
+                    static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
+    std::nth_element(values.begin(), at, values.end());
+    return *at;
+}
+
+bool agree(const std::vector<unsigned char>& a, const std::vector<unsigned char>& b,
+           std::size_t luma_bytes, int tolerance) {
+    std::size_t other_chroma = 0;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (i < luma_bytes && std::abs(a[i] - b[i]) > tolerance) {
+            return false;
+        }
+        other_chroma += i >= luma_bytes && a[i] != b[i] ? 1U : 0U;
+    }
+    return other_chroma <= (tolerance == 0 ? 0 : (a.size() - luma_bytes) / 500);
+}
+
+void BM_CpuWarp(benchmark::State& state, const WarpVariant& variant) {
+    const int width = static_cast<int>(state.range(0));
+    const int height = static_cast<int>(state.range(1));
+    const auto luma_bytes = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+    std::vector<unsigned char> source =
+        noise_picture(picture_bytes(variant.layout, width, height), 1);
+    std::vector<unsigned char> target(source.size());
+    std::vector<unsigned char> plain_target(source.size());
+    float matrix[6];
+    std::copy_n(MATRIX, 6, matrix);
+    const auto run = [&] {
+        variant.run(source.data(), target.data(), matrix, width, height);
+        benchmark::ClobberMemory();
+    };
+    std::vector<unsigned char> semi_planar =
+        noise_picture(picture_bytes(Layout::SEMI_PLANAR, width, height), 2);
+    std::vector<unsigned char> semi_planar_target(semi_planar.size());
+    const auto run_warp_affine = [&] {
+        videostabilizer::warpAffine(semi_planar.data(), semi_planar_target.data(), matrix, width,
+                                    height);
+        benchmark::ClobberMemory();
+    };
+    const auto copy = [&] {
+        std::memcpy(plain_target.data(), source.data(), source.size());
+        benchmark::ClobberMemory();
+    };
+
+    copy();
+    run();
+    run_warp_affine();
+    variant.plain(source.data(), plain_target.data(), matrix, width, height);
+    if (!agree(target, plain_target, luma_bytes, variant.luma_tolerance)) {
+        state.SkipWithError("differs from the plain routine");
+        return;
+    }
+    std::vector<double> times;
+    std::vector<double> warp_affine_times;
+    std::vector<double> copy_times;
+    for (auto _ : state) {
+        times.push_back(seconds(run));
+        state.SetIterationTime(times.back());
+        warp_affine_times.push_back(seconds(run_warp_affine));
+        copy_times.push_back(seconds(copy));
+    }
+    const double median = quantile(times, 0.5);
+    state.counters["median_us"] = 1e6 * median;
+    state.counters["spread_%"] = 100 * (quantile(times, 0.75) - quantile(times, 0.25)) / median;
+    state.counters["x_memcpy"] = median / quantile(copy_times, 0.5);
+    state.counters["x_warpAffine"] = median / quantile(warp_affine_times, 0.5);
+}
+
+[[maybe_unused]] const bool registered = [] {
+    for (const WarpVariant& variant : warp_variants) {
+        const std::string name = std::string("BM_CpuWarp/") + variant.name;
+        benchmark::RegisterBenchmark(
+            name.c_str(), [&variant](benchmark::State& state) { BM_CpuWarp(state, variant); })
+            ->ArgNames({"w", "h"})
+            ->Args({1280, 720})
+            ->Args({1920, 1080})
+            ->UseManualTime()
+            ->Unit(benchmark::kMicrosecond);
+    }
+    return true;
+}();
+
+}  // namespace

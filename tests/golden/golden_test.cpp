@@ -1,0 +1,296 @@
+// One table of checksums of the results of every stage, compared in every build: 32-bit and 64-bit,
+// ARM and x86, optimised and sanitized give the same bits. Inputs come from whole numbers alone, so
+// that a difference is never theirs.
+//
+// A checksum that changes in all builds at once tells of a changed result: put the printed one into
+// the table if the change is meant. One that changes in some builds only is always a fault.
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "tests/cpu_warp/warp_variants.h"
+#include "videostabilizer/fast16.h"
+#include "videostabilizer/gaussian_motion_filter.h"
+#include "videostabilizer/gemm.h"
+#include "videostabilizer/lu.h"
+#include "videostabilizer/lucas_kanade.h"
+#include "videostabilizer/mat.h"
+#include "videostabilizer/motion_path.h"
+#include "videostabilizer/ransac.h"
+
+namespace {
+
+std::uint32_t generator_state = 1;
+
+std::uint32_t next_random() {
+    generator_state = generator_state * 1664525U + 1013904223U;
+    return generator_state >> 8U;
+}
+
+}  // namespace
+
+// The estimator's generator, which it seeds with the time, in a form that repeats.
+extern "C" void srand48(long /*seed*/) noexcept {
+    generator_state = 1;
+}
+
+extern "C" long lrand48() noexcept {
+    return static_cast<long>(next_random());
+}
+
+namespace videostabilizer {
+namespace {
+
+using SimpleLA::Mat;
+
+constexpr int WIDTH = 320;
+constexpr int HEIGHT = 180;
+
+// FNV-1a, 64 bits.
+class Checksum {
+  public:
+    void add(const void* data, std::size_t bytes) {
+        const auto* const first = static_cast<const unsigned char*>(data);
+        for (std::size_t i = 0; i < bytes; ++i) {
+            value_ = (value_ ^ first[i]) * 0x100000001b3U;
+        }
+    }
+    void add(float value) {  // a zero may have either sign, a NaN any bits
+        value = std::isnan(value) ? -1e30F : value + 0.0F;
+        add(&value, sizeof value);
+    }
+    void add(std::uint32_t value) { add(&value, sizeof value); }
+    void add(const Mat<float>& m) {
+        for (int i = 0; i < m.rows; ++i) {
+            for (int j = 0; j < m.cols; ++j) {
+                add(m.at(i, j));
+            }
+        }
+    }
+    std::string text() const {
+        std::array<char, 17> digits{};
+        std::snprintf(digits.data(), digits.size(), "%016llx",
+                      static_cast<unsigned long long>(value_));
+        return digits.data();
+    }
+
+  private:
+    std::uint64_t value_ = 0xcbf29ce484222325U;
+};
+
+std::uint32_t mix(std::uint32_t x, std::uint32_t y) {
+    std::uint32_t h = x * 374761393U + y * 668265263U;
+    h = (h ^ (h >> 13U)) * 1274126177U;
+    return h ^ (h >> 16U);
+}
+
+// A view of an endless plain of smooth blotches, shifted by sixteenths of a pixel.
+std::vector<unsigned char> plain_picture(int shift_x, int shift_y) {
+    constexpr int CELL = 16 * 9;  // sixteenths between neighbouring grid points
+    std::vector<unsigned char> picture;
+    for (int y = 0; y < HEIGHT; ++y) {
+        for (int x = 0; x < WIDTH; ++x) {
+            const int px = 16 * (x + 100) + shift_x;
+            const int py = 16 * (y + 100) + shift_y;
+            const int fx = px % CELL;
+            const int fy = py % CELL;
+            const auto level = [&](int dx, int dy) {
+                return static_cast<int>(mix(static_cast<std::uint32_t>(px / CELL + dx),
+                                            static_cast<std::uint32_t>(py / CELL + dy)) %
+                                        256U);
+            };
+            const int top = level(0, 0) * (CELL - fx) + level(1, 0) * fx;
+            const int bottom = level(0, 1) * (CELL - fx) + level(1, 1) * fx;
+            picture.push_back(
+                static_cast<unsigned char>((top * (CELL - fy) + bottom * fy) / (CELL * CELL)));
+        }
+    }
+    return picture;
+}
+
+// Corners of one picture and where the tracker finds them in the next; the lost ones are left out.
+struct Tracks {
+    std::vector<KeyPoint> corners;
+    std::vector<KeyPoint> from;
+    std::vector<KeyPoint> to;
+};
+
+Tracks track() {
+    const auto prev = plain_picture(0, 0);
+    const auto next = plain_picture(37, -21);
+    Tracks tracks;
+    FastParams fast{};
+    EXPECT_EQ(fast16_init(&fast, 10, 1, 16, 0, 12, 12, WIDTH, HEIGHT), 0);
+    fast16(prev.data(), tracks.corners, WIDTH, HEIGHT, &fast);
+    fast16_fini(&fast);
+
+    const LK_Params params = {4, 4, 10, 0.03F, 0.03F, 40.0F, 40.0F, 12, 12};
+    std::vector<KeyPoint> found(tracks.corners.size());
+    std::vector<unsigned char> status(tracks.corners.size());
+    lk_pyramid_image(prev.data(), next.data(), WIDTH, HEIGHT, &params, tracks.corners, found,
+                     status);
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        if (status[i] != 0) {
+            tracks.from.push_back(tracks.corners[i]);
+            tracks.to.push_back(found[i]);
+        }
+    }
+    EXPECT_GT(tracks.from.size(), 50U) << "a golden result needs something to be made of";
+    return tracks;
+}
+
+void add_corners(Checksum& sum) {
+    for (const KeyPoint& p : track().corners) {
+        sum.add(p.x);
+        sum.add(p.y);
+        sum.add(p.response);
+        sum.add(p.reserved);
+    }
+}
+
+void add_tracks(Checksum& sum) {
+    const Tracks tracks = track();
+    for (std::size_t i = 0; i < tracks.from.size(); ++i) {
+        sum.add(tracks.from[i].x);
+        sum.add(tracks.from[i].y);
+        sum.add(tracks.to[i].x);
+        sum.add(tracks.to[i].y);
+    }
+}
+
+void add_motion(Checksum& sum) {
+    Tracks tracks = track();
+    for (std::size_t i = 0; i < tracks.to.size(); i += 5) {
+        tracks.to[i].x += 25.0F;  // something that moves by itself
+    }
+    Mat<float> motion(3, 3);
+    MotionLog log = {0, 0, 0.5F, 0};
+    estimateGlobalMotionRansac(motion, log, tracks.from, tracks.to, {6, 2.0F, 0.5F, 0.99F, 293});
+    EXPECT_EQ(log.status, 0);
+    sum.add(motion);
+    sum.add(static_cast<std::uint32_t>(log.ninliers));
+}
+
+void add_filter_weights(Checksum& sum) {
+    for (const float stdev : {-1.0F, 0.5F, 3.0F, 10.0F}) {
+        GaussianMotionFilter* const filter = gaussian_motion_filter_create(10, stdev);
+        for (const float weight : filter->weights) {
+            sum.add(weight);
+        }
+        gaussian_motion_filter_delete(filter);
+    }
+}
+
+// Small numbers of either sign, thousandths.
+float thousandths(std::uint32_t limit) {
+    return static_cast<float>(static_cast<std::int32_t>(next_random() % (2 * limit + 1)) -
+                              static_cast<std::int32_t>(limit)) /
+           1000.0F;
+}
+
+void add_smoothed_path(Checksum& sum) {
+    constexpr int FRAMES = 21;
+    generator_state = 5;
+    std::vector<Mat<float>> store(FRAMES);
+    std::vector<Mat<float>*> motions;
+    std::vector<MotionLog> logs;
+    for (Mat<float>& m : store) {
+        m.create(3, 3);
+        for (int i = 0; i < 9; ++i) {
+            const bool diagonal = i % 4 == 0;
+            const bool shift = i == 2 || i == 5;
+            m.at(i / 3, i % 3) = i >= 6 ? (diagonal ? 1.0F : 0.0F)
+                                        : (diagonal ? 1.0F : 0.0F) + thousandths(shift ? 9000 : 20);
+        }
+        logs.push_back({50, 40, 0.75F, motions.size() % 6 == 4 ? 1 : 0});
+        motions.push_back(&m);
+    }
+    check_motions(motions, logs, 0, FRAMES);
+    GaussianMotionFilter* const filter = gaussian_motion_filter_create(10, -1.0F);
+    Mat<float> correction(3, 3);
+    for (int i = 0; i < FRAMES; ++i) {
+        sum.add(*motions[static_cast<std::size_t>(i)]);
+        gaussian_motion_filter_stabilize(filter, correction, i, motions, logs, 0, FRAMES);
+        sum.add(correction);
+    }
+    gaussian_motion_filter_delete(filter);
+}
+
+void add_matrices(Checksum& sum) {
+    for (const int n : {2, 3, 4, 5, 6, 9, 17}) {
+        generator_state = static_cast<std::uint32_t>(n);
+        Mat<float> a(n + 3, n);
+        Mat<float> b(n + 3, 2);
+        for (Mat<float>* const m : {&a, &b}) {
+            for (int i = 0; i < m->rows * m->cols; ++i) {
+                m->at(i / m->cols, i % m->cols) = thousandths(4000);
+            }
+        }
+        Mat<float> product;
+        Mat<float> inverse;
+        Mat<float> solution;
+        SimpleLA::mulTransposed(a, product, true, Mat<float>::noMat(), 1.0);
+        EXPECT_EQ(SimpleLA::invert(product, inverse), 1);
+        EXPECT_EQ(SimpleLA::solveLuNormal(a, b, solution), 1);
+        for (const Mat<float>* const m : {&product, &inverse, &solution}) {
+            sum.add(*m);
+        }
+        Mat<float> general;
+        SimpleLA::gemm(a, inverse, 0.75, Mat<float>::noMat(), 0.0, general, 0);
+        sum.add(general);
+    }
+}
+
+template <int VARIANT>
+void add_warp(Checksum& sum) {
+    const WarpVariant& variant = warp_variants[VARIANT];
+    const std::array<float, 6> matrices[] = {{1, 0, 0, 0, 1, 0},
+                                             {1, 0, 2.5F, 0, 1, -1.25F},
+                                             {0.98F, -0.03F, 7.0F, 0.03F, 0.98F, -4.0F},
+                                             {1.8F, 0.25F, -90.0F, -0.5F, 1.6F, 33.0F},
+                                             {0.2F, 0.1F, 60.0F, -0.1F, 0.3F, 40.0F}};
+    for (const auto& matrix : matrices) {
+        auto source = noise_picture(picture_bytes(variant.layout, WIDTH, HEIGHT), 11);
+        std::vector<unsigned char> target(source.size());
+        auto copy = matrix;
+        variant.run(source.data(), target.data(), copy.data(), WIDTH, HEIGHT);
+        sum.add(target.data(), target.size());
+    }
+}
+
+TEST(Golden, ResultsAreTheSameOnEveryProcessor) {
+    const struct {
+        const char* name;
+        void (*add)(Checksum& sum);
+        const char* checksum;
+        bool built;
+    } rows[] = {
+        {"corners", add_corners, "0a350881e5e4a45a", true},
+        {"tracks", add_tracks, "1728a344348fa52a", true},
+        {"estimated motion", add_motion, "fb70c000999000ed", true},
+        {"filter weights", add_filter_weights, "5efb9d42d388d2de", true},
+        {"smoothed path", add_smoothed_path, "1dc271258444c766", true},
+        {"matrices", add_matrices, "cbc913410f4b39e3", true},
+        {"warpAffine", add_warp<0>, "076f4d83617cee04", true},
+        {"warpAffine_420p", add_warp<1>, "f3a401d5edb07c32", true},
+        {"warpAffine_rgb", add_warp<2>, "b499abee1787b9b3", true},
+        {"warpAffine_neon", add_warp<3>, "8cb1a0d8d84c537d", VECTOR_WARP},
+        {"warp_affine_neon", add_warp<4>, "8cb1a0d8d84c537d", VECTOR_WARP},
+    };
+    for (const auto& row : rows) {
+        if (row.built) {
+            Checksum sum;
+            row.add(sum);
+            EXPECT_EQ(sum.text(), row.checksum) << row.name;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace videostabilizer

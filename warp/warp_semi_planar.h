@@ -1,0 +1,9 @@
+#pragma once
+
+namespace videostabilizer {
+
+// warpAffine with the matrix inverted already: `wp` as in warp_affine_neon.
+void warp_semi_planar(const unsigned char* source, unsigned char* destination, const float* wp,
+                      int width, int height);
+
+}  // namespace videostabilizer
