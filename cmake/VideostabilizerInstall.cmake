@@ -19,6 +19,7 @@ install(FILES
   ${PROJECT_BINARY_DIR}/videostabilizer-config-version.cmake
   DESTINATION ${package_dir})
 
+file(RELATIVE_PATH pc_to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/videostabilizer.pc.in videostabilizer.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/videostabilizer.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -23,6 +23,11 @@ bool fits_memory(int rows, int cols) {
            static_cast<long long>(rows) * cols <= PTRDIFF_MAX / element;
 }
 
+Mat<float>& shared_empty() {
+    static Mat<float> empty;  // made at the first call, whatever the thread; destroyed at exit
+    return empty;
+}
+
 }  // namespace
 
 template <typename T>
@@ -115,8 +120,7 @@ void Mat<T>::release() {
 
 template <typename T>
 Mat<T>& Mat<T>::noMat() {
-    static Mat<T> empty;
-    return empty;
+    return shared_empty();
 }
 
 template class Mat<float>;

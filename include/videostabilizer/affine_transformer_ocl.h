@@ -40,9 +40,9 @@ struct AffineTransformerCallbacks {
 //             is null is warped by the identity. With T the transform, r = crop_ratio and s the
 //             size given to init, output position p shows source position (1 - r) / 2 s + r T^-1 p:
 //             the centred r-sized part of the picture, enlarged to full size, with r times the
-//             shift of T. A singular transform gives a picture of one colour. The floats are copied when the stage's thread takes the frame from the
-//             queue; they must stay as they are until then, that is until a queue of capacity n has
-//             taken n more frames.
+//             shift of T. A singular transform gives a picture of one colour. The floats are copied
+//             when the stage's thread takes the frame from the queue; they must stay as they are
+//             until then, that is until a queue of capacity n has taken n more frames.
 // Sampling:   luma bilinear, chroma from the nearest sample; what lies outside the source repeats
 //             its border.
 // Rows:       with a width that is a multiple of 32, rows are taken and written as packed (luma and

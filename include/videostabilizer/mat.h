@@ -21,7 +21,7 @@ namespace SimpleLA {
 //            not reported; shapes are the caller's responsibility.
 // Threads:   reentrant: distinct matrices may be used by distinct threads at once.
 template <typename T>
-class VIDEOSTABILIZER_API Mat {
+class Mat {
   public:
     bool external_data = false;  // true: the elements belong to somebody else
     bool continuous = false;  // true: rows follow each other without gap (step = cols * sizeof(T))
@@ -30,29 +30,32 @@ class VIDEOSTABILIZER_API Mat {
     int cols = 0;
     int step = 0;  // bytes from the start of one row to the start of the next
 
-    Mat();                                                           // empty
-    Mat(int row_count, int col_count);                               // own elements, uninitialised
-    Mat(int row_count, int col_count, T* elements, int step_bytes);  // view on caller's elements
-    Mat(const Mat& other);             // view on the elements of other
-    Mat(Mat&& other) noexcept;         // takes over, leaves other empty
-    Mat& operator=(const Mat& other);  // becomes a view on the elements of other
-    Mat& operator=(Mat&& other) noexcept;
-    ~Mat();
+    VIDEOSTABILIZER_API Mat();                              // empty
+    VIDEOSTABILIZER_API Mat(int row_count, int col_count);  // own elements, uninitialised
+    VIDEOSTABILIZER_API Mat(int row_count, int col_count, T* elements,
+                            int step_bytes);               // view on the caller's elements
+    VIDEOSTABILIZER_API Mat(const Mat& other);             // view on the elements of other
+    VIDEOSTABILIZER_API Mat(Mat&& other) noexcept;         // takes over, leaves other empty
+    VIDEOSTABILIZER_API Mat& operator=(const Mat& other);  // becomes a view, as above
+    VIDEOSTABILIZER_API Mat& operator=(Mat&& other) noexcept;
+    VIDEOSTABILIZER_API ~Mat();
 
     // Applies the create rule for the given shape.
-    void create(int row_count, int col_count);
+    VIDEOSTABILIZER_API void create(int row_count, int col_count);
 
-    T* row(int i) { return const_cast<T*>(static_cast<const Mat&>(*this).row(i)); }
-    const T* row(int i) const {
+    VIDEOSTABILIZER_API T* row(int i) {
+        return const_cast<T*>(static_cast<const Mat&>(*this).row(i));
+    }
+    VIDEOSTABILIZER_API const T* row(int i) const {
         const char* start = reinterpret_cast<const char*>(data) + std::ptrdiff_t{i} * step;
         return static_cast<const T*>(static_cast<const void*>(start));
     }
-    T& at(int i, int j) { return row(i)[j]; }
-    const T& at(int i, int j) const { return row(i)[j]; }
+    VIDEOSTABILIZER_API T& at(int i, int j) { return row(i)[j]; }
+    VIDEOSTABILIZER_API const T& at(int i, int j) const { return row(i)[j]; }
 
     // The process-wide empty matrix: the value of an optional argument that is absent. Never
     // written.
-    static Mat& noMat();
+    VIDEOSTABILIZER_API static Mat& noMat();
 
   private:
     void release();

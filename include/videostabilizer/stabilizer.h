@@ -139,7 +139,7 @@ VIDEOSTABILIZER_API int video_stabilizer_module_fini();
 // user           the host's; must live as long as the stabilizer. May be null.
 //
 // When width is not a multiple of 16 the last width mod 16 columns of each row are not warped and
-// hold undefined pixels. Hosts that need every column pad the width to a multiple of 16.
+// come out black. Hosts that need every column pad the width to a multiple of 16.
 //
 // Threads: thread-safe. Returns null, with the reason in the log, when the geometry or the format
 // is refused, OpenCL is not set up, memory runs out or the warp stage cannot be initialised;
