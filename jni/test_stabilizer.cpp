@@ -149,7 +149,11 @@ void run_test(VideoStabilizer* stabilizer) {
     if (output == nullptr) {
         std::printf(CANNOT_OPEN_TEXT, OUTPUT_PATH);
     } else {
-        run_stream(output, stabilizer);
+        if (started == RESULT_OK) {
+            run_stream(output, stabilizer);
+        } else {
+            std::printf("ERR: can't start the stabilizer\n");
+        }
         if (std::fclose(output) != 0) {
             std::printf("ERR: can't write file: %s\n", OUTPUT_PATH);
         }

@@ -44,16 +44,20 @@ const char* kernel_name(PixFmt format, int pixels_per_item) {
 bool create_kernel_and_queue(AffineTransformerOcl* t) {
     const OclRuntime& runtime = *t->runtime;
     cl_int error = CL_SUCCESS;
-    t->kernel = clCreateKernel(runtime.program, kernel_name(t->format, t->pixels_per_item), &error);
+    // The error decides, not the handle: not all drivers return null with an error.
+    cl_kernel kernel =
+        clCreateKernel(runtime.program, kernel_name(t->format, t->pixels_per_item), &error);
     if (!ocl_succeeded(error, "clCreateKernel")) {
         __android_log_print(LOG_ERROR, WARP_OCL_TAG, "Failed to create kernel: %d!!", error);
         return false;
     }
-    t->cmd_queue = clCreateCommandQueue(runtime.context, runtime.devices[0], 0, &error);
+    t->kernel = kernel;
+    cl_command_queue queue = clCreateCommandQueue(runtime.context, runtime.devices[0], 0, &error);
     if (!ocl_succeeded(error, "clCreateCommandQueue")) {
         __android_log_print(LOG_ERROR, WARP_OCL_TAG, "Failed to create command queue: %d!!", error);
         return false;
     }
+    t->cmd_queue = queue;
     return true;
 }
 
@@ -87,7 +91,11 @@ bool fill_buffer(AffineTransformerOcl* t, cl_mem buffer, std::int64_t bytes, uns
     const cl_int error =
         clEnqueueWriteBuffer(t->cmd_queue, buffer, CL_TRUE, 0, size, pattern, 0, nullptr, nullptr);
     std::free(pattern);
-    return ocl_succeeded(error, "clEnqueueWriteBuffer");
+    if (!ocl_succeeded(error, "clEnqueueWriteBuffer")) {
+        __android_log_print(LOG_ERROR, WARP_OCL_TAG, "Failed to fill a destination buffer!");
+        return false;
+    }
+    return true;
 }
 
 bool create_buffers(AffineTransformerOcl* t) {
@@ -150,7 +158,8 @@ AffineTransformerOcl* affine_transformer_ocl_create(int in_place, void* user,
                                                     AffineTransformerCallbacks callbacks,
                                                     int capacity) {
     OclRuntime& runtime = ocl_runtime();
-    if (runtime.initialized == 0) {
+    // Atomic: another thread may be setting it up at this moment.
+    if (__atomic_load_n(&runtime.initialized, __ATOMIC_ACQUIRE) == 0) {
         __android_log_print(LOG_ERROR, WARP_OCL_TAG,
                             "Ocl mudule not initialized! Please call "
                             "'affine_transformer_ocl_module_init' first!!");
@@ -199,7 +208,6 @@ int affine_transformer_ocl_init(AffineTransformerOcl* t, PixFmt format, int widt
         return RESULT_FAILED;
     }
     fifo_flush(input_fifo(t));
-    fifo_reset(input_fifo(t));
     t->input_eos.store(0);
     t->output_eos.store(0);
     t->quit.store(0);

@@ -148,7 +148,8 @@ void ocl_runtime_setup() {
         return;
     }
     char vendor[100] = {};  // stays a string when the query fails
-    clGetPlatformInfo(platforms[0], CL_PLATFORM_VENDOR, sizeof(vendor) - 1, vendor, nullptr);
+    clGetPlatformInfo(platforms[0], CL_PLATFORM_VENDOR, sizeof(vendor), vendor, nullptr);
+    vendor[sizeof(vendor) - 1] = '\0';
     __android_log_print(LOG_INFO, WARP_OCL_TAG, "OpenCL platform info: %s", vendor);
 
     cl_int error = CL_SUCCESS;
@@ -175,7 +176,8 @@ void ocl_runtime_setup() {
     }
     log_error("OpenCL built program successfully.");  // an error by priority alone
     runtime.devices = devices.release();
-    runtime.initialized = 1;
+    // Last, and seen last: stages look at it without a lock, perhaps while this runs.
+    __atomic_store_n(&runtime.initialized, 1, __ATOMIC_RELEASE);
 }
 
 void ocl_runtime_release() {

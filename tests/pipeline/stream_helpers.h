@@ -14,6 +14,10 @@ namespace test_support {
 constexpr int WIDTH = 192;
 constexpr int HEIGHT = 144;
 
+// What a pipeline holds that nobody pops from: 3 frames in the input queue, 11 with the worker, 2
+// with the warp stage, 2 in the output queue.
+constexpr int FRAMES_INSIDE = 3 + 11 + 2 + 2;
+
 struct StabilizerDeleter {
     void operator()(videostabilizer::VideoStabilizer* s) const {
         videostabilizer::video_stabilizer_delete(s);
