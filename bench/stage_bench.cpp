@@ -120,7 +120,7 @@ struct Device {
                                   stage->mem_dst_uv, stage->mem_wp};
         cl_uint index = 0;
         for (const cl_mem& buffer : buffers) {
-            clSetKernelArg(stage->kernel, index++, sizeof buffer, &buffer);
+            clSetKernelArg(stage->kernel, index++, sizeof(cl_mem), &buffer);
         }
         const cl_int geometry[] = {setup.clip.width, setup.clip.height, setup.clip.width,
                                    setup.clip.width / 2};

@@ -3,7 +3,8 @@
 add_library(vs_options INTERFACE)
 target_compile_features(vs_options INTERFACE cxx_std_17)
 # Results must repeat bit for bit on every processor, so no contraction into fused multiply-adds and
-# no reordering of sums anywhere in the library.
+# no reordering of sums anywhere in the library. (The weights of the motion filter come from the
+# platform's expf; the C libraries in use agree on the values it needs.)
 target_compile_options(vs_options INTERFACE
   -ffp-contract=off -fno-fast-math
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wdouble-promotion -Wnon-virtual-dtor

@@ -78,7 +78,9 @@ bool is_inside(float position, int size) {
 // The pixel nearest to a position that is_inside; the last one where that would be one past the
 // end.
 int nearest_pixel(float position, int size) {
-    return std::min(static_cast<int>(position + 0.5F), size - 1);
+    // Half up, as the positions are never negative.
+    const float shifted = position + 0.5F;
+    return std::min(static_cast<int>(shifted), size - 1);
 }
 
 // The largest sum of absolute differences of a window that counts as found.

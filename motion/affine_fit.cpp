@@ -86,7 +86,8 @@ void fitAffine(Mat<float>& motion, std::vector<KeyPoint>& src, std::vector<KeyPo
     }
 
     // p is the upper two rows of Mn. The solver's result is of no interest: where the points do not
-    // determine a motion it leaves zeros, a model that hardly a pair agrees with.
+    // determine a motion it leaves zeros or values without meaning, a model that hardly a pair
+    // agrees with.
     std::array<float, 9> mn_elements{0, 0, 0, 0, 0, 0, 0, 0, 1};
     Mat<float> p(UNKNOWNS, 1, mn_elements.data(), FLOAT_BYTES);
     SimpleLA::solveLuNormal(a, b, p);

@@ -14,8 +14,8 @@ namespace videostabilizer {
 // Moves the centroid of pts to the origin and scales their mean distance from it to sqrt(2), in
 // place: Hartley's isotropic scaling, which makes the normal equations of a fit well conditioned.
 // Returns: the 3x3 transform [[s, 0, -s mx], [0, s, -s my], [0, 0, 1]] from old to new coordinates,
-//          with centroid (mx, my) and scale s. The caller deletes it. Without points every value is
-//          NaN; points that all coincide have an infinite scale.
+//          with centroid (mx, my) and scale s. The caller deletes it. Without points s and the
+//          translation are NaN; points that all coincide have an infinite scale.
 SimpleLA::Mat<float>* normalizePoints(std::vector<KeyPoint>& pts);
 
 // Fits the affine motion that carries src[i] to dst[i] with the least sum of squared distances, in

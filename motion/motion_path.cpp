@@ -48,7 +48,8 @@ void print_line() {
 }  // namespace
 
 // The running product moves between m and a spare matrix with each factor, so after an odd number
-// of them it lies in the spare one. That one is not from the heap: most calls need no new matrix.
+// of them it lies in the spare one. That one is not from the heap: half of the calls need no new
+// matrix.
 Mat<float>* getMotion(Mat<float>* m, int from, int to, const std::vector<Mat<float>*>& motions) {
     SimpleLA::set_identity(*m);
     if (motions.empty()) {

@@ -58,11 +58,9 @@ struct Product {
     std::ptrdiff_t d_step = 0;
 
     void store(int i, int j, double sum) const {
-        double value = alpha * sum;
-        if (c.data != nullptr) {
-            value += beta * static_cast<double>(*c.at(i, j));
-        }
-        d[i * d_step + j] = static_cast<float>(value);
+        // Zeros stand in for an absent C, so no element of D is a negative zero then.
+        const double added = c.data != nullptr ? beta * static_cast<double>(*c.at(i, j)) : 0.0;
+        d[i * d_step + j] = static_cast<float>(alpha * sum + added);
     }
 };
 

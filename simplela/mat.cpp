@@ -1,13 +1,18 @@
 #include "videostabilizer/mat.h"
 
 #include <algorithm>
+#include <cfloat>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <utility>
 
 #include "simplela/mat_util.h"
+
+// Wider intermediates, as old x86 processors have them, would give other results than everybody's.
+static_assert(FLT_EVAL_METHOD == 0, "float arithmetic must be done in float");
 
 namespace SimpleLA {
 
@@ -130,9 +135,11 @@ void transpose(Mat<float> src, Mat<float> dst) {
         return;
     }
     if (src.rows != dst.cols || src.cols != dst.rows) {
-        const Mat<float> common(std::min(src.rows, dst.rows), std::min(src.cols, dst.cols),
-                                src.data, src.step);
-        copy_elements(common, dst);
+        const auto row_bytes =
+            static_cast<std::size_t>(std::min(src.cols, dst.cols)) * sizeof(float);
+        for (int i = 0; i < std::min(src.rows, dst.rows); ++i) {
+            std::memmove(dst.row(i), src.row(i), row_bytes);
+        }
         return;
     }
     if (dst.data == src.data && src.rows == src.cols) {

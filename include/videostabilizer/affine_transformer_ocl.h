@@ -99,7 +99,8 @@ struct AffineTransformerOcl {
     Frame* output_in_hand;  // its output, if that is a frame of its own; as above
 };
 
-// Makes a stage, which takes no frames to the GPU before it is initialised.
+// Makes a stage, to be initialised next. Frames sent and an end signalled before are forgotten by
+// the initialisation.
 // in_place:  nonzero: the output of a frame is the frame itself, its planes overwritten.
 //            0: a new frame, with the input's timestamp; the input is deleted after on_frame.
 // user:      passed to on_frame and on_eos

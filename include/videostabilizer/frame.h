@@ -56,12 +56,13 @@ struct Frame {
 // data null:     the frame owns its pixels, uninitialised, in one heap block with the record.
 // Every field that is not an argument is zero, but `contiguous`, which is 1.
 // Returns: the frame, or null with an error in the log: no memory; a format outside 0..5; negative
-//          sizes or strides, or planes beyond what memory can address.
+//          sizes or strides; a luma plane, or pixels to own, beyond what memory can address.
 VIDEOSTABILIZER_API Frame* frame_create(int width, int height, int stride_y, int stride_uv,
                                         PixFmt format, unsigned char* data);
 
 // Makes a frame over two planes of the host's, which are neither copied nor looked at.
-// `contiguous` is 0. Returns: as above.
+// `contiguous` is 0. Returns: the frame, or null with an error in the log: no memory; a format
+//          outside 0..5; negative sizes or strides.
 VIDEOSTABILIZER_API Frame* frame_create(int width, int height, int stride_y, int stride_uv,
                                         PixFmt format, unsigned char* y, unsigned char* uv);
 

@@ -26,9 +26,9 @@ constexpr int GEMM_TRANSPOSE_C = 4;  // op(C) is the transpose of C
 // Aliasing:  D may share elements with A, B or C in any way; their old values count.
 //            Where that takes a copy and there is no memory for it, D stays as it was.
 // Precision: without transposition, len of 2 to 4 that is also m or n (the products of 2x2, 3x3 and
-//            4x4 matrices) sums in float, in order of the inner index, unless D shares elements
-//            with both factors. Everything else sums in double. alpha and beta are applied in
-//            double.
+//            4x4 matrices) sums in float, in order of the inner index, unless D overlaps A, B or C
+//            so that the product needs a temporary. Everything else sums in double. alpha and beta
+//            are applied in double.
 // Source:    G. H. Golub, C. F. Van Loan, Matrix Computations, chapter 1: the dot product, outer
 //            product, saxpy and (for large operands) block forms of the matrix product.
 VIDEOSTABILIZER_API void gemm(const Mat<float>& A, const Mat<float>& B, double alpha,

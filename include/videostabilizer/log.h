@@ -11,8 +11,9 @@
 // "video_stabilizer", "warp_affine_ocl", "global_motion", "lk_pyradmid".
 //
 // Threads: called from any thread of the library, several at once; a definition of the host's must
-//          allow that. No lock of the library is held while it runs, except that the log lines of
-//          the tracker and the estimator delay the worker thread for as long as the call takes.
+//          allow that. No lock of the library is held while it runs, but the set-up of OpenCL logs
+//          from within its once-guard: a definition must not call module_init. The frame waits for
+//          as long as a call takes.
 // Returns: ignored by the library.
 
 #if defined(__ANDROID__)

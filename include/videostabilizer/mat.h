@@ -12,11 +12,12 @@ namespace SimpleLA {
 // Ownership: elements are freed once, by the header that allocated them, when it is destroyed or
 //            reshaped. A copy of a header is a view: it never frees, and must not outlive the
 //            elements. A move hands ownership on and leaves the source empty. A header assigned a
-//            view on the elements that it owns keeps owning them.
+//            view that starts at the first element that it owns keeps owning them; it must not be
+//            assigned another view on its own elements, which it frees.
 // Output arguments follow the *create rule* throughout SimpleLA: an output that already has the
 //            wanted rows and columns and non-null data is used as it is, whatever its step and
-//            owner; any other is given new elements of its own (continuous), its old ones are freed
-//            if it owned them.
+//            owner (what lies between its rows may be overwritten); any other is given new elements
+//            of its own (continuous), its old ones are freed if it owned them.
 // Errors:    allocation failures, also of shapes that no memory can hold, leave `data` null and are
 //            not reported; shapes are the caller's responsibility.
 // Threads:   reentrant: distinct matrices may be used by distinct threads at once.

@@ -11,7 +11,7 @@ namespace videostabilizer {
 struct OclRuntime {
     int initialized;  // 1 once the program is built; 0 before that and after a failed set-up
     cl_platform_id platform;  // the first platform that the OpenCL loader reports
-    cl_context context;       // on the platform's GPUs
+    cl_context context;       // on the platform's GPUs, or what stands in for them (see init)
     cl_device_id* devices;    // the context's devices; everything uses devices[0]
     cl_program program;       // built from kernel_source_code
 };

@@ -45,6 +45,8 @@ struct MotionLog {
 //   2 * size <= n       < sqrt(thresh)     < sqrt(thresh)   3 n / 5
 //   n < 2 * size        too few: no estimate
 //
+// Fractions of n are rounded down.
+//
 // Errors:  never fails, so that the motion path stays continuous. Too few pairs, too few inliers, a
 //          size below 3 or no memory: the identity and log {n, inliers, 0, 1}, with a line in the
 //          Android log (tag "global_motion").

@@ -126,11 +126,13 @@ VIDEOSTABILIZER_API int video_stabilizer_module_fini();
 // width, height  even, at least 16 and at least the decimation factor; planes up to 128 MiB.
 // stride_y       at least width. The analysis reads the luma plane as packed rows of `width` bytes,
 //                WHATEVER stride_y SAYS: a stream whose stride_y differs from its width is warped
-//                as its (meaningless) measured motion demands. And when width is a multiple of 32
-//                the warp, too, takes rows as packed. Copy padded pictures into packed frames.
+//                as its (meaningless) measured motion demands.
 // stride_uv      planar: at least width / 2. Semi-planar: large enough that stride_uv * height
-// bytes
-//                hold height / 2 rows of pairs, stride_y apart. width / 2 for packed pictures.
+//                bytes hold height / 2 rows of pairs, stride_y apart. width / 2 for packed
+//                pictures.
+//                When width is a multiple of 32, the warp takes the rows of all planes as packed,
+//                and the V plane at width * height / 4, whatever both strides say. In short: copy
+//                padded pictures into packed frames.
 // format         PIX_FMT_YUV420P or a semi-planar format.
 // reserved       not read.
 // in_place       nonzero: the steady picture is written into the very frame that was pushed, which
@@ -176,10 +178,10 @@ VIDEOSTABILIZER_API int video_stabilizer_flush(VideoStabilizer* stabilizer);
 VIDEOSTABILIZER_API void video_stabilizer_delete(VideoStabilizer* stabilizer);
 
 // Hands a frame to the stabilizer; blocks while the input queue is full (3 frames), which is as
-// long as the host does not pop. Ownership: the frame is the stabilizer's from this call on,
-// whatever is returned. Threads:   thread-safe; frames of one stream are taken in the order in
-// which pushes succeed. Returns:   0; -10001 when the input was ended; -10002 when stopping; -1
-// (and a line in the log)
+// long as the host does not pop.
+// Ownership: the frame is the stabilizer's from this call on, whatever is returned.
+// Threads:   thread-safe; frames are taken in the order in which pushes succeed.
+// Returns:   0; -10001 when the input was ended; -10002 when stopping; -1 (and a line in the log)
 //            for a frame whose picture size is not the stream's, whose chroma layout is another, or
 //            whose planes are missing or larger than the stream's; -20000 for null.
 VIDEOSTABILIZER_API int video_stabilizer_push_frame(VideoStabilizer* stabilizer, Frame* frame);
@@ -208,8 +210,9 @@ VIDEOSTABILIZER_API int video_stabilizer_signal_eos(VideoStabilizer* stabilizer)
 VIDEOSTABILIZER_API int video_stabilizer_reached_eos(VideoStabilizer* stabilizer);
 
 // Waits for the above, ten times timeout_ms (30 seconds) at most. Somebody else must pop meanwhile.
-// It does not look at the stop mark: a stop does not end it early, and the stabilizer must not be
-// deleted while it waits. Threads: thread-safe. Returns 0 when the output has ended, else 1.
+// It does not look at the stop mark: a stop ends one of the ten waits early at most, and the
+// stabilizer must not be deleted meanwhile. Threads: thread-safe. Returns 0 when the output has
+// ended, else 1.
 VIDEOSTABILIZER_API int video_stabilizer_wait_eos(VideoStabilizer* stabilizer);
 
 }  // namespace videostabilizer

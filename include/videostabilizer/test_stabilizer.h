@@ -33,8 +33,9 @@ struct FrameContext {
 extern VIDEOSTABILIZER_API FrameContext frame_ctx;
 
 // Runs the test; prints its progress, the elapsed time and the number of frames to standard output.
-// A missing file, a failed pop or a machine without OpenCL ends the test with a message; whatever
-// happens, threads, frames and pools are released before it returns.
+// A missing file, a failed pop or a machine without OpenCL ends the test with a message; threads,
+// frames and pools are released before it returns. A driver that fails in the middle of the stream
+// leaves it waiting in pop, as it would any host.
 // Threads: one run at a time in a process. Returns 0 always.
 VIDEOSTABILIZER_API int test_stabilizer();
 
