@@ -3,10 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <array>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <random>
 #include <thread>
 
@@ -51,20 +50,21 @@ constexpr Affine CAMERA = {1.01F, -0.02F, 3.0F, 0.02F, 0.99F, -1.5F};
 constexpr char TOO_FEW_INLIERS[] = "ninliersMax < npoints * 2/5 !!";
 constexpr float RATIO = 0.75F;
 
-test_support::LogLine warning(const char* text) {
-    return {5, "global_motion", text};
-}
-
 struct Estimate {
     Mat<float> motion = Mat<float>(3, 3);
     MotionLog log = {-5, -5, RATIO, -5};
 };
 
-Estimate estimate(std::vector<KeyPoint>& src, std::vector<KeyPoint>& dst,
-                  const RansacParams& params) {
+Estimate estimate(std::vector<KeyPoint> src, std::vector<KeyPoint> dst, int niters = 293) {
+    const std::vector<KeyPoint> inputs[] = {src, dst};
+    RansacParams params = PARAMS;
+    params.niters = niters;
     Estimate result;
     test_support::clear_log();
     estimateGlobalMotionRansac(result.motion, result.log, src, dst, params);
+    const std::size_t bytes = src.size() * sizeof(KeyPoint);
+    EXPECT_EQ(0, std::memcmp(src.data(), inputs[0].data(), bytes));
+    EXPECT_EQ(0, std::memcmp(dst.data(), inputs[1].data(), bytes));
     return result;
 }
 
@@ -82,16 +82,14 @@ std::vector<KeyPoint> moved(const std::vector<KeyPoint>& src, int outliers) {
     return dst;
 }
 
-void expect_failure(const Estimate& e, int npoints, int ninliers) {
+void expect_failure(const Estimate& e, int npoints, int ninliers, const char* message) {
     EXPECT_TRUE(is_motion(e.motion, IDENTITY, 0, 0));
     EXPECT_EQ(e.log.npoints, npoints);
     EXPECT_EQ(e.log.ninliers, ninliers);
     EXPECT_EQ(e.log.track_ratio, 0.0F);
     EXPECT_EQ(e.log.status, 1);
-}
-
-bool same_bytes(const std::vector<KeyPoint>& a, const std::vector<KeyPoint>& b) {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(a[0])) == 0;
+    EXPECT_THAT(test_support::log_lines(),
+                ElementsAre(test_support::LogLine{5, "global_motion", message}));
 }
 
 TEST(Ransac, FindsTheCameraMotionAmongOutliers) {
@@ -99,7 +97,7 @@ TEST(Ransac, FindsTheCameraMotionAmongOutliers) {
         int n, outliers;
         bool success;
     } cases[] = {
-        {12, 0, true},  {12, 3, true},   {12, 6, false},                     // 7 inliers needed
+        {12, 3, true},  {12, 6, false},                                      // 7 inliers needed
         {23, 7, true},  {23, 11, false},                                     // 13
         {24, 8, true},  {24, 16, false},                                     // 9
         {100, 0, true}, {100, 30, true}, {100, 50, true}, {100, 61, false},  // 40
@@ -107,14 +105,9 @@ TEST(Ransac, FindsTheCameraMotionAmongOutliers) {
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.n << " pairs, " << c.outliers << " outliers");
         restart_generator({});
-        std::vector<KeyPoint> src = spread_points(c.n);
-        std::vector<KeyPoint> dst = moved(src, c.outliers);
-        const std::vector<KeyPoint> src_before = src;
-        const std::vector<KeyPoint> dst_before = dst;
-        const Estimate e = estimate(src, dst, PARAMS);
+        const std::vector<KeyPoint> src = spread_points(c.n);
+        const Estimate e = estimate(src, moved(src, c.outliers));
         EXPECT_EQ(seedings, 1);
-        EXPECT_TRUE(same_bytes(src, src_before));
-        EXPECT_TRUE(same_bytes(dst, dst_before));
         if (c.success) {
             EXPECT_TRUE(is_motion(e.motion, CAMERA, 2e-5F, 2e-2F));
             EXPECT_EQ(e.log.npoints, c.n);
@@ -124,8 +117,7 @@ TEST(Ransac, FindsTheCameraMotionAmongOutliers) {
             EXPECT_THAT(test_support::log_lines(), IsEmpty());
         } else {
             EXPECT_LE(e.log.ninliers, c.n - c.outliers);
-            expect_failure(e, c.n, e.log.ninliers);
-            EXPECT_THAT(test_support::log_lines(), ElementsAre(warning(TOO_FEW_INLIERS)));
+            expect_failure(e, c.n, e.log.ninliers, TOO_FEW_INLIERS);
         }
     }
 }
@@ -137,98 +129,71 @@ TEST(Ransac, ErrorBoundsDependOnTheNumberOfPairs) {
         float ex, ey;  // pixels
         bool inlier;
     } cases[] = {
-        {24, 2.5F, 1.5F, true},  {24, -2.9F, -1.9F, true}, {24, 3.1F, 0, false},
-        {24, 1.5F, 2.5F, false}, {24, 0, -2.1F, false},    {23, 1.35F, -1.35F, true},
-        {23, 1.5F, 0, false},    {23, 0, 1.5F, false},     {12, -1.35F, 1.35F, true},
-        {12, 0, -1.5F, false},
+        {24, -2.9F, -1.9F, true},  {24, 3.1F, 0, false}, {24, 0, -2.1F, false},
+        {23, 1.35F, -1.35F, true}, {23, 1.5F, 0, false}, {12, 0, -1.5F, false},
     };
-    RansacParams one_sample = PARAMS;
-    one_sample.niters = 1;
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.n << " pairs, off by " << c.ex << ", " << c.ey);
         restart_generator({0, 1, 2, 3, 4, 5});
-        std::vector<KeyPoint> src = spread_points(c.n);
+        const std::vector<KeyPoint> src = spread_points(c.n);
         std::vector<KeyPoint> dst = src;
         dst.back().x += c.ex;
         dst.back().y += c.ey;
-        const Estimate e = estimate(src, dst, one_sample);
-        EXPECT_EQ(e.log.ninliers, c.inlier ? c.n : c.n - 1);
-        EXPECT_EQ(e.log.status, 0);
+        EXPECT_EQ(estimate(src, dst, 1).log.ninliers, c.inlier ? c.n : c.n - 1);
     }
 }
 
 TEST(Ransac, DrawsWithoutRepetitionAndStopsAtAGoodModel) {
     restart_generator({7, 7, 107, 3, 7, 3, 0, 99, 50, 20});  // 107 is 7 again, of 100 pairs
-    std::vector<KeyPoint> src = spread_points(100);
-    std::vector<KeyPoint> dst = moved(src, 0);
-    EXPECT_EQ(estimate(src, dst, PARAMS).log.ninliers, 100);
+    const std::vector<KeyPoint> src = spread_points(100);
+    EXPECT_EQ(estimate(src, moved(src, 0)).log.ninliers, 100);
     EXPECT_EQ(draws, 10U);
-
     // 75 inliers of 100 are not enough to stop, 76 are.
     for (const int outliers : {25, 24}) {
         restart_generator({0, 1, 2, 3, 4, 5});
-        dst = moved(src, outliers);
-        EXPECT_EQ(estimate(src, dst, PARAMS).log.ninliers, 100 - outliers);
+        EXPECT_EQ(estimate(src, moved(src, outliers)).log.ninliers, 100 - outliers);
         EXPECT_EQ(draws == 6, outliers == 24) << outliers;
     }
 }
 
-TEST(Ransac, LaterModelWinsATie) {
-    restart_generator({0, 1, 2, 3, 4, 5, 12, 13, 14, 15, 16, 17});
-    RansacParams two_samples = PARAMS;
-    two_samples.niters = 2;
-    std::vector<KeyPoint> src = spread_points(24);
-    std::vector<KeyPoint> dst = src;
-    for (std::size_t i = 0; i < dst.size(); ++i) {
-        dst[i].x += i < 12 ? 10.0F : -10.0F;
-    }
-    const Estimate e = estimate(src, dst, two_samples);
-    EXPECT_TRUE(is_motion(e.motion, {1, 0, -10, 0, 1, 0}, 2e-5F, 2e-2F));
-    EXPECT_EQ(e.log.ninliers, 12);
-}
-
 TEST(Ransac, GivesTheIdentityWhereNothingCanBeEstimated) {
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    const RansacParams huge = {2000000000, 2, 0, 0, 293};  // twice that is beyond an int
     std::vector<KeyPoint> points = spread_points(100);
     std::vector<KeyPoint> eleven = spread_points(11);
-    std::vector<KeyPoint> none;
     std::vector<KeyPoint> spot(100, KeyPoint{3, 4, 0, 0});
-    std::vector<KeyPoint> lost(100, KeyPoint{nan, nan, 0, 0});
+    std::vector<KeyPoint> lost(100, KeyPoint{NAN, NAN, 0, 0});
     const struct {
-        const char* name;
         std::vector<KeyPoint>& src;
         std::vector<KeyPoint>& dst;
         RansacParams params;
         int npoints, ninliers;
         const char* message;
     } cases[] = {
-        {"11 pairs", eleven, eleven, PARAMS, 11, 0, "npoints(11) < params.size(6) !!"},
-        {"no pairs", none, none, PARAMS, 0, 0, "npoints(0) < params.size(6) !!"},
-        {"few ends", points, eleven, PARAMS, 11, 0, "npoints(11) < params.size(6) !!"},
-        {"huge sample", none, none, huge, 0, 0, "npoints(0) < params.size(2000000000) !!"},
-        {"tiny sample", points, points, {2, 2, 0, 0, 293}, 100, 0, "params.size(2) < 3 !!"},
-        {"no sample size", points, points, {-1, 2, 0, 0, 293}, 100, 0, "params.size(-1) < 3 !!"},
-        {"no samples", points, points, {6, 2, 0, 0, 0}, 100, -1, TOO_FEW_INLIERS},
-        {"fewer than no samples", points, points, {6, 2, 0, 0, -9}, 100, -1, TOO_FEW_INLIERS},
-        {"no threshold", points, points, {6, nan, 0, 0, 293}, 100, 0, TOO_FEW_INLIERS},
-        {"all at one spot", spot, spot, PARAMS, 100, 0, TOO_FEW_INLIERS},
-        {"not numbers", points, lost, PARAMS, 100, 0, TOO_FEW_INLIERS},
+        {points, eleven, PARAMS, 11, 0, "npoints(11) < params.size(6) !!"},
+        {eleven,
+         eleven,
+         {2000000000, 2, 0, 0, 293},
+         11,
+         0,  // twice that is beyond an int
+         "npoints(11) < params.size(2000000000) !!"},
+        {points, points, {2, 2, 0, 0, 293}, 100, 0, "params.size(2) < 3 !!"},
+        {points, points, {6, 2, 0, 0, 0}, 100, -1, TOO_FEW_INLIERS},
+        {spot, spot, PARAMS, 100, 0, TOO_FEW_INLIERS},
+        {points, lost, PARAMS, 100, 0, TOO_FEW_INLIERS},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(&c - cases);
         restart_generator({});
-        const Estimate e = estimate(c.src, c.dst, c.params);
-        expect_failure(e, c.npoints, c.ninliers);
-        EXPECT_EQ(seedings, c.message == TOO_FEW_INLIERS ? 1 : 0);
-        EXPECT_THAT(test_support::log_lines(), ElementsAre(warning(c.message)));
+        test_support::clear_log();
+        Estimate e;
+        estimateGlobalMotionRansac(e.motion, e.log, c.src, c.dst, c.params);
+        expect_failure(e, c.npoints, c.ninliers, c.message);
     }
 }
 
 // The generator above would show a race, and tear, without the estimator's own lock.
 TEST(Ransac, ConcurrentEstimatesShareTheGenerator) {
     restart_generator({});
-    std::array<std::thread, 4> threads;
+    std::thread threads[4];
     for (std::thread& thread : threads) {
         thread = std::thread([] {
             std::vector<KeyPoint> src = spread_points(100);
