@@ -1,5 +1,8 @@
 #include "bench/bench_clip.h"
 
+#include <cstdio>
+#include <cstdlib>
+
 #include "apps/scene.h"
 #include "pipeline/decimate.h"
 
@@ -18,6 +21,8 @@ Clip::Clip(int clip_width, int clip_height, int count) : width(clip_width), heig
         planes.y = pixels.data();
         planes.u = planes.y + luma_bytes();
         planes.v = planes.u + luma_bytes() / 4;
+        planes.stride_y = width;
+        planes.stride_uv = width / 2;
         clip.render(i, planes);
     }
 }
@@ -44,6 +49,12 @@ Analysis::Analysis(Clip& clip)
     find_corners();
     track();
     match();
+    estimate();
+    if (stabilizer->motion_logs[0].status != 0) {
+        // The times of stages that find nothing to do would mean nothing.
+        std::fprintf(stderr, "no motion found in the clip of %d x %d\n", clip.width, clip.height);
+        std::exit(1);
+    }
 }
 
 Analysis::~Analysis() {
