@@ -1,7 +1,6 @@
 #include "bench/bench_clip.h"
 
-#include <cstdio>
-#include <cstdlib>
+#include <stdexcept>
 
 #include "apps/scene.h"
 #include "pipeline/decimate.h"
@@ -52,8 +51,7 @@ Analysis::Analysis(Clip& clip)
     estimate();
     if (stabilizer->motion_logs[0].status != 0) {
         // The times of stages that find nothing to do would mean nothing.
-        std::fprintf(stderr, "no motion found in the clip of %d x %d\n", clip.width, clip.height);
-        std::exit(1);
+        throw std::runtime_error("no motion found in the clip");
     }
 }
 

@@ -103,8 +103,10 @@ Sums sums_by_definition(const Picture& prev, const Picture& next, int win_radius
             sums.sad = -1;
         }
         if (sums.sad >= 0) {
-            const int column = std::min(static_cast<int>(x + 0.5F), next.width - 1);
-            const int row = std::min(static_cast<int>(y + 0.5F), next.height - 1);
+            const int column = std::min(static_cast<int>(x + 0.5F),
+                                        next.width - 1);  // NOLINT(bugprone-incorrect-roundings)
+            const int row = std::min(static_cast<int>(y + 0.5F),
+                                     next.height - 1);  // NOLINT(bugprone-incorrect-roundings)
             const int difference = prev.at(xx, yy) - next.at(column, row);
             sums.sad += std::abs(difference);
             sums.bx += ix * difference;
