@@ -1,5 +1,5 @@
-// The worker: analyses frame after frame and hands each on to the warp stage once the ten frames
-// after it are known. While it runs it alone touches the analysis state of the stabilizer.
+// The worker: analyses frame after frame and hands each on to the warp stage once the look-ahead
+// after it is known. While it runs it alone touches the analysis state of the stabilizer.
 
 #include <cstddef>
 #include <new>
@@ -72,6 +72,19 @@ void estimate_motion(VideoStabilizer* s) {
     }
 }
 
+// Puts the crop into a correction: the centred part of the picture, enlarged to full size.
+void fold_in_crop(const VideoStabilizer* s, SimpleLA::Mat<float>& correction) {
+    const float ratio = s->options.crop_ratio;
+    const float margin = (1.0F - ratio) * 0.5F;  // on each side, as a part of the size
+    correction.at(0, 2) -= static_cast<float>(s->width) * margin;
+    correction.at(1, 2) -= static_cast<float>(s->height) * margin;
+    for (int r = 0; r < 2; ++r) {
+        for (int c = 0; c < 3; ++c) {
+            correction.at(r, c) /= ratio;
+        }
+    }
+}
+
 // Computes the correction of frame n and sends the frame to the warp stage. There are two matrices
 // for two frames inside the stage, one queued and one in work; the stage copies the matrix when it
 // takes a frame, so frame n + 2 may have the matrix of frame n as soon as n + 1 was accepted.
@@ -83,6 +96,13 @@ void send_corrected(VideoStabilizer* s, int n) {
                                      s->frame_index);
     if (s->observer.on_correction != nullptr) {
         s->observer.on_correction(s->observer.ctx, n, correction.data);
+    }
+    if (s->observer.on_report != nullptr) {
+        const VideoStabilizerReport report = {n, s->radius, s->filter->sigma, 0, 1.0F, 0, 0};
+        s->observer.on_report(s->observer.ctx, &report);
+    }
+    if (s->options.whole_shift != 0) {
+        fold_in_crop(s, correction);
     }
     Frame*& slot = s->ring_frames[ring_slot(s, n)];
     Frame* const frame = slot;

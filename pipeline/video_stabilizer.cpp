@@ -7,6 +7,7 @@
 
 #include "pipeline/geometry.h"
 #include "pipeline/stabilizer_internal.h"
+#include "pipeline/stabilizer_options.h"
 #include "platform/log.h"
 #include "simplela/mat_util.h"
 
@@ -16,12 +17,9 @@ namespace {
 
 constexpr int INPUT_CAPACITY = 3;     // frames
 constexpr int OUTPUT_CAPACITY = 2;    // frames
-constexpr int SMOOTHING_RADIUS = 10;  // frames; the output delay
 constexpr int TIMEOUT_MS = 3000;
 constexpr int MAX_POINTS = 256;
 constexpr int WARP_POOL_SIZE = 2;  // one frame queued in the warp stage and one in its work
-constexpr float CROP_RATIO = 0.9F;
-constexpr float NO_STANDARD_DEVIATION = -1.0F;  // the filter then takes the root of its radius
 
 constexpr int FAST_THRESHOLD = 25;  // grey levels
 
@@ -121,7 +119,7 @@ bool create_analysis(VideoStabilizer* s) {
 }
 
 void create_history(VideoStabilizer* s) {
-    s->radius = SMOOTHING_RADIUS;
+    s->radius = s->options.look_ahead;
     s->ring_size = 2 * s->radius + 1;
     s->frame_index = s->output_index = -1;
     const auto slots = static_cast<std::size_t>(s->ring_size);
@@ -132,7 +130,7 @@ void create_history(VideoStabilizer* s) {
         SimpleLA::set_identity(*s->motions.back());
     }
     s->motion_logs.assign(slots, MotionLog{});
-    s->filter = gaussian_motion_filter_create(s->radius, NO_STANDARD_DEVIATION);
+    s->filter = gaussian_motion_filter_create(s->radius, s->options.sigma);
     if (s->filter == nullptr) {
         throw std::bad_alloc();
     }
@@ -155,8 +153,10 @@ bool create_warp_stage(VideoStabilizer* s) {
     if (s->transformer == nullptr) {
         throw std::bad_alloc();
     }
+    // With the whole shift, the matrices that the stage gets have the crop in them already.
+    const float stage_crop = s->options.whole_shift != 0 ? 1.0F : s->options.crop_ratio;
     if (affine_transformer_ocl_init(s->transformer, s->format, s->width, s->height, s->stride_y,
-                                    s->stride_uv, CROP_RATIO) < 0) {
+                                    s->stride_uv, stage_crop) < 0) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, "Failed to init AffineTransformer!!");
         return false;
     }
@@ -226,6 +226,20 @@ int video_stabilizer_module_fini() {
 VideoStabilizer* video_stabilizer_create(int width, int height, int stride_y, int stride_uv,
                                          PixFmt format, int /*reserved*/, int in_place,
                                          VideoStabilizerUser* user) {
+    return video_stabilizer_create_with_options(width, height, stride_y, stride_uv, format,
+                                                in_place, user, nullptr);
+}
+
+VideoStabilizer* video_stabilizer_create_with_options(int width, int height, int stride_y,
+                                                      int stride_uv, PixFmt format, int in_place,
+                                                      VideoStabilizerUser* user,
+                                                      const VideoStabilizerOptions* options) {
+    VideoStabilizerOptions chosen{};
+    const char* const option_fault = read_options(options, chosen);
+    if (option_fault != nullptr) {
+        __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused the options: %s", option_fault);
+        return nullptr;
+    }
     // Formats that cannot be warped are the warp stage's to refuse.
     const char* const fault = geometry_fault(width, height, stride_y, stride_uv, format);
     if (fault != nullptr) {
@@ -245,6 +259,7 @@ VideoStabilizer* video_stabilizer_create(int width, int height, int stride_y, in
     s->format = format;
     s->user = user;
     s->in_place = in_place;
+    s->options = chosen;
     if (!build(s)) {
         video_stabilizer_delete(s);
         return nullptr;

@@ -16,8 +16,10 @@
 #include "videostabilizer/mat.h"
 #include "videostabilizer/ransac.h"
 #include "videostabilizer/result.h"
+#include "videostabilizer/stabilizer_options.h"
 
-// The stabilizer: shaky frames in, steady frames out, in the same order, ten frames later.
+// The stabilizer: shaky frames in, steady frames out, in the same order, ten frames later (or as many
+// as the options say).
 //
 //   video_stabilizer_module_init -> create -> start -> push, pop, signal_eos -> stop -> delete
 //
@@ -30,8 +32,8 @@
 //
 // A frame's way: push hands it to the stabilizer for good; a frame that is refused, or that is
 // inside when the stream is stopped, is released there (the record; and the pixels if it owns
-// them). Up to about 18 frames are inside at once: 3 in the input queue, 11 with the worker, 2 with
-// the warp stage, 2 in the output queue.
+// them). Up to look_ahead + 8 frames are inside at once, 18 by default: 3 in the input queue,
+// look_ahead + 1 with the worker, 2 with the warp stage, 2 in the output queue.
 
 namespace videostabilizer {
 
@@ -44,17 +46,31 @@ struct VideoStabilizerUser {
                                         // ends the stream with an error in the log.
 };
 
-// What the analysis found, for hosts that show or record it. Either function may be null. Both are
+// How the correction of one frame came about.
+struct VideoStabilizerReport {
+    std::int32_t frame;        // from 0
+    std::int32_t look_ahead;   // frames: the delay of the stream
+    float sigma;               // frames: of the weights in use
+    std::int32_t guarded;      // 1: the edge guard held something of the wished correction back
+    float granted;             // 0..1: the part of the wished correction that was made
+    std::int32_t repaired;     // 1: the motion from the frame before was not found, but made up from
+                               // its neighbours
+    std::int32_t scene_start;  // 1: the first frame after a scene cut
+};
+
+// What the analysis found, for hosts that show or record it. Any function may be null. All are
 // called on the worker thread, in the order of the frames; arrays and logs are valid only during
 // the call. Frames count from 0. Matrices are row-major 3x3 in full-resolution pixels.
 struct VideoStabilizerObserver {
-    void* ctx;  // handed to both functions
+    void* ctx;  // handed to all functions
     // The motion that carries positions in frame `frame` to frame `frame` + 1, as estimated.
     void (*on_motion)(void* ctx, std::int32_t frame, const float motion[9], const MotionLog* log);
-    // The transform that carries positions in frame `frame` to the steady picture, before the warp
-    // stage applies its crop, which also shortens the shift by the crop ratio (the stage's header
-    // has the arithmetic). Called just before the frame goes to the stage.
+    // The transform that carries positions in frame `frame` to the steady picture, before the crop.
+    // Without whole_shift the warp stage's crop also shortens the shift by the crop ratio (the
+    // stage's header has the arithmetic). Called just before the frame goes to the stage.
     void (*on_correction)(void* ctx, std::int32_t frame, const float correction[9]);
+    // How the correction of a frame came about. Called after on_correction.
+    void (*on_report)(void* ctx, const VideoStabilizerReport* report) = nullptr;
 };
 
 // The record of one stream. Hosts use the functions below; the fields are laid open for inspection
@@ -84,12 +100,12 @@ struct VideoStabilizer {
     std::vector<KeyPoint> matched_prev;  // tracked pairs, full-resolution pixels
     std::vector<KeyPoint> matched_next;
     std::vector<unsigned char> track_status;  // per corner: 1 tracked, 0 lost
-    std::int32_t radius;              // 10: half the smoothing span, and the delay, in frames
-    std::int32_t ring_size;           // 21
+    std::int32_t radius;              // look_ahead: half the smoothing span, and the delay, frames
+    std::int32_t ring_size;           // 2 * radius + 1
     std::int32_t frame_index;         // newest frame taken by the worker; -1 before
     std::int32_t output_index;        // newest frame sent to the warp stage; -1 before
-    std::vector<Frame*> ring_frames;  // frames that wait for their correction, by index mod 21
-    std::vector<SimpleLA::Mat<float>*> motions;  // slot i mod 21: motion from frame i to i + 1
+    std::vector<Frame*> ring_frames;  // frames that wait for their correction, by index mod ring_size
+    std::vector<SimpleLA::Mat<float>*> motions;  // slot i mod ring_size: motion from frame i to i + 1
     std::vector<SimpleLA::Mat<float>*>
         warp_pool;                       // correcting transforms on their way to the stage
     std::vector<MotionLog> motion_logs;  // beside `motions`
@@ -110,6 +126,7 @@ struct VideoStabilizer {
 
     std::atomic<std::int32_t> worker_joinable;  // 1 from start until the worker is joined
     VideoStabilizerObserver observer;
+    VideoStabilizerOptions options;
 };
 
 // Sets up OpenCL once per process. Threads: thread-safe. Returns 0, or -1 with the reason in the
@@ -150,6 +167,20 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create(int width, int heig
                                                              int stride_uv, PixFmt format,
                                                              int reserved, int in_place,
                                                              VideoStabilizerUser* user);
+
+// The same with a choice of options; null stands for the defaults.
+//
+// Memory per stream, in bytes, with s the decimation (1, 2 or 4) and a = look_ahead:
+//   the library   2 (width / s) (height / s) for the analysis, 300 a and 100,000 for the rest;
+//                 on the OpenCL device 2 height (stride_y + stride_uv)
+//   the frames    (a + 8) frames of the host are inside at once, at most: for 1280 x 720 and the
+//                 longest look-ahead 128 frames of 1.4 MB each
+//
+// Errors:  as above, and null with one line in the log for options outside their ranges.
+// Threads: thread-safe; `options` is read during the call only.
+VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create_with_options(
+    int width, int height, int stride_y, int stride_uv, PixFmt format, int in_place,
+    VideoStabilizerUser* user, const VideoStabilizerOptions* options);
 
 // Sets or (null) removes the observer. The record is copied.
 // Threads: owner only, before start.

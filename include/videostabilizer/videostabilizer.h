@@ -20,6 +20,7 @@
 #include "videostabilizer/ransac.h"        // motion estimation
 #include "videostabilizer/result.h"
 #include "videostabilizer/stabilizer.h"
+#include "videostabilizer/stabilizer_options.h"
 #include "videostabilizer/test_stabilizer.h"  // file-driven test
 #include "videostabilizer/version.h"
 #include "videostabilizer/warp_affine.h"  // warps on the CPU

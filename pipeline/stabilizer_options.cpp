@@ -1,0 +1,110 @@
+#include "pipeline/stabilizer_options.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <iterator>
+
+namespace videostabilizer {
+
+namespace {
+
+constexpr auto OUR_SIZE = static_cast<std::int32_t>(sizeof(VideoStabilizerOptions));
+// The record as it was first published. Fields are only ever added behind.
+constexpr std::int32_t SMALLEST_SIZE =
+    static_cast<std::int32_t>(offsetof(VideoStabilizerOptions, scene_cuts) + sizeof(std::int32_t));
+constexpr std::int32_t LARGEST_SIZE = 4096;  // beyond, the field holds something else
+
+constexpr int LONGEST_LOOK_AHEAD = 120;  // frames
+constexpr float SMALLEST_SIGMA = 0.25F;  // frames
+constexpr float LARGEST_SIGMA = 1000.0F;
+constexpr float SMALLEST_CROP = 0.5F;
+
+//                                       size     ahead  sigma  crop shift guard repair cuts
+constexpr VideoStabilizerOptions DEFAULTS{OUR_SIZE, 10, 0.0F, 0.9F, 0, 0, 0, 0};
+
+// By strength.
+constexpr VideoStabilizerOptions STRENGTHS[] = {
+    DEFAULTS,
+    {OUR_SIZE, 10, 14.0F, 0.9F, 1, 1, 1, 1},
+    {OUR_SIZE, 20, 14.0F, 0.9F, 1, 1, 1, 1},
+    {OUR_SIZE, 30, 21.0F, 0.9F, 1, 1, 1, 1},
+};
+
+bool is_switch(std::int32_t value) {
+    return value == 0 || value == 1;
+}
+
+// Written so that a NaN is outside.
+bool is_within(float value, float low, float high) {
+    return value >= low && value <= high;
+}
+
+const char* options_fault(const VideoStabilizerOptions& o) {
+    if (o.look_ahead < 1 || o.look_ahead > LONGEST_LOOK_AHEAD) {
+        return "look_ahead is not 1 to 120";
+    }
+    if (o.sigma != 0.0F && !is_within(o.sigma, SMALLEST_SIGMA, LARGEST_SIGMA)) {
+        return "sigma is neither 0 nor 0.25 to 1000";
+    }
+    if (!is_within(o.crop_ratio, SMALLEST_CROP, 1.0F)) {
+        return "crop_ratio is not 0.5 to 1";
+    }
+    if (!is_switch(o.whole_shift) || !is_switch(o.edge_guard) || !is_switch(o.repair_motions) ||
+        !is_switch(o.scene_cuts)) {
+        return "a switch is neither 0 nor 1";
+    }
+    if (o.edge_guard != 0 && o.whole_shift == 0) {
+        return "edge_guard needs whole_shift";
+    }
+    return nullptr;
+}
+
+// Fields that we do not know must not ask for anything.
+bool asks_for_more(const VideoStabilizerOptions* given, std::int32_t size) {
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(given);
+    return std::any_of(bytes + std::min(OUR_SIZE, size), bytes + size,
+                       [](unsigned char byte) { return byte != 0; });
+}
+
+void write_options(VideoStabilizerOptions* options, const VideoStabilizerOptions& values,
+                   std::int32_t size) {
+    if (size < SMALLEST_SIZE || size > LARGEST_SIZE) {
+        return;  // not a record of ours; creation will say so
+    }
+    std::memset(options, 0, static_cast<std::size_t>(size));
+    std::memcpy(options, &values, static_cast<std::size_t>(std::min(size, OUR_SIZE)));
+    options->size = size;
+}
+
+}  // namespace
+
+const char* read_options(const VideoStabilizerOptions* given, VideoStabilizerOptions& out) {
+    out = DEFAULTS;
+    if (given == nullptr) {
+        return nullptr;
+    }
+    if (given->size < SMALLEST_SIZE || given->size > LARGEST_SIZE) {
+        return "the options were not initialised";
+    }
+    if (asks_for_more(given, given->size)) {
+        return "the options are newer than the library";
+    }
+    std::memcpy(&out, given, static_cast<std::size_t>(std::min(given->size, OUR_SIZE)));
+    out.size = OUR_SIZE;
+    return options_fault(out);
+}
+
+void video_stabilizer_options_init(VideoStabilizerOptions* options, std::int32_t size) {
+    write_options(options, DEFAULTS, size);
+}
+
+int video_stabilizer_options_for_strength(VideoStabilizerOptions* options,
+                                          VideoStabilizerStrength strength, std::int32_t size) {
+    const auto index = static_cast<std::size_t>(strength);
+    const bool known = strength >= 0 && index < std::size(STRENGTHS);
+    write_options(options, known ? STRENGTHS[index] : DEFAULTS, size);
+    return known ? 0 : -1;
+}
+
+}  // namespace videostabilizer
