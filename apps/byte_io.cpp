@@ -92,6 +92,25 @@ std::size_t FdSource::read(unsigned char* to, std::size_t size) {
     return done;
 }
 
+std::size_t FdSource::read_available(unsigned char* to, std::size_t size) {
+    if (begin_ == end_) return read_some(to, size);
+    return read(to, std::min(size, end_ - begin_));
+}
+
+std::string_view FdSource::peek(std::size_t size) {
+    size = std::min(size, buffer_.size());
+    if (begin_ + size > buffer_.size()) {
+        std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+        end_ -= std::exchange(begin_, 0);
+    }
+    while (end_ - begin_ < size) {
+        const std::size_t got = read_some(buffer_.data() + end_, buffer_.size() - end_);
+        if (got == 0) break;
+        end_ += got;
+    }
+    return {reinterpret_cast<const char*>(buffer_.data()) + begin_, std::min(size, end_ - begin_)};
+}
+
 long long FdSource::file_size() const {
     struct stat info {};
     return fstat(fd_, &info) == 0 && S_ISREG(info.st_mode) ? static_cast<long long>(info.st_size)

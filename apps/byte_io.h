@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // Sequential bytes in and out, for the programs. Failures are exceptions whose what() is a sentence
@@ -49,7 +50,16 @@ class FdSource : public ByteSource {
 
     std::size_t read(unsigned char* to, std::size_t size) override;
 
+    // Blocks until something is there, and delivers no more than that: 1 to `size` bytes, or 0 at
+    // the end. Throws InputError.
+    std::size_t read_available(unsigned char* to, std::size_t size);
+
+    // The next bytes, which stay to be read; fewer than `size` only at the end of the stream. At
+    // most the buffer, a quarter of a MiB. Valid until the next read. Throws InputError.
+    std::string_view peek(std::size_t size);
+
     int fd() const { return fd_; }
+    const std::string& name() const { return name_; }
     // Bytes of a regular file; -1 of anything else.
     long long file_size() const;
 

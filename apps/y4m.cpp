@@ -60,8 +60,8 @@ int parse_side(std::string_view text, const char* name) {
 
 void check_chroma(std::string_view name) {
     if (std::find(std::begin(CHROMA_420), std::end(CHROMA_420), name) == std::end(CHROMA_420)) {
-        throw Y4mError("the chroma format is " + quoted(name) +
-                       ", but only 8-bit 4:2:0 is handled");
+        throw Y4mChromaError("the chroma format is " + quoted(name) +
+                             ", but only 8-bit 4:2:0 is handled");
     }
 }
 
@@ -72,7 +72,9 @@ bool starts_with(std::string_view text, std::string_view start) {
 // Some writers name the chroma format only in this comment, in capitals.
 constexpr std::string_view CHROMA_COMMENT = "XYSCSS=";
 
-Y4mHeader parse_header(const std::string& line) {
+}  // namespace
+
+Y4mHeader parse_y4m_header(const std::string& line) {
     Y4mHeader header;
     header.line = line;
     std::string chroma;
@@ -105,8 +107,6 @@ Y4mHeader parse_header(const std::string& line) {
     return header;
 }
 
-}  // namespace
-
 Y4mHeader make_y4m_header(int width, int height, const std::string& rate) {
     Y4mHeader header;
     header.width = width;
@@ -134,7 +134,7 @@ Y4mReader::Y4mReader(ByteSource& source) : source_(source) {
         throw Y4mError("the input is not YUV4MPEG2: it begins with " + quoted(start + line));
     }
     if (end == LineEnd::END_OF_STREAM) throw Y4mError("the header line is cut short");
-    header_ = parse_header(start + line);
+    header_ = parse_y4m_header(start + line);
 }
 
 void Y4mReader::read_plane(unsigned char* plane, std::ptrdiff_t stride, int width, int height,

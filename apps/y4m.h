@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 
 #include "apps/byte_io.h"
@@ -14,8 +13,13 @@
 namespace apps {
 
 // The stream is not what it should be. what() is a sentence for the user.
-struct Y4mError : std::runtime_error {
-    using std::runtime_error::runtime_error;
+struct Y4mError : InputError {
+    using InputError::InputError;
+};
+
+// It is a YUV4MPEG2 stream, but not of 8-bit 4:2:0.
+struct Y4mChromaError : Y4mError {
+    using Y4mError::Y4mError;
 };
 
 // Limits on what a header may ask for, so that a hostile one cannot exhaust memory.
@@ -37,6 +41,9 @@ struct Y4mHeader {
         return std::int64_t{width} * height + 2 * std::int64_t{chroma_width()} * chroma_height();
     }
 };
+
+// Reads a header line, given without its newline. Throws Y4mError.
+Y4mHeader parse_y4m_header(const std::string& line);
 
 // Makes the header of a progressive stream with square pixels and centred chroma.
 // rate  frames per second as a ratio, for example "30:1"
