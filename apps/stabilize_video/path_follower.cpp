@@ -1,4 +1,4 @@
-#include "apps/stabilize_video/path_recorder.h"
+#include "apps/stabilize_video/path_follower.h"
 
 #include <cmath>
 #include <cstddef>
@@ -17,21 +17,20 @@ constexpr const char* HEADING =
 
 }  // namespace
 
-PathRecorder::PathRecorder(ByteSink& sink, double centre_x, double centre_y)
-    : sink_(sink), centre_x_(centre_x), centre_y_(centre_y) {
-    sink_.write(reinterpret_cast<const unsigned char*>(HEADING), std::strlen(HEADING));
-}
-
-PathRecorder::Entry& PathRecorder::entry(std::int32_t frame) {
-    return entries_[static_cast<std::size_t>(frame) % entries_.size()];
+// The point of a frame, made if the frame is the newest.
+PathPoint& PathFollower::point(std::int32_t frame) {
+    const auto index = static_cast<std::size_t>(frame - first_);
+    while (points_.size() <= index)
+        points_.emplace_back();
+    return points_[index];
 }
 
 // The view after `matrix` has carried positions of one picture to the next.
-PathRecorder::View PathRecorder::moved(const View& view, const float matrix[9]) const {
+CameraView PathFollower::moved(const CameraView& view, const float matrix[9]) const {
     const double a = matrix[0], b = matrix[1], c = matrix[2];
     const double d = matrix[3], e = matrix[4], f = matrix[5];
     const double det = a * e - b * d;
-    View next = view;
+    CameraView next = view;
     if (!std::isnormal(det) || det < 0) return next;  // no camera moves like this
     // The position of the earlier picture that arrives at the centre: there the camera looks now.
     const double to_x = centre_x_ - c;
@@ -44,41 +43,64 @@ PathRecorder::View PathRecorder::moved(const View& view, const float matrix[9]) 
     return next;
 }
 
-void PathRecorder::write_line(std::int32_t frame, const float correction[9]) {
-    const Entry& now = entry(frame);
-    View steady = moved(now.view, correction);
-    steady.x = now.view.x + crop_ratio_ * (steady.x - now.view.x);
-    steady.y = now.view.y + crop_ratio_ * (steady.y - now.view.y);
-    char line[512];
-    const int length = std::snprintf(
-        line, sizeof line, "%d,%.4f,%.4f,%.6f,%.8f,%.4f,%.4f,%.6f,%.8f,%d,%d,%.4f,%d\n", frame,
-        now.view.x, now.view.y, now.view.angle * DEGREES, now.view.zoom, steady.x, steady.y,
-        steady.angle * DEGREES, steady.zoom, now.log.ninliers, now.log.npoints,
-        static_cast<double>(now.log.track_ratio), now.log.status);
+void PathFollower::correct(std::int32_t frame, const float correction[9]) {
+    PathPoint& now = point(frame);
+    now.steady = moved(now.shaky, correction);
+    now.steady.x = now.shaky.x + shift_ratio_ * (now.steady.x - now.shaky.x);
+    now.steady.y = now.shaky.y + shift_ratio_ * (now.steady.y - now.shaky.y);
+}
+
+void PathFollower::report(const videostabilizer::VideoStabilizerReport& report) {
+    PathPoint& now = point(report.frame);
+    now.report = report;
     try {
-        sink_.write(reinterpret_cast<const unsigned char*>(line), static_cast<std::size_t>(length));
+        for (const Listener& listener : listeners_)
+            listener(now);
     } catch (...) {  // nothing may be thrown through the library
         if (!failure_) failure_ = std::current_exception();
     }
+    for (; first_ < report.frame; ++first_)
+        points_.pop_front();
 }
 
-videostabilizer::VideoStabilizerObserver PathRecorder::observer(double crop_ratio) {
-    crop_ratio_ = crop_ratio;
+videostabilizer::VideoStabilizerObserver PathFollower::observer(double shift_ratio) {
+    shift_ratio_ = shift_ratio;
     videostabilizer::VideoStabilizerObserver observer{};
     observer.ctx = this;
     observer.on_motion = [](void* ctx, std::int32_t frame, const float motion[9],
                             const videostabilizer::MotionLog* log) {
-        auto& self = *static_cast<PathRecorder*>(ctx);
-        self.entry(frame + 1) = {self.moved(self.entry(frame).view, motion), *log};
+        auto& self = *static_cast<PathFollower*>(ctx);
+        const CameraView view = self.moved(self.point(frame).shaky, motion);
+        PathPoint& next = self.point(frame + 1);
+        next.shaky = view;
+        next.log = *log;
     };
     observer.on_correction = [](void* ctx, std::int32_t frame, const float correction[9]) {
-        static_cast<PathRecorder*>(ctx)->write_line(frame, correction);
+        static_cast<PathFollower*>(ctx)->correct(frame, correction);
+    };
+    observer.on_report = [](void* ctx, const videostabilizer::VideoStabilizerReport* report) {
+        static_cast<PathFollower*>(ctx)->report(*report);
     };
     return observer;
 }
 
-void PathRecorder::check() const {
+void PathFollower::check() const {
     if (failure_) std::rethrow_exception(failure_);
+}
+
+PathCsv::PathCsv(ByteSink& sink) : sink_(&sink) {
+    sink_->write(reinterpret_cast<const unsigned char*>(HEADING), std::strlen(HEADING));
+}
+
+void PathCsv::write(const PathPoint& point) {
+    char line[512];
+    const int length = std::snprintf(
+        line, sizeof line, "%d,%.4f,%.4f,%.6f,%.8f,%.4f,%.4f,%.6f,%.8f,%d,%d,%.4f,%d\n",
+        point.report.frame, point.shaky.x, point.shaky.y, point.shaky.angle * DEGREES,
+        point.shaky.zoom, point.steady.x, point.steady.y, point.steady.angle * DEGREES,
+        point.steady.zoom, point.log.ninliers, point.log.npoints,
+        static_cast<double>(point.log.track_ratio), point.log.status);
+    sink_->write(reinterpret_cast<const unsigned char*>(line), static_cast<std::size_t>(length));
 }
 
 }  // namespace apps

@@ -2,61 +2,85 @@
 
 #include <videostabilizer/stabilizer.h>
 
-#include <array>
 #include <cstdint>
+#include <deque>
 #include <exception>
+#include <functional>
+#include <vector>
 
 #include "apps/byte_io.h"
 
 namespace apps {
 
-// Writes the camera path that the stabilizer measures, and the steadier one that it makes of it, as
-// CSV: one line per frame. Positions are sums of the steps from frame to frame at the picture
-// centre, in pixels of the picture, starting at 0; x and y tell where the camera looks (right and
-// down), a positive angle that it turns clockwise, a zoom above 1 that it has come closer. The
-// steady path tells what the steady pictures show: the warp stage shortens the shift of a
-// correction by its crop ratio, and so does the recorder. The enlargement by the crop, the same for
-// all pictures, is left out of the zoom.
+// Where a camera looks: x and y to the right and down, in pixels of the picture; a positive angle
+// is a turn clockwise; a zoom above 1, that it has come closer.
+struct CameraView {
+    double x = 0;
+    double y = 0;
+    double angle = 0;  // radians
+    double zoom = 1;
+};
+
+// One frame on the camera path.
+struct PathPoint {
+    CameraView shaky;                  // as filmed
+    CameraView steady;                 // what the steady picture shows
+    videostabilizer::MotionLog log{};  // of the motion from the frame before; zero for the first
+    videostabilizer::VideoStabilizerReport report{};  // of the correction
+};
+
+// Puts the motions that the stabilizer measures together to the path of the camera, and the
+// corrections to the steadier one. Positions are sums of the steps from frame to frame at the
+// picture centre, starting at 0. The steady path tells what the steady pictures show: where the
+// warp stage shortens the shift of a correction, so does the follower. The enlargement by the crop,
+// the same for all pictures, is left out of the zoom.
 //
-// Threads: the observer's functions run on the stabilizer's worker; check() when that has ended, or
-//          at any time from the thread that owns `sink` while the worker is not running.
-class PathRecorder {
+// Threads: the observer's functions, and so the listeners, run on the stabilizer's worker; all else
+//          while the worker does not run.
+class PathFollower {
   public:
-    // Writes the heading. `sink` must outlive the recorder. The centre is that of the frames that
-    // the stabilizer sees.
-    PathRecorder(ByteSink& sink, double centre_x, double centre_y);
+    using Listener = std::function<void(const PathPoint&)>;
 
-    // To be given to video_stabilizer_set_observer; valid as long as the recorder. `crop_ratio` is
-    // that of the stabilizer's warp stage.
-    videostabilizer::VideoStabilizerObserver observer(double crop_ratio);
+    // The centre is that of the frames that the stabilizer sees.
+    PathFollower(double centre_x, double centre_y) : centre_x_(centre_x), centre_y_(centre_y) {}
 
-    // Throws the OutputError that the worker met, if any.
+    // Has every point told to `listener`, in the order of the frames.
+    void add(Listener listener) { listeners_.push_back(std::move(listener)); }
+
+    // To be given to video_stabilizer_set_observer; valid as long as the follower. `shift_ratio` is
+    // the part of a correction's shift that the warp stage makes: its crop ratio.
+    videostabilizer::VideoStabilizerObserver observer(double shift_ratio);
+
+    // Throws the first exception that a listener has thrown, if any.
     void check() const;
 
   private:
-    struct View {
-        double x = 0;
-        double y = 0;
-        double angle = 0;  // radians
-        double zoom = 1;
-    };
-    struct Entry {
-        View view;
-        videostabilizer::MotionLog log;
-    };
+    CameraView moved(const CameraView& view, const float matrix[9]) const;
+    PathPoint& point(std::int32_t frame);
+    void correct(std::int32_t frame, const float correction[9]);
+    void report(const videostabilizer::VideoStabilizerReport& report);
 
-    View moved(const View& view, const float matrix[9]) const;
-    Entry& entry(std::int32_t frame);
-    void write_line(std::int32_t frame, const float correction[9]);
-
-    ByteSink& sink_;
     double centre_x_;
     double centre_y_;
-    double crop_ratio_ = 1;
-    // The corrections of frames follow their motions by ten frames; a ring that holds more than
-    // that.
-    std::array<Entry, 32> entries_{};
+    double shift_ratio_ = 1;
+    // Frames whose motion is known but whose correction is not; the first has the number first_.
+    std::deque<PathPoint> points_{PathPoint{}};
+    std::int32_t first_ = 0;
+    std::vector<Listener> listeners_;
     std::exception_ptr failure_;
+};
+
+// Writes the path as CSV, one line per frame: angles in degrees, status 0 where the motion from the
+// frame before was found. `sink` outlives the object.
+class PathCsv {
+  public:
+    // Writes the heading. Throws OutputError.
+    explicit PathCsv(ByteSink& sink);
+
+    void write(const PathPoint& point);
+
+  private:
+    ByteSink* sink_;
 };
 
 }  // namespace apps

@@ -37,23 +37,39 @@ struct StabilizerDeleter {
 };
 using StabilizerPtr = std::unique_ptr<vs::VideoStabilizer, StabilizerDeleter>;
 
-StabilizerPtr make_stabilizer(const PictureLayout& layout, PathRecorder* recorder) {
+StabilizerPtr make_stabilizer(const StreamParts& parts) {
     forget_library_errors();
     if (vs::video_stabilizer_module_init() != 0) {
         throw library_error("OpenCL cannot be used");
     }
     forget_library_errors();
-    const int width = layout.frame_width();
-    StabilizerPtr stabilizer(vs::video_stabilizer_create(
-        width, layout.frame_height(), width, width / 2, vs::PIX_FMT_YUV420P, 0, 1, nullptr));
+    const int width = parts.layout.frame_width();
+    StabilizerPtr stabilizer(vs::video_stabilizer_create_with_options(
+        width, parts.layout.frame_height(), width, width / 2, vs::PIX_FMT_YUV420P, 1, nullptr,
+        &parts.options));
     if (!stabilizer) throw library_error("the stabilizer cannot be made");
-    if (recorder != nullptr) {
+    if (parts.path != nullptr) {
         const vs::VideoStabilizerObserver observer =
-            recorder->observer(static_cast<double>(stabilizer->transformer->crop_ratio));
+            parts.path->observer(static_cast<double>(stabilizer->transformer->crop_ratio));
         vs::video_stabilizer_set_observer(stabilizer.get(), &observer);
     }
     return stabilizer;
 }
+
+// Adds the time of its life to `seconds`.
+class Stopwatch {
+  public:
+    explicit Stopwatch(double& seconds) : seconds_(seconds) {}
+    ~Stopwatch() { seconds_ += std::chrono::duration<double>(Clock::now() - start_).count(); }
+    Stopwatch(const Stopwatch&) = delete;
+    Stopwatch& operator=(const Stopwatch&) = delete;
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    double& seconds_;
+    Clock::time_point start_ = Clock::now();
+};
 
 // Stops the stabilizer, which releases whoever waits in it, when the library has failed: a pop
 // would otherwise wait for ever.
@@ -117,25 +133,38 @@ class Watch {
 // What the reading and the writing thread share.
 class Stream {
   public:
-    Stream(Y4mReader& reader, Y4mWriter& writer, const PictureLayout& layout)
-        : reader_(reader), writer_(writer), layout_(layout) {}
+    explicit Stream(const StreamParts& parts) : parts_(parts) {}
 
     // Reads the next picture into a frame; null at the end of the input.
     FramePtr read() {
+        const Stopwatch stopwatch(reading_seconds_);
         FramePtr frame = take_spare();
-        if (!reader_.read_frame(layout_.picture(*frame))) return nullptr;
-        layout_.fill_border(*frame);
+        const Planes picture = parts_.layout.picture(*frame);
+        PictureTag tag;
+        if (!parts_.source.read(picture, tag)) return nullptr;
+        if (parts_.comparison != nullptr) parts_.comparison->add_shaky(picture);
+        parts_.layout.fill_border(*frame);
+        frame->timestamp = tag.time;
         const std::lock_guard<std::mutex> lock(mutex_);
-        parameters_.push_back(reader_.frame_parameters());
+        tags_.push_back(std::move(tag));
         return frame;
     }
 
     // Writes a steady picture and keeps its frame for another one.
     void write(FramePtr frame) {
-        writer_.write_frame(layout_.picture(*frame), next_parameters());
+        const Stopwatch stopwatch(writing_seconds_);
+        PictureTag tag = next_tag();
+        tag.time = frame->timestamp;
+        const Planes picture = parts_.layout.picture(*frame);
+        parts_.sink.write(picture, tag);
+        if (parts_.comparison != nullptr) parts_.comparison->add_steady(picture, tag);
         const std::lock_guard<std::mutex> lock(mutex_);
         spare_.push_back(std::move(frame));
     }
+
+    // Of the threads that read and write, after they have ended.
+    double reading_seconds() const { return reading_seconds_; }
+    double writing_seconds() const { return writing_seconds_; }
 
   private:
     FramePtr take_spare() {
@@ -147,36 +176,40 @@ class Stream {
                 return frame;
             }
         }
-        FramePtr frame = layout_.make_frame();
+        FramePtr frame = parts_.layout.make_frame();
         if (!frame) throw LibraryError("no memory for another frame");
         return frame;
     }
 
-    // Frames keep their order, so the lines before them do.
-    std::string next_parameters() {
+    // Frames keep their order, so what belongs to them does.
+    PictureTag next_tag() {
         const std::lock_guard<std::mutex> lock(mutex_);
-        std::string parameters = std::move(parameters_.front());
-        parameters_.pop_front();
-        return parameters;
+        PictureTag tag = std::move(tags_.front());
+        tags_.pop_front();
+        return tag;
     }
 
-    Y4mReader& reader_;
-    Y4mWriter& writer_;
-    const PictureLayout& layout_;
+    const StreamParts& parts_;
+    double reading_seconds_ = 0;
+    double writing_seconds_ = 0;
     std::mutex mutex_;  // guards the two below
     std::vector<FramePtr> spare_;
-    std::deque<std::string> parameters_;
+    std::deque<PictureTag> tags_;
 };
 
 // Body of the reading thread: pushes `frame` and all that follow, then ends the stream. What goes
 // wrong is left in `failure`.
 void push_all(Stream& stream, vs::VideoStabilizer* stabilizer, Watch& watch, FramePtr frame,
-              std::exception_ptr& failure) {
+              StreamSeconds& seconds, std::exception_ptr& failure) {
     try {
         while (frame) {
-            watch.enter();
-            const int result = vs::video_stabilizer_push_frame(stabilizer, frame.release());
-            watch.leave();
+            int result = vs::RESULT_OK;
+            {
+                const Stopwatch stopwatch(seconds.pushing);
+                watch.enter();
+                result = vs::video_stabilizer_push_frame(stabilizer, frame.release());
+                watch.leave();
+            }
             if (result == vs::RESULT_STOPPING) return;
             if (result != vs::RESULT_OK) throw library_error("the stabilizer refuses a frame");
             frame = stream.read();
@@ -190,12 +223,16 @@ void push_all(Stream& stream, vs::VideoStabilizer* stabilizer, Watch& watch, Fra
 
 // Writes steady frames until the stabilizer says that there are no more. Returns their number.
 std::int64_t pop_all(Stream& stream, vs::VideoStabilizer* stabilizer, Watch& watch,
-                     Progress& progress) {
+                     StreamSeconds& seconds, Progress& progress) {
     for (std::int64_t frames = 0;; ++frames) {
         vs::Frame* frame = nullptr;
-        watch.enter();
-        const int result = vs::video_stabilizer_pop_frame(stabilizer, &frame);
-        watch.leave();
+        int result = vs::RESULT_OK;
+        {
+            const Stopwatch stopwatch(seconds.popping);
+            watch.enter();
+            result = vs::video_stabilizer_pop_frame(stabilizer, &frame);
+            watch.leave();
+        }
         if (result == vs::RESULT_END_OF_STREAM) return frames;
         if (result != vs::RESULT_OK) throw library_error("the stabilizer has failed");
         stream.write(FramePtr(frame));
@@ -206,8 +243,6 @@ std::int64_t pop_all(Stream& stream, vs::VideoStabilizer* stabilizer, Watch& wat
 bool is_input_failure(const std::exception_ptr& failure) {
     try {
         std::rethrow_exception(failure);
-    } catch (const Y4mError&) {
-        return true;
     } catch (const InputError&) {
         return true;
     } catch (...) {
@@ -217,19 +252,16 @@ bool is_input_failure(const std::exception_ptr& failure) {
 
 }  // namespace
 
-StreamResult stabilize_stream(Y4mReader& reader, Y4mWriter& writer, const PictureLayout& layout,
-                              PathRecorder* recorder, Progress& progress,
-                              std::atomic<bool>& cancelled) {
+StreamResult stabilize_stream(const StreamParts& parts) {
     StreamResult result;
-    Stream stream(reader, writer, layout);
-    const StabilizerPtr stabilizer = make_stabilizer(layout, recorder);
+    const StabilizerPtr stabilizer = make_stabilizer(parts);
+    const auto whole = std::make_unique<Stopwatch>(result.seconds.total);
+    Stream stream(parts);
 
     // A stream without frames is a special case to the stabilizer, so it never gets to see one.
     FramePtr first;
     try {
         first = stream.read();
-    } catch (const Y4mError&) {
-        result.input_failure = std::current_exception();
     } catch (const InputError&) {
         result.input_failure = std::current_exception();
     }
@@ -240,14 +272,15 @@ StreamResult stabilize_stream(Y4mReader& reader, Y4mWriter& writer, const Pictur
     }
     Watch watch(stabilizer.get());
     std::exception_ptr push_failure;
-    std::thread pusher(
-        [&] { push_all(stream, stabilizer.get(), watch, std::move(first), push_failure); });
+    std::thread pusher([&] {
+        push_all(stream, stabilizer.get(), watch, std::move(first), result.seconds, push_failure);
+    });
     std::exception_ptr pop_failure;
     try {
-        result.frames = pop_all(stream, stabilizer.get(), watch, progress);
+        result.frames = pop_all(stream, stabilizer.get(), watch, result.seconds, parts.progress);
     } catch (...) {
         pop_failure = std::current_exception();
-        cancelled = true;  // releases the pusher if it waits for input
+        parts.cancelled = true;  // releases the pusher if it waits for input
     }
     // The order matters: only when the watch has ended may this thread stop the stabilizer, and
     // only the stop releases a pusher that waits for room in the queue.
@@ -258,7 +291,9 @@ StreamResult stabilize_stream(Y4mReader& reader, Y4mWriter& writer, const Pictur
     if (pop_failure) std::rethrow_exception(pop_failure);
     if (push_failure && !is_input_failure(push_failure)) std::rethrow_exception(push_failure);
     result.input_failure = push_failure;
-    if (recorder != nullptr) recorder->check();
+    result.seconds.reading = stream.reading_seconds();
+    result.seconds.writing = stream.writing_seconds();
+    if (parts.path != nullptr) parts.path->check();
     return result;
 }
 

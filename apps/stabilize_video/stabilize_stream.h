@@ -1,14 +1,17 @@
 #pragma once
 
+#include <videostabilizer/stabilizer.h>
+
 #include <atomic>
 #include <cstdint>
 #include <exception>
 #include <stdexcept>
 
-#include "apps/stabilize_video/path_recorder.h"
+#include "apps/stabilize_video/path_follower.h"
 #include "apps/stabilize_video/picture_layout.h"
 #include "apps/stabilize_video/progress.h"
-#include "apps/y4m.h"
+#include "apps/stabilize_video/side_by_side.h"
+#include "apps/stabilize_video/video_io.h"
 
 namespace apps {
 
@@ -17,24 +20,44 @@ struct LibraryError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// What takes part in one stream. All of it outlives the call.
+struct StreamParts {
+    PictureSource& source;
+    PictureSink& sink;
+    const PictureLayout& layout;
+    const videostabilizer::VideoStabilizerOptions& options;
+    PathFollower* path;      // receives the camera path; may be null
+    SideBySide* comparison;  // may be null
+    Progress& progress;
+    // The flag that source and sink also watch. Set from outside, it ends the work soon with an
+    // error; it is set here when the work fails.
+    std::atomic<bool>& cancelled;
+};
+
+// Where the time of the two threads goes, seconds.
+struct StreamSeconds {
+    double reading = 0;  // and decoding, on the reading thread
+    double pushing = 0;  // waiting for the stabilizer to take a frame
+    double popping = 0;  // waiting for the stabilizer to give one, on the writing thread
+    double writing = 0;  // and encoding
+    double total = 0;
+};
+
 struct StreamResult {
-    std::int64_t frames = 0;  // delivered to the writer
-    // Why the input broke off (Y4mError, InputError): every whole frame before has been delivered.
-    // Null when it came to its end.
+    std::int64_t frames = 0;  // delivered to the sink
+    // Why the input broke off (InputError): every whole frame before has been delivered. Null when
+    // it came to its end.
     std::exception_ptr input_failure;
+    StreamSeconds seconds;
 };
 
 // Reads all pictures, has them stabilised and writes them, in order, one steady picture for each
-// shaky one. A second thread reads ahead, so that reading, analysis, warping and writing overlap;
-// the frames in flight are bounded by the stabilizer's queues, and reused.
+// shaky one; finishing the sink is the caller's. A second thread reads ahead, so that reading,
+// analysis, warping and writing overlap; the frames in flight are bounded by the stabilizer's
+// queues, and reused.
 //
-// recorder   receives the camera path; may be null
-// cancelled  the flag that `reader`'s source and `writer`'s sink also watch. Set from outside, it
-//            ends the work soon with an error; it is set here when the work fails.
 // Throws LibraryError, OutputError. No thread of the stabilizer is running any more when it returns
 // or throws.
-StreamResult stabilize_stream(Y4mReader& reader, Y4mWriter& writer, const PictureLayout& layout,
-                              PathRecorder* recorder, Progress& progress,
-                              std::atomic<bool>& cancelled);
+StreamResult stabilize_stream(const StreamParts& parts);
 
 }  // namespace apps

@@ -1,4 +1,4 @@
-#include "apps/path_recorder.h"
+#include "apps/stabilize_video/path_follower.h"
 
 #include <gtest/gtest.h>
 
@@ -19,9 +19,9 @@ void to_matrix(const apps::Affine& m, float matrix[9]) {
     std::copy(values, values + 9, matrix);
 }
 
-// Shown the true motions of a known path and corrections onto its steady path, the recorder writes
-// down these two paths.
-TEST(PathRecorder, WritesThePathThatTheMotionsComeFrom) {
+// Shown the true motions of a known path and corrections onto its steady path, the follower
+// tells of these two paths.
+TEST(PathFollower, WritesThePathThatTheMotionsComeFrom) {
     apps::CameraSettings settings;
     settings.width = 640;
     settings.height = 480;
@@ -31,8 +31,10 @@ TEST(PathRecorder, WritesThePathThatTheMotionsComeFrom) {
     constexpr double CROP = 0.9;
 
     MemorySink sink;
-    apps::PathRecorder recorder(sink, 320, 240);
-    const videostabilizer::VideoStabilizerObserver observer = recorder.observer(CROP);
+    apps::PathCsv csv(sink);
+    apps::PathFollower follower(320, 240);
+    follower.add([&](const apps::PathPoint& point) { csv.write(point); });
+    const videostabilizer::VideoStabilizerObserver observer = follower.observer(CROP);
     for (int newest = 0; newest < FRAMES + DELAY; ++newest) {
         float matrix[9];
         if (newest > 0 && newest < FRAMES) {
@@ -45,9 +47,12 @@ TEST(PathRecorder, WritesThePathThatTheMotionsComeFrom) {
             const int frame = newest - DELAY;
             to_matrix(apps::true_motion(path.shaky(frame), path.steady(frame), 640, 480), matrix);
             observer.on_correction(observer.ctx, frame, matrix);
+            videostabilizer::VideoStabilizerReport report{};
+            report.frame = frame;
+            observer.on_report(observer.ctx, &report);
         }
     }
-    recorder.check();
+    follower.check();
 
     std::istringstream lines(sink.bytes);
     std::string line;

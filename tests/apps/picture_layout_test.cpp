@@ -1,4 +1,4 @@
-#include "apps/picture_layout.h"
+#include "apps/stabilize_video/picture_layout.h"
 
 #include <gtest/gtest.h>
 

@@ -33,7 +33,7 @@ TEST(StabilizeVideo, DeliversEveryFrameAtTheSameSize) {
         const Folder folder;
         write_clip(folder.file("in.y4m"), clip_of(c.width, c.height), c.frames);
         const Outcome outcome = run_program(folder, {folder.file("in.y4m"), folder.file("out.y4m"),
-                                                     "--path", folder.file("path.csv")});
+                                                     "--path", folder.file("path.csv"), "-q"});
         EXPECT_EQ(outcome.status, 0);
         EXPECT_EQ(outcome.errors, "");
         const std::string in = read_file(folder.file("in.y4m"));
@@ -51,7 +51,7 @@ TEST(StabilizeVideo, PipesGiveTheSameAsFiles) {
     write_clip(folder.file("in.y4m"), clip_of(98, 50), 30);
     ASSERT_EQ(run_program(folder, {folder.file("in.y4m"), folder.file("out.y4m")}).status, 0);
     const Outcome outcome =
-        run_shell(folder, "cat '" + folder.file("in.y4m") + "' | \"$PROGRAM\" - - | cat > '" +
+        run_shell(folder, "cat '" + folder.file("in.y4m") + "' | \"$PROGRAM\" - - -q | cat > '" +
                               folder.file("piped.y4m") + "'");
     EXPECT_EQ(outcome.errors, "");
     EXPECT_EQ(read_file(folder.file("piped.y4m")), read_file(folder.file("out.y4m")));
@@ -93,7 +93,7 @@ TEST(StabilizeVideo, ABrokenStreamGivesItsWholeFramesAndAnError) {
         SCOPED_TRACE(c.name);
         write_file(folder.file("broken.y4m"), c.stream);
         const Outcome outcome =
-            run_program(folder, {folder.file("broken.y4m"), folder.file("out.y4m")});
+            run_program(folder, {folder.file("broken.y4m"), folder.file("out.y4m"), "--overwrite"});
         EXPECT_EQ(outcome.status, 5);
         EXPECT_THAT(outcome.errors, HasSubstr(c.message));
         EXPECT_EQ(read_luma(folder.file("out.y4m")).size(), c.whole_frames);
@@ -114,14 +114,17 @@ TEST(StabilizeVideo, FailuresAreToldApartAndLeaveNothingBehind) {
         const char* message;
     } cases[] = {
         {{in}, 1, "OUT is required"},
+        {{in, in, out}, 1, "needs --output-dir"},
+        {{in, out, "--plot", "path.pdf"}, 1, ".png or .svg"},
+        {{in, out, "--output-dir", folder.file("steady"), "--json", "x"}, 1, "single file"},
         {{in, out, "--speed"}, 1, "--speed"},
         {{in, out, "-q", "-v"}, 1, "xcludes"},
-        {{in, in}, 1, "the output is the input"},
-        {{in, out, "--path", in}, 1, "would replace the input"},
+        {{in, in}, 1, "is the input"},
+        {{in, out, "--path", in}, 1, "is the input"},
         {{in, out, "--path", out}, 1, "different files"},
         {{folder.file("missing"), out}, 2, "No such file"},
         {{folder.file("."), out}, 2, "folder"},
-        {{folder.file("text"), out}, 2, "not YUV4MPEG2"},
+        {{folder.file("text"), out}, 2, "cannot read"},
         {{folder.file("cut.y4m"), out}, 2, "frame 0 is cut short"},
         {{in, folder.file("no/folder/out.y4m")}, 3, "No such file"},
         {{in, "/dev/full"}, 3, "No space left"},
@@ -142,8 +145,14 @@ TEST(StabilizeVideo, AFailedRunKeepsTheOlderOutput) {
     const Folder folder;
     write_file(folder.file("out.y4m"), "older");
     write_file(folder.file("cut.y4m"), "YUV4MPEG2 W64 H48\nFRAME\nshort");
-    EXPECT_EQ(run_program(folder, {folder.file("cut.y4m"), folder.file("out.y4m")}).status, 2);
-    EXPECT_EQ(read_file(folder.file("out.y4m")), "older");
+    const std::string cut = folder.file("cut.y4m");
+    const std::string out = folder.file("out.y4m");
+    EXPECT_EQ(run_program(folder, {cut, out, "--overwrite"}).status, 2);
+    EXPECT_EQ(read_file(out), "older");
+    const Outcome refused = run_program(folder, {cut, out});
+    EXPECT_EQ(refused.status, 3);
+    EXPECT_THAT(refused.errors, HasSubstr("exists already"));
+    EXPECT_EQ(read_file(out), "older");
 }
 
 TEST(StabilizeVideo, EndsWhenItsReaderGoesAwayEvenWhileItsInputIsSilent) {

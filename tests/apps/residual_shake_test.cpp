@@ -44,8 +44,9 @@ struct Stabilized {
 Stabilized stabilize(const apps::ShakyClip& clip, int frames) {
     const Folder folder;
     write_clip(folder.file("in.y4m"), clip, frames);
-    const Outcome outcome = run_program(
-        folder, {folder.file("in.y4m"), folder.file("out.y4m"), "--path", folder.file("path.csv")});
+    const Outcome outcome =
+        run_program(folder, {folder.file("in.y4m"), folder.file("out.y4m"), "--path",
+                             folder.file("path.csv"), "--strength", "gentle", "-q"});
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     return {read_luma(folder.file("in.y4m")), read_luma(folder.file("out.y4m")),
             read_csv(folder.file("path.csv"))};

@@ -1,0 +1,54 @@
+#include "apps/stabilize_video/ffmpeg.h"
+
+#include <array>
+#include <new>
+
+namespace apps {
+
+PacketPtr make_packet() {
+    PacketPtr packet(av_packet_alloc());
+    if (!packet) throw std::bad_alloc();
+    return packet;
+}
+
+PacketPtr copy_of(const AVPacket& packet) {
+    PacketPtr copy(av_packet_clone(&packet));
+    if (!copy) throw std::bad_alloc();
+    return copy;
+}
+
+AvFramePtr make_av_frame() {
+    AvFramePtr frame(av_frame_alloc());
+    if (!frame) throw std::bad_alloc();
+    return frame;
+}
+
+AvFramePtr make_picture(AVPixelFormat format, int width, int height) {
+    AvFramePtr frame = make_av_frame();
+    frame->format = format;
+    frame->width = width;
+    frame->height = height;
+    if (av_frame_get_buffer(frame.get(), 0) < 0) throw std::bad_alloc();
+    return frame;
+}
+
+std::string Dictionary::first_key() const {
+    const AVDictionaryEntry* entry = av_dict_get(dictionary_, "", nullptr, AV_DICT_IGNORE_SUFFIX);
+    return entry == nullptr ? "" : entry->key;
+}
+
+std::string av_reason(int error) {
+    std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
+    av_strerror(error, text.data(), text.size());
+    return text.data();
+}
+
+std::string size_text(int width, int height) {
+    return std::to_string(width) + "x" + std::to_string(height);
+}
+
+void show_ffmpeg_log(bool show) {
+    av_log_set_level(show ? AV_LOG_WARNING : AV_LOG_QUIET);
+}
+
+}  // namespace apps

@@ -1,0 +1,517 @@
+#include "apps/stabilize_video/media_sink.h"
+
+extern "C" {
+#include <libavutil/imgutils.h>
+#include <libavutil/opt.h>
+}
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <new>
+
+namespace apps {
+
+namespace {
+
+constexpr AVRational MICROSECONDS{1, AV_TIME_BASE};
+
+// What an encoder is asked for when the user does not say: quality that nobody complains about.
+struct Quality {
+    const char* encoder;
+    double crf;
+    const char* preset;
+};
+constexpr Quality QUALITIES[] = {
+    {"libx264", 18, "fast"}, {"libx265", 20, "fast"}, {"libvpx-vp9", 28, ""},
+    {"libvpx", 8, ""},       {"libaom-av1", 26, ""},  {"libsvtav1", 28, ""},
+};
+
+// Whether files of this format can hold H.264. Some muxers do not tell; those that carry its
+// forerunners do carry it.
+bool takes_h264(const AVOutputFormat& format) {
+    const int known = avformat_query_codec(&format, AV_CODEC_ID_H264, FF_COMPLIANCE_NORMAL);
+    if (known >= 0) return known == 1;
+    constexpr std::array<AVCodecID, 4> FORERUNNERS = {
+        AV_CODEC_ID_MPEG1VIDEO, AV_CODEC_ID_MPEG2VIDEO, AV_CODEC_ID_MPEG4, AV_CODEC_ID_H264};
+    return std::find(FORERUNNERS.begin(), FORERUNNERS.end(), format.video_codec) !=
+           FORERUNNERS.end();
+}
+
+// Whether a stream can be copied into a file of this format. Where the muxer does not tell, sound
+// and pictures are taken for common ones, and all else is known to fit only if the original is of
+// the same format.
+bool takes_copy(const AVOutputFormat& format, const AVStream& stream, const char* original) {
+    const AVCodecParameters& parameters = *stream.codecpar;
+    const int known = avformat_query_codec(&format, parameters.codec_id, FF_COMPLIANCE_NORMAL);
+    if (known >= 0) return known == 1;
+    return parameters.codec_type == AVMEDIA_TYPE_AUDIO ||
+           parameters.codec_type == AVMEDIA_TYPE_VIDEO || std::strcmp(format.name, original) == 0;
+}
+
+const AVCodec* find_encoder(const AVOutputFormat& format, const std::string& name) {
+    if (name.empty()) {
+        return avcodec_find_encoder(takes_h264(format) ? AV_CODEC_ID_H264 : format.video_codec);
+    }
+    const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
+    if (codec == nullptr) {
+        const AVCodecDescriptor* descriptor = avcodec_descriptor_get_by_name(name.c_str());
+        if (descriptor != nullptr) codec = avcodec_find_encoder(descriptor->id);
+    }
+    if (codec == nullptr || codec->type != AVMEDIA_TYPE_VIDEO) {
+        throw OutputError("there is no video encoder '" + name + "'");
+    }
+    return codec;
+}
+
+// The pixel format that costs least: 4:2:0 as it is, else the encoder's first.
+AVPixelFormat pixel_format_of(const AVCodec& codec) {
+    if (codec.pix_fmts == nullptr) return AV_PIX_FMT_YUV420P;
+    for (const AVPixelFormat* format = codec.pix_fmts; *format != AV_PIX_FMT_NONE; ++format) {
+        if (*format == AV_PIX_FMT_YUV420P) return *format;
+    }
+    return codec.pix_fmts[0];
+}
+
+void set_quality(AVCodecContext& encoder, const EncoderOptions& options) {
+    const std::string name = encoder.codec->name;
+    const auto has = [&](const char* option) {
+        return av_opt_find(encoder.priv_data, option, nullptr, 0, 0) != nullptr;
+    };
+    Quality quality{"", -1, ""};
+    for (const Quality& known : QUALITIES) {
+        if (name == known.encoder) quality = known;
+    }
+    if (options.crf && !has("crf")) {
+        throw OutputError("the encoder " + name + " knows no --crf");
+    }
+    if (!options.preset.empty() && !has("preset")) {
+        throw OutputError("the encoder " + name + " knows no --preset");
+    }
+    const double crf = options.crf.value_or(quality.crf);
+    if (crf >= 0) {
+        encoder.bit_rate = 0;
+        if (av_opt_set_double(encoder.priv_data, "crf", crf, 0) < 0) {
+            throw OutputError("the encoder " + name + " takes no --crf " + std::to_string(crf));
+        }
+    } else {
+        encoder.flags |= AV_CODEC_FLAG_QSCALE;
+        encoder.global_quality = 3 * FF_QP2LAMBDA;
+    }
+    const std::string preset = options.preset.empty() ? quality.preset : options.preset;
+    if (!preset.empty()) av_opt_set(encoder.priv_data, "preset", preset.c_str(), 0);
+    if (name == "libvpx-vp9" || name == "libaom-av1") {  // else they take minutes for seconds
+        av_opt_set_int(encoder.priv_data, "cpu-used", options.live ? 7 : 4, 0);
+        av_opt_set_int(encoder.priv_data, "row-mt", 1, 0);
+    }
+    if (options.live) {
+        av_opt_set(encoder.priv_data, "tune", "zerolatency", 0);
+        encoder.max_b_frames = 0;
+        encoder.flags |= AV_CODEC_FLAG_LOW_DELAY;
+    }
+}
+
+void copy_side_data(const AVStream& from, AVStream& to, bool turn) {
+    for (const AVPacketSideDataType type :
+         {AV_PKT_DATA_DISPLAYMATRIX, AV_PKT_DATA_MASTERING_DISPLAY_METADATA,
+          AV_PKT_DATA_CONTENT_LIGHT_LEVEL, AV_PKT_DATA_STEREO3D, AV_PKT_DATA_SPHERICAL}) {
+        if (type == AV_PKT_DATA_DISPLAYMATRIX && !turn) continue;
+        std::size_t size = 0;
+        const std::uint8_t* data = av_stream_get_side_data(&from, type, &size);
+        if (data == nullptr) continue;
+        std::uint8_t* copy = av_stream_new_side_data(&to, type, size);
+        if (copy == nullptr) throw std::bad_alloc();
+        std::memcpy(copy, data, size);
+    }
+}
+
+void copy_chapters(const AVFormatContext& from, AVFormatContext& to, std::int64_t offset_us) {
+    for (unsigned i = 0; i < from.nb_chapters; ++i) {
+        const AVChapter& chapter = *from.chapters[i];
+        auto* copy = static_cast<AVChapter*>(av_mallocz(sizeof(AVChapter)));
+        auto** grown = static_cast<AVChapter**>(
+            av_realloc_array(to.chapters, to.nb_chapters + 1, sizeof(AVChapter*)));
+        if (copy == nullptr || grown == nullptr) {
+            av_free(copy);
+            throw std::bad_alloc();
+        }
+        const std::int64_t offset = av_rescale_q(offset_us, MICROSECONDS, chapter.time_base);
+        copy->id = chapter.id;
+        copy->time_base = chapter.time_base;
+        copy->start = std::max<std::int64_t>(0, chapter.start - offset);
+        copy->end = chapter.end - offset;
+        av_dict_copy(&copy->metadata, chapter.metadata, 0);
+        to.chapters = grown;
+        to.chapters[to.nb_chapters++] = copy;
+    }
+}
+
+const char* kind_of(const AVCodecParameters& parameters) {
+    const char* kind = av_get_media_type_string(parameters.codec_type);
+    return kind == nullptr ? "unknown" : kind;
+}
+
+}  // namespace
+
+const AVOutputFormat* output_format_for(const std::string& path, const std::string& container) {
+    const AVOutputFormat* format = container.empty()
+                                       ? av_guess_format(nullptr, path.c_str(), nullptr)
+                                       : av_guess_format(container.c_str(), nullptr, nullptr);
+    if (format == nullptr) {
+        throw OutputError(container.empty()
+                              ? "the name " + path +
+                                    " does not tell the kind of file; give it an ending such as "
+                                    ".mp4, or --output-format"
+                              : "there is no output format '" + container + "'");
+    }
+    if (std::strcmp(format->name, "image2") == 0 || format->video_codec == AV_CODEC_ID_NONE) {
+        throw OutputError(path + " would not be a video (" + format->long_name + ")");
+    }
+    return format;
+}
+
+bool keeps_rotation(const AVOutputFormat& format) {
+    constexpr std::array<const char*, 6> KEEPING = {"mov", "mp4", "3gp", "3g2", "ipod", "psp"};
+    return std::any_of(KEEPING.begin(), KEEPING.end(),
+                       [&](const char* name) { return std::strcmp(name, format.name) == 0; });
+}
+
+MediaSink::MediaSink(const std::string& path, const PictureFormat& format,
+                     const EncoderOptions& options, const MediaSource* original,
+                     const std::atomic<bool>* stop)
+    : path_(path == "-" ? "standard output" : path),
+      stop_(stop),
+      width_(format.width),
+      height_(format.height),
+      packet_(make_packet()) {
+    const AVOutputFormat* muxer = output_format_for(path, options.container);
+    const bool url = path.find("://") != std::string::npos;
+    if (!url && !is_direct_output(path)) {
+        pending_ = std::make_unique<PendingFile>(path, options.existing);
+    }
+    std::string location = path == "-" ? "pipe:1" : path;
+    if (pending_) location = "file:" + pending_->temporary();
+
+    AVFormatContext* context = nullptr;
+    const int made = avformat_alloc_output_context2(&context, muxer, nullptr, location.c_str());
+    if (made < 0) fail(made);
+    context_.reset(context);
+    context->interrupt_callback.opaque = this;
+    context->interrupt_callback.callback = [](void* self) {
+        const std::atomic<bool>* flag = static_cast<MediaSink*>(self)->stop_;
+        return flag != nullptr && flag->load() ? 1 : 0;
+    };
+    if (options.live) {
+        context->flags |= AVFMT_FLAG_FLUSH_PACKETS;
+        context->max_interleave_delta = AV_TIME_BASE / 2;
+    }
+
+    open_encoder(format, options);
+    open_rate_filter(format);
+    video_ = avformat_new_stream(context, nullptr);
+    if (video_ == nullptr) throw std::bad_alloc();
+    const int copied = rate_filter_
+                           ? avcodec_parameters_copy(video_->codecpar, rate_filter_->par_out)
+                           : avcodec_parameters_from_context(video_->codecpar, encoder_.get());
+    if (copied < 0) throw std::bad_alloc();
+    video_->time_base = encoder_->time_base;
+    video_->avg_frame_rate = format.frame_rate;
+    video_->sample_aspect_ratio = format.pixel_aspect;
+    if (original != nullptr) add_copies(*original);
+    if ((muxer->flags & AVFMT_NOFILE) == 0) {
+        const int opened = avio_open2(&context->pb, location.c_str(), AVIO_FLAG_WRITE,
+                                      &context->interrupt_callback, nullptr);
+        if (opened < 0) fail(opened);
+    }
+    write_header(options);
+}
+
+MediaSink::~MediaSink() {
+    if (context_ && (context_->oformat->flags & AVFMT_NOFILE) == 0) avio_closep(&context_->pb);
+}
+
+void MediaSink::fail(int result) const {
+    if (result == AVERROR(ENOMEM)) throw std::bad_alloc();
+    if (result == AVERROR(EPIPE))
+        throw OutputError("cannot write " + path_ + ": its reader has gone");
+    throw OutputError("cannot write " + path_ + ": " +
+                      (result == AVERROR_EXIT ? "interrupted" : av_reason(result)));
+}
+
+CodecContextPtr MediaSink::try_encoder(const AVCodec* codec, const PictureFormat& format,
+                                       const EncoderOptions& options, int width, int height,
+                                       int& result) {
+    CodecContextPtr encoder(avcodec_alloc_context3(codec));
+    if (!encoder) throw std::bad_alloc();
+    encoder->width = width;
+    encoder->height = height;
+    encoder->time_base = format.time_base;
+    encoder->framerate = format.frame_rate;
+    encoder->sample_aspect_ratio = format.pixel_aspect;
+    encoder->pix_fmt = encoder_format_;
+    encoder->color_range = format.range;
+    encoder->color_primaries = format.primaries;
+    encoder->color_trc = format.transfer;
+    encoder->colorspace = format.matrix;
+    encoder->chroma_sample_location = format.chroma_location;
+    encoder->thread_count = 0;
+    encoder->strict_std_compliance = FF_COMPLIANCE_UNOFFICIAL;  // full range in JPEG pictures
+    if ((context_->oformat->flags & AVFMT_GLOBALHEADER) != 0) {
+        encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    }
+    set_quality(*encoder, options);
+    result = avcodec_open2(encoder.get(), codec, nullptr);
+    if (result < 0) return nullptr;
+    return encoder;
+}
+
+void MediaSink::open_encoder(const PictureFormat& format, const EncoderOptions& options) {
+    const AVCodec* codec = find_encoder(*context_->oformat, options.codec);
+    if (codec == nullptr) {
+        throw OutputError(std::string("there is no encoder for ") + context_->oformat->long_name);
+    }
+    if (avformat_query_codec(context_->oformat, codec->id, FF_COMPLIANCE_NORMAL) == 0) {
+        throw OutputError(std::string(context_->oformat->long_name) + " cannot hold " +
+                          avcodec_get_name(codec->id) + " video");
+    }
+    encoder_format_ = pixel_format_of(*codec);
+    int result = 0;
+    encoder_ = try_encoder(codec, format, options, width_, height_, result);
+    const int even_width = width_ + width_ % 2;
+    const int even_height = height_ + height_ % 2;
+    if (!encoder_ && (even_width != width_ || even_height != height_)) {
+        encoder_ = try_encoder(codec, format, options, even_width, even_height, result);
+        if (encoder_) {
+            notes_.push_back(std::string("the pictures get one row or column more (") +
+                             size_text(even_width, even_height) + "): " + codec->name +
+                             " takes even sizes only");
+        }
+    }
+    if (!encoder_) {
+        throw OutputError(std::string("the encoder ") + codec->name +
+                          " does not take pictures of " + size_text(width_, height_) + ": " +
+                          av_reason(result));
+    }
+}
+
+// H.264 and HEVC state a rate of their own. Encoders would take it from the ticks of the time stamps,
+// thousands a second; here it becomes that of the pictures.
+void MediaSink::open_rate_filter(const PictureFormat& format) {
+    const bool h264 = encoder_->codec_id == AV_CODEC_ID_H264;
+    const bool hevc = encoder_->codec_id == AV_CODEC_ID_HEVC;
+    if ((!h264 && !hevc) || format.nominal_rate.num <= 0) return;
+    AVBSFContext* filter = nullptr;
+    const AVBitStreamFilter* kind = av_bsf_get_by_name(h264 ? "h264_metadata" : "hevc_metadata");
+    if (kind == nullptr) return;
+    if (av_bsf_alloc(kind, &filter) < 0) throw std::bad_alloc();
+    rate_filter_.reset(filter);
+    filter->time_base_in = encoder_->time_base;
+    // H.264 counts in fields.
+    const AVRational rate = av_mul_q(format.nominal_rate, AVRational{h264 ? 2 : 1, 1});
+    av_opt_set_q(filter->priv_data, "tick_rate", rate, 0);
+    int result = avcodec_parameters_from_context(filter->par_in, encoder_.get());
+    if (result >= 0) result = av_bsf_init(filter);
+    if (result < 0) fail(result);
+}
+
+// Streams that a file of this kind cannot hold are left out, with a note.
+void MediaSink::add_copy(const AVStream& from, const char* original) {
+    const AVCodecParameters& parameters = *from.codecpar;
+    // The muxer makes the track of the chapters' titles anew.
+    if (parameters.codec_id == AV_CODEC_ID_BIN_DATA && context_->nb_chapters > 0) return;
+    const AVOutputFormat& muxer = *context_->oformat;
+    Copy& copy = copies_[static_cast<std::size_t>(from.index)];
+    if (!takes_copy(muxer, from, original)) {
+        const bool time_code = parameters.codec_tag == MKTAG('t', 'm', 'c', 'd');
+        if (!time_code) {  // time codes are kept as such, see the metadata
+            notes_.push_back(std::string("stream ") + std::to_string(from.index) + " (" +
+                             kind_of(parameters) + ", " + avcodec_get_name(parameters.codec_id) +
+                             ") is left out: " + muxer.long_name + " cannot hold it");
+        }
+        return;
+    }
+    AVStream* to = avformat_new_stream(context_.get(), nullptr);
+    if (to == nullptr || avcodec_parameters_copy(to->codecpar, &parameters) < 0) {
+        throw std::bad_alloc();
+    }
+    // A tag of the original's kind of file may mean nothing, or something else, in the output's.
+    unsigned tag = 0;
+    const bool same_meaning =
+        muxer.codec_tag == nullptr ||
+        av_codec_get_id(muxer.codec_tag, parameters.codec_tag) == parameters.codec_id ||
+        av_codec_get_tag2(muxer.codec_tag, parameters.codec_id, &tag) == 0;
+    to->codecpar->codec_tag = same_meaning ? parameters.codec_tag : 0;
+    to->time_base = from.time_base;
+    to->disposition = from.disposition;
+    to->avg_frame_rate = from.avg_frame_rate;
+    to->r_frame_rate = from.r_frame_rate;
+    to->sample_aspect_ratio = from.sample_aspect_ratio;
+    av_dict_copy(&to->metadata, from.metadata, 0);
+    for (int i = 0; i < from.nb_side_data; ++i) {
+        const AVPacketSideData& data = from.side_data[i];
+        std::uint8_t* space = av_stream_new_side_data(to, data.type, data.size);
+        if (space == nullptr) throw std::bad_alloc();
+        std::memcpy(space, data.data, data.size);
+    }
+    copy.stream = to->index;
+}
+
+void MediaSink::add_copies(const MediaSource& original) {
+    const AVFormatContext& container = original.container();
+    // Broadcast clocks start anywhere; files keep theirs.
+    if ((container.iformat->flags & AVFMT_TS_DISCONT) != 0 &&
+        container.start_time != AV_NOPTS_VALUE) {
+        offset_us_ = container.start_time;
+    }
+    av_dict_copy(&context_->metadata, container.metadata, 0);
+    for (const char* about_the_file :
+         {"major_brand", "minor_version", "compatible_brands", "encoder"}) {
+        av_dict_set(&context_->metadata, about_the_file, nullptr, 0);
+    }
+    copy_chapters(container, *context_, offset_us_);
+
+    copies_.resize(container.nb_streams);
+    for (unsigned i = 0; i < container.nb_streams; ++i) {
+        const AVStream& from = *container.streams[i];
+        copies_[i] = {from.time_base, -1};
+        if (&from == &original.video()) {
+            av_dict_copy(&video_->metadata, from.metadata, 0);
+            av_dict_set(&video_->metadata, "encoder", nullptr, 0);
+            video_->disposition = from.disposition;
+            copy_side_data(from, *video_, keeps_rotation(*context_->oformat));
+        } else {
+            add_copy(from, container.iformat->name);
+        }
+    }
+}
+
+void MediaSink::write_header(const EncoderOptions& options) {
+    Dictionary settings;
+    if (!options.live && pending_ && keeps_rotation(*context_->oformat)) {
+        settings.set("movflags", "+faststart");
+    }
+    const int result = avformat_write_header(context_.get(), settings.address());
+    if (result < 0) fail(result);
+    header_written_ = true;
+}
+
+void MediaSink::write_packet(AVPacket& packet) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    int result = av_interleaved_write_frame(context_.get(), &packet);
+    if (result >= 0 && context_->pb != nullptr) result = context_->pb->error;
+    if (result < 0) fail(result);
+}
+
+void MediaSink::write_encoded(AVPacket& packet) {
+    const auto duration = durations_.find(packet.pts);
+    if (duration != durations_.end()) {
+        packet.duration = duration->second;
+        durations_.erase(duration);
+    }
+    const std::int64_t offset = av_rescale_q(offset_us_, MICROSECONDS, encoder_->time_base);
+    packet.pts -= offset;
+    packet.dts -= offset;
+    packet.stream_index = video_->index;
+    av_packet_rescale_ts(&packet, encoder_->time_base, video_->time_base);
+    write_packet(packet);
+}
+
+// Takes the next picture into the encoder, null at the end, and writes what comes out.
+void MediaSink::encode(AVFrame* picture) {
+    int result = avcodec_send_frame(encoder_.get(), picture);
+    if (result < 0) fail(result);
+    for (;;) {
+        result = avcodec_receive_packet(encoder_.get(), packet_.get());
+        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) return;
+        if (result < 0) fail(result);
+        if (!rate_filter_) {
+            write_encoded(*packet_);
+            continue;
+        }
+        result = av_bsf_send_packet(rate_filter_.get(), packet_.get());
+        if (result >= 0) result = av_bsf_receive_packet(rate_filter_.get(), packet_.get());
+        if (result < 0) fail(result);
+        write_encoded(*packet_);
+    }
+}
+
+void MediaSink::write(const Planes& picture, const PictureTag& tag) {
+    AvFramePtr frame = make_picture(AV_PIX_FMT_YUV420P, encoder_->width, encoder_->height);
+    const unsigned char* planes[] = {picture.y, picture.u, picture.v};
+    for (int i = 0; i < 3; ++i) {
+        const int width = i == 0 ? width_ : (width_ + 1) / 2;
+        const int height = i == 0 ? height_ : (height_ + 1) / 2;
+        const int whole_width = i == 0 ? frame->width : (frame->width + 1) / 2;
+        const int whole_height = i == 0 ? frame->height : (frame->height + 1) / 2;
+        const std::ptrdiff_t stride = i == 0 ? picture.stride_y : picture.stride_uv;
+        av_image_copy_plane(frame->data[i], frame->linesize[i], planes[i], static_cast<int>(stride),
+                            width, height);
+        // An encoder of even sizes gets the last row or column twice.
+        if (whole_width > width) {
+            for (int y = 0; y < height; ++y) {
+                unsigned char* row =
+                    frame->data[i] + static_cast<std::ptrdiff_t>(y) * frame->linesize[i];
+                row[width] = row[width - 1];
+            }
+        }
+        if (whole_height > height) {
+            unsigned char* row =
+                frame->data[i] + static_cast<std::ptrdiff_t>(height) * frame->linesize[i];
+            std::memcpy(row, row - frame->linesize[i], static_cast<std::size_t>(whole_width));
+        }
+    }
+    frame->pts = tag.time;
+    frame->pkt_duration = tag.duration;
+    frame->color_range = encoder_->color_range;
+    frame->colorspace = encoder_->colorspace;
+    frame->sample_aspect_ratio = encoder_->sample_aspect_ratio;
+    durations_[tag.time] = tag.duration;
+    if (encoder_format_ != AV_PIX_FMT_YUV420P) {
+        if (!converter_) {
+            PictureConverter::Task task;
+            task.format = encoder_format_;
+            converter_ = std::make_unique<PictureConverter>(*frame, encoder_->time_base, task);
+        }
+        converter_->push(frame.get());
+        frame = converter_->pull();
+    }
+    if (frame) encode(frame.get());
+}
+
+void MediaSink::copy(const AVPacket& packet) {
+    const auto index = static_cast<std::size_t>(packet.stream_index);
+    // Streams that turn up in the middle of the input have no place in the output.
+    if (index >= copies_.size() || copies_[index].stream < 0) return;
+    const PacketPtr out = copy_of(packet);
+    const AVRational from = copies_[index].time_base;
+    const std::int64_t offset = av_rescale_q(offset_us_, MICROSECONDS, from);
+    if (out->pts != AV_NOPTS_VALUE) out->pts -= offset;
+    if (out->dts != AV_NOPTS_VALUE) out->dts -= offset;
+    out->stream_index = copies_[index].stream;
+    av_packet_rescale_ts(out.get(), from, context_->streams[out->stream_index]->time_base);
+    out->pos = -1;
+    write_packet(*out);
+}
+
+void MediaSink::finish() {
+    encode(nullptr);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    int result = av_write_trailer(context_.get());
+    if (result >= 0 && context_->pb != nullptr) result = context_->pb->error;
+    if (result < 0) fail(result);
+    if ((context_->oformat->flags & AVFMT_NOFILE) == 0) {
+        // Some file systems report a full disk only here.
+        result = avio_closep(&context_->pb);
+        if (result < 0) fail(result);
+    }
+}
+
+void MediaSink::commit() {
+    if (pending_) pending_->commit();
+}
+
+std::string MediaSink::keep_partial() {
+    return pending_ ? pending_->keep_partial() : "";
+}
+
+}  // namespace apps

@@ -1,0 +1,426 @@
+#include "apps/stabilize_video/media_source.h"
+
+extern "C" {
+#include <libavdevice/avdevice.h>
+#include <libavutil/display.h>
+#include <libavutil/imgutils.h>
+}
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <new>
+
+namespace apps {
+
+namespace {
+
+constexpr int STREAM_BUFFER_BYTES = 1 << 16;
+constexpr AVRational MICROSECONDS{1, AV_TIME_BASE};
+
+bool is_character_device(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 && S_ISCHR(info.st_mode);
+}
+
+bool is_regular_file(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+// Whether the demuxer reads still images. It would take one for a video of one picture.
+bool reads_still_images(const AVInputFormat& format) {
+    const std::string name = format.name;
+    constexpr const char* ENDING = "_pipe";
+    return name == "image2" || name == "ico" ||
+           (name.size() > 5 && name.compare(name.size() - 5, 5, ENDING) == 0);
+}
+
+bool interlaced_order(AVFieldOrder order) {
+    return order != AV_FIELD_UNKNOWN && order != AV_FIELD_PROGRESSIVE;
+}
+
+// How the player is to turn the picture, in quarter turns clockwise.
+int quarter_turns(const AVStream& stream) {
+    const std::uint8_t* matrix =
+        av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr);
+    if (matrix == nullptr) return 0;
+    const double counterclockwise =
+        av_display_rotation_get(reinterpret_cast<const std::int32_t*>(matrix));
+    if (std::isnan(counterclockwise)) return 0;
+    return ((-static_cast<int>(std::lround(counterclockwise / 90)) % 4) + 4) % 4;
+}
+
+// Full range in 4:2:0 is the same layout as limited range.
+void use_plain_420(AVFrame& frame) {
+    if (frame.format != AV_PIX_FMT_YUVJ420P) return;
+    frame.format = AV_PIX_FMT_YUV420P;
+    frame.color_range = AVCOL_RANGE_JPEG;
+}
+
+}  // namespace
+
+MediaSource::MediaSource(const std::string& url, const MediaSourceOptions& options)
+    : name_(url), stop_(options.stop) {
+    open(url, options);
+}
+
+MediaSource::MediaSource(std::unique_ptr<FdSource> stream, const MediaSourceOptions& options)
+    : name_(stream->name()), stream_(std::move(stream)), stop_(options.stop) {
+    open("", options);
+}
+
+MediaSource::~MediaSource() {
+    AVIOContext* io = stream_ && context_ ? context_->pb : nullptr;
+    context_.reset();
+    if (io != nullptr) {
+        av_freep(&io->buffer);
+        avio_context_free(&io);
+    }
+}
+
+void MediaSource::open(const std::string& url, const MediaSourceOptions& options) {
+    avdevice_register_all();
+    AVFormatContext* context = avformat_alloc_context();
+    if (context == nullptr) throw std::bad_alloc();
+    context->interrupt_callback.opaque = this;
+    context->interrupt_callback.callback = [](void* self) {
+        const std::atomic<bool>* stop = static_cast<MediaSource*>(self)->stop_;
+        return stop != nullptr && stop->load() ? 1 : 0;
+    };
+    if (stream_) {
+        auto* buffer = static_cast<unsigned char*>(av_malloc(STREAM_BUFFER_BYTES));
+        context->pb = avio_alloc_context(
+            buffer, STREAM_BUFFER_BYTES, 0, this,
+            [](void* self, std::uint8_t* to, int size) {
+                auto& source = *static_cast<MediaSource*>(self);
+                try {
+                    const std::size_t got =
+                        source.stream_->read_available(to, static_cast<std::size_t>(size));
+                    return got == 0 ? AVERROR_EOF : static_cast<int>(got);
+                } catch (const InputError&) {
+                    source.stream_failure_ = std::current_exception();
+                    return AVERROR(EIO);
+                }
+            },
+            nullptr, nullptr);
+        if (context->pb == nullptr) {
+            av_free(buffer);
+            avformat_free_context(context);
+            throw std::bad_alloc();
+        }
+    }
+
+    std::string container = options.container;
+    if (container.empty() && is_character_device(url)) container = "video4linux2";
+    const AVInputFormat* format = nullptr;
+    if (!container.empty()) {
+        format = av_find_input_format(container.c_str());
+        if (format == nullptr) {
+            avformat_free_context(context);
+            throw InputError("there is no input format '" + container + "'");
+        }
+    }
+    Dictionary settings;
+    for (const auto& [key, value] : options.options)
+        settings.set(key, value);
+    // A plain name is a file, whatever colons it holds.
+    const std::string location = is_regular_file(url) ? "file:" + url : url;
+    AVIOContext* const own_io = context->pb;
+    const int opened = avformat_open_input(&context, location.c_str(), format, settings.address());
+    if (opened < 0) {  // the context is gone
+        if (own_io != nullptr) {
+            AVIOContext* io = own_io;
+            av_freep(&io->buffer);
+            avio_context_free(&io);
+        }
+        if (stream_failure_) std::rethrow_exception(stream_failure_);
+        throw InputError("cannot read " + name_ + ": " + av_reason(opened));
+    }
+    context_.reset(context);
+    if (const std::string key = settings.first_key(); !key.empty()) {
+        throw InputError("the input format '" + std::string(context->iformat->name) +
+                         "' has no option '" + key + "'");
+    }
+    live_ = (context->iformat->flags & AVFMT_NOFILE) != 0 || context->pb == nullptr ||
+            (context->pb->seekable & AVIO_SEEKABLE_NORMAL) == 0;
+
+    const int found = avformat_find_stream_info(context, nullptr);
+    if (found < 0) throw InputError("cannot read " + name_ + ": " + av_reason(found));
+    find_video();
+    open_decoder();
+    packet_ = make_packet();
+    const AvFramePtr first = decode();
+    if (!first) {
+        if (stream_failure_) std::rethrow_exception(stream_failure_);
+        throw InputError("no picture of " + name_ + " can be decoded" +
+                         (read_failure_.empty() ? "" : ": " + read_failure_));
+    }
+    start_format(*first, options);
+    if (converter_) converter_->push(first.get());
+    first_ = converter_ ? next_picture() : AvFramePtr(av_frame_clone(first.get()));
+    if (!first_) throw InputError("no picture of " + name_ + " can be converted");
+    format_.width = first_->width;
+    format_.height = first_->height;
+    format_.pixel_aspect = first_->sample_aspect_ratio;
+    opening_ = false;
+}
+
+void MediaSource::find_video() {
+    const int index = av_find_best_stream(context_.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    const bool only_cover =
+        index >= 0 && (context_->streams[index]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
+    if (index < 0 || only_cover) {
+        const bool sound =
+            av_find_best_stream(context_.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0) >= 0;
+        throw NoVideoError(name_ + (sound ? " holds sound but no video" : " holds no video"));
+    }
+    video_ = context_->streams[index];
+    const bool one_picture = context_->nb_streams == 1 && video_->nb_frames <= 1;
+    const bool numbered = name_.find('%') != std::string::npos;
+    if (reads_still_images(*context_->iformat) && one_picture && !numbered && !stream_) {
+        throw NoVideoError(name_ + " is a still image; there is no shake to take out");
+    }
+}
+
+void MediaSource::open_decoder() {
+    const AVCodecParameters& parameters = *video_->codecpar;
+    const AVCodec* codec = avcodec_find_decoder(parameters.codec_id);
+    if (codec == nullptr) {
+        throw NoVideoError("there is no decoder for the video in " + name_ + " (" +
+                           avcodec_get_name(parameters.codec_id) + ")");
+    }
+    decoder_.reset(avcodec_alloc_context3(codec));
+    if (!decoder_ || avcodec_parameters_to_context(decoder_.get(), &parameters) < 0) {
+        throw std::bad_alloc();
+    }
+    decoder_->pkt_timebase = video_->time_base;
+    decoder_->framerate = av_guess_frame_rate(context_.get(), video_, nullptr);
+    decoder_->thread_count = 0;
+    if (live_) {  // threads by picture would hold back a picture each
+        decoder_->thread_type = FF_THREAD_SLICE;
+        decoder_->flags |= AV_CODEC_FLAG_LOW_DELAY;
+    }
+    const int result = avcodec_open2(decoder_.get(), codec, nullptr);
+    if (result < 0) {
+        throw InputError("the decoder " + std::string(codec->name) + " refuses " + name_ + ": " +
+                         av_reason(result));
+    }
+}
+
+// Decides from the first picture what is to be converted, and what all pictures have in common.
+void MediaSource::start_format(const AVFrame& decoded, const MediaSourceOptions& options) {
+    decoded_width_ = decoded.width;
+    decoded_height_ = decoded.height;
+    task_.deinterlace =
+        decoded.interlaced_frame != 0 || interlaced_order(video_->codecpar->field_order);
+    if (options.turn_upright) task_.quarter_turns = quarter_turns(*video_);
+    make_converter(decoded);
+
+    if (decoded.format != AV_PIX_FMT_YUV420P) {
+        const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(decoded.format));
+        notes_.push_back(std::string("pictures are converted from ") + (name ? name : "?") +
+                         " to 8-bit 4:2:0");
+    }
+    if (task_.deinterlace) notes_.emplace_back("interlaced pictures are made progressive");
+    if (task_.quarter_turns != 0) {
+        notes_.emplace_back("pictures are turned upright, since the output cannot hold a turn");
+    }
+
+    format_.time_base = video_->time_base;
+    format_.nominal_rate = av_guess_frame_rate(context_.get(), video_, nullptr);
+    format_.frame_rate = format_.nominal_rate;
+    if (video_->avg_frame_rate.num > 0) format_.frame_rate = video_->avg_frame_rate;
+    if (is_rgb(decoded.format)) {
+        format_.range = AVCOL_RANGE_MPEG;
+        format_.matrix = AVCOL_SPC_BT709;
+    } else {
+        format_.range = decoded.color_range;
+        format_.matrix = decoded.colorspace;
+    }
+    format_.primaries = decoded.color_primaries;
+    format_.transfer = decoded.color_trc;
+    format_.chroma_location = decoded.chroma_location;
+}
+
+void MediaSource::make_converter(const AVFrame& decoded) {
+    converter_.reset();
+    if (decoded.format != task_.format || task_.deinterlace || task_.quarter_turns != 0) {
+        converter_ = std::make_unique<PictureConverter>(decoded, video_->time_base, task_);
+    }
+}
+
+void MediaSource::set_packet_receiver(std::function<void(const AVPacket&)> receiver) {
+    receiver_ = std::move(receiver);
+    for (; !early_packets_.empty(); early_packets_.pop_front()) {
+        if (receiver_) receiver_(*early_packets_.front());
+    }
+}
+
+void MediaSource::forward(const AVPacket& packet) {
+    if (receiver_) {
+        receiver_(packet);
+    } else if (opening_) {
+        early_packets_.push_back(copy_of(packet));
+    }
+}
+
+// Takes the next packet from the input: into the decoder, or to the receiver. Returns false at the
+// end of the input, whatever the reason.
+bool MediaSource::read_packet() {
+    const int result = av_read_frame(context_.get(), packet_.get());
+    if (result < 0) {
+        if (stream_failure_) std::rethrow_exception(stream_failure_);
+        if (result == AVERROR_EXIT) throw InputError("interrupted");
+        if (result != AVERROR_EOF) read_failure_ = av_reason(result);
+        return false;
+    }
+    const AVPacket& packet = *packet_;
+    const AVStream& stream = *context_->streams[packet.stream_index];
+    if (packet.pts != AV_NOPTS_VALUE) {
+        end_us_ = std::max(
+            end_us_, av_rescale_q(packet.pts + packet.duration, stream.time_base, MICROSECONDS));
+    }
+    // A packet that the end of the file has cut would give a picture with a part missing. Of
+    // broadcasts, those around every gap are called corrupt, and most can be decoded.
+    const bool broadcast = (context_->iformat->flags & AVFMT_TS_DISCONT) != 0;
+    const bool cut = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0 && !live_ && !broadcast;
+    if (cut) {
+        ++cut_packets_;
+    } else if (&stream == video_) {
+        const int sent = avcodec_send_packet(decoder_.get(), &packet);
+        if (sent < 0 && sent != AVERROR(EAGAIN)) ++decode_errors_;
+    } else {
+        forward(packet);
+    }
+    av_packet_unref(packet_.get());
+    return true;
+}
+
+// The next picture from the decoder; null at the end.
+AvFramePtr MediaSource::decode() {
+    AvFramePtr frame = make_av_frame();
+    for (;;) {
+        const int result = avcodec_receive_frame(decoder_.get(), frame.get());
+        if (result == 0) break;
+        if (result == AVERROR_EOF) return nullptr;
+        if (result != AVERROR(EAGAIN)) {
+            ++decode_errors_;  // the decoder goes on with the next packet
+            continue;
+        }
+        if (!input_ended_ && !read_packet()) {
+            input_ended_ = true;
+            avcodec_send_packet(decoder_.get(), nullptr);
+        } else if (input_ended_) {
+            return nullptr;
+        }
+    }
+    if (decoded_width_ != 0 &&
+        (frame->width != decoded_width_ || frame->height != decoded_height_)) {
+        throw SizeChangedError(
+            "the pictures change from " + size_text(decoded_width_, decoded_height_) + " to " +
+            size_text(frame->width, frame->height) + " after picture " + std::to_string(pictures_));
+    }
+    if (frame->decode_error_flags != 0 || (frame->flags & AV_FRAME_FLAG_CORRUPT) != 0) {
+        ++damaged_pictures_;
+    }
+    use_plain_420(*frame);
+    // Players show pictures in the order of these times, so no two may share one.
+    std::int64_t time = frame->best_effort_timestamp;
+    const std::int64_t step = std::max<std::int64_t>(
+        1, frame->pkt_duration > 0
+               ? frame->pkt_duration
+               : av_rescale_q(1,
+                              av_inv_q(decoder_->framerate.num > 0 ? decoder_->framerate
+                                                                   : AVRational{25, 1}),
+                              video_->time_base));
+    if (time == AV_NOPTS_VALUE) time = last_time_ ? *last_time_ + step : 0;
+    if (last_time_ && time <= *last_time_) time = *last_time_ + 1;
+    last_time_ = time;
+    frame->pts = time;
+    frame->pict_type = AV_PICTURE_TYPE_NONE;
+    return frame;
+}
+
+// The next picture in the form that is wanted; null at the end.
+AvFramePtr MediaSource::next_picture() {
+    for (;;) {
+        if (converter_) {
+            AvFramePtr picture = converter_->pull();
+            if (picture) return picture;
+            if (converter_ended_) return nullptr;
+        }
+        AvFramePtr decoded = decode();
+        if (!converter_ && (!decoded || decoded->format == task_.format)) return decoded;
+        if (!decoded) {
+            converter_ended_ = true;
+            converter_->push(nullptr);
+        } else {
+            if (!converter_ || !converter_->accepts(*decoded)) make_converter(*decoded);
+            if (!converter_) return decoded;
+            converter_->push(decoded.get());
+        }
+    }
+}
+
+bool MediaSource::read(const Planes& to, PictureTag& tag) {
+    const AvFramePtr picture = first_ ? std::move(first_) : next_picture();
+    if (!picture) return false;
+    const int chroma_width = (format_.width + 1) / 2;
+    const int chroma_height = (format_.height + 1) / 2;
+    av_image_copy_plane(to.y, static_cast<int>(to.stride_y), picture->data[0], picture->linesize[0],
+                        format_.width, format_.height);
+    av_image_copy_plane(to.u, static_cast<int>(to.stride_uv), picture->data[1],
+                        picture->linesize[1], chroma_width, chroma_height);
+    av_image_copy_plane(to.v, static_cast<int>(to.stride_uv), picture->data[2],
+                        picture->linesize[2], chroma_width, chroma_height);
+    tag.time = picture->pts;
+    tag.duration = picture->pkt_duration;
+    tag.parameters.clear();
+    ++pictures_;
+    return true;
+}
+
+std::int64_t MediaSource::expected_pictures() const {
+    if (live_) return -1;
+    if (video_->nb_frames > 0) return video_->nb_frames;
+    const double rate = av_q2d(format_.frame_rate);
+    if (context_->duration <= 0 || !(rate > 0)) return -1;
+    return std::llround(static_cast<double>(context_->duration) / AV_TIME_BASE * rate);
+}
+
+std::string MediaSource::damage() const {
+    // What a container says of its length may be off by a few pictures.
+    constexpr double TOLERATED_SECONDS = 0.5;
+    std::string what;
+    const bool states_duration =
+        !live_ && context_->duration > 0 &&
+        context_->duration_estimation_method != AVFMT_DURATION_FROM_BITRATE;
+    const std::int64_t start = context_->start_time == AV_NOPTS_VALUE ? 0 : context_->start_time;
+    const double missing =
+        static_cast<double>(context_->duration - (end_us_ - start)) / AV_TIME_BASE;
+    const bool early = states_duration && input_ended_ && missing > TOLERATED_SECONDS;
+    if (!read_failure_.empty()) {
+        what = "the input broke off: " + read_failure_;
+    } else if (early || cut_packets_ > 0) {
+        what = "the input is cut short";
+    }
+    if (early) {
+        char seconds[32];
+        std::snprintf(seconds, sizeof seconds, " by %.1f seconds", missing);
+        what += seconds;
+    }
+    if (decode_errors_ > 0) {
+        what += (what.empty() ? "" : "; ") + std::to_string(decode_errors_) +
+                " pieces of the video could not be decoded";
+    }
+    if (damaged_pictures_ > 0) {
+        what += (what.empty() ? "" : "; ") + std::to_string(damaged_pictures_) +
+                " pictures of the input are damaged";
+    }
+    return what;
+}
+
+}  // namespace apps

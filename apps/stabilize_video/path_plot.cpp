@@ -1,0 +1,169 @@
+#include "apps/stabilize_video/path_plot.h"
+
+#include <plplot/plplot.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cctype>
+#include <functional>
+
+namespace apps {
+
+namespace {
+
+constexpr double DEGREES = 180 / 3.14159265358979323846;
+
+// Colours of PLplot's palette 0, as set below.
+enum Colour { BACKGROUND, INK, GRID, SHAKY, STEADY, COLOURS };
+constexpr PLINT RED[COLOURS] = {255, 40, 215, 213, 0};
+constexpr PLINT GREEN[COLOURS] = {255, 40, 215, 94, 114};
+constexpr PLINT BLUE[COLOURS] = {255, 40, 215, 0, 178};
+
+const char* device_for(const std::string& ending) {
+    return ending == "svg" ? "svgcairo" : "pngcairo";
+}
+
+std::string ending(const std::string& path) {
+    const std::size_t dot = path.find_last_of('.');
+    std::string text = dot == std::string::npos ? "" : path.substr(dot + 1);
+    for (char& c : text)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+// PLplot reads # as the start of an escape.
+std::string escaped(const std::string& text) {
+    std::string result;
+    for (const char c : text) {
+        if (c == '#') result += '#';
+        result += c;
+    }
+    return result;
+}
+
+struct Panel {
+    const char* label;
+    std::function<double(const CameraView&)> value;
+};
+
+std::vector<PLFLT> values(const std::vector<CameraView>& views, const Panel& panel) {
+    std::vector<PLFLT> result;
+    result.reserve(views.size());
+    for (const CameraView& view : views)
+        result.push_back(panel.value(view));
+    return result;
+}
+
+void draw_line(const std::vector<PLFLT>& times, const std::vector<PLFLT>& line, Colour colour,
+               double width) {
+    plcol0(colour);
+    plwidth(width);
+    plline(static_cast<PLINT>(times.size()), times.data(), line.data());
+}
+
+// An entry of the legend, from x on in parts of the drawing's width.
+void draw_sample(double x, const char* text, Colour colour, double width) {
+    constexpr double Y = 0.907;
+    const PLFLT xs[2] = {x, x + 0.035};
+    const PLFLT ys[2] = {Y, Y};
+    plcol0(colour);
+    plwidth(width);
+    plline(2, xs, ys);
+    plcol0(INK);
+    plptex(x + 0.043, Y, 1, 0, 0, text);
+}
+
+}  // namespace
+
+void PathPlot::add(const PathPoint& point) {
+    shaky_.push_back(point.shaky);
+    steady_.push_back(point.steady);
+}
+
+bool PathPlot::knows(const std::string& path) {
+    return ending(path) == "png" || ending(path) == "svg";
+}
+
+void PathPlot::check_available(const std::string& path) {
+    constexpr int MOST = 100;
+    const char* menu[MOST] = {};
+    const char* names[MOST] = {};
+    const char** menu_address = menu;
+    const char** names_address = names;
+    int count = MOST;
+    plgDevs(&menu_address, &names_address, &count);
+    const std::string wanted = device_for(ending(path));
+    // The library ends the program when it is asked for a device that it does not have.
+    if (std::find(names, names + std::min(count, MOST), wanted) == names + std::min(count, MOST)) {
+        throw OutputError("cannot draw " + path + ": PLplot has no device " + wanted +
+                          " (Debian: plplot-driver-cairo)");
+    }
+}
+
+void PathPlot::draw(const std::string& to, const std::string& name) const {
+    const Panel panels[] = {
+        {"to the right [pixels]", [](const CameraView& view) { return view.x; }},
+        {"down [pixels]", [](const CameraView& view) { return view.y; }},
+        {"turned clockwise [degrees]", [](const CameraView& view) { return view.angle * DEGREES; }},
+    };
+    std::vector<PLFLT> times;
+    for (std::size_t i = 0; i < shaky_.size(); ++i) {
+        times.push_back(static_cast<double>(i) / (frame_rate_ > 0 ? frame_rate_ : 1));
+    }
+    const double last = times.size() > 1 ? times.back() : 1;
+
+    plsdev(device_for(ending(name)));
+    plsfnam(to.c_str());
+    plspage(0, 0, 1200, 1050, 0, 0);
+    plscmap0(RED, GREEN, BLUE, COLOURS);
+    plsfont(PL_FCI_SANS, PL_FCI_UPRIGHT, PL_FCI_MEDIUM);
+    plinit();
+    pladv(0);
+    constexpr double LEFT = 0.10, RIGHT = 0.97, TOP = 0.885, BOTTOM = 0.07, GAP = 0.025;
+    const double height = (TOP - BOTTOM - 2 * GAP) / 3;
+    for (int i = 0; i < 3; ++i) {
+        const Panel& panel = panels[i];
+        const std::vector<PLFLT> shaky = values(shaky_, panel);
+        const std::vector<PLFLT> steady = values(steady_, panel);
+        double low = 0;
+        double high = 0;
+        for (const auto* line : {&shaky, &steady}) {
+            for (const double value : *line) {
+                low = std::min(low, value);
+                high = std::max(high, value);
+            }
+        }
+        const double margin = std::max(0.05 * (high - low), 1e-3);
+        const double top = TOP - i * (height + GAP);
+        plvpor(LEFT, RIGHT, top - height, top);
+        plwind(0, last, low - margin, high + margin);
+        plschr(0, 0.65);
+        plwidth(1);
+        plcol0(GRID);
+        plbox("g", 0, 0, "g", 0, 0);
+        plcol0(INK);
+        plbox(i == 2 ? "bcnst" : "bcst", 0, 0, "bcnstv", 0, 0);
+        plmtex("l", 5.0, 0.5, 0.5, panel.label);
+        if (i == 2) plmtex("b", 3.0, 0.5, 0.5, frame_rate_ > 0 ? "time [seconds]" : "frame");
+        draw_line(times, shaky, SHAKY, 1.2);
+        draw_line(times, steady, STEADY, 2.5);
+    }
+
+    plvpor(0, 1, 0, 1);
+    plwind(0, 1, 0, 1);
+    plcol0(INK);
+    plschr(0, 0.9);
+    plptex(LEFT, 0.97, 1, 0, 0, escaped(title_).c_str());
+    plschr(0, 0.65);
+    plptex(LEFT, 0.935, 1, 0, 0, escaped(summary_).c_str());
+    draw_sample(0.56, "shaky, as filmed", SHAKY, 1.2);
+    draw_sample(0.76, "steady, as corrected", STEADY, 2.5);
+    plend();
+
+    struct stat info {};
+    if (stat(to.c_str(), &info) != 0 || info.st_size == 0) {
+        throw OutputError("cannot write " + name + ": the plot cannot be drawn");
+    }
+}
+
+}  // namespace apps

@@ -1,0 +1,105 @@
+#include "apps/stabilize_video/picture_converter.h"
+
+extern "C" {
+#include <libavfilter/buffersink.h>
+#include <libavfilter/buffersrc.h>
+}
+
+#include <new>
+
+#include "apps/byte_io.h"
+
+namespace apps {
+
+namespace {
+
+void check(int result) {
+    if (result == AVERROR(ENOMEM)) throw std::bad_alloc();
+    if (result < 0) throw InputError("the pictures cannot be converted: " + av_reason(result));
+}
+
+AVFilterContext* add(AVFilterGraph* graph, const char* filter, const std::string& arguments,
+                     AVFilterContext* after) {
+    AVFilterContext* context = nullptr;
+    check(avfilter_graph_create_filter(&context, avfilter_get_by_name(filter), nullptr,
+                                       arguments.c_str(), nullptr, graph));
+    if (after != nullptr) check(avfilter_link(after, 0, context, 0));
+    return context;
+}
+
+std::string ratio(AVRational value) {
+    return std::to_string(value.num) + "/" + std::to_string(value.den);
+}
+
+}  // namespace
+
+bool is_rgb(int pixel_format) {
+    const AVPixFmtDescriptor* descriptor =
+        av_pix_fmt_desc_get(static_cast<AVPixelFormat>(pixel_format));
+    return descriptor != nullptr && (descriptor->flags & AV_PIX_FMT_FLAG_RGB) != 0;
+}
+
+PictureConverter::PictureConverter(const AVFrame& sample, AVRational time_base, const Task& task)
+    : width_(sample.width),
+      height_(sample.height),
+      format_(sample.format),
+      time_base_(time_base),
+      graph_(avfilter_graph_alloc()) {
+    if (!graph_) throw std::bad_alloc();
+    AVFilterGraph* const graph = graph_.get();
+    graph->nb_threads = 1;  // the picture before is being decoded and the one after stabilised
+    source_ = add(graph, "buffer",
+                  "video_size=" + size_text(width_, height_) +
+                      ":pix_fmt=" + std::to_string(format_) + ":time_base=" + ratio(time_base) +
+                      ":pixel_aspect=" + ratio(sample.sample_aspect_ratio),
+                  nullptr);
+    AVFilterContext* last = source_;
+    if (task.deinterlace) last = add(graph, "bwdif", "mode=send_frame:deint=interlaced", last);
+    if (format_ != task.format) {
+        std::string scale = "flags=bicubic+accurate_rnd+full_chroma_int";
+        if (is_rgb(format_)) {
+            scale += ":out_color_matrix=bt709:out_range=limited";
+        } else {
+            const char* range = sample.color_range == AVCOL_RANGE_JPEG ? "full" : "limited";
+            scale += std::string(":in_range=") + range + ":out_range=" + range;
+        }
+        last = add(graph, "scale", scale, last);
+        last = add(graph, "format", av_get_pix_fmt_name(task.format), last);
+    }
+    switch (task.quarter_turns) {
+        case 1:
+            last = add(graph, "transpose", "dir=clock", last);
+            break;
+        case 2:
+            last = add(graph, "hflip", "", add(graph, "vflip", "", last));
+            break;
+        case 3:
+            last = add(graph, "transpose", "dir=cclock", last);
+            break;
+        default:
+            break;
+    }
+    sink_ = add(graph, "buffersink", "", last);
+    check(avfilter_graph_config(graph, nullptr));
+}
+
+bool PictureConverter::accepts(const AVFrame& picture) const {
+    return picture.width == width_ && picture.height == height_ && picture.format == format_;
+}
+
+void PictureConverter::push(AVFrame* picture) {
+    check(av_buffersrc_add_frame_flags(source_, picture, AV_BUFFERSRC_FLAG_KEEP_REF));
+}
+
+AvFramePtr PictureConverter::pull() {
+    AvFramePtr picture = make_av_frame();
+    const int result = av_buffersink_get_frame(sink_, picture.get());
+    if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) return nullptr;
+    check(result);
+    if (picture->pts != AV_NOPTS_VALUE) {
+        picture->pts = av_rescale_q(picture->pts, av_buffersink_get_time_base(sink_), time_base_);
+    }
+    return picture;
+}
+
+}  // namespace apps
