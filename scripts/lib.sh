@@ -2,6 +2,7 @@
 # What the scripts of this folder share. Source it; it changes no directory.
 #
 #   root            the top folder of the repository
+#   build_packages  the Debian packages that building everything but the tests takes
 #   say TEXT        tells the user what happens now
 #   die TEXT        one sentence on standard error, and the end
 #   need_packages   installs the Debian packages among its arguments that are missing
@@ -9,6 +10,14 @@
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 export root
+
+# shellcheck disable=SC2034
+build_packages=(
+  build-essential cmake ninja-build pkg-config
+  ocl-icd-opencl-dev opencl-headers
+  libavcodec-dev libavdevice-dev libavfilter-dev libavformat-dev libavutil-dev libswscale-dev
+  libcli11-dev libplplot-dev nlohmann-json3-dev
+)
 
 say() {
   printf '== %s\n' "$*"

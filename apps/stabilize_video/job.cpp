@@ -207,9 +207,12 @@ void Job::open_results() {
     if (!options_.plot_file.empty()) {
         PathPlot::check_available(options_.plot_file);
         plot_file_ = std::make_unique<PendingFile>(options_.plot_file, options_.existing);
+        const std::string& name = options_.inputs[0];
         const PictureFormat& format = input_.source->format();
         const double rate = format.frame_rate.num > 0 ? av_q2d(format.frame_rate) : 0;
-        plot_ = std::make_unique<PathPlot>(rate, "Where the camera looks: " + options_.inputs[0]);
+        const std::string title =
+            name == "-" ? "standard input" : std::filesystem::path(name).filename().string();
+        plot_ = std::make_unique<PathPlot>(rate, "Where the camera looks: " + title);
     }
 }
 

@@ -41,9 +41,13 @@ constexpr const char* FOOTER =
     "\n"
     "Examples:\n"
     "  stabilize-video shaky.mp4 steady.mp4\n"
+    "                            sound, subtitles and all else are kept\n"
     "  stabilize-video shaky.mp4 steady.mp4 --compare both.mp4 --plot path.png\n"
+    "                            to see what has been done\n"
     "  stabilize-video --output-dir steady holiday/*.mp4\n"
-    "  stabilize-video /dev/video0 - --output-format mpegts | ffplay -";
+    "                            a batch\n"
+    "  stabilize-video /dev/video0 - --output-format mpegts | ffplay -\n"
+    "                            a camera, live";
 
 // Help as other programs print it, which help2man can turn into a manual page.
 class HelpFormatter : public CLI::Formatter {

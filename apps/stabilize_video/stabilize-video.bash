@@ -1,0 +1,41 @@
+# Completion of stabilize-video for bash. The options come from the program's own help.
+
+_stabilize_video() {
+  local cur prev words cword split
+  _init_completion -s || return
+
+  case $prev in
+    --strength)
+      mapfile -t COMPREPLY < <(compgen -W 'gentle standard strong maximum' -- "$cur")
+      return
+      ;;
+    --preset)
+      mapfile -t COMPREPLY < <(compgen -W 'ultrafast superfast veryfast faster fast medium slow
+        slower veryslow' -- "$cur")
+      return
+      ;;
+    --codec)
+      mapfile -t COMPREPLY < <(compgen -W 'h264 hevc vp9 av1 ffv1 mpeg4' -- "$cur")
+      return
+      ;;
+    --output-dir)
+      _filedir -d
+      return
+      ;;
+    --plot)
+      _filedir '@(png|svg)'
+      return
+      ;;
+    --look-ahead | --crop | --crf | --jobs | --input-format | --input-option | --output-format)
+      return
+      ;;
+  esac
+  $split && return
+
+  if [[ $cur == -* ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "$(_parse_help "$1")" -- "$cur")
+  else
+    _filedir
+  fi
+} &&
+  complete -F _stabilize_video stabilize-video

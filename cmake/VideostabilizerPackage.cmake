@@ -1,0 +1,22 @@
+# cpack -G DEB: one Debian package with the library, its development files and stabilize-video.
+set(CPACK_PACKAGE_NAME videostabilizer)
+set(CPACK_PACKAGE_VENDOR "The videostabilizer maintainers")
+set(CPACK_PACKAGE_CONTACT "The videostabilizer maintainers <maintainers@videostabilizer.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY ${PROJECT_DESCRIPTION})
+set(CPACK_PACKAGE_DESCRIPTION "Takes the shake out of hand-held video: the program stabilize-video for
+files, cameras and pipes, and the C++ library behind it with its headers.")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_GENERATOR DEB)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
+# Loaded at run time, so the linker does not know: an OpenCL device, and what draws the plots.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "pocl-opencl-icd | opencl-icd, plplot-driver-cairo")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "fonts-dejavu-core, bash-completion")
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS OFF)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+file(WRITE ${PROJECT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/triggers)
+include(CPack)
