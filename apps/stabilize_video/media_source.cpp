@@ -400,8 +400,9 @@ std::string MediaSource::damage() const {
         context_->duration_estimation_method != AVFMT_DURATION_FROM_BITRATE;
     const std::int64_t start = context_->start_time == AV_NOPTS_VALUE ? 0 : context_->start_time;
     const double missing =
-        static_cast<double>(context_->duration - (end_us_ - start)) / AV_TIME_BASE;
-    const bool early = states_duration && input_ended_ && missing > TOLERATED_SECONDS;
+        states_duration ? static_cast<double>(context_->duration - (end_us_ - start)) / AV_TIME_BASE
+                        : 0;
+    const bool early = input_ended_ && missing > TOLERATED_SECONDS;
     if (!read_failure_.empty()) {
         what = "the input broke off: " + read_failure_;
     } else if (early || cut_packets_ > 0) {
