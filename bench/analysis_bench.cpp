@@ -8,6 +8,7 @@
 
 #include "apps/scene.h"
 #include "features/fast16_variants.h"
+#include "features/lucas_kanade_variants.h"
 #include "pipeline/decimate.h"
 
 // The tracker reports lost points; a benchmark of it is not to measure a terminal.
@@ -66,7 +67,28 @@ struct Analysis {
     Analysis(const Analysis&) = delete;
     Analysis& operator=(const Analysis&) = delete;
 
+    // Follows the corners by a variant, and keeps the pairs in pixels of the full picture.
+    void track(const TrackVariant& variant) {
+        const GreyImage prev = {images[0].data(), size.image_width(), size.image_height()};
+        const GreyImage next = {images[1].data(), size.image_width(), size.image_height()};
+        const auto scale = static_cast<float>(size.scale);
+        matched_prev.clear();
+        matched_next.clear();
+        for (const KeyPoint& corner : corners) {
+            KeyPoint found{};
+            unsigned char status = 0;
+            track_point(variant, prev, next, tracker, corner, found, status);
+            if (status != 0) {
+                matched_prev.push_back({corner.x * scale, corner.y * scale, 0, 0});
+                matched_next.push_back({found.x * scale, found.y * scale, 0, 0});
+            }
+        }
+    }
+
     Size size;
+    LK_Params tracker{5, 4, 5, 0.05F, 0.05F, 72, 72, 0, 0};
+    std::vector<KeyPoint> matched_prev;
+    std::vector<KeyPoint> matched_next;
     Plane pictures[2];
     Plane images[2];
     FastParams fast{};
@@ -82,6 +104,15 @@ void find_corners(benchmark::State& state, const CornerVariant& variant, const S
                        size.image_height(), analysis.fast);
     }
     state.counters["corners"] = static_cast<double>(found.size());
+}
+
+void track(benchmark::State& state, const TrackVariant& variant, const Size& size) {
+    Analysis analysis(size);
+    for (auto _ : state) {
+        analysis.track(variant);
+    }
+    state.counters["points"] = static_cast<double>(analysis.corners.size());
+    state.counters["tracked"] = static_cast<double>(analysis.matched_prev.size());
 }
 
 // Name/variant/width/height, the variants of one size next to each other.
@@ -112,6 +143,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     add("Corners", corner_variants, find_corners);
+    add("Track", track_variants, track);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

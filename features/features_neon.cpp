@@ -4,3 +4,4 @@
 #define VS_LEVEL neon
 
 #include "features/fast16_vector.h"
+#include "features/lucas_kanade_vector.h"
