@@ -3,6 +3,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -95,6 +96,44 @@ struct Analysis {
     std::vector<KeyPoint> corners;
 };
 
+using Decimate = void(const unsigned char* luma, int width, int height, int scale,
+                      unsigned char* image);
+
+void decimate_plain(const unsigned char* luma, int width, int height, int scale,
+                    unsigned char* image) {
+    const int image_width = width / scale;
+    for (int r = 0; r < height / scale; ++r) {
+        decimate_row(luma + area(r * scale, width), scale, image + area(r, image_width),
+                     image_width);
+    }
+}
+
+// The floor: the rows that decimation reads, copied.
+void copy_rows(const unsigned char* luma, int width, int height, int scale, unsigned char* copy) {
+    for (int r = 0; r < height / scale; ++r) {
+        std::memcpy(copy + area(r, width), luma + area(r * scale, width), area(width, 1));
+    }
+}
+
+constexpr struct DecimateVariant {
+    const char* name;
+    CpuLevel level;
+    Decimate* run;
+} decimate_variants[] = {
+    {"plain", CpuLevel::PLAIN, decimate_plain},
+    {"packed", CpuLevel::PLAIN, decimate_luma},
+    {"copy", CpuLevel::PLAIN, copy_rows},
+};
+
+void decimate(benchmark::State& state, const DecimateVariant& variant, const Size& size) {
+    Analysis analysis(size);
+    Plane image(area(size.width, size.height));
+    for (auto _ : state) {
+        variant.run(analysis.pictures[0].data(), size.width, size.height, size.scale, image.data());
+        benchmark::ClobberMemory();
+    }
+}
+
 void find_corners(benchmark::State& state, const CornerVariant& variant, const Size& size) {
     Analysis analysis(size);
     std::vector<KeyPoint> found;
@@ -135,6 +174,13 @@ void add(const char* name, const Variant (&variants)[COUNT],
     }
 }
 
+[[maybe_unused]] const bool registered = [] {
+    add("Decimate", decimate_variants, decimate);
+    add("Corners", corner_variants, find_corners);
+    add("Track", track_variants, track);
+    return true;
+}();
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -142,8 +188,6 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;
     }
-    add("Corners", corner_variants, find_corners);
-    add("Track", track_variants, track);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

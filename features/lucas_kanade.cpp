@@ -28,8 +28,9 @@ int sample_spacing(int level) {
 // Of the samples centre - r, centre - r + spacing, ..., centre + r with r = win_radius * spacing,
 // those whose neighbours one spacing away on either side lie in 0 .. size - 1. So the window loops
 // need no test of their own, and their gradients are never read outside the image.
-Samples usable_samples(float centre, int win_radius, int spacing, int size) {
+Samples usable_samples(float centre, int win_radius, int level, int size) {
     constexpr Samples none = {0, 0, 0};
+    const int spacing = sample_spacing(level);
     // Written so that NaN fails as well. What lies beyond the range of int is far from any image.
     if (!(std::fabs(centre) < 0x1p31F) || spacing == 0) {
         return none;
@@ -38,21 +39,20 @@ Samples usable_samples(float centre, int win_radius, int spacing, int size) {
     const std::int64_t radius = std::int64_t{win_radius} * spacing;
     std::int64_t first = whole - radius;
     if (first < spacing) {
-        first += (spacing - first + spacing - 1) / spacing * spacing;
+        first += ((spacing - first + spacing - 1) >> level) * spacing;
     }
-    std::int64_t last = std::min(whole + radius, std::int64_t{size} - 1 - spacing);
+    const std::int64_t last = std::min(whole + radius, std::int64_t{size} - 1 - spacing);
     if (last < first) {
         return none;
     }
-    const std::int64_t steps = (last - first) / spacing;
+    const std::int64_t steps = (last - first) >> level;
     return {static_cast<int>(first), static_cast<int>(first + steps * spacing),
             static_cast<int>(steps + 1)};
 }
 
 Window usable_window(const KeyPoint& pt, int win_radius, int level, const GreyImage& image) {
-    const int spacing = sample_spacing(level);
-    return {usable_samples(pt.x, win_radius, spacing, image.width),
-            usable_samples(pt.y, win_radius, spacing, image.height), spacing};
+    return {usable_samples(pt.x, win_radius, level, image.width),
+            usable_samples(pt.y, win_radius, level, image.height), sample_spacing(level)};
 }
 
 bool is_empty(const Window& window) {

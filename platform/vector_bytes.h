@@ -37,10 +37,10 @@ inline Bytes subtract_saturated(Bytes a, Bytes b) {
     return {_mm256_subs_epu8(a.v, b.v)};
 }
 inline Bytes smaller(Bytes a, Bytes b) {
-    return {_mm256_min_epu8(a.v, b.v)};  // NOLINT(portability-simd-intrinsics)
+    return {_mm256_min_epu8(a.v, b.v)};
 }
 inline Bytes larger(Bytes a, Bytes b) {
-    return {_mm256_max_epu8(a.v, b.v)};  // NOLINT(portability-simd-intrinsics)
+    return {_mm256_max_epu8(a.v, b.v)};
 }
 inline Bytes either(Bytes a, Bytes b) {
     return {_mm256_or_si256(a.v, b.v)};
@@ -81,10 +81,10 @@ inline Bytes subtract_saturated(Bytes a, Bytes b) {
     return {_mm_subs_epu8(a.v, b.v)};
 }
 inline Bytes smaller(Bytes a, Bytes b) {
-    return {_mm_min_epu8(a.v, b.v)};  // NOLINT(portability-simd-intrinsics)
+    return {_mm_min_epu8(a.v, b.v)};
 }
 inline Bytes larger(Bytes a, Bytes b) {
-    return {_mm_max_epu8(a.v, b.v)};  // NOLINT(portability-simd-intrinsics)
+    return {_mm_max_epu8(a.v, b.v)};
 }
 inline Bytes either(Bytes a, Bytes b) {
     return {_mm_or_si128(a.v, b.v)};

@@ -105,8 +105,7 @@ inline Words both(Words a, Words b) {
 }
 inline Words absolute(Words a) {
     const Words negative = subtract(zero_words(), a);
-    return {_mm_max_epi16(a.low, negative.low),     // NOLINT(portability-simd-intrinsics)
-            _mm_max_epi16(a.high, negative.high)};  // NOLINT(portability-simd-intrinsics)
+    return {_mm_max_epi16(a.low, negative.low), _mm_max_epi16(a.high, negative.high)};
 }
 inline Sums zero_sums() {
     return {_mm_setzero_si128()};
