@@ -34,3 +34,45 @@ function(vs_add_subsystem name)
     target_link_libraries(vs_${name} PUBLIC vs_${dependency})
   endforeach()
 endfunction()
+
+# Vector levels that this compiler builds variants for; platform/cpu_level.h says which of them run.
+include(CheckCXXSourceCompiles)
+check_cxx_source_compiles("#if !defined(__x86_64__) && !defined(__i386__)
+#error
+#endif
+int main() { return 0; }" VIDEOSTABILIZER_IS_X86)
+check_cxx_source_compiles("#include <arm_neon.h>
+#if !defined(__ARM_NEON)
+#error
+#endif
+int main() { return 0; }" VIDEOSTABILIZER_HAS_NEON)
+if(VIDEOSTABILIZER_IS_X86)
+  set(vs_vector_levels sse2 avx2)
+elseif(VIDEOSTABILIZER_HAS_NEON)
+  set(vs_vector_levels neon)
+else()
+  set(vs_vector_levels "")
+endif()
+foreach(level IN ITEMS sse2 avx2 neon)  # for the tables of variants
+  string(TOUPPER ${level} LEVEL)
+  if(level IN_LIST vs_vector_levels)
+    target_compile_definitions(vs_options INTERFACE VS_HAS_${LEVEL}=1)
+  else()
+    target_compile_definitions(vs_options INTERFACE VS_HAS_${LEVEL}=0)
+  endif()
+endforeach()
+
+# vs_add_vector_variants(NAME PREFIX)
+#
+# Adds PREFIX_<level>.cpp to the subsystem NAME for each of the levels, built with the instructions
+# of that level. Only those files may hold such instructions, and nothing but functions of a
+# namespace of their own: an inline function shared with other sources could be kept in the wide form
+# and run anywhere.
+function(vs_add_vector_variants name prefix)
+  foreach(level IN LISTS vs_vector_levels)
+    target_sources(vs_${name} PRIVATE ${prefix}_${level}.cpp)
+    if(VIDEOSTABILIZER_IS_X86)
+      set_source_files_properties(${prefix}_${level}.cpp PROPERTIES COMPILE_OPTIONS -m${level})
+    endif()
+  endforeach()
+endfunction()
