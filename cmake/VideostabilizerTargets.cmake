@@ -53,25 +53,26 @@ elseif(VIDEOSTABILIZER_HAS_NEON)
 else()
   set(vs_vector_levels "")
 endif()
+foreach(level IN ITEMS sse2 avx2 neon)  # for the tables of variants
+  string(TOUPPER ${level} LEVEL)
+  if(level IN_LIST vs_vector_levels)
+    target_compile_definitions(vs_options INTERFACE VS_HAS_${LEVEL}=1)
+  else()
+    target_compile_definitions(vs_options INTERFACE VS_HAS_${LEVEL}=0)
+  endif()
+endforeach()
 
 # vs_add_vector_variants(NAME PREFIX)
 #
 # Adds PREFIX_<level>.cpp to the subsystem NAME for each of the levels, built with the instructions
-# of that level, and tells its sources which levels there are: VS_HAS_SSE2, VS_HAS_AVX2, VS_HAS_NEON.
-# Only those files may hold such instructions, and nothing but functions of a namespace of their own:
-# an inline function shared with other sources could be kept in the wide form and run anywhere.
+# of that level. Only those files may hold such instructions, and nothing but functions of a
+# namespace of their own: an inline function shared with other sources could be kept in the wide form
+# and run anywhere.
 function(vs_add_vector_variants name prefix)
-  foreach(level IN ITEMS sse2 avx2 neon)
-    string(TOUPPER ${level} LEVEL)
-    if(level IN_LIST vs_vector_levels)
-      target_sources(vs_${name} PRIVATE ${prefix}_${level}.cpp)
-      target_compile_definitions(vs_${name} PRIVATE VS_HAS_${LEVEL}=1)
-    else()
-      target_compile_definitions(vs_${name} PRIVATE VS_HAS_${LEVEL}=0)
+  foreach(level IN LISTS vs_vector_levels)
+    target_sources(vs_${name} PRIVATE ${prefix}_${level}.cpp)
+    if(VIDEOSTABILIZER_IS_X86)
+      set_source_files_properties(${prefix}_${level}.cpp PROPERTIES COMPILE_OPTIONS -m${level})
     endif()
   endforeach()
-  if(VIDEOSTABILIZER_IS_X86)
-    set_source_files_properties(${prefix}_sse2.cpp PROPERTIES COMPILE_OPTIONS -msse2)
-    set_source_files_properties(${prefix}_avx2.cpp PROPERTIES COMPILE_OPTIONS -mavx2)
-  endif()
 endfunction()

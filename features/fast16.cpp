@@ -8,6 +8,7 @@
 #include <new>
 #include <vector>
 
+#include "features/fast16_variants.h"
 #include "platform/log.h"
 
 namespace videostabilizer {
@@ -136,24 +137,6 @@ bool is_corner(const unsigned char* centre, const FastParams& params) {
             has_run(centre, pixel, [bright](int level) { return level > bright; }));
 }
 
-// Lists the corners of a row of the image and, with suppression, their scores.
-void scan_row(const unsigned char* image_row, int width, const FastParams& params,
-              const ScoreRows::Row& row) {
-    int count = 0;
-    for (int j = params.border_x; j < width - params.border_x; ++j) {
-        const unsigned char* const centre = image_row + j;
-        if (!is_corner(centre, params)) {
-            continue;
-        }
-        row.columns[count++] = j;
-        if (params.nonmax_suppression != 0) {
-            row.scores[j] =
-                static_cast<unsigned char>(cornerScore16(centre, params.pixel, params.threshold));
-        }
-    }
-    row.columns[-1] = count;
-}
-
 // Whether a score is greater than its 8 neighbours. Equal neighbours put each other out.
 bool is_strict_maximum(const unsigned char* above, const unsigned char* row,
                        const unsigned char* below, int j) {
@@ -170,8 +153,27 @@ bool can_detect(int width, int height, const FastParams& params) {
            params.border_y >= MIN_BORDER;
 }
 
-void detect(const unsigned char* image, std::vector<KeyPoint>& keypoints, int width, int height,
-            const FastParams& params) {
+}  // namespace
+
+int scan_row_plain(const unsigned char* row, int first, int end, const FastParams& params,
+                   unsigned char* scores, int* columns) {
+    int count = 0;
+    for (int j = first; j < end; ++j) {
+        if (!is_corner(row + j, params)) {
+            continue;
+        }
+        columns[count++] = j;
+        if (params.nonmax_suppression != 0) {
+            scores[j] =
+                static_cast<unsigned char>(cornerScore16(row + j, params.pixel, params.threshold));
+        }
+    }
+    return count;
+}
+
+void detect_corners(const CornerVariant& variant, const unsigned char* image,
+                    std::vector<KeyPoint>& keypoints, int width, int height,
+                    const FastParams& params) {
     const int first_row = params.border_y;
     const int end_row = height - params.border_y;
     if (end_row < first_row) {
@@ -188,7 +190,9 @@ void detect(const unsigned char* image, std::vector<KeyPoint>& keypoints, int wi
         std::memset(current.scores, 0, static_cast<std::size_t>(width));
         current.columns[-1] = 0;
         if (i < end_row) {
-            scan_row(image + static_cast<std::ptrdiff_t>(i) * width, width, params, current);
+            current.columns[-1] =
+                variant.scan_row(image + static_cast<std::ptrdiff_t>(i) * width, params.border_x,
+                                 width - params.border_x, params, current.scores, current.columns);
         }
         if (i == first_row) {
             continue;
@@ -212,8 +216,6 @@ void detect(const unsigned char* image, std::vector<KeyPoint>& keypoints, int wi
         }
     }
 }
-
-}  // namespace
 
 void makeOffsets(int* pixel, int row_stride, int pattern_size) {
     const CirclePoint* const points = pattern_size == 16   ? CIRCLE_16
@@ -304,8 +306,9 @@ void fast16(const unsigned char* image, std::vector<KeyPoint>& keypoints, int wi
     if (!can_detect(width, height, *params)) {
         return;
     }
+    static const CornerVariant& variant = fastest_variant(corner_variants);
     try {
-        detect(image, keypoints, width, height, *params);
+        detect_corners(variant, image, keypoints, width, height, *params);
     } catch (const std::bad_alloc&) {  // nothing is thrown across the interface
         __android_log_print(LOG_ERROR, LOG_TAG, OUT_OF_MEMORY_TEXT);
     }

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdlib>
 
+#include "features/lucas_kanade_variants.h"
 #include "platform/log.h"
 
 namespace videostabilizer {
@@ -24,19 +25,12 @@ int sample_spacing(int level) {
     return level >= 0 && level <= MAX_SAMPLED_LEVEL ? 1 << level : 0;
 }
 
-// The positions first, first + spacing, ..., last of the window samples along one axis.
-struct Samples {
-    int first;
-    int last;  // before `first` if there are none
-
-    bool empty() const { return last < first; }
-};
-
 // Of the samples centre - r, centre - r + spacing, ..., centre + r with r = win_radius * spacing,
 // those whose neighbours one spacing away on either side lie in 0 .. size - 1. So the window loops
 // need no test of their own, and their gradients are never read outside the image.
-Samples usable_samples(float centre, int win_radius, int spacing, int size) {
-    constexpr Samples none = {0, -1};
+Samples usable_samples(float centre, int win_radius, int level, int size) {
+    constexpr Samples none = {0, 0, 0};
+    const int spacing = sample_spacing(level);
     // Written so that NaN fails as well. What lies beyond the range of int is far from any image.
     if (!(std::fabs(centre) < 0x1p31F) || spacing == 0) {
         return none;
@@ -45,18 +39,28 @@ Samples usable_samples(float centre, int win_radius, int spacing, int size) {
     const std::int64_t radius = std::int64_t{win_radius} * spacing;
     std::int64_t first = whole - radius;
     if (first < spacing) {
-        first += (spacing - first + spacing - 1) / spacing * spacing;
+        first += ((spacing - first + spacing - 1) >> level) * spacing;
     }
-    std::int64_t last = std::min(whole + radius, std::int64_t{size} - 1 - spacing);
+    const std::int64_t last = std::min(whole + radius, std::int64_t{size} - 1 - spacing);
     if (last < first) {
         return none;
     }
-    last -= (last - first) % spacing;
-    return {static_cast<int>(first), static_cast<int>(last)};
+    const std::int64_t steps = (last - first) >> level;
+    return {static_cast<int>(first), static_cast<int>(first + steps * spacing),
+            static_cast<int>(steps + 1)};
 }
 
-const unsigned char* row_of(const unsigned char* image, int width, int row) {
-    return image + static_cast<std::ptrdiff_t>(row) * width;
+Window usable_window(const KeyPoint& pt, int win_radius, int level, const GreyImage& image) {
+    return {usable_samples(pt.x, win_radius, level, image.width),
+            usable_samples(pt.y, win_radius, level, image.height), sample_spacing(level)};
+}
+
+bool is_empty(const Window& window) {
+    return window.xs.count == 0 || window.ys.count == 0;
+}
+
+const unsigned char* row_of(const GreyImage& image, int row) {
+    return image.pixels + static_cast<std::ptrdiff_t>(row) * image.width;
 }
 
 // The doubled central differences at column x; all four neighbours must be in the image.
@@ -75,12 +79,13 @@ bool is_inside(float position, int size) {
     return position >= 0.0F && position < static_cast<float>(size);
 }
 
-// The pixel nearest to a position that is_inside; the last one where that would be one past the
-// end.
-int nearest_pixel(float position, int size) {
-    // Half up, as the positions are never negative.
-    const float shifted = position + 0.5F;
-    return std::min(static_cast<int>(shifted), size - 1);
+// Whether all samples of a window lie in the image when displaced.
+bool is_inside(const Window& window, float dx, float dy, const GreyImage& image) {
+    // Rounded sums grow with their terms, so the outermost samples speak for all.
+    return is_inside(static_cast<float>(window.xs.first) + dx, image.width) &&
+           is_inside(static_cast<float>(window.xs.last) + dx, image.width) &&
+           is_inside(static_cast<float>(window.ys.first) + dy, image.height) &&
+           is_inside(static_cast<float>(window.ys.last) + dy, image.height);
 }
 
 // The largest sum of absolute differences of a window that counts as found.
@@ -106,24 +111,95 @@ int lose(KeyPoint& pt_next, unsigned char& status) {
     return -1;
 }
 
-}  // namespace
-
-int lk_pyramid_image(const unsigned char* prev, const unsigned char* next, int width, int height,
-                     const LK_Params* params, std::vector<KeyPoint>& prev_pts,
-                     std::vector<KeyPoint>& next_pts, std::vector<unsigned char>& status) {
-    const std::size_t count = std::min({prev_pts.size(), next_pts.size(), status.size()});
-    for (std::size_t i = 0; i < count; ++i) {
-        if (is_trackable(prev_pts[i], width, height, *params)) {
-            lkPyramid(prev, next, width, height, params, prev_pts[i], &next_pts[i], &status[i]);
-        } else {
-            lose(next_pts[i], status[i]);
-        }
-    }
-    return 0;
+// The gradient matrix G of one level. The differences are doubled derivatives, so their products are
+// four times too large.
+void gradient_matrix(const TrackVariant& variant, const GreyImage& image, const Window& window,
+                     WindowCache& cache, float G[2][2]) {
+    const GradientSums sums =
+        is_empty(window) ? GradientSums{0, 0, 0} : variant.read_gradients(image, window, cache);
+    G[0][0] = 0.25F * static_cast<float>(sums.xx);
+    G[0][1] = 0.25F * static_cast<float>(sums.xy);
+    G[1][0] = G[0][1];
+    G[1][1] = 0.25F * static_cast<float>(sums.yy);
 }
 
-int lkPyramid(const unsigned char* prev, const unsigned char* next, int width, int height,
-              const LK_Params* params, KeyPoint pt, KeyPoint* pt_next, unsigned char* status) {
+// The mismatch vector b of one level. Returns the sum of absolute differences, or -1, with b as it
+// was, if the displaced window leaves the image.
+int mismatch_vector(const TrackVariant& variant, const GreyImage& prev, const GreyImage& next,
+                    const Window& window, const float g[2], const float v[2], WindowCache& cache,
+                    float b[2]) {
+    MismatchSums sums{0, 0, 0};
+    if (!is_empty(window)) {
+        const float dx = static_cast<float>(window.spacing) * (g[0] + v[0]);
+        const float dy = static_cast<float>(window.spacing) * (g[1] + v[1]);
+        if (!is_inside(window, dx, dy, next)) {
+            return -1;
+        }
+        sums = variant.compare_windows(prev, next, window, dx, dy, cache);
+    }
+    b[0] = 0.5F * static_cast<float>(sums.x);
+    b[1] = 0.5F * static_cast<float>(sums.y);
+    return static_cast<int>(std::min<std::int64_t>(sums.sad, INT_MAX));
+}
+
+// Whether the cache of the vector variants has room for every window, and an int for the positions
+// of their spare lanes.
+bool fits_vectors(const GreyImage& image, const LK_Params& params) {
+    constexpr int LARGEST_SIDE = 1 << 30;
+    return 2LL * params.win_radius + 1 <= WindowCache::ROWS && params.max_level <= 4 &&
+           image.width <= LARGEST_SIDE && image.height <= LARGEST_SIDE;
+}
+
+const TrackVariant& fastest_track_variant() {
+    static const TrackVariant& fastest = fastest_variant(track_variants);
+    return fastest;
+}
+
+}  // namespace
+
+GradientSums read_gradients_plain(const GreyImage& prev, const Window& window,
+                                  WindowCache& /*cache*/) {
+    const std::ptrdiff_t row_step = static_cast<std::ptrdiff_t>(window.spacing) * prev.width;
+    // Wide, for windows of any size: 2^15 samples at full contrast fill an int.
+    GradientSums sums{0, 0, 0};
+    for (int y = window.ys.first; y <= window.ys.last; y += window.spacing) {
+        const unsigned char* const row = row_of(prev, y);
+        for (int x = window.xs.first; x <= window.xs.last; x += window.spacing) {
+            const Gradient gradient = gradient_at(row, row_step, window.spacing, x);
+            sums.xx += gradient.x * gradient.x;
+            sums.xy += gradient.x * gradient.y;
+            sums.yy += gradient.y * gradient.y;
+        }
+    }
+    return sums;
+}
+
+MismatchSums compare_windows_plain(const GreyImage& prev, const GreyImage& next,
+                                   const Window& window, float dx, float dy,
+                                   WindowCache& /*cache*/) {
+    const std::ptrdiff_t row_step = static_cast<std::ptrdiff_t>(window.spacing) * prev.width;
+    MismatchSums sums{0, 0, 0};
+    for (int y = window.ys.first; y <= window.ys.last; y += window.spacing) {
+        const unsigned char* const row = row_of(prev, y);
+        const unsigned char* const next_row =
+            row_of(next, nearest_pixel(static_cast<float>(y) + dy, next.height));
+        for (int x = window.xs.first; x <= window.xs.last; x += window.spacing) {
+            const Gradient gradient = gradient_at(row, row_step, window.spacing, x);
+            const int difference =
+                row[x] - next_row[nearest_pixel(static_cast<float>(x) + dx, next.width)];
+            sums.sad += std::abs(difference);
+            sums.x += gradient.x * difference;
+            sums.y += gradient.y * difference;
+        }
+    }
+    return sums;
+}
+
+int track_point(const TrackVariant& variant, const GreyImage& prev, const GreyImage& next,
+                const LK_Params& params, const KeyPoint& pt, KeyPoint& pt_next,
+                unsigned char& status) {
+    const TrackVariant& sums_by = fits_vectors(prev, params) ? variant : track_variants[0];
+    WindowCache cache;
     // In samples of the level: the guess g from the coarser levels, the displacement v found at
     // this one and the mismatch b. After level 0, d = g + v is the displacement in pixels.
     float g[2] = {0.0F, 0.0F};
@@ -131,26 +207,26 @@ int lkPyramid(const unsigned char* prev, const unsigned char* next, int width, i
     float b[2] = {0.0F, 0.0F};
     int sad = 0;  // of the last mismatch evaluation
 
-    for (int level = params->max_level; level >= 0; --level) {
+    for (int level = params.max_level; level >= 0; --level) {
+        const Window window = usable_window(pt, params.win_radius, level, prev);
         float g_inverse[2][2];
-        getSpatialGradientMatrix(prev, width, height, params->win_radius, level, pt, g_inverse);
+        gradient_matrix(sums_by, prev, window, cache, g_inverse);
         if (inverse2x2(g_inverse) != 0) {
             __android_log_print(LOG_ERROR, LOG_TAG, "Gradient matrix not inversable!");
-            return lose(*pt_next, *status);
+            return lose(pt_next, status);
         }
 
         v[0] = 0.0F;
         v[1] = 0.0F;
         // The last update: not below epsilon at first, so that the first iteration runs.
-        float e[2] = {params->epsilon_x, params->epsilon_y};
-        for (int iteration = 0; iteration < params->max_iterations; ++iteration) {
-            if (std::fabs(e[0]) < params->epsilon_x && std::fabs(e[1]) < params->epsilon_y) {
+        float e[2] = {params.epsilon_x, params.epsilon_y};
+        for (int iteration = 0; iteration < params.max_iterations; ++iteration) {
+            if (std::fabs(e[0]) < params.epsilon_x && std::fabs(e[1]) < params.epsilon_y) {
                 break;
             }
-            sad = getMismatchVector(prev, next, width, height, params->win_radius, level, pt, g, v,
-                                    b);
+            sad = mismatch_vector(sums_by, prev, next, window, g, v, cache, b);
             if (sad < 0) {
-                return lose(*pt_next, *status);
+                return lose(pt_next, status);
             }
             e[0] = g_inverse[0][0] * b[0] + g_inverse[0][1] * b[1];
             e[1] = g_inverse[1][0] * b[0] + g_inverse[1][1] * b[1];
@@ -164,98 +240,69 @@ int lkPyramid(const unsigned char* prev, const unsigned char* next, int width, i
     }
 
     const float d[2] = {g[0] + v[0], g[1] + v[1]};
-    pt_next->x = pt.x + d[0];
-    pt_next->y = pt.y + d[1];
-    *status = 1;
+    pt_next.x = pt.x + d[0];
+    pt_next.y = pt.y + d[1];
+    status = 1;
 
-    if (sad > residual_limit(params->win_radius)) {
-        return lose(*pt_next, *status);
+    if (sad > residual_limit(params.win_radius)) {
+        return lose(pt_next, status);
     }
-    if (std::fabs(d[0]) >= params->max_disp_x || std::fabs(d[1]) >= params->max_disp_y) {
+    if (std::fabs(d[0]) >= params.max_disp_x || std::fabs(d[1]) >= params.max_disp_y) {
         __android_log_print(
             LOG_WARN, LOG_TAG,
             "pt_next displacement too large!!:dV: {%f, %f}, p0(%f, %f) --> p1(%f, %f)\n",
             static_cast<double>(d[0]), static_cast<double>(d[1]), static_cast<double>(pt.x),
-            static_cast<double>(pt.y), static_cast<double>(pt_next->x),
-            static_cast<double>(pt_next->y));
-        return lose(*pt_next, *status);
+            static_cast<double>(pt.y), static_cast<double>(pt_next.x),
+            static_cast<double>(pt_next.y));
+        return lose(pt_next, status);
     }
     // Also the end of an update that was no number: every comparison above let it pass.
-    if (!is_inside(pt_next->x, width) || !is_inside(pt_next->y, height)) {
+    if (!is_inside(pt_next.x, next.width) || !is_inside(pt_next.y, next.height)) {
         __android_log_print(LOG_WARN, LOG_TAG, "pt_next bad point (out border): (%f, %f)",
-                            static_cast<double>(pt_next->x), static_cast<double>(pt_next->y));
-        return lose(*pt_next, *status);
+                            static_cast<double>(pt_next.x), static_cast<double>(pt_next.y));
+        return lose(pt_next, status);
     }
     return 0;
 }
 
-void getSpatialGradientMatrix(const unsigned char* img, int width, int height, int win_radius,
-                              int level, KeyPoint pt, float G[2][2]) {
-    const int spacing = sample_spacing(level);
-    const Samples xs = usable_samples(pt.x, win_radius, spacing, width);
-    const Samples ys = usable_samples(pt.y, win_radius, spacing, height);
-    const std::ptrdiff_t row_step = static_cast<std::ptrdiff_t>(spacing) * width;
-
-    // Wide, for windows of any size: 2^15 samples at full contrast fill an int.
-    std::int64_t sum_xx = 0;
-    std::int64_t sum_xy = 0;
-    std::int64_t sum_yy = 0;
-    for (int y = ys.first; y <= ys.last; y += spacing) {
-        const unsigned char* const row = row_of(img, width, y);
-        for (int x = xs.first; x <= xs.last; x += spacing) {
-            const Gradient gradient = gradient_at(row, row_step, spacing, x);
-            sum_xx += gradient.x * gradient.x;
-            sum_xy += gradient.x * gradient.y;
-            sum_yy += gradient.y * gradient.y;
+int lk_pyramid_image(const unsigned char* prev, const unsigned char* next, int width, int height,
+                     const LK_Params* params, std::vector<KeyPoint>& prev_pts,
+                     std::vector<KeyPoint>& next_pts, std::vector<unsigned char>& status) {
+    const TrackVariant& variant = fastest_track_variant();
+    const GreyImage prev_image = {prev, width, height};
+    const GreyImage next_image = {next, width, height};
+    const std::size_t count = std::min({prev_pts.size(), next_pts.size(), status.size()});
+    for (std::size_t i = 0; i < count; ++i) {
+        if (is_trackable(prev_pts[i], width, height, *params)) {
+            track_point(variant, prev_image, next_image, *params, prev_pts[i], next_pts[i],
+                        status[i]);
+        } else {
+            lose(next_pts[i], status[i]);
         }
     }
-    // The differences are doubled derivatives, so their products are four times too large.
-    G[0][0] = 0.25F * static_cast<float>(sum_xx);
-    G[0][1] = 0.25F * static_cast<float>(sum_xy);
-    G[1][0] = G[0][1];
-    G[1][1] = 0.25F * static_cast<float>(sum_yy);
+    return 0;
+}
+
+int lkPyramid(const unsigned char* prev, const unsigned char* next, int width, int height,
+              const LK_Params* params, KeyPoint pt, KeyPoint* pt_next, unsigned char* status) {
+    return track_point(fastest_track_variant(), {prev, width, height}, {next, width, height},
+                       *params, pt, *pt_next, *status);
+}
+
+void getSpatialGradientMatrix(const unsigned char* img, int width, int height, int win_radius,
+                              int level, KeyPoint pt, float G[2][2]) {
+    const GreyImage image = {img, width, height};
+    WindowCache cache;
+    gradient_matrix(track_variants[0], image, usable_window(pt, win_radius, level, image), cache,
+                    G);
 }
 
 int getMismatchVector(const unsigned char* prev, const unsigned char* next, int width, int height,
                       int win_radius, int level, KeyPoint pt, float* g, float* v, float* b) {
-    const int spacing = sample_spacing(level);
-    const Samples xs = usable_samples(pt.x, win_radius, spacing, width);
-    const Samples ys = usable_samples(pt.y, win_radius, spacing, height);
-    const std::ptrdiff_t row_step = static_cast<std::ptrdiff_t>(spacing) * width;
-
-    const float dx = static_cast<float>(spacing) * (g[0] + v[0]);
-    const float dy = static_cast<float>(spacing) * (g[1] + v[1]);
-    const auto displaced_x = [dx](int x) { return static_cast<float>(x) + dx; };
-    const auto displaced_y = [dy](int y) { return static_cast<float>(y) + dy; };
-    if (xs.empty() || ys.empty()) {
-        b[0] = 0.0F;
-        b[1] = 0.0F;
-        return 0;
-    }
-    // Rounded sums grow with their terms, so the outermost samples speak for all.
-    if (!is_inside(displaced_x(xs.first), width) || !is_inside(displaced_x(xs.last), width) ||
-        !is_inside(displaced_y(ys.first), height) || !is_inside(displaced_y(ys.last), height)) {
-        return -1;
-    }
-
-    std::int64_t sad = 0;
-    std::int64_t sum_x = 0;
-    std::int64_t sum_y = 0;
-    for (int y = ys.first; y <= ys.last; y += spacing) {
-        const unsigned char* const row = row_of(prev, width, y);
-        const unsigned char* const next_row =
-            row_of(next, width, nearest_pixel(displaced_y(y), height));
-        for (int x = xs.first; x <= xs.last; x += spacing) {
-            const Gradient gradient = gradient_at(row, row_step, spacing, x);
-            const int difference = row[x] - next_row[nearest_pixel(displaced_x(x), width)];
-            sad += std::abs(difference);
-            sum_x += gradient.x * difference;
-            sum_y += gradient.y * difference;
-        }
-    }
-    b[0] = 0.5F * static_cast<float>(sum_x);
-    b[1] = 0.5F * static_cast<float>(sum_y);
-    return static_cast<int>(std::min<std::int64_t>(sad, INT_MAX));
+    const GreyImage image = {prev, width, height};
+    WindowCache cache;
+    return mismatch_vector(track_variants[0], image, {next, width, height},
+                           usable_window(pt, win_radius, level, image), g, v, cache, b);
 }
 
 int inverse2x2(float m[2][2]) {

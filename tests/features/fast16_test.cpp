@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "features/fast16_variants.h"
 #include "tests/features/picture.h"
 #include "tests/support/log_capture.h"
 
@@ -44,8 +45,7 @@ class Detector {
     Detector(const Settings& s, int width, int height) {
         EXPECT_EQ(0, fast16_init(&params, s.threshold, s.suppression, s.cell_size, 0, s.border_x,
                                  s.border_y, width, height));
-        // Nothing may depend on what the scratch memory held.
-        std::memset(params.buffer, 0xA5, 15 * static_cast<std::size_t>(width) + 368);
+        spoil_scratch();
     }
     ~Detector() { fast16_fini(&params); }
     Detector(const Detector&) = delete;
@@ -57,7 +57,21 @@ class Detector {
         return found;
     }
 
+    std::vector<KeyPoint> run(const Picture& picture, const CornerVariant& variant) {
+        spoil_scratch();
+        std::vector<KeyPoint> found;
+        detect_corners(variant, picture.pixels.data(), found, picture.width, picture.height,
+                       params);
+        return found;
+    }
+
     FastParams params;
+
+  private:
+    // Nothing may depend on what the scratch memory held.
+    void spoil_scratch() const {
+        std::memset(params.buffer, 0xA5, 15 * static_cast<std::size_t>(params.width) + 368);
+    }
 };
 
 // Whether 9 consecutive pixels of the circle, those at a rounded distance of 3, all pass.
@@ -146,8 +160,46 @@ TEST(Fast16, FindsExactlyTheCornersOfTheDefinition) {
             const std::vector<KeyPoint> expected = corners_by_definition(picture, c.settings);
             EXPECT_EQ(c.any_corners, !expected.empty());
             EXPECT_EQ(expected, detector.run(picture));
+            for (const CornerVariant& variant : corner_variants) {
+                if (cpu_supports(variant.level)) {
+                    EXPECT_EQ(expected, detector.run(picture, variant)) << variant.name;
+                }
+            }
         }
     }
+}
+
+// Rows shorter than a vector, as long as some, and longer by any rest.
+TEST(Fast16, VariantsFindTheCornersOfThePlainScan) {
+    std::mt19937 random(7);
+    const std::function<int(int, int)> kinds[] = {
+        [&](int, int) { return static_cast<int>(random() % 256); },
+        [&](int, int) { return random() % 2 == 0 ? 0 : 255; },
+        [&](int, int) { return random() % 29 == 0 ? 255 - static_cast<int>(random() % 90) : 60; },
+        [](int x, int y) { return x / 5 % 2 == y / 7 % 2 ? 180 : 70; },
+        [](int x, int) { return x % 6 < 3 ? 255 : 0; },
+        [](int x, int y) { return x + y < 40 ? 0 : 255; },
+    };
+    std::size_t corners = 0;
+    for (int width = 6; width < 120; ++width) {
+        for (const auto& kind : kinds) {
+            const Settings settings = {static_cast<int>(random() % 60) - 5,
+                                       static_cast<int>(random() % 4), 2 + width % 9,
+                                       3 + width % 5 / 2, 3 + width % 7 / 3};
+            const Picture picture(width, 9 + width % 16, kind);
+            Detector detector(settings, picture.width, picture.height);
+            const std::vector<KeyPoint> expected = detector.run(picture, corner_variants[0]);
+            corners += expected.size();
+            for (const CornerVariant& variant : corner_variants) {
+                if (cpu_supports(variant.level)) {
+                    ASSERT_EQ(expected, detector.run(picture, variant))
+                        << variant.name << ", " << width << " columns, picture " << &kind - kinds
+                        << ", threshold " << settings.threshold;
+                }
+            }
+        }
+    }
+    EXPECT_GT(corners, 5000U);
 }
 
 TEST(Fast16, ScoreOfADotIsTheLargestPassingThreshold) {

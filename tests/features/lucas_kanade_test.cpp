@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "features/lucas_kanade_variants.h"
 #include "tests/features/picture.h"
 #include "tests/support/log_capture.h"
 
@@ -81,6 +82,10 @@ struct Sums {
     int xx = 0, xy = 0, yy = 0, bx = 0, by = 0, sad = 0;
 };
 
+int half_up(float position) {
+    return static_cast<int>(position + 0.5F);  // NOLINT(bugprone-incorrect-roundings)
+}
+
 Sums sums_by_definition(const Picture& prev, const Picture& next, int win_radius, int level,
                         KeyPoint pt, float gx, float gy) {
     const int s = 1 << level;
@@ -103,10 +108,8 @@ Sums sums_by_definition(const Picture& prev, const Picture& next, int win_radius
             sums.sad = -1;
         }
         if (sums.sad >= 0) {
-            const int column = std::min(static_cast<int>(x + 0.5F),
-                                        next.width - 1);  // NOLINT(bugprone-incorrect-roundings)
-            const int row = std::min(static_cast<int>(y + 0.5F),
-                                     next.height - 1);  // NOLINT(bugprone-incorrect-roundings)
+            const int column = std::min(half_up(x), next.width - 1);
+            const int row = std::min(half_up(y), next.height - 1);
             const int difference = prev.at(xx, yy) - next.at(column, row);
             sums.sad += std::abs(difference);
             sums.bx += ix * difference;
@@ -154,6 +157,63 @@ TEST(LucasKanade, SumsAreThoseOfTheDefinition) {
         EXPECT_EQ(expected.sad < 0 ? 12345 : 0.5F * static_cast<float>(expected.bx), b[0]);
         EXPECT_EQ(expected.sad < 0 ? 54321 : 0.5F * static_cast<float>(expected.by), b[1]);
     }
+}
+
+// Points all over pictures of many sizes, their windows cut by the edges or not.
+TEST(LucasKanade, VariantsTrackAsThePlainRoutineDoes) {
+    std::mt19937 random(4);
+    const auto whole = [&](int low, int high) {
+        return low + static_cast<int>(random() % static_cast<unsigned>(high - low + 1));
+    };
+    const auto between = [&](int low, int high) {
+        return std::uniform_real_distribution<float>(static_cast<float>(low),
+                                                     static_cast<float>(high))(random);
+    };
+    int tracked = 0;
+    int moved = 0;
+    for (int n = 0; n < 600; ++n) {
+        const int width = n % 5 == 0 ? whole(1, 40) : whole(40, 260);
+        const int height = n % 5 == 1 ? whole(1, 40) : whole(40, 260);
+        const double dx = static_cast<double>(between(-6, 6));
+        const double dy = static_cast<double>(between(-6, 6));
+        const bool wavy = n % 3 != 0;
+        const Picture prev = wavy ? waves(width, height) : noise(width, height, random());
+        const Picture next = n % 6 < 4 && wavy ? waves(width, height, dx, dy)
+                             : n % 6 == 3      ? prev
+                                               : noise(width, height, random(), 2);
+        const GreyImage images[] = {{prev.pixels.data(), width, height},
+                                    {next.pixels.data(), width, height}};
+        LK_Params params = {whole(0, 6), whole(0, 5), whole(0, 8), 0.05F, 0.05F, 72, 72, 0, 0};
+        if (n % 2 == 0) {
+            params = USUAL;
+        }
+        for (int i = 0; i < 30; ++i) {
+            const KeyPoint pt = i % 2 == 0 ? at(between(-3, width + 3), between(-3, height + 3))
+                                           : at(static_cast<float>(whole(0, width - 1)),
+                                                static_cast<float>(whole(0, height - 1)));
+            KeyPoint expected{-1, -1, 17, 99};
+            unsigned char expected_status = 5;
+            track_point(track_variants[0], images[0], images[1], params, pt, expected,
+                        expected_status);
+            tracked += expected_status;
+            moved += static_cast<int>(expected_status == 1 && expected.x != pt.x);
+            for (const TrackVariant& variant : track_variants) {
+                if (!cpu_supports(variant.level)) {
+                    continue;
+                }
+                KeyPoint point{-1, -1, 17, 99};
+                unsigned char status = 5;
+                track_point(variant, images[0], images[1], params, pt, point, status);
+                ASSERT_TRUE(status == expected_status && point.y == expected.y &&
+                            (status == 0 || point.x == expected.x))
+                    << variant.name << ", " << width << " x " << height << ", radius "
+                    << params.win_radius << ", from " << pt.x << ", " << pt.y << ": " << point.x
+                    << ", " << point.y << " instead of " << expected.x << ", " << expected.y;
+            }
+        }
+    }
+    EXPECT_GT(tracked, 5000);
+    EXPECT_GT(moved, 2000);
 }
 
 TEST(LucasKanade, RecoversKnownShifts) {

@@ -1,0 +1,7 @@
+// The corner scan and the tracking windows with SSE2 instructions, for which the build sets this file's
+// options.
+
+#define VS_LEVEL sse2
+
+#include "features/fast16_vector.h"
+#include "features/lucas_kanade_vector.h"
