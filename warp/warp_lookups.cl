@@ -37,8 +37,8 @@ static inline int16 lookup16(SOURCE uchar* table, int16 index) {
 // Indices from 0 to 15 in the lowest byte of each lane; the other bytes of the result will be 0.
 #define BYTE_INDEX(index) ((index) | (int)0x80808000)
 
-// How many rows a run of sixteen positions may cross, rounding included, or -1 if the tables do not
-// serve: the run is too wide or mirrored, or the picture smaller than the tables.
+// How many rows a run of sixteen positions may cross, rounding included, at least 1; or -1 if the
+// tables do not serve: the run is too wide or mirrored, or the picture smaller than the tables.
 static inline int rows_crossed(__constant float* wp, int width, int height) {
     // Limits that leave a tenth of a pixel to the rounding of positions. NaN fails the tests.
     const bool serves = wp[0] >= 0.0f && wp[0] <= 14.9f / 15.0f && fabs(wp[3]) <= 1.0f &&
@@ -80,12 +80,22 @@ static inline void luma_lookups16(SOURCE uchar* src, __global uchar* dst, float4
     const int r0 = first_row(row.s0, crossed, line.y < 0.0f, height - 2 - crossed);
     const int16 index = BYTE_INDEX(column - c0);
     SOURCE uchar* table = src + r0 * row_stride + c0;
-    int16 p00 = lookup16(table, index);
-    int16 p01 = lookup16(table + 1, index);
+    // The first crossing stands outside the loop: there is always room for one, and most warps turn
+    // the picture too little for a second.
+    const int16 crosses = row > r0;
+    const int16 left0 = lookup16(table, index);
+    const int16 right0 = lookup16(table + 1, index);
     table += row_stride;
-    int16 p10 = lookup16(table, index);
-    int16 p11 = lookup16(table + 1, index);
-    for (int r = r0 + 1; r <= r0 + crossed; ++r) {
+    const int16 left1 = lookup16(table, index);
+    const int16 right1 = lookup16(table + 1, index);
+    table += row_stride;
+    const int16 left2 = lookup16(table, index);
+    const int16 right2 = lookup16(table + 1, index);
+    int16 p00 = crosses ? left1 : left0;
+    int16 p01 = crosses ? right1 : right0;
+    int16 p10 = crosses ? left2 : left1;
+    int16 p11 = crosses ? right2 : right1;
+    for (int r = r0 + 2; r <= r0 + crossed; ++r) {
         const int16 below = row >= r;
         p00 = below ? p10 : p00;
         p01 = below ? p11 : p01;
