@@ -3,13 +3,15 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cstdint>
 #include <cstring>
-#include <string>
+#include <iterator>
 #include <vector>
 
 #include "apps/scene.h"
 #include "features/fast16_variants.h"
 #include "features/lucas_kanade_variants.h"
+#include "motion/ransac_variants.h"
 #include "pipeline/decimate.h"
 
 // The tracker reports lost points; a benchmark of it is not to measure a terminal.
@@ -154,41 +156,80 @@ void track(benchmark::State& state, const TrackVariant& variant, const Size& siz
     state.counters["tracked"] = static_cast<double>(analysis.matched_prev.size());
 }
 
-// Name/variant/width/height, the variants of one size next to each other.
-template <typename Variant, std::size_t COUNT>
-void add(const char* name, const Variant (&variants)[COUNT],
-         void (*run)(benchmark::State&, const Variant&, const Size&)) {
+// Every third pair is wrong, so that no model reaches three quarters and all 293 samples are drawn;
+// or none, so that one of the first ends it.
+template <bool ALL_DRAWS>
+void estimate(benchmark::State& state, const EstimateVariant& variant, const Size& size) {
+    Analysis analysis(size);
+    analysis.track(track_variants[0]);
+    auto& points = analysis.matched_next;
+    for (std::size_t i = 0; ALL_DRAWS && i < points.size(); i += 3) {
+        points[i].x += 10.0F + static_cast<float>(i % 37);
+        points[i].y -= 10.0F + static_cast<float>(i % 23);
+    }
+    SimpleLA::Mat<float> motion(3, 3);
+    MotionLog log{};
+    for (auto _ : state) {
+        estimate_motion(variant, motion, log, analysis.matched_prev, points, {6, 2, 0, 0, 293});
+    }
+    state.counters["pairs"] = log.npoints;
+    state.counters["inliers"] = log.ninliers;
+}
+
+const Size& size_of(const benchmark::State& state) {
+    const Size* size = SIZES;
+    while (size->width != state.range(0)) {
+        ++size;
+    }
+    return *size;
+}
+
+// A run is told the row of its table and the picture size, and is labelled with the row's name.
+template <typename Variant, std::size_t ROWS>
+void run_row(benchmark::State& state, const Variant (&variants)[ROWS],
+             void (*run)(benchmark::State&, const Variant&, const Size&)) {
+    const Variant& variant = variants[static_cast<std::size_t>(state.range(2))];
+    run(state, variant, size_of(state));
+    state.SetLabel(variant.name);
+}
+
+template <const auto& VARIANTS>
+void each_row(benchmark::internal::Benchmark* b) {
+    b->ArgNames({"w", "h", "row"})->Unit(benchmark::kMicrosecond);
     for (const Size& size : SIZES) {
-        for (const Variant& variant : variants) {
-            if (!cpu_supports(variant.level)) {
-                continue;
+        for (std::size_t row = 0; row < std::size(VARIANTS); ++row) {
+            if (cpu_supports(VARIANTS[row].level)) {
+                b->Args({size.width, size.height, static_cast<std::int64_t>(row)});
             }
-            const std::string title = std::string(name) + "/" + variant.name + "/" +
-                                      std::to_string(size.width) + "/" +
-                                      std::to_string(size.height);
-            benchmark::RegisterBenchmark(title.c_str(), [run, &variant,
-                                                         &size](benchmark::State& state) {
-                run(state, variant, size);
-            })->Unit(benchmark::kMicrosecond);
         }
     }
 }
 
-[[maybe_unused]] const bool registered = [] {
-    add("Decimate", decimate_variants, decimate);
-    add("Corners", corner_variants, find_corners);
-    add("Track", track_variants, track);
-    return true;
-}();
+void BM_Decimate(benchmark::State& state) {
+    run_row(state, decimate_variants, decimate);
+}
+BENCHMARK(BM_Decimate)->Apply(each_row<decimate_variants>);
+
+void BM_Corners(benchmark::State& state) {
+    run_row(state, corner_variants, find_corners);
+}
+BENCHMARK(BM_Corners)->Apply(each_row<corner_variants>);
+
+void BM_Track(benchmark::State& state) {
+    run_row(state, track_variants, track);
+}
+BENCHMARK(BM_Track)->Apply(each_row<track_variants>);
+
+void BM_EstimateEarlyStop(benchmark::State& state) {
+    run_row(state, estimate_variants, estimate<false>);
+}
+BENCHMARK(BM_EstimateEarlyStop)->Apply(each_row<estimate_variants>);
+
+void BM_EstimateAllDraws(benchmark::State& state) {
+    run_row(state, estimate_variants, estimate<true>);
+}
+BENCHMARK(BM_EstimateAllDraws)->Apply(each_row<estimate_variants>);
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}
+BENCHMARK_MAIN();

@@ -1,13 +1,18 @@
 #include "videostabilizer/ransac.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <limits>
 #include <mutex>
 #include <new>
+#include <vector>
 
 #include "motion/affine_fit.h"
+#include "motion/ransac_variants.h"
 #include "platform/log.h"
 #include "simplela/mat_util.h"
 
@@ -20,8 +25,20 @@ using SimpleLA::Mat;
 constexpr char TAG[] = "global_motion";
 constexpr int MIN_SIZE = 3;  // pairs that determine an affine motion
 
+// Whether the general routines form and sum normal equations as fit_affine_lanes does: three pairs
+// they solve as they are, and very many they sum in blocks.
+bool has_lane_form(int pairs) {
+    return pairs > MIN_SIZE && pairs <= 5000;
+}
+
+// The first samples are fitted one by one, for with good pairs one of them ends the sampling, and
+// then whole vectors of them.
+constexpr int FITTED_SINGLY = 8;
+
+constexpr int MODEL = 6;  // elements of a model, the upper two rows of a motion
+
 // Guards the generator behind srand48 and lrand48, which all stabilizers of the process share.
-// Held while seeding and while drawing one sample, never while fitting.
+// Held while seeding and while drawing samples, never while fitting.
 std::mutex generator_mutex;
 
 void seed_generator() {
@@ -29,22 +46,24 @@ void seed_generator() {
     srand48(std::time(nullptr));  // NOLINT(concurrency-mt-unsafe): the lock is what it asks for
 }
 
-// Fills `sample` with different indices below n, n being at least twice its size: a draw repeats an
-// earlier one with a probability below one half, so the inner loop is short.
-void draw_sample(std::vector<std::size_t>& sample, std::size_t n) {
+// Draws one sample after another, each of `size` different indices below n. n is at least twice the
+// size: a draw repeats an earlier one with a probability below one half, so the inner loop is short.
+void draw_samples(std::size_t* drawn, int samples, std::size_t size, std::size_t n) {
     const std::lock_guard<std::mutex> lock(generator_mutex);
-    for (auto drawn = sample.begin(); drawn != sample.end(); ++drawn) {
-        do {
-            const long number = lrand48();  // NOLINT(concurrency-mt-unsafe): as above
-            *drawn = static_cast<unsigned long>(number) % n;
-        } while (std::find(sample.begin(), drawn, *drawn) != drawn);
+    for (std::size_t* const end = drawn + static_cast<std::size_t>(samples) * size; drawn != end;) {
+        std::size_t* const sample = drawn;
+        for (const std::size_t* const sample_end = drawn + size; drawn != sample_end; ++drawn) {
+            do {
+                const long number = lrand48();  // NOLINT(concurrency-mt-unsafe): as above
+                *drawn = static_cast<std::uint32_t>(number) % static_cast<std::uint32_t>(n);
+            } while (std::find(sample, drawn, *drawn) != drawn);
+        }
     }
 }
 
 // What makes a pair an inlier, and a model acceptable, for n pairs.
 struct Criteria {
-    float tolerance_x;  // upper bound of the squared error, pixels^2
-    float tolerance_y;
+    Tolerance tolerance;
     int min_inliers;
     int enough_inliers;  // more than this end the sampling
 };
@@ -54,84 +73,170 @@ Criteria choose_criteria(long long n, const RansacParams& params) {
     if (n >= 4LL * params.size) {
         // Horizontal errors get a pixel more.
         const float wide = params.thresh + 1.0F;
-        return {wide * wide, params.thresh * params.thresh, static_cast<int>(2 * n / 5), enough};
+        return {{wide * wide, params.thresh * params.thresh}, static_cast<int>(2 * n / 5), enough};
     }
     // Few pairs: a stricter bound (the threshold itself, not its square) and a larger majority.
-    return {params.thresh, params.thresh, static_cast<int>(3 * n / 5), enough};
+    return {{params.thresh, params.thresh}, static_cast<int>(3 * n / 5), enough};
 }
 
 // False for an error that is NaN.
-inline bool is_inlier(const Mat<float>& model, const KeyPoint& from, const KeyPoint& to,
-                      const Criteria& criteria) {
-    const float* mx = model.row(0);
-    const float* my = model.row(1);
-    const float ex = ((mx[1] * from.y + mx[0] * from.x) + mx[2]) - to.x;
-    const float ey = ((my[1] * from.y + my[0] * from.x) + my[2]) - to.y;
+inline bool is_inlier(const PairArrays& pairs, int i, const float model[MODEL],
+                      Tolerance tolerance) {
+    const float x = pairs.src_x[i];
+    const float y = pairs.src_y[i];
+    const float ex = ((model[1] * y + model[0] * x) + model[2]) - pairs.dst_x[i];
+    const float ey = ((model[4] * y + model[3] * x) + model[5]) - pairs.dst_y[i];
     // No branch between the two: which errors are small is as good as random.
-    return (static_cast<int>(ex * ex < criteria.tolerance_x) &
-            static_cast<int>(ey * ey < criteria.tolerance_y)) != 0;
+    return (static_cast<int>(ex * ex < tolerance.x) & static_cast<int>(ey * ey < tolerance.y)) != 0;
 }
 
-int count_inliers(const Mat<float>& model, const std::vector<KeyPoint>& src,
-                  const std::vector<KeyPoint>& dst, std::size_t n, const Criteria& criteria) {
-    int count = 0;
+bool is_finite(const float model[MODEL]) {
+    bool finite = true;
+    for (int i = 0; i < MODEL; ++i) {
+        finite = finite && std::isfinite(model[i]);
+    }
+    return finite;
+}
+
+// Four arrays of coordinates in one block, for `count` points each.
+class Coordinates {
+  public:
+    explicit Coordinates(std::size_t count, float fill = 0.0F)
+        : count_(count), values_(4 * count, fill) {}
+
+    float* src_x() { return values_.data(); }
+    float* src_y() { return src_x() + count_; }
+    float* dst_x() { return src_y() + count_; }
+    float* dst_y() { return dst_x() + count_; }
+
+    PairLanes lanes(int n) { return {src_x(), src_y(), dst_x(), dst_y(), n}; }
+    PairArrays arrays(int n) { return {src_x(), src_y(), dst_x(), dst_y(), n}; }
+    // Pair `from` of the list becomes pair `to` of this.
+    void take(const PairArrays& pairs, std::size_t from, std::size_t to) {
+        src_x()[to] = pairs.src_x[from];
+        src_y()[to] = pairs.src_y[from];
+        dst_x()[to] = pairs.dst_x[from];
+        dst_y()[to] = pairs.dst_y[from];
+    }
+
+  private:
+    std::size_t count_;
+    std::vector<float> values_;
+};
+
+// The lists as arrays, padded with pairs that are no inliers.
+Coordinates split_pairs(const std::vector<KeyPoint>& src, const std::vector<KeyPoint>& dst,
+                        std::size_t n) {
+    constexpr std::size_t MULTIPLE = 8;
+    Coordinates pairs((n + MULTIPLE - 1) / MULTIPLE * MULTIPLE,
+                      std::numeric_limits<float>::quiet_NaN());
     for (std::size_t i = 0; i < n; ++i) {
-        count += static_cast<int>(is_inlier(model, src[i], dst[i], criteria));
+        pairs.src_x()[i] = src[i].x;
+        pairs.src_y()[i] = src[i].y;
+        pairs.dst_x()[i] = dst[i].x;
+        pairs.dst_y()[i] = dst[i].y;
     }
-    return count;
+    return pairs;
 }
 
-// Leaves the model with the most inliers in `motion`, not refined, and returns their number; a
-// later sample wins a tie. Without any sample returns -1. `sample_src` and `sample_dst` are
-// scratch.
-int find_best_model(Mat<float>& motion, const std::vector<KeyPoint>& src,
-                    const std::vector<KeyPoint>& dst, std::size_t n, const RansacParams& params,
-                    const Criteria& criteria, std::vector<KeyPoint>& sample_src,
-                    std::vector<KeyPoint>& sample_dst) {
-    const std::size_t size = static_cast<std::size_t>(params.size);
-    std::vector<std::size_t> sample(size);
-    sample_src.resize(size);
-    sample_dst.resize(size);
-    Mat<float> model(3, 3);
-    if (model.data == nullptr) {
-        throw std::bad_alloc();
+// The samples of one turn: their indices one sample after another, and their coordinates and models
+// side by side.
+class SampleBatch {
+  public:
+    SampleBatch(std::size_t size, int lanes)
+        : size_(size),
+          indices_(size * static_cast<std::size_t>(lanes)),
+          points_(size * static_cast<std::size_t>(lanes)),
+          models_(static_cast<std::size_t>(MODEL * lanes)) {}
+
+    // Draws `samples` samples and fits `lanes` models, of which the rest repeats the first.
+    void draw_and_fit(const PairArrays& pairs, int samples, int lanes, SampleFit* fit) {
+        lanes_ = static_cast<std::size_t>(lanes);
+        draw_samples(indices_.data(), samples, size_, static_cast<std::size_t>(pairs.n));
+        for (int lane = 0; lane < lanes; ++lane) {
+            gather(pairs, lane < samples ? lane : 0, points_, static_cast<std::size_t>(lane),
+                   lanes_);
+        }
+        fit(points_.lanes(static_cast<int>(size_)), models_.data());
     }
 
-    int best = -1;
-    for (std::int32_t iteration = 0; iteration < params.niters; ++iteration) {
-        draw_sample(sample, n);
-        for (std::size_t j = 0; j < size; ++j) {
-            sample_src[j] = src[sample[j]];
-            sample_dst[j] = dst[sample[j]];
+    // Copies the model of a sample; where it is not finite, as the general routines make it.
+    void model_of(int lane, const PairArrays& pairs, float model[MODEL]) const {
+        for (std::size_t e = 0; e < MODEL; ++e) {
+            model[e] = models_[e * lanes_ + static_cast<std::size_t>(lane)];
         }
-        fitAffine(model, sample_src, sample_dst);
-        const int count = count_inliers(model, src, dst, n, criteria);
-        if (count >= best) {
-            SimpleLA::copy_elements(model, motion);
-            best = count;
-            if (count > criteria.enough_inliers) {
-                break;
+        if (!is_finite(model)) {
+            Coordinates sample(size_);
+            gather(pairs, lane, sample, 0, 1);
+            fit_by_matrices(sample.lanes(static_cast<int>(size_)), model);
+        }
+    }
+
+  private:
+    void gather(const PairArrays& pairs, int sample, Coordinates& points, std::size_t lane,
+                std::size_t lanes) const {
+        const std::size_t* const indices =
+            indices_.data() + static_cast<std::size_t>(sample) * size_;
+        for (std::size_t j = 0; j < size_; ++j) {
+            points.take(pairs, indices[j], j * lanes + lane);
+        }
+    }
+
+    std::size_t size_;
+    std::size_t lanes_ = 1;
+    std::vector<std::size_t> indices_;
+    Coordinates points_;
+    std::vector<float> models_;
+};
+
+// Leaves the model with the most inliers in `best_model`, not refined, and returns their number; a
+// later sample wins a tie. Without any sample returns -1.
+int find_best_model(const EstimateVariant& variant, const PairArrays& pairs,
+                    const RansacParams& params, const Criteria& criteria, float best_model[MODEL]) {
+    SampleBatch batch(static_cast<std::size_t>(params.size), variant.lanes);
+    int best = -1;
+    for (std::int32_t done = 0; done < params.niters;) {
+        const bool singly = done < FITTED_SINGLY;
+        const int lanes = singly ? 1 : variant.lanes;
+        const int samples = std::min(lanes, params.niters - done);
+        batch.draw_and_fit(pairs, samples, lanes, singly ? variant.fit_one : variant.fit_samples);
+        for (int lane = 0; lane < samples; ++lane) {
+            float model[MODEL];
+            batch.model_of(lane, pairs, model);
+            const int count = variant.count_inliers(pairs, model, criteria.tolerance, best);
+            if (count >= best) {
+                std::copy(model, model + MODEL, best_model);
+                best = count;
+                if (count > criteria.enough_inliers) {
+                    return best;
+                }
             }
         }
+        done += samples;
     }
     return best;
 }
 
-// Refits `motion` to all of its inliers, of which there are `count`.
-void refit(Mat<float>& motion, const std::vector<KeyPoint>& src, const std::vector<KeyPoint>& dst,
-           std::size_t n, int count, const Criteria& criteria, std::vector<KeyPoint>& inlier_src,
-           std::vector<KeyPoint>& inlier_dst) {
-    inlier_src.clear();
-    inlier_dst.clear();
-    inlier_src.reserve(static_cast<std::size_t>(count));
-    inlier_dst.reserve(static_cast<std::size_t>(count));
-    for (std::size_t i = 0; i < n; ++i) {
-        if (is_inlier(motion, src[i], dst[i], criteria)) {
-            inlier_src.push_back(src[i]);
-            inlier_dst.push_back(dst[i]);
+// Refits the model to all of its inliers, of which there are `count`.
+void refit(const EstimateVariant& variant, const PairArrays& pairs, int count, Tolerance tolerance,
+           float model[MODEL]) {
+    // One more, to write behind the last inlier what proves to be none.
+    Coordinates inliers(static_cast<std::size_t>(count) + 1);
+    const auto collect = [&] {
+        std::size_t found = 0;
+        for (int i = 0; i < pairs.n; ++i) {
+            inliers.take(pairs, static_cast<std::size_t>(i), found);
+            found += static_cast<std::size_t>(is_inlier(pairs, i, model, tolerance));
         }
+    };
+    collect();
+    float refined[MODEL];
+    (has_lane_form(count) ? variant.fit_one : fit_by_matrices)(inliers.lanes(count), refined);
+    if (!is_finite(refined)) {
+        collect();
+        fit_by_matrices(inliers.lanes(count), refined);
     }
-    fitAffine(motion, inlier_src, inlier_dst);
+    std::copy(refined, refined + MODEL, model);
 }
 
 void give_up(Mat<float>& motion, MotionLog& log, int npoints, int ninliers) {
@@ -139,10 +244,46 @@ void give_up(Mat<float>& motion, MotionLog& log, int npoints, int ninliers) {
     log = {npoints, ninliers, 0.0F, 1};
 }
 
+void set_motion(Mat<float>& motion, const float model[MODEL]) {
+    for (int row = 0; row < 2; ++row) {
+        std::copy(model + 3 * row, model + 3 * row + 3, motion.row(row));
+    }
+    const float last[] = {0.0F, 0.0F, 1.0F};
+    std::copy(last, last + 3, motion.row(2));
+}
+
 }  // namespace
 
-void estimateGlobalMotionRansac(Mat<float>& motion, MotionLog& log, std::vector<KeyPoint>& src,
-                                std::vector<KeyPoint>& dst, const RansacParams& params) {
+void fit_by_matrices(const PairLanes& pairs, float* models) {
+    const std::size_t n = static_cast<std::size_t>(pairs.n);
+    std::vector<KeyPoint> src(n);
+    std::vector<KeyPoint> dst(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        src[i] = {pairs.src_x[i], pairs.src_y[i], 0.0F, 0};
+        dst[i] = {pairs.dst_x[i], pairs.dst_y[i], 0.0F, 0};
+    }
+    float elements[9];
+    Mat<float> motion(3, 3, elements, 3 * static_cast<int>(sizeof(float)));
+    fitAffine(motion, src, dst);
+    std::copy(elements, elements + MODEL, models);
+}
+
+void fit_one(const PairLanes& pairs, float* models) {
+    fit_affine_lanes<OneFloat>(pairs, models);
+}
+
+int count_inliers_plain(const PairArrays& pairs, const float model[MODEL], Tolerance tolerance,
+                        int /*wanted*/) {
+    int count = 0;
+    for (int i = 0; i < pairs.n; ++i) {
+        count += static_cast<int>(is_inlier(pairs, i, model, tolerance));
+    }
+    return count;
+}
+
+void estimate_motion(const EstimateVariant& variant, Mat<float>& motion, MotionLog& log,
+                     const std::vector<KeyPoint>& src, const std::vector<KeyPoint>& dst,
+                     const RansacParams& params) {
     const std::size_t n = std::min(src.size(), dst.size());
     const int npoints = static_cast<int>(n);
     if (npoints < 2LL * params.size) {
@@ -158,24 +299,32 @@ void estimateGlobalMotionRansac(Mat<float>& motion, MotionLog& log, std::vector<
     }
 
     const Criteria criteria = choose_criteria(npoints, params);
+    const EstimateVariant& sampler = has_lane_form(params.size) ? variant : estimate_variants[0];
     seed_generator();
+    Coordinates coordinates = split_pairs(src, dst, n);
+    const PairArrays pairs = coordinates.arrays(npoints);
+    float model[MODEL] = {};
+    const int ninliers = find_best_model(sampler, pairs, params, criteria, model);
+    if (ninliers < criteria.min_inliers) {
+        __android_log_print(LOG_WARN, TAG, "ninliersMax < npoints * 2/5 !!");
+        give_up(motion, log, npoints, ninliers);
+        return;
+    }
+    refit(variant, pairs, ninliers, criteria.tolerance, model);
+    set_motion(motion, model);
+    log.npoints = npoints;
+    log.ninliers = ninliers;
+    log.status = 0;
+}
+
+void estimateGlobalMotionRansac(Mat<float>& motion, MotionLog& log, std::vector<KeyPoint>& src,
+                                std::vector<KeyPoint>& dst, const RansacParams& params) {
+    static const EstimateVariant& variant = fastest_variant(estimate_variants);
     try {
-        std::vector<KeyPoint> sample_src;
-        std::vector<KeyPoint> sample_dst;
-        const int ninliers =
-            find_best_model(motion, src, dst, n, params, criteria, sample_src, sample_dst);
-        if (ninliers < criteria.min_inliers) {
-            __android_log_print(LOG_WARN, TAG, "ninliersMax < npoints * 2/5 !!");
-            give_up(motion, log, npoints, ninliers);
-            return;
-        }
-        refit(motion, src, dst, n, ninliers, criteria, sample_src, sample_dst);
-        log.npoints = npoints;
-        log.ninliers = ninliers;
-        log.status = 0;
+        estimate_motion(variant, motion, log, src, dst, params);
     } catch (const std::bad_alloc&) {
         __android_log_print(LOG_ERROR, TAG, OUT_OF_MEMORY_TEXT);
-        give_up(motion, log, npoints, 0);
+        give_up(motion, log, static_cast<int>(std::min(src.size(), dst.size())), 0);
     }
 }
 

@@ -3,12 +3,13 @@
 namespace videostabilizer {
 
 bool cpu_supports(CpuLevel level) {
-    if (level == CpuLevel::PLAIN) {
+    if (level == CpuLevel::PLAIN || VIDEOSTABILIZER_PLAIN) {
+        return level == CpuLevel::PLAIN;
+    }
+    if (level == CpuLevel::SCALAR) {
         return true;
     }
-#if VIDEOSTABILIZER_PLAIN
-    return false;
-#elif defined(__x86_64__) || defined(__i386__)
+#if defined(__x86_64__) || defined(__i386__)
     // The operating system's part, saving the wide registers, is asked as well.
     return level == CpuLevel::AVX2   ? __builtin_cpu_supports("avx2") != 0
            : level == CpuLevel::SSE2 ? __builtin_cpu_supports("sse2") != 0

@@ -7,7 +7,8 @@ namespace videostabilizer {
 // The vector instructions that a routine needs. A table of the variants of one routine begins with
 // the plain one, which is the definition, and goes on from narrow to wide.
 enum class CpuLevel {
-    PLAIN,  // none
+    PLAIN,   // none
+    SCALAR,  // none either: a faster way to the plain result
     SSE2,
     AVX2,
     NEON,

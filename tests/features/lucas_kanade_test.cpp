@@ -171,7 +171,7 @@ TEST(LucasKanade, VariantsTrackAsThePlainRoutineDoes) {
     };
     int tracked = 0;
     int moved = 0;
-    for (int n = 0; n < 600; ++n) {
+    for (int n = 0; n < 240; ++n) {
         const int width = n % 5 == 0 ? whole(1, 40) : whole(40, 260);
         const int height = n % 5 == 1 ? whole(1, 40) : whole(40, 260);
         const double dx = static_cast<double>(between(-6, 6));
@@ -212,8 +212,8 @@ TEST(LucasKanade, VariantsTrackAsThePlainRoutineDoes) {
             }
         }
     }
-    EXPECT_GT(tracked, 5000);
-    EXPECT_GT(moved, 2000);
+    EXPECT_GT(tracked, 2000);
+    EXPECT_GT(moved, 800);
 }
 
 TEST(LucasKanade, RecoversKnownShifts) {

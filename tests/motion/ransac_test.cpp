@@ -3,12 +3,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <random>
 #include <thread>
 
+#include "motion/ransac_variants.h"
 #include "tests/motion/test_support.h"
 #include "tests/support/log_capture.h"
 
@@ -65,6 +68,12 @@ Estimate estimate(std::vector<KeyPoint> src, std::vector<KeyPoint> dst, int nite
     const std::size_t bytes = src.size() * sizeof(KeyPoint);
     EXPECT_EQ(0, std::memcmp(src.data(), inputs[0].data(), bytes));
     EXPECT_EQ(0, std::memcmp(dst.data(), inputs[1].data(), bytes));
+    return result;
+}
+
+std::array<std::uint32_t, 9> bits(const Mat<float>& motion) {
+    std::array<std::uint32_t, 9> result;
+    std::memcpy(result.data(), motion.data, sizeof result);
     return result;
 }
 
@@ -188,6 +197,76 @@ TEST(Ransac, GivesTheIdentityWhereNothingCanBeEstimated) {
         estimateGlobalMotionRansac(e.motion, e.log, c.src, c.dst, c.params);
         expect_failure(e, c.npoints, c.ninliers, c.message);
     }
+}
+
+// Few pairs and many, sizes of samples and vectors that do not divide each other, pairs that a model
+// hardly fits, that repeat, that lie on a line or that are no numbers: the same motion bit for bit.
+TEST(Ransac, VariantsEstimateWhatTheMatricesDo) {
+    std::mt19937 generator(9);
+    int estimated = 0;
+    int samples_to_the_end = 0;
+    for (int i = 0; i < 400; ++i) {
+        const int n = i % 3 == 0 ? 12 + i % 50 : 12 + static_cast<int>(generator() % 300);
+        const RansacParams params = {i % 5 == 0 ? 3 + i % 7 : 6, 2.0F, 0.5F, 0.99F,
+                                     i % 11 == 0 ? 1 + i % 40 : 293};
+        std::vector<KeyPoint> src = spread_points(n);
+        std::vector<KeyPoint> dst = moved(src, n * (i % 7) / 10);
+        for (int k = 0; k < n; ++k) {
+            KeyPoint& from = src[static_cast<std::size_t>(k)];
+            KeyPoint& to = dst[static_cast<std::size_t>(k)];
+            const bool every_second = k % 2 == 0;
+            switch (i % 8) {
+                case 0:  // noise of tracked positions
+                    to.x += static_cast<float>(generator() % 100) / 40.0F;
+                    to.y -= static_cast<float>(generator() % 100) / 40.0F;
+                    break;
+                case 1:
+                    from = every_second ? src[0] : from;
+                    break;
+                case 2:
+                    from.y = from.x * 0.5F + 1.0F;
+                    break;
+                case 3:
+                    to.x = k % 9 == 0 ? NAN : to.x;
+                    from.y = k % 14 == 0 ? INFINITY : from.y;
+                    break;
+                case 4:
+                    to = every_second ? dst[0] : to;
+                    break;
+                case 5:
+                    from.x = to.x = every_second ? 0.0F : -0.0F;
+                    break;
+                case 6:
+                    from.x *= 1e20F;
+                    to.y *= every_second ? 1e-30F : 1e19F;
+                    break;
+                default:
+                    break;
+            }
+        }
+        Estimate expected;
+        for (const EstimateVariant& variant : estimate_variants) {
+            if (!cpu_supports(variant.level)) {
+                continue;
+            }
+            restart_generator({});
+            Estimate e;
+            estimate_motion(variant, e.motion, e.log, src, dst, params);
+            if (&variant == estimate_variants) {
+                expected.log = e.log;
+                std::copy_n(e.motion.data, 9, expected.motion.data);
+                estimated += static_cast<int>(e.log.status == 0);
+                samples_to_the_end +=
+                    static_cast<int>(static_cast<int>(draws) >= params.niters * params.size);
+            }
+            EXPECT_EQ(bits(e.motion), bits(expected.motion))
+                << variant.name << ", case " << i << ", " << n << " pairs";
+            EXPECT_EQ(e.log.ninliers, expected.log.ninliers) << variant.name << ", case " << i;
+            EXPECT_EQ(e.log.status, expected.log.status) << variant.name << ", case " << i;
+        }
+    }
+    EXPECT_GT(estimated, 100);
+    EXPECT_GT(samples_to_the_end, 100);
 }
 
 // The generator above would show a race, and tear, without the estimator's own lock.

@@ -1,0 +1,5 @@
+// The estimator's fits and counts with AVX2 instructions, for which the build sets this file's options.
+
+#define VS_LEVEL avx2
+
+#include "motion/ransac_vector.h"
