@@ -37,7 +37,7 @@ std::size_t Clip::luma_bytes() const {
 
 Analysis::Analysis(Clip& clip)
     : stabilizer(video_stabilizer_create(clip.width, clip.height, clip.width, clip.width / 2,
-                                         PIX_FMT_YUV420P, 0, 1, nullptr)),
+                                         PIX_FMT_YUV420P, 0, 0, nullptr)),
       width(clip.width / stabilizer->scale),
       height(clip.height / stabilizer->scale) {
     const auto size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);

@@ -1,14 +1,26 @@
-// Whole streams, push to pop, and what each stage has of the work of a frame.
+// Whole streams, push to pop; what each stage has of the work of a frame; and how both grow.
 
 #include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "bench/bench_clip.h"
+#include "bench/measure.h"
 
 using namespace videostabilizer;
 
@@ -21,44 +33,212 @@ void picture_sizes(benchmark::internal::Benchmark* b) {
     b->Args({640, 480})->Args({1280, 720})->Args({1920, 1080});
 }
 
-bench::Clip make_clip(const benchmark::State& state) {
-    return {static_cast<int>(state.range(0)), static_cast<int>(state.range(1)), CLIP_FRAMES};
+// Clips take longer to make than to stabilise, so those of a size share one.
+bench::Clip& clip_of(const benchmark::State& state) {
+    static std::map<std::pair<int, int>, std::unique_ptr<bench::Clip>> clips;
+    const auto size =
+        std::make_pair(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
+    auto& clip = clips[size];
+    if (clip == nullptr) {
+        clip = std::make_unique<bench::Clip>(size.first, size.second, CLIP_FRAMES);
+    }
+    return *clip;
+}
+
+// A running stream with its host: a thread that pushes as fast as it can.
+class Stream {
+  public:
+    explicit Stream(bench::Clip& clip)
+        : stabilizer_(video_stabilizer_create(clip.width, clip.height, clip.width, clip.width / 2,
+                                              PIX_FMT_YUV420P, 0, 0, nullptr)) {
+        video_stabilizer_start(stabilizer_);
+        producer_ = std::thread([this, &clip] {
+            int number = 0;
+            while (video_stabilizer_push_frame(stabilizer_, clip.frame(number)) == 0) {
+                ++number;
+            }
+        });
+    }
+    ~Stream() {
+        video_stabilizer_stop(stabilizer_);
+        producer_.join();
+        video_stabilizer_delete(stabilizer_);
+    }
+    Stream(const Stream&) = delete;
+    Stream& operator=(const Stream&) = delete;
+
+    void pop(int frames = 1) {
+        Frame* frame = nullptr;
+        for (int i = 0; i < frames && video_stabilizer_pop_frame(stabilizer_, &frame) == 0; ++i) {
+            frame_delete(frame);
+        }
+    }
+    // Until the pipeline is full and the caches are warm.
+    void warm_up() { pop(CLIP_FRAMES); }
+    // Until it holds all that it ever holds.
+    void wait_until_full() const {
+        while (video_stabilizer_output_full(stabilizer_) == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the stage's next frame
+    }
+    int scale() const { return stabilizer_->scale; }
+
+  private:
+    VideoStabilizer* stabilizer_;
+    std::thread producer_;
+};
+
+// Samples the states of the process's other threads, and counts how often none of them ran or was
+// ready to run: the share of the time that goes into hand-overs alone.
+class IdleSampler {
+  public:
+    IdleSampler() : thread_([this] { sample(); }) {}
+    double stop() {
+        stopping_.store(true);
+        thread_.join();
+        return samples_ == 0 ? 0.0 : 100.0 * idle_ / samples_;
+    }
+
+  private:
+    static bool runs(const std::string& task) {
+        std::ifstream file("/proc/self/task/" + task + "/stat");
+        std::string text;
+        std::getline(file, text);
+        const std::size_t name_end = text.rfind(')');
+        return name_end != std::string::npos && text.compare(name_end, 3, ") R") == 0;
+    }
+    void sample() {
+        const std::string self = std::to_string(gettid());
+        while (!stopping_.load()) {
+            // Of no rhythm that frames could have.
+            std::this_thread::sleep_for(std::chrono::microseconds(2000 + 37 * (samples_ % 61)));
+            bool busy = false;
+            std::error_code gone;  // of tasks that end meanwhile
+            for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", gone)) {
+                const std::string id = task.path().filename();
+                busy = busy || (id != self && runs(id));
+            }
+            ++samples_;
+            idle_ += busy ? 0 : 1;
+        }
+    }
+
+    std::atomic<bool> stopping_{false};
+    int samples_ = 0;  // this and the next are the thread's until it is joined
+    int idle_ = 0;
+    std::thread thread_;
+};
+
+// The floor: the planes of a frame copied to the device and back, by memcpy.
+double copies_of_a_frame(const bench::Clip& clip) {
+    std::vector<unsigned char> copy(clip.frames[0].size());
+    bench::Runs runs;
+    for (int i = 0; i < 20; ++i) {
+        runs.time([&] {
+            for (int way = 0; way < 2; ++way) {
+                const auto& from = clip.frames[static_cast<std::size_t>(2 * i + way) % CLIP_FRAMES];
+                std::memcpy(copy.data(), from.data(), copy.size());
+                benchmark::ClobberMemory();
+            }
+        });
+    }
+    return bench::median(runs.cpu);
 }
 
 // One stream as long as the benchmark runs; an iteration is one frame popped.
 void BM_Pipeline(benchmark::State& state) {
-    bench::Clip clip = make_clip(state);
-    VideoStabilizer* const s = video_stabilizer_create(
-        clip.width, clip.height, clip.width, clip.width / 2, PIX_FMT_YUV420P, 0, 0, nullptr);
-    video_stabilizer_start(s);
-    std::thread producer([&] {
-        int number = 0;
-        while (video_stabilizer_push_frame(s, clip.frame(number)) == 0) {
-            ++number;
-        }
-    });
-    Frame* frame = nullptr;
-    for (int i = 0; i < CLIP_FRAMES; ++i) {  // the pipeline is full and the caches are warm
-        video_stabilizer_pop_frame(s, &frame);
-        frame_delete(frame);
-    }
+    bench::Clip& clip = clip_of(state);
+    Stream stream(clip);
+    stream.warm_up();
+    const double cpu_start = bench::seconds_of(CLOCK_PROCESS_CPUTIME_ID);
     for (auto _ : state) {
-        video_stabilizer_pop_frame(s, &frame);
-        frame_delete(frame);
+        stream.pop();
     }
-    video_stabilizer_stop(s);
-    producer.join();
-    video_stabilizer_delete(s);
+    const double cpu = (bench::seconds_of(CLOCK_PROCESS_CPUTIME_ID) - cpu_start) /
+                       static_cast<double>(state.iterations());
+    IdleSampler sampler;
+    const double end = bench::seconds_of(CLOCK_MONOTONIC) + 1.0;
+    while (bench::seconds_of(CLOCK_MONOTONIC) < end) {
+        stream.pop();
+    }
+    state.counters["idle_%"] = sampler.stop();
+    const double copies = copies_of_a_frame(clip);
     state.counters["fps"] =
         benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["cpu_ms"] = 1e3 * cpu;
+    state.counters["copies_ms"] = 1e3 * copies;
+    state.counters["x_copies"] = cpu / copies;
 }
-BENCHMARK(BM_Pipeline)->Apply(picture_sizes)->UseRealTime()->MeasureProcessCPUTime();
+BENCHMARK(BM_Pipeline)->Apply(picture_sizes)->Args({2560, 1440})->Args({3840, 2160})->UseRealTime();
+
+// Bytes that the process has from its heap. (What of them is resident says little once earlier
+// benchmarks have given memory back.)
+double heap_bytes() {
+    const struct mallinfo2 heap = mallinfo2();
+    return static_cast<double>(heap.uordblks) + static_cast<double>(heap.hblkhd);
+}
+
+// What a stream holds besides its input frames, which are the host's, while it waits for a pop:
+// source and destination buffers, two analysis images, and three output frames, of which the warp
+// stage has one and the output queue two.
+double formula_bytes(const bench::Clip& clip, int scale) {
+    const auto luma = static_cast<double>(clip.luma_bytes());
+    return 2 * 1.5 * luma + 2 * luma / (scale * scale) + 3 * 1.5 * luma;
+}
+
+// Several streams at once: an iteration is so many frames of each.
+void BM_Streams(benchmark::State& state) {
+    constexpr int FRAMES = 100;
+    const int count = static_cast<int>(state.range(2));
+    bench::Clip& clip = clip_of(state);
+    {
+        Stream first(clip);  // what only the first stream of a process costs
+        first.warm_up();
+    }
+    const double before = heap_bytes();
+    std::vector<std::unique_ptr<Stream>> streams;
+    for (int i = 0; i < count; ++i) {
+        streams.push_back(std::make_unique<Stream>(clip));
+        streams.back()->warm_up();
+        streams.back()->wait_until_full();
+    }
+    const double held = heap_bytes() - before;
+    bench::Runs runs;
+    for (auto _ : state) {
+        runs.time([&] {
+            std::vector<std::thread> hosts;
+            hosts.reserve(streams.size());
+            for (auto& stream : streams) {
+                hosts.emplace_back([&stream] { stream->pop(FRAMES); });
+            }
+            for (std::thread& host : hosts) {
+                host.join();
+            }
+        });
+        state.SetIterationTime(runs.wall.back());
+    }
+    const double frames = static_cast<double>(FRAMES) * count;
+    state.counters["total_fps"] = frames / bench::median(runs.wall);
+    state.counters["cpu_ms"] = 1e3 * bench::median(runs.cpu) / frames;
+    state.counters["MB_each"] = 1e-6 * held / count;
+    state.counters["formula_MB"] = 1e-6 * formula_bytes(clip, streams[0]->scale());
+}
+BENCHMARK(BM_Streams)
+    ->ArgNames({"w", "h", "streams"})
+    ->Args({1280, 720, 1})
+    ->Args({1280, 720, 2})
+    ->Args({1280, 720, 4})
+    ->Args({1280, 720, 8})
+    ->UseManualTime()
+    ->MinTime(2.0)
+    ->Unit(benchmark::kMillisecond);
 
 // The stages of a frame one after another on one thread, with the share of each. The warp is that
 // of the stage, thread hand-over included.
 void BM_StageShares(benchmark::State& state) {
     using Clock = std::chrono::steady_clock;
-    bench::Clip clip = make_clip(state);
+    bench::Clip& clip = clip_of(state);
     bench::Analysis analysis(clip);
     AffineTransformerOcl* const stage = analysis.stabilizer->transformer;
     enum Stage { DECIMATE, CORNERS, TRACK, ESTIMATE, SMOOTH, WARP, STAGES };

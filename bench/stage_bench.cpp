@@ -1,7 +1,5 @@
 // Each stage of the pipeline alone.
 
-#define CL_TARGET_OPENCL_VERSION 120
-#include <CL/cl.h>
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -97,78 +95,5 @@ void BM_Smooth(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_Smooth)->Args({1280, 720})->Unit(benchmark::kMicrosecond);
-
-// The device's part, on the queue and buffers of an idle warp stage.
-struct Device {
-    AffineTransformerOcl* stage;
-    cl_command_queue queue;
-    std::size_t luma_bytes;
-    std::size_t chroma_bytes;
-    std::size_t global[2];
-
-    explicit Device(const Setup& setup)
-        : stage(setup.analysis.stabilizer->transformer),
-          queue(stage->cmd_queue),
-          luma_bytes(setup.clip.luma_bytes()),
-          chroma_bytes(luma_bytes / 2),
-          global{static_cast<std::size_t>(setup.clip.width / stage->pixels_per_item),
-                 static_cast<std::size_t>(setup.clip.height)} {
-        // A slight rotation and zoom, as corrections have: rows are read across.
-        const float wp[6] = {0.9F, 0.01F, 40.0F, -0.01F, 0.9F, 36.0F};
-        clEnqueueWriteBuffer(queue, stage->mem_wp, CL_TRUE, 0, sizeof wp, wp, 0, nullptr, nullptr);
-        const cl_mem buffers[] = {stage->mem_src_y, stage->mem_src_uv, stage->mem_dst_y,
-                                  stage->mem_dst_uv, stage->mem_wp};
-        cl_uint index = 0;
-        for (const cl_mem& buffer : buffers) {
-            clSetKernelArg(stage->kernel, index++, sizeof(cl_mem), &buffer);
-        }
-        const cl_int geometry[] = {setup.clip.width, setup.clip.height, setup.clip.width,
-                                   setup.clip.width / 2};
-        for (const cl_int& value : geometry) {
-            clSetKernelArg(stage->kernel, index++, sizeof value, &value);
-        }
-    }
-
-    void upload(const unsigned char* pixels) const {
-        clEnqueueWriteBuffer(queue, stage->mem_src_y, CL_FALSE, 0, luma_bytes, pixels, 0, nullptr,
-                             nullptr);
-        clEnqueueWriteBuffer(queue, stage->mem_src_uv, CL_FALSE, 0, chroma_bytes,
-                             pixels + luma_bytes, 0, nullptr, nullptr);
-    }
-    void run() const {
-        clEnqueueNDRangeKernel(queue, stage->kernel, 2, nullptr, global, nullptr, 0, nullptr,
-                               nullptr);
-    }
-    void download(unsigned char* pixels) const {
-        clEnqueueReadBuffer(queue, stage->mem_dst_y, CL_FALSE, 0, luma_bytes, pixels, 0, nullptr,
-                            nullptr);
-        clEnqueueReadBuffer(queue, stage->mem_dst_uv, CL_TRUE, 0, chroma_bytes, pixels + luma_bytes,
-                            0, nullptr, nullptr);
-    }
-};
-
-void BM_WarpKernel(benchmark::State& state) {
-    Setup setup(state);
-    const Device device(setup);
-    device.upload(setup.clip.frames[0].data());
-    device.run();
-    clFinish(device.queue);
-    for (auto _ : state) {
-        device.run();
-        clFinish(device.queue);
-    }
-}
-BENCHMARK(BM_WarpKernel)->Apply(picture_sizes)->UseRealTime();
-
-void BM_Transfers(benchmark::State& state) {
-    Setup setup(state);
-    const Device device(setup);
-    std::vector<unsigned char> output(setup.clip.frames[0].size());
-    for (auto _ : state) {
-        device.upload(setup.clip.frames[0].data());
-        device.download(output.data());
-    }
-}
-BENCHMARK(BM_Transfers)->Apply(picture_sizes)->UseRealTime();
 
 }  // namespace

@@ -4,12 +4,12 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "bench/measure.h"
 #include "tests/cpu_warp/warp_variants.h"
 #include "videostabilizer/warp_affine.h"
 
@@ -17,22 +17,6 @@ namespace {
 
 // A slight rotation and zoom, as corrections have: rows are read across.
 constexpr float MATRIX[6] = {1.1F, 0.02F, -60.0F, -0.02F, 1.1F, -30.0F};
-
-using Clock = std::chrono::steady_clock;
-
-template <typename Work>
-double seconds(Work work) {
-    const auto start = Clock::now();
-    work();
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-double quantile(std::vector<double>& values, double share) {
-    const auto at = values.begin() +
-                    static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
-    std::nth_element(values.begin(), at, values.end());
-    return *at;
-}
 
 bool agree(const std::vector<unsigned char>& a, const std::vector<unsigned char>& b,
            std::size_t luma_bytes, int tolerance) {
@@ -81,20 +65,21 @@ void BM_CpuWarp(benchmark::State& state, const WarpVariant& variant) {
         state.SkipWithError("differs from the plain routine");
         return;
     }
-    std::vector<double> times;
-    std::vector<double> warp_affine_times;
-    std::vector<double> copy_times;
+    bench::Runs runs;
+    bench::Runs warp_affine_runs;
+    bench::Runs copies;
     for (auto _ : state) {
-        times.push_back(seconds(run));
-        state.SetIterationTime(times.back());
-        warp_affine_times.push_back(seconds(run_warp_affine));
-        copy_times.push_back(seconds(copy));
+        runs.time(run);
+        state.SetIterationTime(runs.wall.back());
+        warp_affine_runs.time(run_warp_affine);
+        copies.time(copy);
     }
-    const double median = quantile(times, 0.5);
+    const double median = bench::median(runs.wall);
     state.counters["median_us"] = 1e6 * median;
-    state.counters["spread_%"] = 100 * (quantile(times, 0.75) - quantile(times, 0.25)) / median;
-    state.counters["x_memcpy"] = median / quantile(copy_times, 0.5);
-    state.counters["x_warpAffine"] = median / quantile(warp_affine_times, 0.5);
+    state.counters["spread_%"] =
+        100 * (bench::quantile(runs.wall, 0.75) - bench::quantile(runs.wall, 0.25)) / median;
+    state.counters["x_memcpy"] = median / bench::median(copies.wall);
+    state.counters["x_warpAffine"] = median / bench::median(warp_affine_runs.wall);
 }
 
 [[maybe_unused]] const bool registered = [] {

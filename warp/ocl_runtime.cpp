@@ -21,10 +21,14 @@ OclRuntime runtime;
 // runs.
 pthread_once_t ocl_runtime_once = PTHREAD_ONCE_INIT;
 
-constexpr char BUILD_OPTIONS[] = "-cl-mad-enable -cl-fast-relaxed-math";
+#if VIDEOSTABILIZER_PLAIN
+#define VS_BUILD_OPTIONS "-cl-mad-enable -cl-fast-relaxed-math -D PLAIN_WARP"
+#else
+#define VS_BUILD_OPTIONS "-cl-mad-enable -cl-fast-relaxed-math"
+#endif
+constexpr char BUILD_OPTIONS[] = VS_BUILD_OPTIONS;
 // Where constant buffers are too small for the source planes.
-constexpr char GLOBAL_PLANES_BUILD_OPTIONS[] =
-    "-cl-mad-enable -cl-fast-relaxed-math -D SOURCE_PLANES_GLOBAL";
+constexpr char GLOBAL_PLANES_BUILD_OPTIONS[] = VS_BUILD_OPTIONS " -D SOURCE_PLANES_GLOBAL";
 
 struct Free {
     void operator()(void* block) const { std::free(block); }

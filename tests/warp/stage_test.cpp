@@ -175,6 +175,42 @@ TEST(WarpStage, delivers_every_frame_warped_and_in_order_and_then_the_end) {
     }
 }
 
+TEST(WarpStage, makes_what_it_needs_once_and_calls_as_little_as_can_be_for_a_frame) {
+    struct Calls {
+        int builds = test_support::opencl_calls("clBuildProgram");
+        int kernels = test_support::opencl_calls("clCreateKernel");
+        int buffers = test_support::opencl_calls("clCreateBuffer");
+        int writes = test_support::opencl_calls("clEnqueueWriteBuffer");
+        int launches = test_support::opencl_calls("clEnqueueNDRangeKernel");
+        int reads = test_support::opencl_calls("clEnqueueReadBuffer");
+    };
+    const Stage warm_up;  // the program of the process is built by now
+    for (int stream = 0; stream < 2; ++stream) {
+        SCOPED_TRACE(stream);
+        const Calls before;
+        Stage stage;
+        ASSERT_EQ(stage.init(), RESULT_OK);
+        const Calls ready;
+        EXPECT_EQ(ready.builds - before.builds, 0);
+        EXPECT_EQ(ready.kernels - before.kernels, 1);
+        // Drivers that know a fast kind of host memory take the destination buffers' flag at once.
+        EXPECT_THAT(ready.buffers - before.buffers, testing::AnyOf(5, 7));
+        EXPECT_EQ(ready.writes - before.writes, 2) << "the destination buffers' first colour";
+        constexpr int FRAMES = 3;
+        for (int i = 0; i < FRAMES; ++i) {
+            ASSERT_EQ(stage.send(), RESULT_OK);
+        }
+        stage.wait_for_frames(FRAMES);
+        const Calls after;
+        EXPECT_EQ(after.builds - ready.builds, 0);
+        EXPECT_EQ(after.kernels - ready.kernels, 0);
+        EXPECT_EQ(after.buffers - ready.buffers, 0);
+        EXPECT_EQ(after.writes - ready.writes, 3 * FRAMES);
+        EXPECT_EQ(after.launches - ready.launches, FRAMES);
+        EXPECT_EQ(after.reads - ready.reads, 2 * FRAMES);
+    }
+}
+
 TEST(WarpStage, holds_the_sender_while_its_queue_is_full) {
     Stage stage;
     stage.held.store(true);

@@ -1,0 +1,88 @@
+// From the start of a process to its first frame out, part by part, with an empty and with a
+// filled cache of compiled kernels.
+
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "bench/measure.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// A folder for PoCL's compiled kernels that this object removes. Other drivers have caches
+// elsewhere, if at all.
+struct CacheFolder {
+    fs::path path;
+    CacheFolder() {
+        std::string name = fs::temp_directory_path() / "videostabilizer-cache-XXXXXX";
+        path = mkdtemp(name.data());
+    }
+    ~CacheFolder() { fs::remove_all(path); }
+    CacheFolder(const CacheFolder&) = delete;
+    CacheFolder& operator=(const CacheFolder&) = delete;
+};
+
+// Runs a process to its first frame and adds the time of each part. Returns whether it got there.
+bool add_run(const CacheFolder& cache, const benchmark::State& state,
+             std::map<std::string, std::vector<double>>& parts) {
+    const fs::path program = fs::read_symlink("/proc/self/exe").parent_path() / "bench_first_frame";
+    const std::string command = "POCL_CACHE_DIR='" + cache.path.string() + "' '" +
+                                program.string() + "' " + std::to_string(state.range(0)) + " " +
+                                std::to_string(state.range(1)) + " " +
+                                std::to_string(bench::seconds_of(CLOCK_MONOTONIC));
+    std::FILE* const output = popen(command.c_str(), "r");
+    if (output == nullptr) {
+        return false;
+    }
+    char name[32];
+    double milliseconds = 0;
+    double total = 0;
+    while (std::fscanf(output, "%31s %lf", name, &milliseconds) == 2) {
+        parts[name].push_back(milliseconds);
+        total += milliseconds;
+    }
+    parts["total_ms"].push_back(total);
+    return pclose(output) == 0;
+}
+
+void BM_StartUp(benchmark::State& state, bool warm) {
+    std::map<std::string, std::vector<double>> parts;
+    const CacheFolder warm_cache;
+    std::map<std::string, std::vector<double>> ignored;
+    if (warm && !add_run(warm_cache, state, ignored)) {
+        state.SkipWithError("no first frame");
+    }
+    for (auto _ : state) {
+        const CacheFolder cold_cache;
+        if (!add_run(warm ? warm_cache : cold_cache, state, parts)) {
+            state.SkipWithError("no first frame");
+            break;
+        }
+        state.SetIterationTime(1e-3 * parts["total_ms"].back());
+    }
+    for (const auto& [name, times] : parts) {
+        state.counters[name] = bench::median(times);
+    }
+}
+BENCHMARK_CAPTURE(BM_StartUp, cold, false)
+    ->ArgNames({"w", "h"})
+    ->Args({1280, 720})
+    ->Iterations(5)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_StartUp, warm, true)
+    ->ArgNames({"w", "h"})
+    ->Args({1280, 720})
+    ->Iterations(15)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
