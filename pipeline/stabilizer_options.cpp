@@ -26,9 +26,9 @@ constexpr VideoStabilizerOptions DEFAULTS{OUR_SIZE, 10, 0.0F, 0.9F, 0, 0, 0, 0};
 // By strength.
 constexpr VideoStabilizerOptions STRENGTHS[] = {
     DEFAULTS,
-    {OUR_SIZE, 10, 14.0F, 0.9F, 1, 1, 1, 1},
+    {OUR_SIZE, 10, 10.0F, 0.9F, 1, 1, 1, 1},
     {OUR_SIZE, 20, 14.0F, 0.9F, 1, 1, 1, 1},
-    {OUR_SIZE, 30, 21.0F, 0.9F, 1, 1, 1, 1},
+    {OUR_SIZE, 30, 20.0F, 0.9F, 1, 1, 1, 1},
 };
 
 bool is_switch(std::int32_t value) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "motion/steady_path.h"
 #include "pipeline/geometry.h"
 #include "pipeline/stabilizer_internal.h"
 #include "pipeline/stabilizer_options.h"
@@ -133,6 +134,10 @@ void create_history(VideoStabilizer* s) {
     s->filter = gaussian_motion_filter_create(s->radius, s->options.sigma);
     if (s->filter == nullptr) {
         throw std::bad_alloc();
+    }
+    if (SteadyPath::is_needed(s->options)) {
+        s->steady_path = new SteadyPath(s->width, s->height, s->options,
+                                        static_cast<double>(s->filter->sigma));
     }
     s->warp_pool.reserve(WARP_POOL_SIZE);
     for (int i = 0; i < WARP_POOL_SIZE; ++i) {
@@ -318,6 +323,7 @@ void video_stabilizer_delete(VideoStabilizer* stabilizer) {
     if (s->filter != nullptr) {
         gaussian_motion_filter_delete(s->filter);
     }
+    delete s->steady_path;
     if (s->transformer != nullptr) {
         affine_transformer_ocl_delete(s->transformer);
     }

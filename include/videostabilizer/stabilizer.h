@@ -37,6 +37,8 @@
 
 namespace videostabilizer {
 
+class SteadyPath;  // the library's own
+
 // How a host makes output frames itself. Matters only if the stabilizer works not in place.
 struct VideoStabilizerUser {
     void* ctx;                          // handed to create_frame; must not be null
@@ -127,6 +129,7 @@ struct VideoStabilizer {
     std::atomic<std::int32_t> worker_joinable;  // 1 from start until the worker is joined
     VideoStabilizerObserver observer;
     VideoStabilizerOptions options;
+    SteadyPath* steady_path;  // null where the filter alone does
 };
 
 // Sets up OpenCL once per process. Threads: thread-safe. Returns 0, or -1 with the reason in the
