@@ -14,6 +14,8 @@ namespace {
 // corners also in the decimated image that the stabilizer analyses (480 x 270 of 1920 x 1080).
 constexpr double UNITS_PER_PICTURE = 360;
 
+constexpr double FOREGROUND_SECONDS = 5;  // there and back
+
 constexpr int NOISE_BITS = 16;  // the noise table is passed through at a random start for each row
 
 double unit_of(const CameraSettings& camera) {
@@ -96,19 +98,33 @@ ShakyClip::ShakyClip(const ClipSettings& settings)
     }
 }
 
+// Draws the painting seen through `view` into `columns` columns from x on, both even but for the
+// last column of an odd picture.
+void ShakyClip::draw(const Affine& view, const Planes& planes, int x, int columns) const {
+    sample_plane(town_.y, town_.width, town_.height, view, planes.y + x, planes.stride_y, columns,
+                 height());
+    const Affine chroma = chroma_view(view);
+    const int chroma_width = (columns + 1) / 2;
+    const int chroma_height = (height() + 1) / 2;
+    sample_plane(town_.u, town_.width / 2, town_.height / 2, chroma, planes.u + x / 2,
+                 planes.stride_uv, chroma_width, chroma_height);
+    sample_plane(town_.v, town_.width / 2, town_.height / 2, chroma, planes.v + x / 2,
+                 planes.stride_uv, chroma_width, chroma_height);
+}
+
 void ShakyClip::render(int frame, const Planes& planes) const {
     Affine view = picture_to_scene(path_.shaky(frame), width(), height());
     view.c += 0.5 * town_.width;  // the path's origin is the middle of the painting
     view.f += 0.5 * town_.height;
-    sample_plane(town_.y, town_.width, town_.height, view, planes.y, planes.stride_y, width(),
-                 height());
-    const Affine chroma = chroma_view(view);
-    const int chroma_width = (width() + 1) / 2;
-    const int chroma_height = (height() + 1) / 2;
-    sample_plane(town_.u, town_.width / 2, town_.height / 2, chroma, planes.u, planes.stride_uv,
-                 chroma_width, chroma_height);
-    sample_plane(town_.v, town_.width / 2, town_.height / 2, chroma, planes.v, planes.stride_uv,
-                 chroma_width, chroma_height);
+    draw(view, planes, 0, width());
+    if (settings_.foreground > 0) {
+        // A part of the painting that stays the same, wherever it is in the picture.
+        const int columns = static_cast<int>(settings_.foreground * width()) & ~1;
+        const double turns = frame / settings_.camera.fps / FOREGROUND_SECONDS;
+        const int x = static_cast<int>(0.5 * (width() - columns) * (1 + sin_turns(turns))) & ~1;
+        draw(Affine(), {planes.y, planes.u, planes.v, planes.stride_y, planes.stride_uv}, x,
+             columns);
+    }
     if (!noise_.empty()) add_noise(frame, planes);
 }
 

@@ -12,6 +12,9 @@ namespace apps {
 struct ClipSettings {
     CameraSettings camera;
     double noise = 0;  // sensor noise, standard deviation in grey levels
+    // Something large that moves by itself in front of the scene, to and fro across the picture, as
+    // high as the picture: its share of the picture's width, 0..1.
+    double foreground = 0;
 };
 
 // A shaky clip of any length, made frame by frame, whose true camera motion is known. The same
@@ -40,6 +43,7 @@ class ShakyClip {
     Affine motion(int from, int to) const;
 
   private:
+    void draw(const Affine& view, const Planes& planes, int x, int columns) const;
     void add_noise(int frame, const Planes& planes) const;
 
     ClipSettings settings_;

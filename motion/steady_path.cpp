@@ -10,11 +10,12 @@ bool SteadyPath::is_needed(const VideoStabilizerOptions& options) {
     return options.edge_guard != 0 || options.repair_motions != 0 || options.scene_cuts != 0;
 }
 
-SteadyPath::SteadyPath(int width, int height, const VideoStabilizerOptions& options, double sigma)
-    : history_(width, height, options.look_ahead, options.repair_motions != 0,
-               options.scene_cuts != 0),
+SteadyPath::SteadyPath(const VideoStabilizerOptions& options, double sigma)
+    : history_(options.picture_width, options.picture_height, options.look_ahead,
+               options.repair_motions != 0, options.scene_cuts != 0),
       guards_(options.edge_guard != 0),
-      planner_({width, height, options.look_ahead, sigma, static_cast<double>(options.crop_ratio)}),
+      planner_({options.picture_width, options.picture_height, options.look_ahead, sigma,
+                static_cast<double>(options.crop_ratio)}),
       camera_(static_cast<std::size_t>(options.look_ahead) + 1) {}
 
 void SteadyPath::add(const float motion[9], const MotionLog& log, std::size_t corners) {

@@ -29,8 +29,8 @@ class SteadyPath {
     // Whether these options need any of it.
     static bool is_needed(const VideoStabilizerOptions& options);
 
-    // sigma: of the filter in use. Throws std::bad_alloc.
-    SteadyPath(int width, int height, const VideoStabilizerOptions& options, double sigma);
+    // Complete options; sigma: of the filter in use. Throws std::bad_alloc.
+    SteadyPath(const VideoStabilizerOptions& options, double sigma);
 
     // Takes what MotionHistory::add takes.
     void add(const float motion[9], const MotionLog& log, std::size_t corners);

@@ -78,7 +78,8 @@ void estimate_motion(VideoStabilizer* s) {
 
 // Puts the crop into a correction: the part of the picture around its centre, enlarged to full size.
 void fold_in_crop(const VideoStabilizer* s, SimpleLA::Mat<float>& correction) {
-    const PictureCentre centre = picture_centre(s->width, s->height);
+    const PictureCentre centre = picture_centre(s->options.picture_width,
+                                                s->options.picture_height);
     const double enlargement = 1.0 / static_cast<double>(s->options.crop_ratio);
     for (int r = 0; r < 2; ++r) {
         const double middle = r == 0 ? centre.x : centre.y;

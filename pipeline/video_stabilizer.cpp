@@ -136,8 +136,7 @@ void create_history(VideoStabilizer* s) {
         throw std::bad_alloc();
     }
     if (SteadyPath::is_needed(s->options)) {
-        s->steady_path = new SteadyPath(s->width, s->height, s->options,
-                                        static_cast<double>(s->filter->sigma));
+        s->steady_path = new SteadyPath(s->options, static_cast<double>(s->filter->sigma));
     }
     s->warp_pool.reserve(WARP_POOL_SIZE);
     for (int i = 0; i < WARP_POOL_SIZE; ++i) {
@@ -239,17 +238,17 @@ VideoStabilizer* video_stabilizer_create_with_options(int width, int height, int
                                                       int stride_uv, PixFmt format, int in_place,
                                                       VideoStabilizerUser* user,
                                                       const VideoStabilizerOptions* options) {
-    VideoStabilizerOptions chosen{};
-    const char* const option_fault = read_options(options, chosen);
-    if (option_fault != nullptr) {
-        __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused the options: %s", option_fault);
-        return nullptr;
-    }
     // Formats that cannot be warped are the warp stage's to refuse.
     const char* const fault = geometry_fault(width, height, stride_y, stride_uv, format);
     if (fault != nullptr) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused %d x %d, strides %d and %d: %s",
                             width, height, stride_y, stride_uv, fault);
+        return nullptr;
+    }
+    VideoStabilizerOptions chosen{};
+    const char* const option_fault = read_options(options, width, height, chosen);
+    if (option_fault != nullptr) {
+        __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused the options: %s", option_fault);
         return nullptr;
     }
     VideoStabilizer* const s = new_record();
