@@ -117,15 +117,23 @@ void ShakyClip::render(int frame, const Planes& planes) const {
     view.c += 0.5 * town_.width;  // the path's origin is the middle of the painting
     view.f += 0.5 * town_.height;
     draw(view, planes, 0, width());
-    if (settings_.foreground > 0) {
-        // A part of the painting that stays the same, wherever it is in the picture.
-        const int columns = static_cast<int>(settings_.foreground * width()) & ~1;
-        const double turns = frame / settings_.camera.fps / FOREGROUND_SECONDS;
-        const int x = static_cast<int>(0.5 * (width() - columns) * (1 + sin_turns(turns))) & ~1;
-        draw(Affine(), {planes.y, planes.u, planes.v, planes.stride_y, planes.stride_uv}, x,
-             columns);
-    }
+    if (settings_.foreground > 0) draw_foreground(frame, view, planes);
     if (!noise_.empty()) add_noise(frame, planes);
+}
+
+// A strip of the painting that walks to and fro in the scene: seen by the same camera, it shakes like
+// all the rest, and moves besides. Only its edges are upright in the picture.
+void ShakyClip::draw_foreground(int frame, const Affine& view, const Planes& planes) const {
+    const double turns = frame / settings_.camera.fps / FOREGROUND_SECONDS;
+    const double walked = 0.5 * (1 - settings_.foreground) * width() * sin_turns(turns);
+    const double middle = 0.5 * width() + walked - path_.shaky(frame).x + path_.steady(frame).x;
+    const double half = 0.5 * settings_.foreground * width();
+    const int left = std::clamp(static_cast<int>(middle - half), 0, width()) & ~1;
+    const int right = std::clamp(static_cast<int>(middle + half), 0, width()) & ~1;
+    Affine moved = view;
+    moved.c += view.a * left - walked;
+    moved.f += view.d * left;
+    draw(moved, planes, left, right - left);
 }
 
 void ShakyClip::add_noise(int frame, const Planes& planes) const {

@@ -12,8 +12,8 @@ namespace apps {
 struct ClipSettings {
     CameraSettings camera;
     double noise = 0;  // sensor noise, standard deviation in grey levels
-    // Something large that moves by itself in front of the scene, to and fro across the picture, as
-    // high as the picture: its share of the picture's width, 0..1.
+    // Something that walks to and fro in front of the scene, as high as the picture: its share of
+    // the picture's width, 0..1.
     double foreground = 0;
 };
 
@@ -44,6 +44,7 @@ class ShakyClip {
 
   private:
     void draw(const Affine& view, const Planes& planes, int x, int columns) const;
+    void draw_foreground(int frame, const Affine& view, const Planes& planes) const;
     void add_noise(int frame, const Planes& planes) const;
 
     ClipSettings settings_;

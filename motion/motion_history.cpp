@@ -10,6 +10,8 @@ namespace {
 constexpr std::size_t ENOUGH_CORNERS = 24;
 constexpr std::size_t STRANGE_SHARE = 10;  // corners for each one that moved with the others
 
+constexpr double CALM_SHARE = 0.05;  // of the picture's diagonal
+
 // No hand turns or zooms like this from one frame to the next; a fit to too few points does.
 constexpr double LARGEST_TURN = 0.5;  // radians
 constexpr double LARGEST_ZOOM = 0.4;  // logarithm
@@ -25,12 +27,13 @@ constexpr int SPARE_STEPS = 8;
 
 MotionHistory::MotionHistory(int width, int height, int reach, bool repairs, bool finds_cuts)
     : centre_(picture_centre(width, height)),
+      calm_(CALM_SHARE * std::hypot(width, height)),
       reach_(reach),
       repairs_(repairs),
       finds_cuts_(finds_cuts),
       ring_(static_cast<std::size_t>(2 * reach + SPARE_STEPS)) {}
 
-void MotionHistory::add(const float motion[9], const MotionLog& log, std::size_t corners) {
+CameraPose* MotionHistory::add(const float motion[9], const MotionLog& log, std::size_t corners) {
     Step& step = ring_[static_cast<std::size_t>(steps_) % ring_.size()];
     step.found = log.status == 0 && pose_of_motion(motion, centre_, step.pose) &&
                  std::abs(step.pose.angle) <= LARGEST_TURN &&
@@ -41,6 +44,7 @@ void MotionHistory::add(const float motion[9], const MotionLog& log, std::size_t
         step.pose = {};
     }
     ++steps_;
+    return step.found ? &step.pose : nullptr;
 }
 
 bool MotionHistory::is_known(int k) const {
@@ -55,9 +59,13 @@ bool MotionHistory::was_found(int k) const {
     return is_known(k) && at(k).found;
 }
 
+bool MotionHistory::was_calm(int k) const {
+    return was_found(k) && std::hypot(at(k).pose.x, at(k).pose.y) < calm_;
+}
+
 bool MotionHistory::is_cut(int k) const {
     return finds_cuts_ && is_known(k) && !at(k).found && at(k).strange &&
-           (k == 0 || was_found(k - 1)) && was_found(k + 1);
+           (k == 0 || was_calm(k - 1)) && was_calm(k + 1);
 }
 
 bool MotionHistory::is_repaired(int k) const {

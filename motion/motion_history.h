@@ -13,8 +13,9 @@ namespace videostabilizer {
 //
 // A scene cut is a step whose motion was not found although the earlier picture had corners enough
 // to follow (24), of which less than a tenth moved in any common way, while the steps right before
-// and after it were found. A picture that is dark, blurred, covered or flashed for a moment is not:
-// it spoils the step into it and the one out of it. Nor is a whip pan, which blurs several.
+// and after it were found and are calm (below a twentieth of the diagonal). A picture that is dark,
+// blurred, covered or flashed for a moment is not: it spoils the step into it and the one out of it.
+// Nor is a whip pan, which blurs several, or has fast ones beside the one that was lost.
 //
 // A gap, one or more steps in a row that were not found and are no cut, is taken to be crossed at a
 // speed that changes evenly from that before to that behind. So a camera that pans goes on panning,
@@ -28,8 +29,9 @@ class MotionHistory {
     MotionHistory(int width, int height, int reach, bool repairs, bool finds_cuts);
 
     // The motion from the newest frame to one more: as estimated, with `corners` that there were in
-    // the earlier picture. The first call adds frames 0 and 1.
-    void add(const float motion[9], const MotionLog& log, std::size_t corners);
+    // the earlier picture. The first call adds frames 0 and 1. Returns the step for its refinement,
+    // or null when there is none.
+    CameraPose* add(const float motion[9], const MotionLog& log, std::size_t corners);
 
     // The camera's step from frame k to k + 1; closed gaps included.
     CameraPose step(int k) const;
@@ -56,10 +58,12 @@ class MotionHistory {
 
     bool is_known(int k) const;
     bool was_found(int k) const;
+    bool was_calm(int k) const;
     const Step& at(int k) const;
     bool speed_beside(int k, int direction, CameraPose& speed) const;
 
     PictureCentre centre_;
+    double calm_;  // longest shift of a step beside a cut, pixels
     int reach_;
     bool repairs_;
     bool finds_cuts_;

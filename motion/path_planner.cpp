@@ -25,9 +25,9 @@ constexpr double ZOOM_SHARE = 0.15;
 // then has the step response of a well-damped second-order system.
 constexpr double CHANGE_SHARE = 0.125;
 
-constexpr double PENALTY = 60;        // of the splitting; only its speed depends on it
-constexpr double RELAXATION = 1.6;    // likewise
-constexpr int MOST_ITERATIONS = 100;  //
+constexpr double PENALTY = 60;         // of the splitting; only its speed depends on it
+constexpr double RELAXATION = 1.6;     // likewise
+constexpr int MOST_ITERATIONS = 100;   //
 constexpr double CLOSE_ENOUGH = 0.02;  // pixels: ends the iteration
 
 // Less than this is not called holding back, pixels.
@@ -58,8 +58,7 @@ PathPlanner::PathPlanner(const PathPlannerSettings& settings)
     for (std::vector<double>* const list : {&diagonal_, &below_, &below2_, &zoom_}) {
         list->resize(longest);
     }
-    for (std::vector<Point>* const list :
-         {&shaky_, &pull_, &free_, &held_, &dual_}) {
+    for (std::vector<Point>* const list : {&shaky_, &pull_, &free_, &held_, &dual_}) {
         list->resize(longest);
     }
     limits_.resize(longest);
@@ -75,7 +74,7 @@ void PathPlanner::factorise(std::size_t count, double extra) {
     const double a = speed_cost_;
     const double b = change_cost_;
     for (std::size_t k = 0; k < count; ++k) {
-        const std::size_t after = count - 1 - k;          // frames behind this one
+        const std::size_t after = count - 1 - k;  // frames behind this one
         const std::size_t before = k + static_cast<std::size_t>(past_);
         // Each difference that frame k is part of: as the newest, the middle and the oldest.
         double main = 1 + extra;

@@ -88,13 +88,13 @@ class PathPlanner {
     static Point into_limits(const Limits& limits, const Point& centre, const Point& point);
 
     PathPlannerSettings settings_;
-    double half_width_;   // of the picture, between the centres of its outermost pixels
-    double half_height_;  //
-    double turn_lever_;   // pixels
-    double zoom_room_;    // largest correction of the zoom, either way
-    double speed_cost_;   // A
-    double change_cost_;  // B
-    int past_ = 0;        // planned frames that the next one continues: 0, 1 or 2
+    double half_width_;     // of the picture, between the centres of its outermost pixels
+    double half_height_;    //
+    double turn_lever_;     // pixels
+    double zoom_room_;      // largest correction of the zoom, either way
+    double speed_cost_;     // A
+    double change_cost_;    // B
+    int past_ = 0;          // planned frames that the next one continues: 0, 1 or 2
     CameraPose before_[2];  // these frames, the last one first, seen from the next
     CameraPose wished_[2];  // likewise, had there never been an edge
 

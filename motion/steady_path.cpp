@@ -10,16 +10,21 @@ bool SteadyPath::is_needed(const VideoStabilizerOptions& options) {
     return options.edge_guard != 0 || options.repair_motions != 0 || options.scene_cuts != 0;
 }
 
-SteadyPath::SteadyPath(const VideoStabilizerOptions& options, double sigma)
+SteadyPath::SteadyPath(const VideoStabilizerOptions& options, double sigma, int scale)
     : history_(options.picture_width, options.picture_height, options.look_ahead,
                options.repair_motions != 0, options.scene_cuts != 0),
+      fit_(history_.centre(), scale),
       guards_(options.edge_guard != 0),
       planner_({options.picture_width, options.picture_height, options.look_ahead, sigma,
                 static_cast<double>(options.crop_ratio)}),
       camera_(static_cast<std::size_t>(options.look_ahead) + 1) {}
 
-void SteadyPath::add(const float motion[9], const MotionLog& log, std::size_t corners) {
-    history_.add(motion, log, corners);
+void SteadyPath::add(const float motion[9], const MotionLog& log, std::size_t corners,
+                     const std::vector<KeyPoint>& from, const std::vector<KeyPoint>& to) {
+    CameraPose* const step = history_.add(motion, log, corners);
+    if (step != nullptr) {
+        fit_.refine(from, to, *step);
+    }
 }
 
 void SteadyPath::filter_motions(int n, int newest, GaussianMotionFilter* filter,

@@ -5,6 +5,7 @@
 
 #include "motion/motion_history.h"
 #include "motion/path_planner.h"
+#include "motion/similarity_fit.h"
 #include "videostabilizer/gaussian_motion_filter.h"
 #include "videostabilizer/mat.h"
 #include "videostabilizer/ransac.h"
@@ -29,11 +30,13 @@ class SteadyPath {
     // Whether these options need any of it.
     static bool is_needed(const VideoStabilizerOptions& options);
 
-    // Complete options; sigma: of the filter in use. Throws std::bad_alloc.
-    SteadyPath(const VideoStabilizerOptions& options, double sigma);
+    // Complete options; sigma: of the filter in use; scale: decimation of the analysis. Throws
+    // std::bad_alloc.
+    SteadyPath(const VideoStabilizerOptions& options, double sigma, int scale);
 
-    // Takes what MotionHistory::add takes.
-    void add(const float motion[9], const MotionLog& log, std::size_t corners);
+    // Takes what MotionHistory::add takes, and the pairs that the motion was estimated from.
+    void add(const float motion[9], const MotionLog& log, std::size_t corners,
+             const std::vector<KeyPoint>& from, const std::vector<KeyPoint>& to);
 
     // Writes the correcting transform of frame n, before the crop. Frames come in order, each once.
     // `motions` and `logs` are the ring that the filter works on; gaps in it are closed. `newest`
@@ -48,6 +51,7 @@ class SteadyPath {
                         SimpleLA::Mat<float>& correction) const;
 
     MotionHistory history_;
+    SimilarityFit fit_;
     bool guards_;
     PathPlanner planner_;
     std::vector<CameraPose> camera_;  // scratch: the frames in sight, seen from the first

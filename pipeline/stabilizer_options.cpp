@@ -11,8 +11,8 @@ namespace {
 
 constexpr auto OUR_SIZE = static_cast<std::int32_t>(sizeof(VideoStabilizerOptions));
 // The record as it was first published. Fields are only ever added behind.
-constexpr std::int32_t SMALLEST_SIZE =
-    static_cast<std::int32_t>(offsetof(VideoStabilizerOptions, picture_height) + sizeof(std::int32_t));
+constexpr std::int32_t SMALLEST_SIZE = static_cast<std::int32_t>(
+    offsetof(VideoStabilizerOptions, picture_height) + sizeof(std::int32_t));
 constexpr std::int32_t LARGEST_SIZE = 4096;  // beyond, the field holds something else
 
 constexpr int LONGEST_LOOK_AHEAD = 120;  // frames

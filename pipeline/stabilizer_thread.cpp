@@ -69,7 +69,8 @@ void estimate_motion(VideoStabilizer* s) {
     estimateGlobalMotionRansac(*s->motions[slot], log, s->matched_prev, s->matched_next,
                                s->ransac_params);
     if (s->steady_path != nullptr) {
-        s->steady_path->add(s->motions[slot]->data, log, s->prev_points.size());
+        s->steady_path->add(s->motions[slot]->data, log, s->prev_points.size(), s->matched_prev,
+                            s->matched_next);
     }
     if (s->observer.on_motion != nullptr) {
         s->observer.on_motion(s->observer.ctx, from, s->motions[slot]->data, &log);
@@ -78,8 +79,8 @@ void estimate_motion(VideoStabilizer* s) {
 
 // Puts the crop into a correction: the part of the picture around its centre, enlarged to full size.
 void fold_in_crop(const VideoStabilizer* s, SimpleLA::Mat<float>& correction) {
-    const PictureCentre centre = picture_centre(s->options.picture_width,
-                                                s->options.picture_height);
+    const PictureCentre centre =
+        picture_centre(s->options.picture_width, s->options.picture_height);
     const double enlargement = 1.0 / static_cast<double>(s->options.crop_ratio);
     for (int r = 0; r < 2; ++r) {
         const double middle = r == 0 ? centre.x : centre.y;

@@ -16,8 +16,8 @@ namespace videostabilizer {
 
 namespace {
 
-constexpr int INPUT_CAPACITY = 3;     // frames
-constexpr int OUTPUT_CAPACITY = 2;    // frames
+constexpr int INPUT_CAPACITY = 3;   // frames
+constexpr int OUTPUT_CAPACITY = 2;  // frames
 constexpr int TIMEOUT_MS = 3000;
 constexpr int MAX_POINTS = 256;
 constexpr int WARP_POOL_SIZE = 2;  // one frame queued in the warp stage and one in its work
@@ -136,7 +136,8 @@ void create_history(VideoStabilizer* s) {
         throw std::bad_alloc();
     }
     if (SteadyPath::is_needed(s->options)) {
-        s->steady_path = new SteadyPath(s->options, static_cast<double>(s->filter->sigma));
+        s->steady_path =
+            new SteadyPath(s->options, static_cast<double>(s->filter->sigma), s->scale);
     }
     s->warp_pool.reserve(WARP_POOL_SIZE);
     for (int i = 0; i < WARP_POOL_SIZE; ++i) {
