@@ -16,6 +16,8 @@ constexpr double PAN_X = 0.15;
 constexpr double PAN_Y = 0.10;
 constexpr double PAN_X_SECONDS = 17;
 constexpr double PAN_Y_SECONDS = 11;
+constexpr double ROLL_SECONDS = 4;
+constexpr double ZOOM_SECONDS = 5;
 
 // Root mean square of the shake at strength 1: a hand that does not try very hard.
 constexpr double SHAKE_POSITION = 0.006;  // picture widths
@@ -123,6 +125,8 @@ Pose CameraPath::steady(int frame) const {
     Pose pose;
     pose.x = settings_.pan * PAN_X * settings_.width * sin_turns(t / PAN_X_SECONDS);
     pose.y = settings_.pan * PAN_Y * settings_.height * sin_turns(t / PAN_Y_SECONDS);
+    pose.angle = settings_.roll * sin_turns(t / ROLL_SECONDS);
+    pose.zoom = 1 + settings_.zoom_swing * sin_turns(t / ZOOM_SECONDS);
     return pose;
 }
 
@@ -139,13 +143,15 @@ Pose CameraPath::shaky(int frame) const {
 }
 
 double CameraPath::reach_x() const {
-    const double turned = settings_.width + bound(angle_) * settings_.height;
-    return settings_.pan * PAN_X * settings_.width + bound(x_) + 0.5 * turned / (1 - bound(zoom_));
+    const double turned = settings_.width + (settings_.roll + bound(angle_)) * settings_.height;
+    const double zoom = 1 - settings_.zoom_swing - bound(zoom_);
+    return settings_.pan * PAN_X * settings_.width + bound(x_) + 0.5 * turned / zoom;
 }
 
 double CameraPath::reach_y() const {
-    const double turned = settings_.height + bound(angle_) * settings_.width;
-    return settings_.pan * PAN_Y * settings_.height + bound(y_) + 0.5 * turned / (1 - bound(zoom_));
+    const double turned = settings_.height + (settings_.roll + bound(angle_)) * settings_.width;
+    const double zoom = 1 - settings_.zoom_swing - bound(zoom_);
+    return settings_.pan * PAN_Y * settings_.height + bound(y_) + 0.5 * turned / zoom;
 }
 
 }  // namespace apps

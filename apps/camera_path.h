@@ -44,11 +44,13 @@ struct CameraSettings {
     double pan = 1;           // strength of the intended movement; 0: the camera is to stand still
     double shake = 1;         // strength of the hand's shake; 0: a perfectly steady pan
     double hold_seconds = 0;  // the camera stands quite still for so long before it sets off
+    double roll = 0;          // intended turning to and fro: amplitude, radians
+    double zoom_swing = 0;    // intended zooming in and out: amplitude, share of the zoom, below 1
     std::uint64_t seed = 1;   // another seed, another shake
 };
 
-// A slow pan to and fro, which never leaves a known area however long the clip is, and on top the
-// shake of a hand: sinusoids between 1 and 12 Hz in position, angle and zoom, whose amplitude falls
+// A slow pan to and fro, which never leaves a known area however long the clip is, if wished also
+// turning and zooming, and on top the shake of a hand: sinusoids between 1 and 12 Hz in position, angle and zoom, whose amplitude falls
 // as the frequency rises.
 class CameraPath {
   public:

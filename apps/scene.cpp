@@ -14,6 +14,8 @@ namespace {
 // corners also in the decimated image that the stabilizer analyses (480 x 270 of 1920 x 1080).
 constexpr double UNITS_PER_PICTURE = 360;
 
+constexpr double FOREGROUND_SECONDS = 5;  // there and back
+
 constexpr int NOISE_BITS = 16;  // the noise table is passed through at a random start for each row
 
 double unit_of(const CameraSettings& camera) {
@@ -96,20 +98,42 @@ ShakyClip::ShakyClip(const ClipSettings& settings)
     }
 }
 
+// Draws the painting seen through `view` into `columns` columns from x on, both even but for the
+// last column of an odd picture.
+void ShakyClip::draw(const Affine& view, const Planes& planes, int x, int columns) const {
+    sample_plane(town_.y, town_.width, town_.height, view, planes.y + x, planes.stride_y, columns,
+                 height());
+    const Affine chroma = chroma_view(view);
+    const int chroma_width = (columns + 1) / 2;
+    const int chroma_height = (height() + 1) / 2;
+    sample_plane(town_.u, town_.width / 2, town_.height / 2, chroma, planes.u + x / 2,
+                 planes.stride_uv, chroma_width, chroma_height);
+    sample_plane(town_.v, town_.width / 2, town_.height / 2, chroma, planes.v + x / 2,
+                 planes.stride_uv, chroma_width, chroma_height);
+}
+
 void ShakyClip::render(int frame, const Planes& planes) const {
     Affine view = picture_to_scene(path_.shaky(frame), width(), height());
     view.c += 0.5 * town_.width;  // the path's origin is the middle of the painting
     view.f += 0.5 * town_.height;
-    sample_plane(town_.y, town_.width, town_.height, view, planes.y, planes.stride_y, width(),
-                 height());
-    const Affine chroma = chroma_view(view);
-    const int chroma_width = (width() + 1) / 2;
-    const int chroma_height = (height() + 1) / 2;
-    sample_plane(town_.u, town_.width / 2, town_.height / 2, chroma, planes.u, planes.stride_uv,
-                 chroma_width, chroma_height);
-    sample_plane(town_.v, town_.width / 2, town_.height / 2, chroma, planes.v, planes.stride_uv,
-                 chroma_width, chroma_height);
+    draw(view, planes, 0, width());
+    if (settings_.foreground > 0) draw_foreground(frame, view, planes);
     if (!noise_.empty()) add_noise(frame, planes);
+}
+
+// A strip of the painting that walks to and fro in the scene: seen by the same camera, it shakes like
+// all the rest, and moves besides. Only its edges are upright in the picture.
+void ShakyClip::draw_foreground(int frame, const Affine& view, const Planes& planes) const {
+    const double turns = frame / settings_.camera.fps / FOREGROUND_SECONDS;
+    const double walked = 0.5 * (1 - settings_.foreground) * width() * sin_turns(turns);
+    const double middle = 0.5 * width() + walked - path_.shaky(frame).x + path_.steady(frame).x;
+    const double half = 0.5 * settings_.foreground * width();
+    const int left = std::clamp(static_cast<int>(middle - half), 0, width()) & ~1;
+    const int right = std::clamp(static_cast<int>(middle + half), 0, width()) & ~1;
+    Affine moved = view;
+    moved.c += view.a * left - walked;
+    moved.f += view.d * left;
+    draw(moved, planes, left, right - left);
 }
 
 void ShakyClip::add_noise(int frame, const Planes& planes) const {

@@ -12,6 +12,9 @@ namespace apps {
 struct ClipSettings {
     CameraSettings camera;
     double noise = 0;  // sensor noise, standard deviation in grey levels
+    // Something that walks to and fro in front of the scene, as high as the picture: its share of
+    // the picture's width, 0..1.
+    double foreground = 0;
 };
 
 // A shaky clip of any length, made frame by frame, whose true camera motion is known. The same
@@ -40,6 +43,8 @@ class ShakyClip {
     Affine motion(int from, int to) const;
 
   private:
+    void draw(const Affine& view, const Planes& planes, int x, int columns) const;
+    void draw_foreground(int frame, const Affine& view, const Planes& planes) const;
     void add_noise(int frame, const Planes& planes) const;
 
     ClipSettings settings_;

@@ -11,24 +11,25 @@ namespace {
 
 constexpr auto OUR_SIZE = static_cast<std::int32_t>(sizeof(VideoStabilizerOptions));
 // The record as it was first published. Fields are only ever added behind.
-constexpr std::int32_t SMALLEST_SIZE =
-    static_cast<std::int32_t>(offsetof(VideoStabilizerOptions, scene_cuts) + sizeof(std::int32_t));
+constexpr std::int32_t SMALLEST_SIZE = static_cast<std::int32_t>(
+    offsetof(VideoStabilizerOptions, picture_height) + sizeof(std::int32_t));
 constexpr std::int32_t LARGEST_SIZE = 4096;  // beyond, the field holds something else
 
 constexpr int LONGEST_LOOK_AHEAD = 120;  // frames
 constexpr float SMALLEST_SIGMA = 0.25F;  // frames
 constexpr float LARGEST_SIGMA = 1000.0F;
 constexpr float SMALLEST_CROP = 0.5F;
+constexpr int SMALLEST_PICTURE = 16;  // pixels
 
-//                                       size     ahead  sigma  crop shift guard repair cuts
-constexpr VideoStabilizerOptions DEFAULTS{OUR_SIZE, 10, 0.0F, 0.9F, 0, 0, 0, 0};
+//                                        size     ahead sigma crop  shift guard repair cuts picture
+constexpr VideoStabilizerOptions DEFAULTS{OUR_SIZE, 10, 0.0F, 0.9F, 0, 0, 0, 0, 0, 0};
 
 // By strength.
 constexpr VideoStabilizerOptions STRENGTHS[] = {
     DEFAULTS,
-    {OUR_SIZE, 10, 14.0F, 0.9F, 1, 1, 1, 1},
-    {OUR_SIZE, 20, 14.0F, 0.9F, 1, 1, 1, 1},
-    {OUR_SIZE, 30, 21.0F, 0.9F, 1, 1, 1, 1},
+    {OUR_SIZE, 10, 10.0F, 0.9F, 1, 1, 1, 1, 0, 0},
+    {OUR_SIZE, 20, 14.0F, 0.9F, 1, 1, 1, 1, 0, 0},
+    {OUR_SIZE, 30, 20.0F, 0.9F, 1, 1, 1, 1, 0, 0},
 };
 
 bool is_switch(std::int32_t value) {
@@ -40,7 +41,17 @@ bool is_within(float value, float low, float high) {
     return value >= low && value <= high;
 }
 
-const char* options_fault(const VideoStabilizerOptions& o) {
+// A picture of no size stands for the whole frame; otherwise it is at least the size that frames
+// must have.
+bool is_picture(std::int32_t width, std::int32_t height, int frame_width, int frame_height) {
+    if (width == 0 && height == 0) {
+        return true;
+    }
+    return width >= SMALLEST_PICTURE && width <= frame_width && height >= SMALLEST_PICTURE &&
+           height <= frame_height;
+}
+
+const char* options_fault(const VideoStabilizerOptions& o, int frame_width, int frame_height) {
     if (o.look_ahead < 1 || o.look_ahead > LONGEST_LOOK_AHEAD) {
         return "look_ahead is not 1 to 120";
     }
@@ -53,6 +64,9 @@ const char* options_fault(const VideoStabilizerOptions& o) {
     if (!is_switch(o.whole_shift) || !is_switch(o.edge_guard) || !is_switch(o.repair_motions) ||
         !is_switch(o.scene_cuts)) {
         return "a switch is neither 0 nor 1";
+    }
+    if (!is_picture(o.picture_width, o.picture_height, frame_width, frame_height)) {
+        return "the picture is not a part of the frames";
     }
     if (o.edge_guard != 0 && o.whole_shift == 0) {
         return "edge_guard needs whole_shift";
@@ -79,8 +93,11 @@ void write_options(VideoStabilizerOptions* options, const VideoStabilizerOptions
 
 }  // namespace
 
-const char* read_options(const VideoStabilizerOptions* given, VideoStabilizerOptions& out) {
+const char* read_options(const VideoStabilizerOptions* given, int width, int height,
+                         VideoStabilizerOptions& out) {
     out = DEFAULTS;
+    out.picture_width = width;
+    out.picture_height = height;
     if (given == nullptr) {
         return nullptr;
     }
@@ -92,7 +109,12 @@ const char* read_options(const VideoStabilizerOptions* given, VideoStabilizerOpt
     }
     std::memcpy(&out, given, static_cast<std::size_t>(std::min(given->size, OUR_SIZE)));
     out.size = OUR_SIZE;
-    return options_fault(out);
+    const char* const fault = options_fault(out, width, height);
+    if (out.picture_width == 0) {
+        out.picture_width = width;
+        out.picture_height = height;
+    }
+    return fault;
 }
 
 void video_stabilizer_options_init(VideoStabilizerOptions* options, std::int32_t size) {

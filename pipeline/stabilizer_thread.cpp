@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "motion/steady_path.h"
 #include "pipeline/decimate.h"
 #include "pipeline/stabilizer_internal.h"
 #include "platform/log.h"
@@ -67,20 +68,26 @@ void estimate_motion(VideoStabilizer* s) {
         static_cast<float>(s->matched_prev.size()) / static_cast<float>(s->prev_points.size());
     estimateGlobalMotionRansac(*s->motions[slot], log, s->matched_prev, s->matched_next,
                                s->ransac_params);
+    if (s->steady_path != nullptr) {
+        s->steady_path->add(s->motions[slot]->data, log, s->prev_points.size(), s->matched_prev,
+                            s->matched_next);
+    }
     if (s->observer.on_motion != nullptr) {
         s->observer.on_motion(s->observer.ctx, from, s->motions[slot]->data, &log);
     }
 }
 
-// Puts the crop into a correction: the centred part of the picture, enlarged to full size.
+// Puts the crop into a correction: the part of the picture around its centre, enlarged to full size.
 void fold_in_crop(const VideoStabilizer* s, SimpleLA::Mat<float>& correction) {
-    const float ratio = s->options.crop_ratio;
-    const float margin = (1.0F - ratio) * 0.5F;  // on each side, as a part of the size
-    correction.at(0, 2) -= static_cast<float>(s->width) * margin;
-    correction.at(1, 2) -= static_cast<float>(s->height) * margin;
+    const PictureCentre centre =
+        picture_centre(s->options.picture_width, s->options.picture_height);
+    const double enlargement = 1.0 / static_cast<double>(s->options.crop_ratio);
     for (int r = 0; r < 2; ++r) {
+        const double middle = r == 0 ? centre.x : centre.y;
         for (int c = 0; c < 3; ++c) {
-            correction.at(r, c) /= ratio;
+            const double off = c == 2 ? middle : 0;
+            const double element = static_cast<double>(correction.at(r, c));
+            correction.at(r, c) = static_cast<float>(off + enlargement * (element - off));
         }
     }
 }
@@ -92,13 +99,25 @@ void send_corrected(VideoStabilizer* s, int n) {
     s->output_index = n;
     SimpleLA::Mat<float>& correction =
         *s->warp_pool[static_cast<std::size_t>(n) % s->warp_pool.size()];
-    gaussian_motion_filter_stabilize(s->filter, correction, n, s->motions, s->motion_logs, 0,
-                                     s->frame_index);
+    Steadied steadied{false, 1, false, false};
+    if (s->steady_path != nullptr) {
+        steadied = s->steady_path->correct(n, s->frame_index, s->filter, s->motions, s->motion_logs,
+                                           correction);
+    } else {
+        gaussian_motion_filter_stabilize(s->filter, correction, n, s->motions, s->motion_logs, 0,
+                                         s->frame_index);
+    }
     if (s->observer.on_correction != nullptr) {
         s->observer.on_correction(s->observer.ctx, n, correction.data);
     }
     if (s->observer.on_report != nullptr) {
-        const VideoStabilizerReport report = {n, s->radius, s->filter->sigma, 0, 1.0F, 0, 0};
+        const VideoStabilizerReport report = {n,
+                                              s->radius,
+                                              s->filter->sigma,
+                                              steadied.guarded ? 1 : 0,
+                                              static_cast<float>(steadied.granted),
+                                              steadied.repaired ? 1 : 0,
+                                              steadied.scene_start ? 1 : 0};
         s->observer.on_report(s->observer.ctx, &report);
     }
     if (s->options.whole_shift != 0) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "motion/steady_path.h"
 #include "pipeline/geometry.h"
 #include "pipeline/stabilizer_internal.h"
 #include "pipeline/stabilizer_options.h"
@@ -15,8 +16,8 @@ namespace videostabilizer {
 
 namespace {
 
-constexpr int INPUT_CAPACITY = 3;     // frames
-constexpr int OUTPUT_CAPACITY = 2;    // frames
+constexpr int INPUT_CAPACITY = 3;   // frames
+constexpr int OUTPUT_CAPACITY = 2;  // frames
 constexpr int TIMEOUT_MS = 3000;
 constexpr int MAX_POINTS = 256;
 constexpr int WARP_POOL_SIZE = 2;  // one frame queued in the warp stage and one in its work
@@ -134,6 +135,10 @@ void create_history(VideoStabilizer* s) {
     if (s->filter == nullptr) {
         throw std::bad_alloc();
     }
+    if (SteadyPath::is_needed(s->options)) {
+        s->steady_path =
+            new SteadyPath(s->options, static_cast<double>(s->filter->sigma), s->scale);
+    }
     s->warp_pool.reserve(WARP_POOL_SIZE);
     for (int i = 0; i < WARP_POOL_SIZE; ++i) {
         s->warp_pool.push_back(new_matrix());
@@ -234,17 +239,17 @@ VideoStabilizer* video_stabilizer_create_with_options(int width, int height, int
                                                       int stride_uv, PixFmt format, int in_place,
                                                       VideoStabilizerUser* user,
                                                       const VideoStabilizerOptions* options) {
-    VideoStabilizerOptions chosen{};
-    const char* const option_fault = read_options(options, chosen);
-    if (option_fault != nullptr) {
-        __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused the options: %s", option_fault);
-        return nullptr;
-    }
     // Formats that cannot be warped are the warp stage's to refuse.
     const char* const fault = geometry_fault(width, height, stride_y, stride_uv, format);
     if (fault != nullptr) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused %d x %d, strides %d and %d: %s",
                             width, height, stride_y, stride_uv, fault);
+        return nullptr;
+    }
+    VideoStabilizerOptions chosen{};
+    const char* const option_fault = read_options(options, width, height, chosen);
+    if (option_fault != nullptr) {
+        __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused the options: %s", option_fault);
         return nullptr;
     }
     VideoStabilizer* const s = new_record();
@@ -318,6 +323,7 @@ void video_stabilizer_delete(VideoStabilizer* stabilizer) {
     if (s->filter != nullptr) {
         gaussian_motion_filter_delete(s->filter);
     }
+    delete s->steady_path;
     if (s->transformer != nullptr) {
         affine_transformer_ocl_delete(s->transformer);
     }

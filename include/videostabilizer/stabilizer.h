@@ -37,6 +37,8 @@
 
 namespace videostabilizer {
 
+class SteadyPath;  // the library's own
+
 // How a host makes output frames itself. Matters only if the stabilizer works not in place.
 struct VideoStabilizerUser {
     void* ctx;                          // handed to create_frame; must not be null
@@ -48,13 +50,13 @@ struct VideoStabilizerUser {
 
 // How the correction of one frame came about.
 struct VideoStabilizerReport {
-    std::int32_t frame;        // from 0
-    std::int32_t look_ahead;   // frames: the delay of the stream
-    float sigma;               // frames: of the weights in use
-    std::int32_t guarded;      // 1: the edge guard held something of the wished correction back
-    float granted;             // 0..1: the part of the wished correction that was made
-    std::int32_t repaired;     // 1: the motion from the frame before was not found, but made up from
-                               // its neighbours
+    std::int32_t frame;       // from 0
+    std::int32_t look_ahead;  // frames: the delay of the stream
+    float sigma;              // frames: of the weights in use
+    std::int32_t guarded;     // 1: the edge guard held something of the wished correction back
+    float granted;            // 0..1: the part of the wished correction that was made
+    std::int32_t repaired;    // 1: the motion from the frame before was not found, but made up from
+                              // its neighbours
     std::int32_t scene_start;  // 1: the first frame after a scene cut
 };
 
@@ -100,12 +102,14 @@ struct VideoStabilizer {
     std::vector<KeyPoint> matched_prev;  // tracked pairs, full-resolution pixels
     std::vector<KeyPoint> matched_next;
     std::vector<unsigned char> track_status;  // per corner: 1 tracked, 0 lost
-    std::int32_t radius;              // look_ahead: half the smoothing span, and the delay, frames
-    std::int32_t ring_size;           // 2 * radius + 1
-    std::int32_t frame_index;         // newest frame taken by the worker; -1 before
-    std::int32_t output_index;        // newest frame sent to the warp stage; -1 before
-    std::vector<Frame*> ring_frames;  // frames that wait for their correction, by index mod ring_size
-    std::vector<SimpleLA::Mat<float>*> motions;  // slot i mod ring_size: motion from frame i to i + 1
+    std::int32_t radius;        // look_ahead: half the smoothing span, and the delay, frames
+    std::int32_t ring_size;     // 2 * radius + 1
+    std::int32_t frame_index;   // newest frame taken by the worker; -1 before
+    std::int32_t output_index;  // newest frame sent to the warp stage; -1 before
+    std::vector<Frame*>
+        ring_frames;  // frames that wait for their correction, by index mod ring_size
+    std::vector<SimpleLA::Mat<float>*>
+        motions;  // slot i mod ring_size: motion from frame i to i + 1
     std::vector<SimpleLA::Mat<float>*>
         warp_pool;                       // correcting transforms on their way to the stage
     std::vector<MotionLog> motion_logs;  // beside `motions`
@@ -127,6 +131,7 @@ struct VideoStabilizer {
     std::atomic<std::int32_t> worker_joinable;  // 1 from start until the worker is joined
     VideoStabilizerObserver observer;
     VideoStabilizerOptions options;
+    SteadyPath* steady_path;  // null where the filter alone does
 };
 
 // Sets up OpenCL once per process. Threads: thread-safe. Returns 0, or -1 with the reason in the

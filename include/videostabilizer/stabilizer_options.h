@@ -25,6 +25,11 @@ struct VideoStabilizerOptions {
     std::int32_t repair_motions;  // 1: where no motion was found, the path goes on like its
                                   // neighbours instead of standing still; 0
     std::int32_t scene_cuts;      // 1: the smoothing stops at scene cuts; 0
+    // The part of the frames, from their top left corner on, that is picture; 0, 0 for all of it.
+    // What is beyond was added to make up the size of the frames: whole_shift keeps the crop, and
+    // edge_guard the view, to the picture.
+    std::int32_t picture_width;   // pixels, up to the frames' width
+    std::int32_t picture_height;  //
 };
 
 // Predefined options.

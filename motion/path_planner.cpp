@@ -1,0 +1,307 @@
+#include "motion/path_planner.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstddef>
+
+namespace videostabilizer {
+
+namespace {
+
+// How far inside the source the outermost samples stay, pixels: the warp computes positions in
+// single precision, and holds the last pixel to be a thousandth smaller.
+constexpr double SAFETY = 0.02;
+
+// A turn is held to be as bad as the shift that it makes at this many half diagonals from the
+// centre. So where the room at the edges does not do for both, shifts give way first: a turning
+// picture is the more unpleasant one.
+constexpr double TURN_WEIGHT = 2.5;
+
+// The part of the cropped-off margin that corrections of the zoom may take from the others.
+constexpr double ZOOM_SHARE = 0.15;
+
+// Share of the cost of a changing speed in sigma^4. Together with the cost of speed the smoothing
+// then has the step response of a well-damped second-order system.
+constexpr double CHANGE_SHARE = 0.125;
+
+constexpr double PENALTY = 60;         // of the splitting; only its speed depends on it
+constexpr double RELAXATION = 1.6;     // likewise
+constexpr int MOST_ITERATIONS = 100;   //
+constexpr double CLOSE_ENOUGH = 0.02;  // pixels: ends the iteration
+
+// Less than this is not called holding back, pixels.
+constexpr double NOTICEABLE = 0.1;
+
+// Of points of the path, in pixels.
+template <class Point>
+double length(const Point& p) {
+    return std::sqrt(p.x * p.x + p.y * p.y + p.turn * p.turn);
+}
+
+template <class Point>
+double largest(const Point& p) {
+    return std::max({std::abs(p.x), std::abs(p.y), std::abs(p.turn)});
+}
+
+}  // namespace
+
+PathPlanner::PathPlanner(const PathPlannerSettings& settings)
+    : settings_(settings),
+      half_width_(0.5 * (settings.width - 1)),
+      half_height_(0.5 * (settings.height - 1)),
+      turn_lever_(TURN_WEIGHT * std::hypot(half_width_, half_height_)),
+      zoom_room_(ZOOM_SHARE * (1 - settings.crop_ratio)),
+      speed_cost_(settings.sigma * settings.sigma),
+      change_cost_(CHANGE_SHARE * speed_cost_ * speed_cost_) {
+    const auto longest = static_cast<std::size_t>(settings.look_ahead) + 1;
+    for (std::vector<double>* const list : {&diagonal_, &below_, &below2_, &zoom_}) {
+        list->resize(longest);
+    }
+    for (std::vector<Point>* const list : {&shaky_, &pull_, &free_, &held_, &dual_}) {
+        list->resize(longest);
+    }
+    limits_.resize(longest);
+}
+
+void PathPlanner::begin_scene() {
+    past_ = 0;
+}
+
+// Factorises the matrix of the least sum, plus `extra` on its diagonal, into L D L'. It has two
+// diagonals on either side of the main one.
+void PathPlanner::factorise(std::size_t count, double extra) {
+    const double a = speed_cost_;
+    const double b = change_cost_;
+    for (std::size_t k = 0; k < count; ++k) {
+        const std::size_t after = count - 1 - k;  // frames behind this one
+        const std::size_t before = k + static_cast<std::size_t>(past_);
+        // Each difference that frame k is part of: as the newest, the middle and the oldest.
+        double main = 1 + extra;
+        main += a * ((before >= 1 ? 1 : 0) + (after >= 1 ? 1 : 0));
+        main += b * ((before >= 2 ? 1 : 0) + (before >= 1 && after >= 1 ? 4 : 0) +
+                     (after >= 2 ? 1 : 0));
+        // The element that links it to frame k - 1, and to k - 2.
+        double first = 0;
+        double second = 0;
+        if (k >= 1) {
+            first = -a - 2 * b * ((before >= 2 ? 1 : 0) + (after >= 1 ? 1 : 0));
+        }
+        if (k >= 2) {
+            second = b;
+        }
+        below2_[k] = k >= 2 ? second / diagonal_[k - 2] : 0;
+        if (k >= 2) {
+            first -= below2_[k] * diagonal_[k - 2] * below_[k - 1];
+        }
+        below_[k] = k >= 1 ? first / diagonal_[k - 1] : 0;
+        diagonal_[k] = main;
+        if (k >= 1) {
+            diagonal_[k] -= below_[k] * below_[k] * diagonal_[k - 1];
+        }
+        if (k >= 2) {
+            diagonal_[k] -= below2_[k] * below2_[k] * diagonal_[k - 2];
+        }
+    }
+}
+
+// Solves the factorised system in place.
+void PathPlanner::solve(std::size_t count, std::vector<Point>& x) const {
+    for (std::size_t k = 1; k < count; ++k) {
+        x[k] = x[k] - below_[k] * x[k - 1];
+        if (k >= 2) {
+            x[k] = x[k] - below2_[k] * x[k - 2];
+        }
+    }
+    for (std::size_t k = 0; k < count; ++k) {
+        x[k] = (1 / diagonal_[k]) * x[k];
+    }
+    for (std::size_t k = count - 1; k-- > 0;) {
+        x[k] = x[k] - below_[k + 1] * x[k + 1];
+        if (k + 2 < count) {
+            x[k] = x[k] - below2_[k + 2] * x[k + 2];
+        }
+    }
+}
+
+// The right side of the system: where the shaky path and the planned frames before it pull.
+void PathPlanner::pull_to(std::size_t count, const std::array<Point, 2>& before,
+                          std::vector<Point>& pull) {
+    std::copy_n(shaky_.begin(), count, pull.begin());
+    if (past_ >= 1) {
+        pull[0] = pull[0] + speed_cost_ * before[0];
+        if (count >= 2) {
+            pull[0] = pull[0] + 2 * change_cost_ * before[0];
+            pull[1] = pull[1] - change_cost_ * before[0];
+        }
+    }
+    if (past_ >= 2) {
+        pull[0] = pull[0] + change_cost_ * (2 * before[0] - before[1]);
+    }
+}
+
+// Leaves the best path within the limits in held_, which is exactly within them. into_limits(k, p)
+// gives the point nearest to p that frame k allows.
+template <class IntoLimits>
+void PathPlanner::find_path(std::size_t count, const std::array<Point, 2>& before,
+                            IntoLimits into_limits) {
+    pull_to(count, before, pull_);
+    factorise(count, 0);
+    std::copy_n(pull_.begin(), count, free_.begin());
+    solve(count, free_);
+    bool within = true;
+    for (std::size_t k = 0; k < count; ++k) {
+        held_[k] = into_limits(k, free_[k]);
+        within = within && largest(held_[k] - free_[k]) == 0;
+    }
+    if (within) {
+        return;
+    }
+
+    // Splits the programme into the path that costs the least (free_) and the one that is within
+    // the limits (held_), and pulls them together.
+    factorise(count, PENALTY);
+    std::fill_n(dual_.begin(), count, Point{});
+    for (int iteration = 0; iteration < MOST_ITERATIONS; ++iteration) {
+        for (std::size_t k = 0; k < count; ++k) {
+            free_[k] = pull_[k] + PENALTY * (held_[k] - dual_[k]);
+        }
+        solve(count, free_);
+        for (std::size_t k = 0; k < count; ++k) {
+            dual_[k] = dual_[k] + RELAXATION * free_[k] + (1 - RELAXATION) * held_[k];
+        }
+        double change = 0;
+        for (std::size_t k = 0; k < count; ++k) {
+            const Point point = into_limits(k, dual_[k]);
+            change = std::max({change, largest(point - held_[k]), largest(point - free_[k])});
+            dual_[k] = dual_[k] - point;
+            held_[k] = point;
+        }
+        if (change < CLOSE_ENOUGH) {
+            break;
+        }
+    }
+}
+
+// The zoom is planned first and by itself: it decides how much room the others have.
+void PathPlanner::plan_zoom(const CameraPose* camera, std::size_t count) {
+    // In units of a pixel at the corner, so that the iteration ends at the same accuracy.
+    const double unit = std::hypot(half_width_, half_height_);
+    for (std::size_t k = 0; k < count; ++k) {
+        shaky_[k] = {unit * camera[k].zoom, 0, 0};
+    }
+    find_path(count, {Point{unit * before_[0].zoom, 0, 0}, Point{unit * before_[1].zoom, 0, 0}},
+              [&](std::size_t k, const Point& point) {
+                  const double room = unit * zoom_room_;
+                  return Point{std::clamp(point.x, shaky_[k].x - room, shaky_[k].x + room), 0, 0};
+              });
+    for (std::size_t k = 0; k < count; ++k) {
+        zoom_[k] = held_[k].x / unit;
+    }
+}
+
+void PathPlanner::set_limits(const CameraPose* camera, std::size_t count) {
+    for (std::size_t k = 0; k < count; ++k) {
+        // Source pixels per output pixel, and per pixel of the frame that is planned. A steady
+        // picture turned by t needs the half width cos t + height sin t, in both cases below.
+        const double shown = settings_.crop_ratio * std::exp(camera[k].zoom - zoom_[k]);
+        const double scale = std::exp(-camera[k].zoom);
+        Limits& limits = limits_[k];
+        limits.cosine = std::cos(camera[k].angle);
+        limits.sine = std::sin(camera[k].angle);
+        limits.room_x = scale * std::max(0.0, half_width_ * (1 - shown) - SAFETY);
+        limits.room_y = scale * std::max(0.0, half_height_ * (1 - shown) - SAFETY);
+        limits.lever_x = scale * shown * half_height_ / turn_lever_;
+        limits.lever_y = scale * shown * half_width_ / turn_lever_;
+    }
+}
+
+// The nearest point of a frame's limits: for every turn the nearest shift is that clamped into the
+// room which the turn leaves, and the squared distance is a convex function of the turn, quadratic
+// between the turns at which a clamp sets in. Its minimum is the lowest of those of the four
+// quadratics.
+PathPlanner::Point PathPlanner::into_limits(const Limits& limits, const Point& centre,
+                                            const Point& point) {
+    const Point off = point - centre;
+    const double x = limits.cosine * off.x + limits.sine * off.y;
+    const double y = limits.cosine * off.y - limits.sine * off.x;
+    const double turn = std::abs(off.turn);
+    // How far the point is outside, with and without a turn.
+    const double over_x = std::abs(x) - limits.room_x;
+    const double over_y = std::abs(y) - limits.room_y;
+    const double a = limits.lever_x;
+    const double b = limits.lever_y;
+    if (over_x + a * turn <= 0 && over_y + b * turn <= 0) {
+        return point;
+    }
+    const double most = std::min(limits.room_x / a, limits.room_y / b);
+    const double candidates[] = {turn, (turn - a * over_x) / (1 + a * a),
+                                 (turn - b * over_y) / (1 + b * b),
+                                 (turn - a * over_x - b * over_y) / (1 + a * a + b * b)};
+    double best = 0;
+    double least = -1;
+    for (const double candidate : candidates) {
+        const double u = std::clamp(candidate, 0.0, most);
+        const double out_x = std::max(0.0, over_x + a * u);
+        const double out_y = std::max(0.0, over_y + b * u);
+        const double square = (turn - u) * (turn - u) + out_x * out_x + out_y * out_y;
+        if (least < 0 || square < least) {
+            least = square;
+            best = u;
+        }
+    }
+    const double room_x = limits.room_x - a * best;
+    const double room_y = limits.room_y - b * best;
+    const double in_x = std::clamp(x, -room_x, room_x);
+    const double in_y = std::clamp(y, -room_y, room_y);
+    return centre + Point{limits.cosine * in_x - limits.sine * in_y,
+                          limits.sine * in_x + limits.cosine * in_y, std::copysign(best, off.turn)};
+}
+
+PathPlanner::Point PathPlanner::point_of(const CameraPose& pose) const {
+    return {pose.x, pose.y, turn_lever_ * pose.angle};
+}
+
+// The first point of the best path if there had never been an edge.
+PathPlanner::Point PathPlanner::wish(std::size_t count) {
+    pull_to(count, {point_of(wished_[0]), point_of(wished_[1])}, free_);
+    factorise(count, 0);
+    solve(count, free_);
+    return free_[0];
+}
+
+PlannedPose PathPlanner::plan(const CameraPose* camera, int frames) {
+    const auto count = static_cast<std::size_t>(frames);
+    plan_zoom(camera, count);
+    set_limits(camera, count);
+    for (std::size_t k = 0; k < count; ++k) {
+        shaky_[k] = point_of(camera[k]);
+    }
+    const Point wished = wish(count);
+    find_path(count, {point_of(before_[0]), point_of(before_[1])},
+              [this](std::size_t k, const Point& point) {
+                  return into_limits(limits_[k], shaky_[k], point);
+              });
+
+    const Point made = held_[0];
+    const double missing = length(wished - made);
+    PlannedPose planned{};
+    planned.pose = {made.x, made.y, made.turn / turn_lever_, zoom_[0]};
+    planned.guarded = missing > NOTICEABLE;
+    planned.granted = planned.guarded ? std::max(0.0, 1 - missing / length(wished)) : 1;
+    before_[1] = before_[0];
+    before_[0] = planned.pose;
+    wished_[1] = wished_[0];
+    wished_[0] = {wished.x, wished.y, wished.turn / turn_lever_, zoom_[0]};
+    past_ = std::min(past_ + 1, 2);
+    return planned;
+}
+
+void PathPlanner::advance(const CameraPose& step) {
+    for (int i = 0; i < 2; ++i) {
+        before_[i] = pose_seen_from(before_[i], step);
+        wished_[i] = pose_seen_from(wished_[i], step);
+    }
+}
+
+}  // namespace videostabilizer

@@ -1,0 +1,147 @@
+#include "motion/similarity_fit.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+
+namespace videostabilizer {
+
+namespace {
+
+constexpr std::size_t FEWEST_PAIRS = 12;
+constexpr int SAMPLES = 150;      // half the pairs wrong: 1 in 4 is good, so 40 are to be had
+constexpr double CAP = 2.0;       // pixels of the analysis image: errors beyond count as much
+constexpr double SOFTNESS = 1.5;  // pixels of the analysis image: errors that weigh a quarter
+constexpr int REFINEMENTS = 6;
+constexpr double SHORTEST_BASE = 32;  // pixels of the analysis image between the pairs of a sample
+
+// (x, y) -> (a x - b y + c, b x + a y + d), positions from the picture's centre.
+struct Similarity {
+    double a, b, c, d;
+};
+
+double squared_error(const Similarity& s, double x, double y, double to_x, double to_y) {
+    const double ex = s.a * x - s.b * y + s.c - to_x;
+    const double ey = s.b * x + s.a * y + s.d - to_y;
+    return ex * ex + ey * ey;
+}
+
+struct Pairs {
+    const std::vector<KeyPoint>& from;
+    const std::vector<KeyPoint>& to;
+    PictureCentre centre;
+
+    double x(std::size_t i) const { return static_cast<double>(from[i].x) - centre.x; }
+    double y(std::size_t i) const { return static_cast<double>(from[i].y) - centre.y; }
+    double to_x(std::size_t i) const { return static_cast<double>(to[i].x) - centre.x; }
+    double to_y(std::size_t i) const { return static_cast<double>(to[i].y) - centre.y; }
+    double squared_error(const Similarity& s, std::size_t i) const {
+        return videostabilizer::squared_error(s, x(i), y(i), to_x(i), to_y(i));
+    }
+};
+
+// The similarity that carries one pair of points to another; false when they are too close.
+bool through(const Pairs& pairs, std::size_t i, std::size_t j, double shortest, Similarity& s) {
+    const double x = pairs.x(j) - pairs.x(i);
+    const double y = pairs.y(j) - pairs.y(i);
+    const double to_x = pairs.to_x(j) - pairs.to_x(i);
+    const double to_y = pairs.to_y(j) - pairs.to_y(i);
+    const double square = x * x + y * y;
+    if (square < shortest * shortest) {
+        return false;
+    }
+    s.a = (x * to_x + y * to_y) / square;
+    s.b = (x * to_y - y * to_x) / square;
+    s.c = pairs.to_x(i) - s.a * pairs.x(i) + s.b * pairs.y(i);
+    s.d = pairs.to_y(i) - s.b * pairs.x(i) - s.a * pairs.y(i);
+    return true;
+}
+
+double capped_cost(const Pairs& pairs, const Similarity& s, double cap, double least) {
+    double cost = 0;
+    for (std::size_t i = 0; i < pairs.from.size() && cost < least; ++i) {
+        cost += std::min(pairs.squared_error(s, i), cap * cap);
+    }
+    return cost;
+}
+
+// One step of reweighted least squares. False when the weights leave nothing to fit.
+bool reweighted(const Pairs& pairs, double softness, Similarity& s) {
+    double weight_sum = 0, x = 0, y = 0, to_x = 0, to_y = 0;
+    double square = 0, along = 0, across = 0;
+    for (std::size_t i = 0; i < pairs.from.size(); ++i) {
+        const double part = 1 + pairs.squared_error(s, i) / (softness * softness);
+        const double weight = 1 / (part * part);
+        const double px = pairs.x(i), py = pairs.y(i);
+        const double qx = pairs.to_x(i), qy = pairs.to_y(i);
+        weight_sum += weight;
+        x += weight * px;
+        y += weight * py;
+        to_x += weight * qx;
+        to_y += weight * qy;
+        square += weight * (px * px + py * py);
+        along += weight * (px * qx + py * qy);
+        across += weight * (px * qy - py * qx);
+    }
+    const double spread = square - (x * x + y * y) / weight_sum;
+    if (!(weight_sum > 1) || !(spread > 1)) {
+        return false;
+    }
+    s.a = (along - (x * to_x + y * to_y) / weight_sum) / spread;
+    s.b = (across - (x * to_y - y * to_x) / weight_sum) / spread;
+    s.c = (to_x - s.a * x + s.b * y) / weight_sum;
+    s.d = (to_y - s.b * x - s.a * y) / weight_sum;
+    return true;
+}
+
+}  // namespace
+
+SimilarityFit::SimilarityFit(PictureCentre centre, double pixel) : centre_(centre), pixel_(pixel) {}
+
+void SimilarityFit::refine(const std::vector<KeyPoint>& from, const std::vector<KeyPoint>& to,
+                           CameraPose& pose) const {
+    if (from.size() < FEWEST_PAIRS) {
+        return;
+    }
+    const Pairs pairs = {from, to, centre_};
+    // A picture turns and grows against the camera's step: see motion_of_pose.
+    const double scale = std::exp(pose.zoom);
+    Similarity best{};
+    best.a = scale * std::cos(pose.angle);
+    best.b = -scale * std::sin(pose.angle);
+    best.c = -best.a * pose.x + best.b * pose.y;
+    best.d = -best.b * pose.x - best.a * pose.y;
+    double least = capped_cost(pairs, best, CAP * pixel_, 1e300);
+
+    std::uint32_t state = 1;
+    const auto draw = [&state, n = from.size()] {
+        state = state * 1664525U + 1013904223U;
+        return static_cast<std::size_t>(state >> 8U) % n;
+    };
+    for (int sample = 0; sample < SAMPLES; ++sample) {
+        const std::size_t i = draw();
+        const std::size_t j = draw();
+        Similarity candidate{};
+        if (!through(pairs, i, j, SHORTEST_BASE * pixel_, candidate)) {
+            continue;
+        }
+        const double cost = capped_cost(pairs, candidate, CAP * pixel_, least);
+        if (cost < least) {
+            least = cost;
+            best = candidate;
+        }
+    }
+    for (int i = 0; i < REFINEMENTS; ++i) {
+        if (!reweighted(pairs, SOFTNESS * pixel_, best)) {
+            return;
+        }
+    }
+    const double square = best.a * best.a + best.b * best.b;
+    pose.angle = -std::atan2(best.b, best.a);
+    pose.zoom = 0.5 * std::log(square);
+    pose.x = -(best.a * best.c + best.b * best.d) / square;
+    pose.y = -(best.a * best.d - best.b * best.c) / square;
+}
+
+}  // namespace videostabilizer
