@@ -1,15 +1,17 @@
 #include "videostabilizer/gaussian_motion_filter.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstddef>
 #include <exception>
 #include <memory>
 #include <new>
+#include <utility>
 
+#include "motion/product3x3.h"
 #include "platform/log.h"
 #include "simplela/mat_util.h"
-#include "videostabilizer/motion_path.h"
 
 namespace videostabilizer {
 
@@ -48,6 +50,35 @@ bool try_set_params(GaussianMotionFilter& filter, int radius, float stdev) {
     return true;
 }
 
+// The slot of frame i in a ring of `slots`.
+std::size_t slot_of(int i, std::size_t slots) {
+    return static_cast<unsigned int>(i) % slots;
+}
+
+// A product of motions that grows to the left, as getMotion composes it, without taking memory.
+class MotionProduct {
+  public:
+    void begin() { SimpleLA::set_identity(*product_); }
+
+    void append(const Mat<float>& motion) {
+        multiply_3x3(motion, *product_, *spare_);
+        std::swap(product_, spare_);
+    }
+
+    void invert() { invert_motion(*product_); }
+
+    const Mat<float>& value() const { return *product_; }
+
+  private:
+    static constexpr int STEP = 3 * static_cast<int>(sizeof(float));
+
+    std::array<float, 9> elements_[2] = {};
+    Mat<float> matrices_[2] = {{3, 3, elements_[0].data(), STEP},
+                               {3, 3, elements_[1].data(), STEP}};
+    Mat<float>* product_ = &matrices_[0];
+    Mat<float>* spare_ = &matrices_[1];
+};
+
 void scale_elements(Mat<float>& m, float factor) {
     for (int i = 0; i < m.rows; ++i) {
         for (int j = 0; j < m.cols; ++j) {
@@ -84,26 +115,38 @@ void gaussian_motion_filter_stabilize(GaussianMotionFilter* filter, Mat<float>& 
     const int hi =
         static_cast<int>(std::min<long long>(static_cast<long long>(idx) + radius, last));
 
-    // getMotion's working matrix: each call takes it over and hands one back.
-    std::unique_ptr<Mat<float>> transform(new (std::nothrow) Mat<float>(3, 3));
-    if (transform == nullptr || transform->data == nullptr) {
-        log_out_of_memory();
-        SimpleLA::set_identity(out);
-        return;
-    }
-
     const float* weight_at = filter->weights.data() + radius;  // by offset, -radius..radius
     SimpleLA::set_zero(out);
     float sum = 0.0F;
-    for (int j = lo; j < hi; ++j) {
-        transform.reset(getMotion(transform.release(), idx, j, motions));
+    const auto take = [&](const Mat<float>& transform, int j) {
         const float weight = weight_at[j - idx];
         for (int r = 0; r < out.rows; ++r) {
             for (int c = 0; c < out.cols; ++c) {
-                out.at(r, c) += weight * transform->at(r, c);
+                out.at(r, c) += weight * transform.at(r, c);
             }
         }
         sum += weight;
+    };
+    // In the order of the frames, which decides how the sums are rounded. The transforms to later
+    // frames continue each other; those to earlier ones start at the frame they lead to, so that
+    // they share nothing that rounds alike.
+    MotionProduct product;
+    for (int j = lo; j < std::min(hi, idx); ++j) {
+        product.begin();
+        for (int i = j; i < idx && !motions.empty(); ++i) {
+            product.append(*motions[slot_of(i, motions.size())]);
+        }
+        product.invert();
+        take(product.value(), j);
+    }
+    product.begin();
+    for (int j = idx; j < hi; ++j) {
+        if (j >= lo) {
+            take(product.value(), j);
+        }
+        if (!motions.empty()) {
+            product.append(*motions[slot_of(j, motions.size())]);
+        }
     }
 
     if (sum > 0.0F) {

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "motion/product3x3.h"
-#include "simplela/affine_inverse.h"
 #include "simplela/mat_util.h"
 
 namespace videostabilizer {
@@ -22,14 +21,6 @@ constexpr float NEIGHBOUR_SHARE = 0.25F;  // weight of a neighbour all of whose 
 // The slot of frame i in a ring of `slots`.
 std::size_t slot_of(int i, std::size_t slots) {
     return static_cast<unsigned int>(i) % slots;
-}
-
-void invert_in_place(Mat<float>& m) {
-    std::array<float, 6> map{m.at(0, 0), m.at(0, 1), m.at(0, 2),
-                             m.at(1, 0), m.at(1, 1), m.at(1, 2)};
-    SimpleLA::invert_affine(map.data(), map.data());
-    std::copy_n(map.data(), 3, m.row(0));
-    std::copy_n(map.data() + 3, 3, m.row(1));
 }
 
 // m += weight * other, for 3x3 matrices.
@@ -66,7 +57,7 @@ Mat<float>* getMotion(Mat<float>* m, int from, int to, const std::vector<Mat<flo
         std::swap(product, other);
     }
     if (to < from) {
-        invert_in_place(*product);
+        invert_motion(*product);
     }
     if (product != &spare) {
         return m;

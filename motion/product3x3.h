@@ -1,5 +1,9 @@
 #pragma once
 
+#include <algorithm>
+#include <array>
+
+#include "simplela/affine_inverse.h"
 #include "videostabilizer/mat.h"
 
 namespace videostabilizer {
@@ -17,6 +21,15 @@ inline void multiply_3x3(const SimpleLA::Mat<float>& a, const SimpleLA::Mat<floa
             product.at(i, j) = sum;
         }
     }
+}
+
+// Inverts a motion [[a, b, c], [d, e, f], [0, 0, 1]] in place.
+inline void invert_motion(SimpleLA::Mat<float>& m) {
+    std::array<float, 6> map{m.at(0, 0), m.at(0, 1), m.at(0, 2),
+                             m.at(1, 0), m.at(1, 1), m.at(1, 2)};
+    SimpleLA::invert_affine(map.data(), map.data());
+    std::copy_n(map.data(), 3, m.row(0));
+    std::copy_n(map.data() + 3, 3, m.row(1));
 }
 
 }  // namespace videostabilizer

@@ -13,6 +13,8 @@ constexpr std::size_t FEWEST_PAIRS = 12;
 constexpr int SAMPLES = 150;      // half the pairs wrong: 1 in 4 is good, so 40 are to be had
 constexpr double CAP = 2.0;       // pixels of the analysis image: errors beyond count as much
 constexpr double SOFTNESS = 1.5;  // pixels of the analysis image: errors that weigh a quarter
+// Below this share of the largest cost the affine estimate is near enough for the refinement.
+constexpr double WELL_EXPLAINED = 0.15;
 constexpr int REFINEMENTS = 6;
 constexpr double SHORTEST_BASE = 32;  // pixels of the analysis image between the pairs of a sample
 
@@ -119,7 +121,9 @@ void SimilarityFit::refine(const std::vector<KeyPoint>& from, const std::vector<
         state = state * 1664525U + 1013904223U;
         return static_cast<std::size_t>(state >> 8U) % n;
     };
-    for (int sample = 0; sample < SAMPLES; ++sample) {
+    const double most = static_cast<double>(from.size()) * CAP * CAP * pixel_ * pixel_;
+    const int samples = least > WELL_EXPLAINED * most ? SAMPLES : 0;
+    for (int sample = 0; sample < samples; ++sample) {
         const std::size_t i = draw();
         const std::size_t j = draw();
         Similarity candidate{};

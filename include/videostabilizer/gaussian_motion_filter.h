@@ -41,8 +41,7 @@ VIDEOSTABILIZER_API void gaussian_motion_filter_set_params(GaussianMotionFilter*
 //
 // motions  the motion history (see motion_path.h), long enough for every such j; not changed
 // logs     not read, may be empty
-// Errors:  no frame in the span, a weight sum that is not positive, or no memory (with an error in
-//          the log): the identity.
+// Errors:  no frame in the span, or a weight sum that is not positive: the identity.
 VIDEOSTABILIZER_API void gaussian_motion_filter_stabilize(
     GaussianMotionFilter* filter, SimpleLA::Mat<float>& out, int idx,
     std::vector<SimpleLA::Mat<float>*>& motions, std::vector<MotionLog>& logs, int first, int last);

@@ -14,9 +14,10 @@ struct VideoStabilizerOptions {
     std::int32_t look_ahead;  // 1..120 frames; 10. So many later frames are known before a frame is
                               // corrected: the delay of the output, and the half width of the
                               // smoothing span
-    float sigma;              // weights exp(-(i / sigma)^2) for frames i apart: 0.25..1000 frames,
-                              // or 0 for the square root of look_ahead; 0. (A normal distribution
-                              // of standard deviation s has these weights for sigma = 1.41 s.)
+    float sigma;              // width of the smoothing: 0.25..1000 frames, or 0 for the square root
+                              // of look_ahead; 0. Frames i apart weigh exp(-(i / sigma)^2), which
+                              // is 1.41 times the standard deviation of such weights; with
+                              // edge_guard about exp(-|i| / sigma), a time constant
     float crop_ratio;         // 0.5..1; 0.9. The output shows the centred part of this size
     std::int32_t whole_shift;     // 0: the crop shortens the shift of every correction by its
                                   // ratio; 1: the whole shift is made good; 0
@@ -32,12 +33,16 @@ struct VideoStabilizerOptions {
     std::int32_t picture_height;  //
 };
 
-// Predefined options.
+// Predefined options, all with a crop ratio of 0.9. Which to take: standard wherever a third of a
+// second of delay is no matter, strong for recordings, maximum for files; gentle where pictures are
+// to stay as close to the camera's as before. All but gentle correct the whole shift, guard the
+// edges, repair motions and stop at scene cuts. Where the shake is larger than the margin that the
+// crop leaves, a smaller crop_ratio does more than a longer look-ahead.
 enum VideoStabilizerStrength : std::int32_t {
-    STABILIZER_GENTLE,    // the defaults of video_stabilizer_create
-    STABILIZER_STANDARD,  // 10 frames, as steady as that allows, never past the edge
-    STABILIZER_STRONG,    // 20 frames
-    STABILIZER_MAXIMUM,   // 30 frames
+    STABILIZER_GENTLE,    // look-ahead 10: the defaults, as video_stabilizer_create has them
+    STABILIZER_STANDARD,  // look-ahead 10, sigma 10
+    STABILIZER_STRONG,    // look-ahead 20, sigma 14
+    STABILIZER_MAXIMUM,   // look-ahead 30, sigma 20
 };
 
 // Fills in the defaults, with which video_stabilizer_create_with_options does what

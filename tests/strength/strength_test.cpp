@@ -209,4 +209,22 @@ TEST(Strength, NeverShowsWhatIsBeyondTheEdge) {
     }
 }
 
+// Frames with columns and rows behind the picture that were added to make up their size.
+TEST(Strength, KeepsToThePictureWhereFramesHoldMore) {
+    apps::ClipSettings settings = sample_clip();
+    settings.camera.shake = 3;
+    const apps::ShakyClip clip(settings);
+    for (const bool told : {false, true}) {
+        VideoStabilizerOptions options = strength(STABILIZER_STANDARD);
+        if (told) {
+            options.picture_width = WIDTH - 40;
+            options.picture_height = HEIGHT - 14;
+        }
+        Stabilized result = stabilize(clip, 60, options);
+        result.width = WIDTH - 40;
+        result.height = HEIGHT - 14;
+        EXPECT_EQ(outside(result) == 0, told);
+    }
+}
+
 }  // namespace
