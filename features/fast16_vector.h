@@ -30,9 +30,9 @@ inline void tighten(PairBounds& bounds, const PairBounds& pair) {
     bounds.high = smaller(bounds.high, pair.high);
 }
 
-// Over the 16 runs of 9, the smallest of their largest pixels: largest-of = `larger`, best = `smaller`
-// for darker runs; the other way round for brighter ones. Runs k and k + 1, k even, share the 8
-// pixels from k + 1 on.
+// Over the 16 runs of 9: the smallest of their largest pixels for darker runs, with `larger` as
+// FARTHEST and `smaller` as BEST; the other way round for brighter ones.
+// Runs k and k + 1, k even, share the 8 pixels from k + 1 on.
 template <Bytes (*FARTHEST)(Bytes, Bytes), Bytes (*BEST)(Bytes, Bytes)>
 inline Bytes best_run(const unsigned char* centre, const std::int32_t* pixel) {
     Bytes two[8];

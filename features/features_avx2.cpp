@@ -1,5 +1,5 @@
-// The corner scan and the tracking windows with AVX2 instructions, for which the build sets this file's
-// options.
+// The corner scan and the tracking windows with AVX2 instructions, for which the build sets the
+// options of this file.
 
 #define VS_LEVEL avx2
 

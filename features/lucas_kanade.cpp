@@ -111,8 +111,8 @@ int lose(KeyPoint& pt_next, unsigned char& status) {
     return -1;
 }
 
-// The gradient matrix G of one level. The differences are doubled derivatives, so their products are
-// four times too large.
+// The gradient matrix G of one level. The differences are doubled derivatives, so their products
+// are four times too large.
 void gradient_matrix(const TrackVariant& variant, const GreyImage& image, const Window& window,
                      WindowCache& cache, float G[2][2]) {
     const GradientSums sums =

@@ -13,7 +13,8 @@
 //   began at 0, and so never to a negative zero.
 //
 // All that for finite values only: a fit with a result that is not finite is to be done again by
-// fitAffine. And for 4 to 5000 pairs: of three it has no normal equations, of more it sums in blocks.
+// fitAffine. And for 4 to 5000 pairs: of three it forms no normal equations, of more it sums in
+// blocks.
 
 #include <cstddef>
 

@@ -1,5 +1,5 @@
-// The estimator's fits and counts with 64-bit NEON instructions. Those of 32-bit NEON flush denormal
-// numbers, so that results would differ: there the scalar ones run.
+// The estimator's fits and counts with 64-bit NEON instructions. Those of 32-bit NEON flush
+// denormal numbers, so that results would differ: there the scalar ones run.
 
 #if defined(__aarch64__)
 

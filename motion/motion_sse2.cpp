@@ -1,4 +1,5 @@
-// The estimator's fits and counts with SSE2 instructions, for which the build sets this file's options.
+// The estimator's fits and counts with SSE2 instructions, for which the build sets the options of
+// this file.
 
 #define VS_LEVEL sse2
 

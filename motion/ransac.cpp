@@ -47,7 +47,8 @@ void seed_generator() {
 }
 
 // Draws one sample after another, each of `size` different indices below n. n is at least twice the
-// size: a draw repeats an earlier one with a probability below one half, so the inner loop is short.
+// size: a draw repeats an earlier one with a probability below one half, so the inner loop is
+// short.
 void draw_samples(std::size_t* drawn, int samples, std::size_t size, std::size_t n) {
     const std::lock_guard<std::mutex> lock(generator_mutex);
     for (std::size_t* const end = drawn + static_cast<std::size_t>(samples) * size; drawn != end;) {

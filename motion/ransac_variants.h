@@ -28,8 +28,8 @@ struct Tolerance {
 // no result. Only the fit of the general routines throws, std::bad_alloc.
 using SampleFit = void(const PairLanes& pairs, float* models);
 
-// The number of inliers of a model, the upper two rows of a motion; where that is below `wanted`, any
-// number below it.
+// The number of inliers of a model, the upper two rows of a motion; where that is below `wanted`,
+// any number below it.
 using InlierCount = int(const PairArrays& pairs, const float model[6], Tolerance tolerance,
                         int wanted);
 

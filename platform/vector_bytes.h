@@ -1,8 +1,8 @@
 #pragma once
 
-// A vector of 8-bit lanes as wide as the level this is compiled for has them, and the few operations
-// on it that the routines need. VS_LEVEL, the namespace of everything that depends on the width,
-// keeps the levels apart: the same names mean other types in each.
+// A vector of 8-bit lanes as wide as the level this is compiled for has them, and the few
+// operations on it that the routines need. VS_LEVEL, the namespace of everything that depends on
+// the width, keeps the levels apart: the same names mean other types in each.
 
 #include <cstdint>
 

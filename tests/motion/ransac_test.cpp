@@ -199,8 +199,9 @@ TEST(Ransac, GivesTheIdentityWhereNothingCanBeEstimated) {
     }
 }
 
-// Few pairs and many, sizes of samples and vectors that do not divide each other, pairs that a model
-// hardly fits, that repeat, that lie on a line or that are no numbers: the same motion bit for bit.
+// Few pairs and many, sizes of samples and vectors that do not divide each other, pairs that a
+// model hardly fits, that repeat, that lie on a line or that are no numbers: the same
+// motion bit for bit.
 TEST(Ransac, VariantsEstimateWhatTheMatricesDo) {
     std::mt19937 generator(9);
     int estimated = 0;
