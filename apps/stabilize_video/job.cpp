@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -118,7 +119,9 @@ Input open_input(const Options& options, bool turn_upright) {
     return input;
 }
 
-vs::VideoStabilizerOptions stabilizer_options(const Options& options) {
+// What the stabilizer is to do. Files may wait: there the look-ahead reaches as far as the weights
+// of the smoothing do, which is twice their width.
+vs::VideoStabilizerOptions stabilizer_options(const Options& options, bool may_wait) {
     const std::pair<const char*, vs::VideoStabilizerStrength> strengths[] = {
         {"gentle", vs::STABILIZER_GENTLE},
         {"standard", vs::STABILIZER_STANDARD},
@@ -130,6 +133,9 @@ vs::VideoStabilizerOptions stabilizer_options(const Options& options) {
     for (const auto& [name, strength] : strengths) {
         if (options.strength == name) vs::video_stabilizer_options_for_strength(&result, strength);
     }
+    if (may_wait) {
+        result.look_ahead = std::max(result.look_ahead, static_cast<int>(2 * result.sigma));
+    }
     if (options.look_ahead) result.look_ahead = *options.look_ahead;
     if (options.crop) result.crop_ratio = *options.crop;
     return result;
@@ -138,8 +144,7 @@ vs::VideoStabilizerOptions stabilizer_options(const Options& options) {
 // One run of the program.
 class Job {
   public:
-    explicit Job(const Options& options)
-        : options_(options), settings_(stabilizer_options(options)) {}
+    explicit Job(const Options& options) : options_(options) {}
 
     int run();
 
@@ -147,12 +152,15 @@ class Job {
     void open_results();
     void open_output();
     void tell_delay() const;
+    // Whether the output is used while it is made.
+    bool is_direct() const { return is_url(options_.output) || is_direct_output(options_.output); }
     void finish_results(const StreamResult& result);
     int conclude(const StreamResult& result);
+    std::string summary(std::int64_t frames) const;
     std::string describe_damage(const StreamResult& result) const;
 
     const Options& options_;
-    vs::VideoStabilizerOptions settings_;
+    vs::VideoStabilizerOptions settings_{};
     Input input_;
     Notes notes_;
     // What is made. Opened before the work starts, so that what cannot be written is told at once.
@@ -164,7 +172,7 @@ class Job {
     std::unique_ptr<PendingFile> plot_file_;
     std::unique_ptr<PathCsv> csv_;
     std::unique_ptr<PathPlot> plot_;
-    ShakeReport report_;
+    ShakeReport report_{!options_.json_file.empty()};
     std::string damage_;
 };
 
@@ -185,8 +193,7 @@ void Job::open_output() {
     } else {
         EncoderOptions main = encoder;
         main.container = options_.output_format;
-        const bool direct = is_url(options_.output) || is_direct_output(options_.output);
-        main.live = input_.live && direct;
+        main.live = input_.live && is_direct();
         media_ = std::make_unique<MediaSink>(options_.output, format, main, input_.media, stop);
         notes_.insert(notes_.end(), media_->notes().begin(), media_->notes().end());
     }
@@ -217,9 +224,8 @@ void Job::open_results() {
 }
 
 void Job::tell_delay() const {
-    const bool direct = is_url(options_.output) || is_direct_output(options_.output);
     const AVRational rate = input_.source->format().frame_rate;
-    if (!input_.live || !direct || rate.num <= 0) return;
+    if (!input_.live || !is_direct() || rate.num <= 0) return;
     char text[96];
     std::snprintf(text, sizeof text, "live: pictures come out %d frames (%.0f ms) later",
                   settings_.look_ahead, 1000 * settings_.look_ahead / av_q2d(rate));
@@ -251,14 +257,32 @@ void Job::finish_results(const StreamResult& result) {
         write_json(json_file_->sink(), report_, facts);
     }
     if (plot_) {
-        char text[160];
-        std::snprintf(text, sizeof text,
-                      "%s, delay %d frames; shake %.2f pixels before, %.2f after",
-                      options_.strength.c_str(), settings_.look_ahead, report_.shake_before(),
-                      report_.shake_after());
-        plot_->set_summary(text);
+        plot_->set_summary(summary(result.frames));
         plot_->draw(plot_file_->temporary(), options_.plot_file);
     }
+}
+
+// What has been done and how well, for the plot.
+std::string Job::summary(std::int64_t frames) const {
+    char text[256];
+    std::snprintf(text, sizeof text, "%s, delay %d frames", options_.strength.c_str(),
+                  settings_.look_ahead);
+    std::string result = text;
+    const AVRational rate = input_.source->format().frame_rate;
+    if (rate.num > 0) {
+        std::snprintf(text, sizeof text, " (%.0f ms)", 1000 * settings_.look_ahead / av_q2d(rate));
+        result += text;
+    }
+    std::snprintf(text, sizeof text, "; shake %.2f pixels before, %.2f after",
+                  report_.shake_before(), report_.shake_after());
+    result += text;
+    if (settings_.edge_guard != 0 && frames > 0) {
+        std::snprintf(text, sizeof text, "; edge guard in %.0f %% of the frames, granting %.0f %%",
+                      100 * static_cast<double>(report_.guarded()) / static_cast<double>(frames),
+                      100 * report_.mean_granted());
+        result += text;
+    }
+    return result;
 }
 
 int Job::conclude(const StreamResult& result) {
@@ -314,6 +338,7 @@ int Job::run() {
         !keeps_rotation(*output_format_for(options_.output, options_.output_format));
     input_ = open_input(options_, turn_upright);
     if (input_.media != nullptr) notes_ = input_.media->notes();
+    settings_ = stabilizer_options(options_, !input_.live && !is_direct());
     open_output();
     open_results();
     for (const std::string& note : notes_)
@@ -321,11 +346,19 @@ int Job::run() {
     tell_delay();
 
     const PictureFormat& format = input_.source->format();
-    const PictureLayout layout(format.width, format.height);
-    PathFollower path(0.5 * layout.frame_width(), 0.5 * layout.frame_height());
-    path.add([this](const PathPoint& point) { report_.add(point); });
-    if (csv_) path.add([this](const PathPoint& point) { csv_->write(point); });
-    if (plot_) path.add([this](const PathPoint& point) { plot_->add(point); });
+    const bool told_place = settings_.whole_shift != 0 && format.width >= 16 && format.height >= 16;
+    const PictureLayout layout(format.width, format.height,
+                               told_place ? PictureLayout::TOP_LEFT : PictureLayout::MIDDLE);
+    if (told_place) {
+        settings_.picture_width = format.width;
+        settings_.picture_height = format.height;
+    }
+    // About what the stabilizer crops.
+    PathFollower path(0.5 * (told_place ? format.width : layout.frame_width()),
+                      0.5 * (told_place ? format.height : layout.frame_height()));
+    path.add([this](const FollowedFrame& point) { report_.add(point); });
+    if (csv_) path.add([this](const FollowedFrame& point) { csv_->write(point); });
+    if (plot_) path.add([this](const FollowedFrame& point) { plot_->add(point); });
     if (input_.media != nullptr) {
         input_.media->set_packet_receiver([this](const AVPacket& packet) {
             if (media_) media_->copy(packet);

@@ -18,7 +18,7 @@ constexpr const char* HEADING =
 }  // namespace
 
 // The point of a frame, made if the frame is the newest.
-PathPoint& PathFollower::point(std::int32_t frame) {
+FollowedFrame& PathFollower::point(std::int32_t frame) {
     const auto index = static_cast<std::size_t>(frame - first_);
     while (points_.size() <= index)
         points_.emplace_back();
@@ -44,14 +44,14 @@ CameraView PathFollower::moved(const CameraView& view, const float matrix[9]) co
 }
 
 void PathFollower::correct(std::int32_t frame, const float correction[9]) {
-    PathPoint& now = point(frame);
+    FollowedFrame& now = point(frame);
     now.steady = moved(now.shaky, correction);
     now.steady.x = now.shaky.x + shift_ratio_ * (now.steady.x - now.shaky.x);
     now.steady.y = now.shaky.y + shift_ratio_ * (now.steady.y - now.shaky.y);
 }
 
 void PathFollower::report(const videostabilizer::VideoStabilizerReport& report) {
-    PathPoint& now = point(report.frame);
+    FollowedFrame& now = point(report.frame);
     now.report = report;
     try {
         for (const Listener& listener : listeners_)
@@ -71,7 +71,7 @@ videostabilizer::VideoStabilizerObserver PathFollower::observer(double shift_rat
                             const videostabilizer::MotionLog* log) {
         auto& self = *static_cast<PathFollower*>(ctx);
         const CameraView view = self.moved(self.point(frame).shaky, motion);
-        PathPoint& next = self.point(frame + 1);
+        FollowedFrame& next = self.point(frame + 1);
         next.shaky = view;
         next.log = *log;
     };
@@ -92,7 +92,7 @@ PathCsv::PathCsv(ByteSink& sink) : sink_(&sink) {
     sink_->write(reinterpret_cast<const unsigned char*>(HEADING), std::strlen(HEADING));
 }
 
-void PathCsv::write(const PathPoint& point) {
+void PathCsv::write(const FollowedFrame& point) {
     char line[512];
     const int length = std::snprintf(
         line, sizeof line, "%d,%.4f,%.4f,%.6f,%.8f,%.4f,%.4f,%.6f,%.8f,%d,%d,%.4f,%d\n",

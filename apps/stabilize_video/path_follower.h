@@ -22,7 +22,7 @@ struct CameraView {
 };
 
 // One frame on the camera path.
-struct PathPoint {
+struct FollowedFrame {
     CameraView shaky;                  // as filmed
     CameraView steady;                 // what the steady picture shows
     videostabilizer::MotionLog log{};  // of the motion from the frame before; zero for the first
@@ -39,7 +39,7 @@ struct PathPoint {
 //          while the worker does not run.
 class PathFollower {
   public:
-    using Listener = std::function<void(const PathPoint&)>;
+    using Listener = std::function<void(const FollowedFrame&)>;
 
     // The centre is that of the frames that the stabilizer sees.
     PathFollower(double centre_x, double centre_y) : centre_x_(centre_x), centre_y_(centre_y) {}
@@ -56,7 +56,7 @@ class PathFollower {
 
   private:
     CameraView moved(const CameraView& view, const float matrix[9]) const;
-    PathPoint& point(std::int32_t frame);
+    FollowedFrame& point(std::int32_t frame);
     void correct(std::int32_t frame, const float correction[9]);
     void report(const videostabilizer::VideoStabilizerReport& report);
 
@@ -64,7 +64,7 @@ class PathFollower {
     double centre_y_;
     double shift_ratio_ = 1;
     // Frames whose motion is known but whose correction is not; the first has the number first_.
-    std::deque<PathPoint> points_{PathPoint{}};
+    std::deque<FollowedFrame> points_{FollowedFrame{}};
     std::int32_t first_ = 0;
     std::vector<Listener> listeners_;
     std::exception_ptr failure_;
@@ -77,7 +77,7 @@ class PathCsv {
     // Writes the heading. Throws OutputError.
     explicit PathCsv(ByteSink& sink);
 
-    void write(const PathPoint& point);
+    void write(const FollowedFrame& point);
 
   private:
     ByteSink* sink_;

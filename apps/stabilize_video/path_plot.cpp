@@ -75,7 +75,7 @@ void draw_sample(double x, const char* text, Colour colour, double width) {
 
 }  // namespace
 
-void PathPlot::add(const PathPoint& point) {
+void PathPlot::add(const FollowedFrame& point) {
     shaky_.push_back(point.shaky);
     steady_.push_back(point.steady);
 }

@@ -15,7 +15,7 @@ class PathPlot {
     PathPlot(double frame_rate, std::string title)
         : frame_rate_(frame_rate), title_(std::move(title)) {}
 
-    void add(const PathPoint& point);
+    void add(const FollowedFrame& point);
 
     // The line below the title, told when all points are known.
     void set_summary(std::string summary) { summary_ = std::move(summary); }

@@ -48,13 +48,13 @@ void fill_plane_border(unsigned char* plane, std::ptrdiff_t stride, const Box& b
 
 }  // namespace
 
-PictureLayout::PictureLayout(int width, int height)
+PictureLayout::PictureLayout(int width, int height, Place place)
     : width_(width),
       height_(height),
       frame_width_(std::max(round_up(width, WIDTH_STEP), SMALLEST_SIDE)),
       frame_height_(std::max(round_up(height, HEIGHT_STEP), SMALLEST_SIDE)),
-      left_(near_side(frame_width_ - width)),
-      top_(near_side(frame_height_ - height)) {}
+      left_(place == TOP_LEFT ? 0 : near_side(frame_width_ - width)),
+      top_(place == TOP_LEFT ? 0 : near_side(frame_height_ - height)) {}
 
 FramePtr PictureLayout::make_frame() const {
     return FramePtr(videostabilizer::frame_create(frame_width_, frame_height_, frame_width_,

@@ -14,13 +14,22 @@ struct FrameDeleter {
 using FramePtr = std::unique_ptr<videostabilizer::Frame, FrameDeleter>;
 
 // Where a picture of any size lies inside a planar frame that the stabilizer takes whole: width a
-// multiple of 16 (columns beyond that would stay shaky), height even, both at least 16. The border
-// is shared out between both sides, so that the middle of the picture, about which the stabilizer
-// crops and enlarges, stays in the middle; but in steps of two, because chroma cannot move by half
-// a sample. The two middles thus differ by at most one pixel.
+// multiple of 16 (columns beyond that would stay shaky), height even, both at least 16.
 class PictureLayout {
   public:
-    PictureLayout(int width, int height);
+    enum Place {
+        // In the middle, about which the stabilizer crops and enlarges unless it is told where the
+        // picture is; but in steps of two, because chroma cannot move by half a sample. The two
+        // middles thus differ by at most one pixel.
+        MIDDLE,
+        // Where the stabilizer's options for the size of the picture expect it.
+        TOP_LEFT,
+    };
+
+    PictureLayout(int width, int height, Place place);
+
+    int width() const { return width_; }
+    int height() const { return height_; }
 
     int frame_width() const { return frame_width_; }
     int frame_height() const { return frame_height_; }

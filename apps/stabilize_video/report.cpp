@@ -18,9 +18,13 @@ void ShakeReport::Track::add(const CameraView& view, std::int64_t frames) {
     y[1] = view.y;
 }
 
-void ShakeReport::add(const PathPoint& point) {
+void ShakeReport::add(const FollowedFrame& point) {
     shaky_.add(point.shaky, frames_);
     steady_.add(point.steady, frames_);
+    if (with_path_) {
+        shaky_path_.push_back({point.shaky.x, point.shaky.y, point.shaky.angle});
+        steady_path_.push_back({point.steady.x, point.steady.y, point.steady.angle});
+    }
     if (frames_ > 0) {
         ++motions_;
         if (point.log.status != 0) {
@@ -60,6 +64,11 @@ double ShakeReport::residual_db() const {
     return 20 * std::log10(std::max(shake_after(), NOTHING) / std::max(shake_before(), NOTHING));
 }
 
+Shake ShakeReport::reduction(double frames_per_second) const {
+    return reduction_db(shake_of(shaky_path_, frames_per_second),
+                        shake_of(steady_path_, frames_per_second));
+}
+
 double ShakeReport::mean_granted() const {
     return guarded_ > 0 ? granted_ / static_cast<double>(guarded_) : 1;
 }
@@ -91,6 +100,13 @@ void write_json(ByteSink& sink, const ShakeReport& report, const JobFacts& facts
     json["shake"] = {{"before_px_rms", report.shake_before()},
                      {"after_px_rms", report.shake_after()},
                      {"residual_db", report.residual_db()}};
+    if (rate > 0) {
+        const Shake reduction = report.reduction(rate);  // NaN becomes null
+        json["reduction_db"] = {{"jitter", reduction.jitter},
+                                {"rotation", reduction.rotation},
+                                {"fast_jitter", reduction.fast},
+                                {"change_of_speed", reduction.shake}};
+    }
     json["edge_guard"] = {{"frames", report.guarded()}, {"mean_granted", report.mean_granted()}};
     json["seconds"] = {{"total", seconds.total},
                        {"reading_and_decoding", seconds.reading},

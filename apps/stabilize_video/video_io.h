@@ -24,10 +24,10 @@ struct SizeChangedError : InputError {
 
 // What all pictures of a stream have in common.
 struct PictureFormat {
-    int width = 0;            // pixels
-    int height = 0;           // rows
-    AVRational time_base{};   // seconds of a tick: the unit of time stamps and durations
-    AVRational frame_rate{};  // pictures per second, the average where it varies; 0/1: unknown
+    int width = 0;              // pixels
+    int height = 0;             // rows
+    AVRational time_base{};     // seconds of a tick: the unit of time stamps and durations
+    AVRational frame_rate{};    // pictures per second, the average where it varies; 0/1: unknown
     AVRational nominal_rate{};  // of the clock that they keep even where some are left out; or 0/1
     AVRational pixel_aspect{1, 1};  // width : height of a pixel; 0/1: unknown
     AVColorRange range = AVCOL_RANGE_UNSPECIFIED;

@@ -33,7 +33,7 @@ TEST(PathFollower, WritesThePathThatTheMotionsComeFrom) {
     MemorySink sink;
     apps::PathCsv csv(sink);
     apps::PathFollower follower(320, 240);
-    follower.add([&](const apps::PathPoint& point) { csv.write(point); });
+    follower.add([&](const apps::FollowedFrame& point) { csv.write(point); });
     const videostabilizer::VideoStabilizerObserver observer = follower.observer(CROP);
     for (int newest = 0; newest < FRAMES + DELAY; ++newest) {
         float matrix[9];

@@ -35,7 +35,7 @@ void expect_extended(const unsigned char* plane, const unsigned char* picture, i
     }
 }
 
-TEST(PictureLayout, PicturesOfAnySizeLieWholeAndCentredInAFrameThatTheWarpTakesWhole) {
+TEST(PictureLayout, PicturesOfAnySizeLieWholeInAFrameThatTheWarpTakesWhole) {
     const struct {
         int width, height;
         int frame_width, frame_height;
@@ -45,35 +45,42 @@ TEST(PictureLayout, PicturesOfAnySizeLieWholeAndCentredInAFrameThatTheWarpTakesW
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.width) + " x " + std::to_string(c.height));
-        const apps::PictureLayout layout(c.width, c.height);
-        ASSERT_EQ(layout.frame_width(), c.frame_width);
-        ASSERT_EQ(layout.frame_height(), c.frame_height);
+        for (const auto place : {apps::PictureLayout::MIDDLE, apps::PictureLayout::TOP_LEFT}) {
+            const apps::PictureLayout layout(c.width, c.height, place);
+            ASSERT_EQ(layout.frame_width(), c.frame_width);
+            ASSERT_EQ(layout.frame_height(), c.frame_height);
 
-        const apps::FramePtr frame = layout.make_frame();
-        const apps::Planes picture = layout.picture(*frame);
-        const int chroma_width = (c.width + 1) / 2;
-        const int chroma_height = (c.height + 1) / 2;
-        draw(picture.y, picture.stride_y, 0, c.width, c.height);
-        draw(picture.u, picture.stride_uv, 1, chroma_width, chroma_height);
-        draw(picture.v, picture.stride_uv, 2, chroma_width, chroma_height);
-        layout.fill_border(*frame);
+            const apps::FramePtr frame = layout.make_frame();
+            const apps::Planes picture = layout.picture(*frame);
+            const int chroma_width = (c.width + 1) / 2;
+            const int chroma_height = (c.height + 1) / 2;
+            draw(picture.y, picture.stride_y, 0, c.width, c.height);
+            draw(picture.u, picture.stride_uv, 1, chroma_width, chroma_height);
+            draw(picture.v, picture.stride_uv, 2, chroma_width, chroma_height);
+            layout.fill_border(*frame);
 
-        const unsigned char* u = frame->plane_uv;
-        const unsigned char* v = u + frame->stride_uv * (c.frame_height / 2);
-        expect_extended(frame->plane_y, picture.y, c.frame_width, c.frame_height, 0, c.width,
-                        c.height);
-        expect_extended(u, picture.u, c.frame_width / 2, c.frame_height / 2, 1, chroma_width,
-                        chroma_height);
-        expect_extended(v, picture.v, c.frame_width / 2, c.frame_height / 2, 2, chroma_width,
-                        chroma_height);
+            const unsigned char* u = frame->plane_uv;
+            const unsigned char* v = u + frame->stride_uv * (c.frame_height / 2);
+            expect_extended(frame->plane_y, picture.y, c.frame_width, c.frame_height, 0, c.width,
+                            c.height);
+            expect_extended(u, picture.u, c.frame_width / 2, c.frame_height / 2, 1, chroma_width,
+                            chroma_height);
+            expect_extended(v, picture.v, c.frame_width / 2, c.frame_height / 2, 2, chroma_width,
+                            chroma_height);
 
-        const int left = static_cast<int>((picture.y - frame->plane_y) % c.frame_width);
-        const int top = static_cast<int>((picture.y - frame->plane_y) / c.frame_width);
-        EXPECT_EQ(picture.u - u, top / 2 * frame->stride_uv + left / 2) << "colour is displaced";
-        EXPECT_EQ(left % 2 + top % 2, 0);
-        // Twice the distance between the centres of picture and frame.
-        EXPECT_LE(std::abs(2 * left + c.width - c.frame_width), 3);
-        EXPECT_LE(std::abs(2 * top + c.height - c.frame_height), 3);
+            const int left = static_cast<int>((picture.y - frame->plane_y) % c.frame_width);
+            const int top = static_cast<int>((picture.y - frame->plane_y) / c.frame_width);
+            EXPECT_EQ(picture.u - u, top / 2 * frame->stride_uv + left / 2)
+                << "colour is displaced";
+            EXPECT_EQ(left % 2 + top % 2, 0);
+            if (place == apps::PictureLayout::TOP_LEFT) {
+                EXPECT_EQ(left + top, 0);
+                continue;
+            }
+            // Twice the distance between the centres of picture and frame.
+            EXPECT_LE(std::abs(2 * left + c.width - c.frame_width), 3);
+            EXPECT_LE(std::abs(2 * top + c.height - c.frame_height), 3);
+        }
     }
 }
 

@@ -48,10 +48,14 @@ TEST(StabilizeVideo, DeliversEveryFrameAtTheSameSize) {
 
 TEST(StabilizeVideo, PipesGiveTheSameAsFiles) {
     const Folder folder;
-    write_clip(folder.file("in.y4m"), clip_of(98, 50), 30);
-    ASSERT_EQ(run_program(folder, {folder.file("in.y4m"), folder.file("out.y4m")}).status, 0);
+    write_clip(folder.file("in.y4m"), clip_of(322, 242), 30);
+    ASSERT_EQ(
+        run_program(folder, {folder.file("in.y4m"), folder.file("out.y4m"), "--look-ahead", "10"})
+            .status,
+        0);
     const Outcome outcome =
-        run_shell(folder, "cat '" + folder.file("in.y4m") + "' | \"$PROGRAM\" - - -q | cat > '" +
+        run_shell(folder, "cat '" + folder.file("in.y4m") +
+                              "' | \"$PROGRAM\" - - -q --look-ahead 10 | cat > '" +
                               folder.file("piped.y4m") + "'");
     EXPECT_EQ(outcome.errors, "");
     EXPECT_EQ(read_file(folder.file("piped.y4m")), read_file(folder.file("out.y4m")));
