@@ -125,14 +125,17 @@ void wait_for_any(const std::vector<File*>& running, bool& passed_on) {
     if (interruption().signalled && !passed_on) {
         // From a terminal the signal has reached them already: a second one would end them at once.
         if (isatty(STDIN_FILENO) == 0) {
-            for (const File* file : running)
+            for (const File* file : running) {
                 kill(file->process, SIGTERM);
+            }
         }
         passed_on = true;
     }
     std::vector<pollfd> entries;
-    for (const File* file : running)
+    entries.reserve(running.size());
+    for (const File* file : running) {
         entries.push_back({file->messages, POLLIN, 0});
+    }
     constexpr int LONGEST_MS = 200;
     poll(entries.data(), entries.size(), LONGEST_MS);
 }
@@ -208,8 +211,9 @@ int run_batch(const Options& options) {
                 continue;
             }
         } else if (interruption().signalled) {
-            for (; next < files.size(); ++next)
+            for (; next < files.size(); ++next) {
                 files[next].reason = "not begun";
+            }
             if (running.empty()) break;
         }
         wait_for_any(running, passed_on);

@@ -341,8 +341,9 @@ int Job::run() {
     settings_ = stabilizer_options(options_, !input_.live && !is_direct());
     open_output();
     open_results();
-    for (const std::string& note : notes_)
+    for (const std::string& note : notes_) {
         say(options_, "note: " + note);
+    }
     tell_delay();
 
     const PictureFormat& format = input_.source->format();

@@ -232,8 +232,9 @@ MediaSink::~MediaSink() {
 
 void MediaSink::fail(int result) const {
     if (result == AVERROR(ENOMEM)) throw std::bad_alloc();
-    if (result == AVERROR(EPIPE))
+    if (result == AVERROR(EPIPE)) {
         throw OutputError("cannot write " + path_ + ": its reader has gone");
+    }
     throw OutputError("cannot write " + path_ + ": " +
                       (result == AVERROR_EXIT ? "interrupted" : av_reason(result)));
 }

@@ -124,8 +124,9 @@ void MediaSource::open(const std::string& url, const MediaSourceOptions& options
         }
     }
     Dictionary settings;
-    for (const auto& [key, value] : options.options)
+    for (const auto& [key, value] : options.options) {
         settings.set(key, value);
+    }
     // A plain name is a file, whatever colons it holds.
     const std::string location = is_regular_file(url) ? "file:" + url : url;
     AVIOContext* const own_io = context->pb;

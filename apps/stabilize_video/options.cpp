@@ -59,8 +59,9 @@ class HelpFormatter : public CLI::Formatter {
     std::string make_group(std::string group, bool is_positional,
                            std::vector<const CLI::Option*> options) const override {
         std::string text = group + ":\n";
-        for (const CLI::Option* option : options)
+        for (const CLI::Option* option : options) {
             text += make_option(option, is_positional);
+        }
         return text;
     }
     std::string make_usage(const CLI::App*, std::string) const override {

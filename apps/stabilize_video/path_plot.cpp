@@ -26,8 +26,9 @@ const char* device_for(const std::string& ending) {
 std::string ending(const std::string& path) {
     const std::size_t dot = path.find_last_of('.');
     std::string text = dot == std::string::npos ? "" : path.substr(dot + 1);
-    for (char& c : text)
+    for (char& c : text) {
         c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
     return text;
 }
 
@@ -49,8 +50,9 @@ struct Panel {
 std::vector<PLFLT> values(const std::vector<CameraView>& views, const Panel& panel) {
     std::vector<PLFLT> result;
     result.reserve(views.size());
-    for (const CameraView& view : views)
+    for (const CameraView& view : views) {
         result.push_back(panel.value(view));
+    }
     return result;
 }
 

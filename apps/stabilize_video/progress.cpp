@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <string>
 
@@ -24,7 +25,7 @@ std::string text(const char* format, Values... values) {
 }
 
 std::string clock_text(double seconds) {
-    const auto whole = static_cast<long long>(seconds + 0.5);
+    const auto whole = std::llround(seconds);
     if (whole < 3600) return text("%lld:%02lld", whole / 60, whole % 60);
     return text("%lld:%02lld:%02lld", whole / 3600, whole / 60 % 60, whole % 60);
 }
