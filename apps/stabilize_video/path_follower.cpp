@@ -20,8 +20,7 @@ constexpr const char* HEADING =
 // The point of a frame, made if the frame is the newest.
 FollowedFrame& PathFollower::point(std::int32_t frame) {
     const auto index = static_cast<std::size_t>(frame - first_);
-    while (points_.size() <= index)
-        points_.emplace_back();
+    if (points_.size() <= index) points_.resize(index + 1);
     return points_[index];
 }
 
@@ -54,13 +53,15 @@ void PathFollower::report(const videostabilizer::VideoStabilizerReport& report) 
     FollowedFrame& now = point(report.frame);
     now.report = report;
     try {
-        for (const Listener& listener : listeners_)
+        for (const Listener& listener : listeners_) {
             listener(now);
+        }
     } catch (...) {  // nothing may be thrown through the library
         if (!failure_) failure_ = std::current_exception();
     }
-    for (; first_ < report.frame; ++first_)
+    for (; first_ < report.frame; ++first_) {
         points_.pop_front();
+    }
 }
 
 videostabilizer::VideoStabilizerObserver PathFollower::observer(double shift_ratio) {

@@ -1,6 +1,7 @@
 # Completion of stabilize-video for bash. The options come from the program's own help.
 
 _stabilize_video() {
+  # shellcheck disable=SC2034
   local cur prev words cword split
   _init_completion -s || return
 

@@ -15,7 +15,6 @@
 namespace {
 
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::IsSupersetOf;
 
 // A folder with shaky.y4m, 320 x 240, 30 frames a second, and ways to make and look at files.
@@ -199,19 +198,19 @@ TEST(Media, TellsWhatIsWrongWithTheInput) {
               0);
     const struct {
         const char* file;
-        int status;
         const char* message;
+        int status;
         bool delivers;
     } cases[] = {
-        {"cut.mp4", 5, "cut short", true},        {"cut.mkv", 5, "cut short", true},
-        {"bad.mp4", 5, "delivered", true},        {"two.ts", 6, "320x240 to 640x480", true},
-        {"still.png", 2, "a still image", false}, {"sound.m4a", 2, "sound but no video", false},
-        {"empty.mp4", 2, "cannot read", false},
+        {"cut.mp4", "cut short", 5, true},        {"cut.mkv", "cut short", 5, true},
+        {"bad.mp4", "delivered", 5, true},        {"two.ts", "320x240 to 640x480", 6, true},
+        {"still.png", "a still image", 2, false}, {"sound.m4a", "sound but no video", 2, false},
+        {"empty.mp4", "cannot read", 2, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.file);
         const std::string in = c.file;
-        const Outcome outcome = studio.run("\"$PROGRAM\" " + in + " steady-" + in + ".mp4");
+        const Outcome outcome = studio.run("f=" + in + "; \"$PROGRAM\" $f steady-$f.mp4");
         EXPECT_EQ(outcome.status, c.status);
         EXPECT_THAT(outcome.errors, HasSubstr(c.message));
         if (c.delivers) {
