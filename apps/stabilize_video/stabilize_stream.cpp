@@ -107,8 +107,8 @@ class Watch {
         std::unique_lock<std::mutex> lock(mutex_);
         while (!wake_.wait_for(lock, WATCH_INTERVAL, [this] { return ended_; })) {
             const std::uint64_t passed = passed_;
-            // With only one end waiting, the other is busy with the disk, a pipe or the end.
-            if (passed != last_passed || waiting_ < BOTH_ENDS) {
+            // Who does not wait is busy with the disk, a pipe or the end.
+            if (passed != last_passed || waiting_ < THREADS) {
                 last_passed = passed;
                 last_progress = Clock::now();
             }
@@ -119,7 +119,7 @@ class Watch {
         }
     }
 
-    static constexpr int BOTH_ENDS = 2;
+    static constexpr int THREADS = 3;  // that read and push, pop, and write
 
     vs::VideoStabilizer* stabilizer_;
     std::atomic<int> waiting_{0};
@@ -197,48 +197,178 @@ class Stream {
     std::deque<PictureTag> tags_;
 };
 
-// Body of the reading thread: pushes `frame` and all that follow, then ends the stream. What goes
-// wrong is left in `failure`.
-void push_all(Stream& stream, vs::VideoStabilizer* stabilizer, Watch& watch, FramePtr frame,
-              StreamSeconds& seconds, std::exception_ptr& failure) {
-    try {
-        while (frame) {
-            int result = vs::RESULT_OK;
-            {
-                const Stopwatch stopwatch(seconds.pushing);
-                watch.enter();
-                result = vs::video_stabilizer_push_frame(stabilizer, frame.release());
-                watch.leave();
-            }
-            if (result == vs::RESULT_STOPPING) return;
-            if (result != vs::RESULT_OK) throw library_error("the stabilizer refuses a frame");
-            frame = stream.read();
-        }
-    } catch (...) {
-        failure = std::current_exception();
-    }
-    vs::video_stabilizer_signal_eos(stabilizer);
-    watch.enter();  // there is nothing left but to wait for the other end
-}
+// The frames between the reading and the writing thread. A full queue of the stabilizer makes whoever
+// waits for it look 20,000 times a second, which costs when the writer is an encoder that wants both
+// cores. So no more frames are let in than it can hold without that, and they leave it at once.
+class Passage {
+  public:
+    explicit Passage(int look_ahead) : room_(look_ahead + CIRCULATING) {}
 
-// Writes steady frames until the stabilizer says that there are no more. Returns their number.
-std::int64_t pop_all(Stream& stream, vs::VideoStabilizer* stabilizer, Watch& watch,
-                     StreamSeconds& seconds, Progress& progress) {
-    for (std::int64_t frames = 0;; ++frames) {
-        vs::Frame* frame = nullptr;
-        int result = vs::RESULT_OK;
-        {
-            const Stopwatch stopwatch(seconds.popping);
-            watch.enter();
-            result = vs::video_stabilizer_pop_frame(stabilizer, &frame);
-            watch.leave();
-        }
-        if (result == vs::RESULT_END_OF_STREAM) return frames;
-        if (result != vs::RESULT_OK) throw library_error("the stabilizer has failed");
-        stream.write(FramePtr(frame));
-        progress.show(frames + 1);
+    // Waits for room for one frame more. Returns false when closed.
+    bool enter() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return room_ > 0 || closed_; });
+        --room_;
+        return !closed_;
     }
-}
+
+    void put(FramePtr steady) {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            steady_.push_back(std::move(steady));
+        }
+        changed_.notify_all();
+    }
+
+    // The next steady frame; null when closed and there is none.
+    FramePtr take() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return !steady_.empty() || closed_; });
+        if (steady_.empty()) return nullptr;
+        FramePtr frame = std::move(steady_.front());
+        steady_.pop_front();
+        return frame;
+    }
+
+    // A frame that was taken is done with.
+    void leave() {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            ++room_;
+        }
+        changed_.notify_all();
+    }
+
+    // No frame will be put any more, and none let in.
+    void close() {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            closed_ = true;
+        }
+        changed_.notify_all();
+    }
+
+  private:
+    // Besides those that the look-ahead holds back: one each being read, analysed, warped and
+    // written, and one or two on the way.
+    static constexpr int CIRCULATING = 6;
+
+    std::mutex mutex_;  // guards the rest
+    std::condition_variable changed_;
+    int room_;
+    bool closed_ = false;
+    std::deque<FramePtr> steady_;
+};
+
+// The threads of one stream, and what they share.
+class Run {
+  public:
+    Run(const StreamParts& parts, vs::VideoStabilizer* stabilizer, StreamSeconds& seconds)
+        : parts_(parts),
+          stabilizer_(stabilizer),
+          seconds_(seconds),
+          stream_(parts),
+          passage_(parts.options.look_ahead),
+          watch_(stabilizer) {}
+
+    Stream& stream() { return stream_; }
+
+    // Passes `first` and all that follow through the stabilizer. Returns the number of frames
+    // written; what stopped the reading is left in `read_failure`.
+    std::int64_t pass_all(FramePtr first, std::exception_ptr& read_failure) {
+        std::thread pusher([&] { push_all(std::move(first), read_failure); });
+        std::exception_ptr pop_failure;
+        std::thread popper([&] { pop_all(pop_failure); });
+        std::exception_ptr write_failure;
+        std::int64_t frames = 0;
+        try {
+            frames = write_all();
+        } catch (...) {
+            write_failure = std::current_exception();
+        }
+        // Lets go of the others, wherever they wait, if this is not the end of the stream. The
+        // order matters: only when the watch has ended may this thread stop the stabilizer.
+        if (write_failure || pop_failure) parts_.cancelled = true;
+        passage_.close();
+        watch_.end();
+        vs::video_stabilizer_stop(stabilizer_);
+        pusher.join();
+        popper.join();
+        for (const auto& failure : {write_failure, pop_failure}) {
+            if (failure) std::rethrow_exception(failure);
+        }
+        return frames;
+    }
+
+  private:
+    // Body of the reading thread.
+    void push_all(FramePtr frame, std::exception_ptr& failure) {
+        try {
+            while (frame) {
+                watch_.enter();
+                const int result = push(std::move(frame));
+                watch_.leave();
+                if (result == vs::RESULT_STOPPING) return;
+                if (result != vs::RESULT_OK) throw library_error("the stabilizer refuses a frame");
+                frame = stream_.read();
+            }
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        vs::video_stabilizer_signal_eos(stabilizer_);
+        watch_.enter();  // there is nothing left but to wait for the others
+    }
+
+    int push(FramePtr frame) {
+        const Stopwatch stopwatch(seconds_.pushing);
+        if (!passage_.enter()) return vs::RESULT_STOPPING;
+        return vs::video_stabilizer_push_frame(stabilizer_, frame.release());
+    }
+
+    // Body of the thread that takes steady frames from the stabilizer until there are no more.
+    void pop_all(std::exception_ptr& failure) {
+        try {
+            for (;;) {
+                vs::Frame* frame = nullptr;
+                watch_.enter();
+                const int result = vs::video_stabilizer_pop_frame(stabilizer_, &frame);
+                watch_.leave();
+                if (result == vs::RESULT_END_OF_STREAM) break;
+                if (result != vs::RESULT_OK) throw library_error("the stabilizer has failed");
+                passage_.put(FramePtr(frame));
+            }
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        watch_.enter();
+        passage_.close();
+    }
+
+    std::int64_t write_all() {
+        for (std::int64_t frames = 0;; ++frames) {
+            FramePtr frame = take();
+            if (!frame) return frames;
+            stream_.write(std::move(frame));
+            passage_.leave();
+            parts_.progress.show(frames + 1);
+        }
+    }
+
+    FramePtr take() {
+        const Stopwatch stopwatch(seconds_.popping);
+        watch_.enter();
+        FramePtr frame = passage_.take();
+        watch_.leave();
+        return frame;
+    }
+
+    const StreamParts& parts_;
+    vs::VideoStabilizer* stabilizer_;
+    StreamSeconds& seconds_;
+    Stream stream_;
+    Passage passage_;
+    Watch watch_;
+};
 
 bool is_input_failure(const std::exception_ptr& failure) {
     try {
@@ -255,13 +385,13 @@ bool is_input_failure(const std::exception_ptr& failure) {
 StreamResult stabilize_stream(const StreamParts& parts) {
     StreamResult result;
     const StabilizerPtr stabilizer = make_stabilizer(parts);
-    const auto whole = std::make_unique<Stopwatch>(result.seconds.total);
-    Stream stream(parts);
+    const auto start = std::chrono::steady_clock::now();
+    Run run(parts, stabilizer.get(), result.seconds);
 
     // A stream without frames is a special case to the stabilizer, so it never gets to see one.
     FramePtr first;
     try {
-        first = stream.read();
+        first = run.stream().read();
     } catch (const InputError&) {
         result.input_failure = std::current_exception();
     }
@@ -270,29 +400,14 @@ StreamResult stabilize_stream(const StreamParts& parts) {
     if (vs::video_stabilizer_start(stabilizer.get()) != vs::RESULT_OK) {
         throw LibraryError("the stabilizer cannot start its thread");
     }
-    Watch watch(stabilizer.get());
-    std::exception_ptr push_failure;
-    std::thread pusher([&] {
-        push_all(stream, stabilizer.get(), watch, std::move(first), result.seconds, push_failure);
-    });
-    std::exception_ptr pop_failure;
-    try {
-        result.frames = pop_all(stream, stabilizer.get(), watch, result.seconds, parts.progress);
-    } catch (...) {
-        pop_failure = std::current_exception();
-        parts.cancelled = true;  // releases the pusher if it waits for input
-    }
-    // The order matters: only when the watch has ended may this thread stop the stabilizer, and
-    // only the stop releases a pusher that waits for room in the queue.
-    watch.end();
-    vs::video_stabilizer_stop(stabilizer.get());
-    pusher.join();
-
-    if (pop_failure) std::rethrow_exception(pop_failure);
-    if (push_failure && !is_input_failure(push_failure)) std::rethrow_exception(push_failure);
-    result.input_failure = push_failure;
-    result.seconds.reading = stream.reading_seconds();
-    result.seconds.writing = stream.writing_seconds();
+    std::exception_ptr read_failure;
+    result.frames = run.pass_all(std::move(first), read_failure);
+    if (read_failure && !is_input_failure(read_failure)) std::rethrow_exception(read_failure);
+    result.input_failure = read_failure;
+    result.seconds.reading = run.stream().reading_seconds();
+    result.seconds.writing = run.stream().writing_seconds();
+    result.seconds.total =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (parts.path != nullptr) parts.path->check();
     return result;
 }

@@ -34,7 +34,7 @@ struct StreamParts {
     std::atomic<bool>& cancelled;
 };
 
-// Where the time of the two threads goes, seconds.
+// Where the time of the reading and the writing thread goes, seconds.
 struct StreamSeconds {
     double reading = 0;  // and decoding, on the reading thread
     double pushing = 0;  // waiting for the stabilizer to take a frame
@@ -52,9 +52,8 @@ struct StreamResult {
 };
 
 // Reads all pictures, has them stabilised and writes them, in order, one steady picture for each
-// shaky one; finishing the sink is the caller's. A second thread reads ahead, so that reading,
-// analysis, warping and writing overlap; the frames in flight are bounded by the stabilizer's
-// queues, and reused.
+// shaky one; finishing the sink is the caller's. Another thread reads ahead, so that reading,
+// analysis, warping and writing overlap; the frames in flight are bounded, and reused.
 //
 // Throws LibraryError, OutputError. No thread of the stabilizer is running any more when it returns
 // or throws.
