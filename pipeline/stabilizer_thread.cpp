@@ -135,6 +135,9 @@ void drain(VideoStabilizer* s) {
         send_corrected(s, s->output_index + 1);
     }
     affine_transformer_ocl_signal_eos(s->transformer);
+    // The stage may have warped the last frame before the mark was set. It would see it at the end
+    // of its timed wait, up to a second later.
+    wake_waiters(s->transformer->mutex, s->transformer->cond);
 }
 
 void log_error(int code) {
