@@ -231,6 +231,7 @@ void* stabilizer_thread(void* arg) {
         // A point list outgrew its reservation and could not. The thread ends as after any error.
         __android_log_print(LOG_ERROR, STABILIZER_TAG, OUT_OF_MEMORY_TEXT);
         log_error(RESULT_NO_MEMORY);
+        stabilizer_on_failure(arg);
     }
     return nullptr;
 }
