@@ -1,6 +1,8 @@
 // The worker: analyses frame after frame and hands each on to the warp stage once the look-ahead
 // after it is known. While it runs it alone touches the analysis state of the stabilizer.
 
+#include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <new>
 #include <utility>
@@ -9,6 +11,7 @@
 #include "pipeline/decimate.h"
 #include "pipeline/stabilizer_internal.h"
 #include "platform/log.h"
+#include "simplela/mat_util.h"
 
 namespace videostabilizer {
 
@@ -77,6 +80,11 @@ void estimate_motion(VideoStabilizer* s) {
     }
 }
 
+bool is_finite(const SimpleLA::Mat<float>& correction) {
+    return std::all_of(correction.data, correction.data + 9,
+                       [](float element) { return std::isfinite(element); });
+}
+
 // Puts the crop into a correction: the part of the picture around its centre, enlarged to full size.
 void fold_in_crop(const VideoStabilizer* s, SimpleLA::Mat<float>& correction) {
     const PictureCentre centre =
@@ -106,6 +114,11 @@ void send_corrected(VideoStabilizer* s, int n) {
     } else {
         gaussian_motion_filter_stabilize(s->filter, correction, n, s->motions, s->motion_logs, 0,
                                          s->frame_index);
+    }
+    // Motions that turn everything into a point or a line, as a fit to bad pairs may, have inverses
+    // beyond all numbers. Such a frame is shown as it came.
+    if (!is_finite(correction)) {
+        SimpleLA::set_identity(correction);
     }
     if (s->observer.on_correction != nullptr) {
         s->observer.on_correction(s->observer.ctx, n, correction.data);
