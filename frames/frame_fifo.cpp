@@ -61,6 +61,10 @@ Frame* unlink_oldest(const FrameFifo& fifo) {
     return oldest;
 }
 
+bool has_failed(const FrameFifo& fifo) {
+    return fifo.failed != nullptr && fifo.failed->load() != 0;
+}
+
 // Tries to put once. Returns true when the matter is settled, with its result in *result.
 bool try_put(const FrameFifo& fifo, Frame* frame, WhenEnded when_ended, int* result) {
     const Lock lock(fifo.mutex);
@@ -75,6 +79,11 @@ bool try_put(const FrameFifo& fifo, Frame* frame, WhenEnded when_ended, int* res
         return true;
     }
     if (fifo.count.load() >= fifo.capacity) {
+        if (has_failed(fifo)) {
+            frame_delete(frame);
+            *result = RESULT_STOPPING;
+            return true;
+        }
         return false;
     }
     append(fifo, frame);
@@ -109,6 +118,9 @@ int fifo_take(const FrameFifo& fifo, Frame** out, void (*on_taken)(void*, Frame*
         }
         if (fifo.eos.load() != 0) {
             return RESULT_END_OF_STREAM;
+        }
+        if (has_failed(fifo)) {
+            return RESULT_STOPPING;
         }
         const timespec deadline = deadline_in(fifo.timeout_ms);
         pthread_cond_timedwait(&fifo.cond, &fifo.mutex, &deadline);

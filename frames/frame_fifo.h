@@ -21,6 +21,7 @@ namespace videostabilizer {
 // Empty:   take waits on `cond`, timeout_ms at a time, and reads the flags anew after each wake-up.
 // Ended:   take hands out what is queued, then RESULT_END_OF_STREAM.
 // Stopped: put refuses; take hands out what is queued, then RESULT_STOPPING.
+// Failed:  put refuses where it would wait; take hands out what is queued, then RESULT_STOPPING.
 //
 // `mutex` guards the links and `count`. The flags are written without it. `count` and
 // sentinel.prev are atomic besides, because the full and empty tests read them without the lock.
@@ -33,6 +34,8 @@ struct FrameFifo {
     const std::atomic<std::int32_t>& quit;  // the stop mark
     const std::atomic<std::int32_t>& eos;   // no more frames will be put
     const std::int32_t& timeout_ms;         // length of one timed wait
+    // The thread at the queue's other end is gone after an error. Null: the user waits regardless.
+    const std::atomic<std::int32_t>* failed = nullptr;
 };
 
 // Makes the queue empty without releasing anything. Not while another thread uses it.

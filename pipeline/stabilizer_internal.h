@@ -20,6 +20,10 @@ int take_input_frame(VideoStabilizer* stabilizer, Frame** out);
 int stabilizer_on_frame(void* owner, Frame* frame);
 void stabilizer_on_eos(void* owner);
 
+// Lets go of hosts that would wait for ever, since a thread has ended with an error: no more frames
+// will come out. Run on that thread. The stop and end marks stay as they are.
+void stabilizer_on_failure(void* owner);
+
 // Thread function of the worker; `arg` is the stabilizer. Always returns null.
 void* stabilizer_thread(void* arg);
 

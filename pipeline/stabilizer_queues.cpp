@@ -25,6 +25,12 @@ bool fits_stream(const VideoStabilizer* stabilizer, const Frame* frame) {
            frame->plane_y != nullptr && frame->plane_uv != nullptr;
 }
 
+// As the host sees a queue: it does not wait for threads that are gone.
+FrameFifo for_host(FrameFifo fifo, const VideoStabilizer* stabilizer) {
+    fifo.failed = &stabilizer->failed;
+    return fifo;
+}
+
 }  // namespace
 
 FrameFifo input_fifo(VideoStabilizer* stabilizer) {
@@ -55,11 +61,11 @@ int video_stabilizer_push_frame(VideoStabilizer* stabilizer, Frame* frame) {
         frame_delete(frame);
         return RESULT_FAILED;
     }
-    return fifo_put(input_fifo(stabilizer), frame, WhenEnded::REFUSE);
+    return fifo_put(for_host(input_fifo(stabilizer), stabilizer), frame, WhenEnded::REFUSE);
 }
 
 int video_stabilizer_pop_frame(VideoStabilizer* stabilizer, Frame** out) {
-    const int code = fifo_take(output_fifo(stabilizer), out);
+    const int code = fifo_take(for_host(output_fifo(stabilizer), stabilizer), out);
     if (code != RESULT_END_OF_STREAM) {
         return code;
     }
@@ -120,6 +126,12 @@ void stabilizer_on_eos(void* owner) {
     stabilizer->output_eos.store(1);
     wake_waiters(stabilizer->output_mutex, stabilizer->output_cond);
     pthread_cond_broadcast(&stabilizer->eos_cond);
+}
+
+void stabilizer_on_failure(void* owner) {
+    auto* const stabilizer = static_cast<VideoStabilizer*>(owner);
+    stabilizer->failed.store(1);
+    wake_waiters(stabilizer->output_mutex, stabilizer->output_cond);
 }
 
 }  // namespace videostabilizer

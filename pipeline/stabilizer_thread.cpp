@@ -1,6 +1,8 @@
 // The worker: analyses frame after frame and hands each on to the warp stage once the look-ahead
 // after it is known. While it runs it alone touches the analysis state of the stabilizer.
 
+#include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <new>
 #include <utility>
@@ -9,6 +11,7 @@
 #include "pipeline/decimate.h"
 #include "pipeline/stabilizer_internal.h"
 #include "platform/log.h"
+#include "simplela/mat_util.h"
 
 namespace videostabilizer {
 
@@ -77,6 +80,11 @@ void estimate_motion(VideoStabilizer* s) {
     }
 }
 
+bool is_finite(const SimpleLA::Mat<float>& correction) {
+    return std::all_of(correction.data, correction.data + 9,
+                       [](float element) { return std::isfinite(element); });
+}
+
 // Puts the crop into a correction: the part of the picture around its centre, enlarged to full size.
 void fold_in_crop(const VideoStabilizer* s, SimpleLA::Mat<float>& correction) {
     const PictureCentre centre =
@@ -107,6 +115,11 @@ void send_corrected(VideoStabilizer* s, int n) {
         gaussian_motion_filter_stabilize(s->filter, correction, n, s->motions, s->motion_logs, 0,
                                          s->frame_index);
     }
+    // Motions that turn everything into a point or a line, as a fit to bad pairs may, have inverses
+    // beyond all numbers. Such a frame is shown as it came.
+    if (!is_finite(correction)) {
+        SimpleLA::set_identity(correction);
+    }
     if (s->observer.on_correction != nullptr) {
         s->observer.on_correction(s->observer.ctx, n, correction.data);
     }
@@ -135,6 +148,9 @@ void drain(VideoStabilizer* s) {
         send_corrected(s, s->output_index + 1);
     }
     affine_transformer_ocl_signal_eos(s->transformer);
+    // The stage may have warped the last frame before the mark was set. It would see it at the end
+    // of its timed wait, up to a second later.
+    wake_waiters(s->transformer->mutex, s->transformer->cond);
 }
 
 void log_error(int code) {
@@ -228,6 +244,7 @@ void* stabilizer_thread(void* arg) {
         // A point list outgrew its reservation and could not. The thread ends as after any error.
         __android_log_print(LOG_ERROR, STABILIZER_TAG, OUT_OF_MEMORY_TEXT);
         log_error(RESULT_NO_MEMORY);
+        stabilizer_on_failure(arg);
     }
     return nullptr;
 }

@@ -158,6 +158,7 @@ bool create_warp_stage(VideoStabilizer* s) {
     if (s->transformer == nullptr) {
         throw std::bad_alloc();
     }
+    s->transformer->on_failure = stabilizer_on_failure;
     // With the whole shift, the matrices that the stage gets have the crop in them already.
     const float stage_crop = s->options.whole_shift != 0 ? 1.0F : s->options.crop_ratio;
     if (affine_transformer_ocl_init(s->transformer, s->format, s->width, s->height, s->stride_y,

@@ -202,6 +202,9 @@ void* transformer_thread(void* transformer) {
         default:
             __android_log_print(LOG_ERROR, WARP_OCL_TAG, "AffineTransformerOcl met an error: %d",
                                 result);
+            if (t->on_failure != nullptr) {
+                t->on_failure(t->user);
+            }
             break;
     }
     return nullptr;

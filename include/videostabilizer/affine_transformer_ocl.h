@@ -97,6 +97,8 @@ struct AffineTransformerOcl {
     std::atomic<std::int32_t> needs_fini;      // 1 until fini, which whoever clears it carries out
     Frame* input_in_hand;                      // frame being warped; after an error fini deletes it
     Frame* output_in_hand;  // its output, if that is a frame of its own; as above
+    // Called last by a thread that ends with an error. Null, or set before init; the stabilizer's.
+    void (*on_failure)(void* user);
 };
 
 // Makes a stage, to be initialised next. Frames sent and an end signalled before are forgotten by

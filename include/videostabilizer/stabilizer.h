@@ -129,6 +129,7 @@ struct VideoStabilizer {
     pthread_cond_t eos_cond;     // with output_mutex: output_eos was set
 
     std::atomic<std::int32_t> worker_joinable;  // 1 from start until the worker is joined
+    std::atomic<std::int32_t> failed;           // 1: a thread has ended with an error
     VideoStabilizerObserver observer;
     VideoStabilizerOptions options;
     SteadyPath* steady_path;  // null where the filter alone does
@@ -217,9 +218,10 @@ VIDEOSTABILIZER_API void video_stabilizer_delete(VideoStabilizer* stabilizer);
 // long as the host does not pop.
 // Ownership: the frame is the stabilizer's from this call on, whatever is returned.
 // Threads:   thread-safe; frames are taken in the order in which pushes succeed.
-// Returns:   0; -10001 when the input was ended; -10002 when stopping; -1 (and a line in the log)
-//            for a frame whose picture size is not the stream's, whose chroma layout is another, or
-//            whose planes are missing or larger than the stream's; -20000 for null.
+// Returns:   0; -10001 when the input was ended; -10002 when stopping, or when the queue is full
+//            and a library thread has ended with an error; -1 (and a line in the log) for a frame
+//            whose picture size is not the stream's, whose chroma layout is another, or whose
+//            planes are missing or larger than the stream's; -20000 for null.
 VIDEOSTABILIZER_API int video_stabilizer_push_frame(VideoStabilizer* stabilizer, Frame* frame);
 
 // Takes the next steady frame; blocks until there is one or there will be none.
@@ -227,8 +229,11 @@ VIDEOSTABILIZER_API int video_stabilizer_push_frame(VideoStabilizer* stabilizer,
 // Threads:   thread-safe.
 // Returns:   0; -10001 once, when the output has ended and all frames were taken; -10002 from then
 //            on, when stopping, and when the input ended before any frame; -10003 never in
-//            practice. *out is written only with 0. If a library thread has ended with an error
-//            (see the log), pop waits until the stream is stopped.
+//            practice. *out is written only with 0.
+// Errors:    when a library thread has ended with an error (an OpenCL call failed, memory ran out,
+//            the frame maker returned null; the log says which), pop hands out the frames that are
+//            done and then returns -10002. The stream is over, but nobody has stopped it: stop, or
+//            delete, releases what is inside as ever.
 VIDEOSTABILIZER_API int video_stabilizer_pop_frame(VideoStabilizer* stabilizer, Frame** out);
 
 // Snapshots of the queues, 1 or 0, for hosts that want to avoid blocking. Threads: thread-safe.
