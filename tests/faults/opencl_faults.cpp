@@ -51,6 +51,7 @@ template <typename Result, typename... Arguments, Result (*FUNCTION)(Arguments..
 struct Watched<FUNCTION> {
     static inline const char* name = nullptr;
     static inline bool releases = false;
+    static inline bool ends = false;
 
     static Result call(Arguments... arguments) {
         const cl_int error = next_call(name);
@@ -65,7 +66,8 @@ struct Watched<FUNCTION> {
             return object;
         } else {
             count_object(releases ? -1 : 0);
-            return error != CL_SUCCESS ? error : FUNCTION(arguments...);
+            const cl_int result = ends || error == CL_SUCCESS ? FUNCTION(arguments...) : CL_SUCCESS;
+            return error != CL_SUCCESS ? error : result;
         }
     }
 };
@@ -74,6 +76,7 @@ template <auto FUNCTION>
 void watch(const char* name) {
     Watched<FUNCTION>::name = name;
     Watched<FUNCTION>::releases = std::string(name).rfind("clRelease", 0) == 0;
+    Watched<FUNCTION>::ends = Watched<FUNCTION>::releases || std::strcmp(name, "clFinish") == 0;
     EXPECT_GT(redirect_calls(LIBRARY, name, reinterpret_cast<void*>(&Watched<FUNCTION>::call)), 0)
         << name;
 }

@@ -13,8 +13,9 @@ namespace fault_support {
 // Leads the library's calls through here; once per process, before its threads run.
 void watch_opencl();
 
-// What becomes of calls. A call that fails is not made; where it should give an object, it gives an
-// address that must not be used, as some drivers do.
+// What becomes of calls. A call that fails is not made, except for those that end something, which
+// are made and say that they failed: a lost device works no more either. Where a failed call should
+// give an object, it gives an address that must not be used, as some drivers do.
 struct OpenclFault {
     const char* call = "";  // "": none fails
     int first = 1;          // of the calls of this name, counted from 1 ...

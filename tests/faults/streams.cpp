@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "tests/faults/library_calls.h"
 #include "tests/faults/memory_faults.h"
 #include "tests/faults/opencl_faults.h"
 #include "tests/support/log_capture.h"
@@ -12,9 +13,32 @@ using namespace videostabilizer;
 
 namespace fault_support {
 
+namespace {
+
+constexpr int LONG_MS = 600'000;
+
+// In the place of the stage's own: what it makes is patient before its thread runs.
+AffineTransformerOcl* create_patiently(int in_place, void* user,
+                                       AffineTransformerCallbacks callbacks, int capacity) {
+    AffineTransformerOcl* const t =
+        affine_transformer_ocl_create(in_place, user, callbacks, capacity);
+    if (t != nullptr) {
+        t->timeout_ms = LONG_MS;
+    }
+    return t;
+}
+
+}  // namespace
+
 StabilizerPtr make_stabilizer(bool in_place, VideoStabilizerStrength strength) {
     watch_library_memory();
     watch_opencl();
+    static const int redirected =
+        redirect_calls(LIBRARY,
+                       "_ZN15videostabilizer29affine_transformer_ocl_createEiPvNS_"
+                       "26AffineTransformerCallbacksEi",
+                       reinterpret_cast<void*>(create_patiently));
+    EXPECT_GT(redirected, 0);
     EXPECT_EQ(video_stabilizer_module_init(), 0);
     VideoStabilizerOptions options;
     video_stabilizer_options_for_strength(&options, strength);
@@ -31,9 +55,7 @@ std::vector<Frame*> make_frames(int count) {
 }
 
 void wait_long(VideoStabilizer* s) {
-    constexpr int LONG_MS = 600'000;
     s->timeout_ms = LONG_MS;
-    s->transformer->timeout_ms = LONG_MS;
 }
 
 Ending run_to_the_end(VideoStabilizer* s, const std::vector<Frame*>& frames) {

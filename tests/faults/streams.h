@@ -16,12 +16,13 @@ constexpr int WIDTH = 384;  // enough for the corners that a motion is estimated
 constexpr int HEIGHT = 256;
 
 // For packed planar pictures of WIDTH x HEIGHT, not started; null when the library gives none. The
-// library's memory and OpenCL calls are watched from the first call on, and the module is set up.
+// library's memory and OpenCL calls are watched from the first call on, its warp stages wait long,
+// and the module is set up.
 StabilizerPtr make_stabilizer(
     bool in_place = true,
     videostabilizer::VideoStabilizerStrength strength = videostabilizer::STABILIZER_GENTLE);
 
-// Lost wake-ups hang the test from here on, instead of making it wait for seconds.
+// Lost wake-ups hang the test, instead of making it wait for seconds. Before the start.
 void wait_long(videostabilizer::VideoStabilizer* s);
 
 struct Ending {
