@@ -210,7 +210,7 @@ TEST(Numbers, EveryPictureComesOutWithEveryStrength) {
     for (const Picture& picture : PICTURES) {
         for (int number = STABILIZER_GENTLE; number <= STABILIZER_MAXIMUM; ++number) {
             SCOPED_TRACE(std::string(picture.name) + ", strength " + std::to_string(number));
-            expect_every_frame(packed(1280, 160), strength(number), picture, 14);
+            expect_every_frame(packed(896, 160), strength(number), picture, 14);
         }
     }
 }
@@ -229,7 +229,7 @@ TEST(Numbers, TheExtremesOfEveryOption) {
         for (const Picture& picture : PICTURES) {
             SCOPED_TRACE(std::string(picture.name) + ", look-ahead " +
                          std::to_string(options.look_ahead));
-            expect_every_frame(packed(1280, 160), options, picture, 8);
+            expect_every_frame(packed(896, 160), options, picture, 8);
         }
     }
 }

@@ -94,7 +94,7 @@ void set_up(const SetUpCase& c) {
     EXPECT_EQ(video_stabilizer_module_init(), c.ready ? 0 : -1) << "tried again";
     EXPECT_THAT(logged_errors(), IsEmpty());
     VideoStabilizer* const s =
-        video_stabilizer_create(WIDTH, HEIGHT, WIDTH, WIDTH / 2, PIX_FMT_YUV420P, 0, 1, nullptr);
+        video_stabilizer_create(64, 48, 64, 32, PIX_FMT_YUV420P, 0, 1, nullptr);
     EXPECT_EQ(s != nullptr, c.ready);
     EXPECT_EQ(logged_errors().empty() ? "" : logged_errors().back(),
               c.ready ? "" : "video_stabilizer: OUT OF MEMORY!!!");

@@ -30,7 +30,7 @@ AffineTransformerOcl* create_patiently(int in_place, void* user,
 
 }  // namespace
 
-StabilizerPtr make_stabilizer(bool in_place, VideoStabilizerStrength strength) {
+StabilizerPtr make_stabilizer(bool in_place, VideoStabilizerStrength strength, Size size) {
     watch_library_memory();
     watch_opencl();
     static const int redirected =
@@ -42,14 +42,15 @@ StabilizerPtr make_stabilizer(bool in_place, VideoStabilizerStrength strength) {
     EXPECT_EQ(video_stabilizer_module_init(), 0);
     VideoStabilizerOptions options;
     video_stabilizer_options_for_strength(&options, strength);
-    return StabilizerPtr(video_stabilizer_create_with_options(
-        WIDTH, HEIGHT, WIDTH, WIDTH / 2, PIX_FMT_YUV420P, in_place ? 1 : 0, nullptr, &options));
+    return StabilizerPtr(video_stabilizer_create_with_options(size.width, size.height, size.width,
+                                                              size.width / 2, PIX_FMT_YUV420P,
+                                                              in_place ? 1 : 0, nullptr, &options));
 }
 
-std::vector<Frame*> make_frames(int count) {
+std::vector<Frame*> make_frames(int count, Size size) {
     std::vector<Frame*> frames;
     for (int i = 0; i < count; ++i) {
-        frames.push_back(test_support::make_frame(i, WIDTH, HEIGHT));
+        frames.push_back(test_support::make_frame(i, size.width, size.height));
     }
     return frames;
 }

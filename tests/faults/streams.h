@@ -12,15 +12,19 @@ namespace fault_support {
 
 using test_support::StabilizerPtr;
 
-constexpr int WIDTH = 384;  // enough for the corners that a motion is estimated from
-constexpr int HEIGHT = 256;
+struct Size {
+    int width, height;
+};
+constexpr Size SMALL = {64, 48};
+constexpr Size WITH_MOTION = {320, 192};  // has the corners that a motion is estimated from
 
-// For packed planar pictures of WIDTH x HEIGHT, not started; null when the library gives none. The
+// For packed planar pictures, not started; null when the library gives none. The
 // library's memory and OpenCL calls are watched from the first call on, its warp stages wait long,
 // and the module is set up.
 StabilizerPtr make_stabilizer(
     bool in_place = true,
-    videostabilizer::VideoStabilizerStrength strength = videostabilizer::STABILIZER_GENTLE);
+    videostabilizer::VideoStabilizerStrength strength = videostabilizer::STABILIZER_GENTLE,
+    Size size = SMALL);
 
 // Lost wake-ups hang the test, instead of making it wait for seconds. Before the start.
 void wait_long(videostabilizer::VideoStabilizer* s);
@@ -35,7 +39,7 @@ struct Ending {
 // and stops the stabilizer, which must have been started.
 Ending run_to_the_end(videostabilizer::VideoStabilizer* s,
                       const std::vector<videostabilizer::Frame*>& frames);
-std::vector<videostabilizer::Frame*> make_frames(int count);
+std::vector<videostabilizer::Frame*> make_frames(int count, Size size = SMALL);
 
 // The errors in the log, each as "tag: text", in order; those of the tracker, which are everyday
 // matters, are left out.

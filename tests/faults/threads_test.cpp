@@ -26,9 +26,6 @@ using namespace fault_support;
 
 namespace {
 
-constexpr int SMALL_WIDTH = 64;
-constexpr int SMALL_HEIGHT = 48;
-
 void nap(int microseconds) {
     std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
 }
@@ -75,7 +72,7 @@ class Host {
         int code = RESULT_OK;
         for (int i = 0; code == RESULT_OK; ++i) {
             code = video_stabilizer_push_frame(
-                s_, test_support::make_frame(i % 4, SMALL_WIDTH, SMALL_HEIGHT));
+                s_, test_support::make_frame(i % 4, SMALL.width, SMALL.height));
         }
         EXPECT_TRUE(code == RESULT_STOPPING || code == RESULT_END_OF_STREAM) << code;
     }
@@ -117,8 +114,8 @@ TEST(Stopping, AtRandomMomentsUnderLoad) {
     int most = 0;
     for (int round = 0; round < rounds(); ++round) {
         SCOPED_TRACE(round);
-        const StabilizerPtr s(video_stabilizer_create(SMALL_WIDTH, SMALL_HEIGHT, SMALL_WIDTH,
-                                                      SMALL_WIDTH / 2, PIX_FMT_YUV420P, 0,
+        const StabilizerPtr s(video_stabilizer_create(SMALL.width, SMALL.height, SMALL.width,
+                                                      SMALL.width / 2, PIX_FMT_YUV420P, 0,
                                                       static_cast<int>(random() % 2), nullptr));
         ASSERT_NE(s, nullptr);
         wait_long(s.get());
