@@ -271,6 +271,8 @@ void MediaSource::forward(const AVPacket& packet) {
 // Takes the next packet from the input: into the decoder, or to the receiver. Returns false at the
 // end of the input, whatever the reason.
 bool MediaSource::read_packet() {
+    // Not every demuxer asks for itself.
+    if (stop_ != nullptr && stop_->load()) throw InputError("interrupted");
     const int result = av_read_frame(context_.get(), packet_.get());
     if (result < 0) {
         if (stream_failure_) std::rethrow_exception(stream_failure_);

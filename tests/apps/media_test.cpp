@@ -281,6 +281,12 @@ TEST(Media, AnInterruptedRunEndsCleanly) {
     EXPECT_THAT(kept.errors, HasSubstr("status 130"));
     EXPECT_THAT(kept.errors, HasSubstr("out.partial.mp4"));
     EXPECT_EQ(studio.frames("out.partial.mp4"), 45U);
+
+    // A device never ends by itself.
+    const Outcome device = studio.run(
+        "timeout -s INT -k 60 2 \"$PROGRAM\" --keep-partial --input-format lavfi testsrc2 device.mp4");
+    EXPECT_THAT(device.errors, HasSubstr("device.partial.mp4"));
+    EXPECT_GT(studio.frames("device.partial.mp4"), 10U);
 }
 
 TEST(Media, ABatchGoesOnAfterAFailure) {
