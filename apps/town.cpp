@@ -49,13 +49,15 @@ class Canvas {
         : width_(width),
           height_(height),
           unit_(unit),
-          pixels_(static_cast<std::size_t>(width) * height) {}
+          pixels_(static_cast<std::size_t>(width) * static_cast<std::size_t>(height)) {}
 
     int width() const { return width_; }
     int height() const { return height_; }
     double unit() const { return unit_; }
 
-    Colour& at(int x, int y) { return pixels_[static_cast<std::size_t>(y) * width_ + x]; }
+    Colour& at(int x, int y) {
+        return pixels_[static_cast<std::size_t>(std::ptrdiff_t{y} * width_ + x)];
+    }
 
     // Fills the rows from `top` to `bottom`, from left(y) to right(y), each linear in y: a
     // rectangle, a gable, a lean-to.
@@ -212,7 +214,7 @@ Painting finish(Canvas& canvas) {
     Painting painting;
     painting.width = canvas.width();
     painting.height = canvas.height();
-    painting.y.reserve(static_cast<std::size_t>(canvas.width()) * canvas.height());
+    painting.y.reserve(static_cast<std::size_t>(std::ptrdiff_t{canvas.width()} * canvas.height()));
     std::vector<int> sums(static_cast<std::size_t>(canvas.width()));
     for (int y = 0; y < canvas.height(); ++y) {
         const int above = std::max(y - 1, 0);

@@ -7,6 +7,7 @@
 #   vs_versioned_library  whether the library's file name carries its version
 #   vs_log_sources        who defines __android_log_print: sources of platform/ ...
 #   vs_log_library        ... or a library of the system
+#   vs_link_options       of everything that is linked
 #   vs_system_has_jni     whether <jni.h> is among the system's own headers
 if(ANDROID)
   set(vs_host_tools OFF)
@@ -15,6 +16,8 @@ if(ANDROID)
   set(vs_log_sources "")
   find_library(ANDROID_LOG_LIBRARY log REQUIRED)
   set(vs_log_library ${ANDROID_LOG_LIBRARY})
+  # Devices with pages of 16 KiB load nothing that is aligned to less.
+  set(vs_link_options -Wl,-z,max-page-size=16384)
   set(vs_system_has_jni ON)
 else()
   string(COMPARE EQUAL "${CMAKE_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}" vs_host_tools)
@@ -22,5 +25,6 @@ else()
   set(vs_versioned_library ON)
   set(vs_log_sources android_log.cpp)
   set(vs_log_library "")
+  set(vs_link_options "")
   set(vs_system_has_jni OFF)
 endif()

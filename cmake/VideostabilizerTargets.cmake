@@ -15,6 +15,7 @@ if(VIDEOSTABILIZER_SANITIZE)
     -fsanitize=${VIDEOSTABILIZER_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(vs_options INTERFACE -fsanitize=${VIDEOSTABILIZER_SANITIZE})
 endif()
+include(VideostabilizerHardening)
 
 # vs_add_subsystem(NAME SOURCES file... [DEPENDS subsystem...] [LINK library...])
 #

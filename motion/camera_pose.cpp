@@ -10,8 +10,9 @@ bool pose_of_motion(const float motion[9], PictureCentre centre, CameraPose& pos
     if (!std::all_of(motion, motion + 6, [](float element) { return std::isfinite(element); })) {
         return false;
     }
-    const double a = motion[0], b = motion[1], c = motion[2];
-    const double d = motion[3], e = motion[4], f = motion[5];
+    const auto element = [motion](int i) { return static_cast<double>(motion[i]); };
+    const double a = element(0), b = element(1), c = element(2);
+    const double d = element(3), e = element(4), f = element(5);
     const double det = a * e - b * d;
     if (!std::isnormal(det) || det < 0) {
         return false;

@@ -26,8 +26,9 @@ FollowedFrame& PathFollower::point(std::int32_t frame) {
 
 // The view after `matrix` has carried positions of one picture to the next.
 CameraView PathFollower::moved(const CameraView& view, const float matrix[9]) const {
-    const double a = matrix[0], b = matrix[1], c = matrix[2];
-    const double d = matrix[3], e = matrix[4], f = matrix[5];
+    const auto element = [matrix](int i) { return static_cast<double>(matrix[i]); };
+    const double a = element(0), b = element(1), c = element(2);
+    const double d = element(3), e = element(4), f = element(5);
     const double det = a * e - b * d;
     CameraView next = view;
     if (!std::isnormal(det) || det < 0) return next;  // no camera moves like this

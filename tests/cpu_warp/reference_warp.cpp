@@ -68,11 +68,10 @@ int sample(const Plane& plane, float xs, float ys) {
 // The luma column or row that chroma is taken from, made a chroma one.
 int chroma_position(float position, int size, Layout layout, Order order) {
     int whole = 0;
-    if (order == Order::OFFSET_FIRST) {  // rounding is in the position
-        whole = static_cast<int>(std::clamp(position, -1.0F, static_cast<float>(size)));
-        whole = std::isnan(position) ? 0 : std::clamp(whole, 0, size - 1);
-    } else if (std::isnan(position) || position < 0.0F) {
+    if (std::isnan(position) || position < 0.0F) {
         whole = 0;
+    } else if (order == Order::OFFSET_FIRST) {  // rounding is in the position
+        whole = static_cast<int>(std::min(position, static_cast<float>(size) - 1.0F));
     } else if (position >= static_cast<float>(size) - 1.0F) {
         whole = size - 1;
     } else {
