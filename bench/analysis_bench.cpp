@@ -11,7 +11,9 @@
 #include "apps/scene.h"
 #include "features/fast16_variants.h"
 #include "features/lucas_kanade_variants.h"
+#include "motion/direct_alignment.h"
 #include "motion/ransac_variants.h"
+#include "motion/similarity_fit.h"
 #include "pipeline/decimate.h"
 
 // The tracker reports lost points; a benchmark of it is not to measure a terminal.
@@ -229,6 +231,33 @@ void BM_EstimateAllDraws(benchmark::State& state) {
     run_row(state, estimate_variants, estimate<true>);
 }
 BENCHMARK(BM_EstimateAllDraws)->Apply(each_row<estimate_variants>);
+
+// What the edge guard adds to the estimate: the narrower fit alone, and with the refinement on the
+// pictures.
+void BM_Refine(benchmark::State& state) {
+    const Size& size = SIZES[state.range(0)];
+    const bool on_pictures = state.range(1) != 0;
+    Analysis analysis(size);
+    analysis.track(track_variants[0]);
+    const SimilarityFit fit(picture_centre(size.width, size.height), size.scale);
+    DirectAlignment alignment(size.width, size.height, size.scale);
+    const LumaPair pictures = {analysis.pictures[0].data(), analysis.pictures[1].data(),
+                               size.width};
+    for (auto unused : state) {
+        CameraPose step;
+        fit.refine(analysis.matched_prev, analysis.matched_next, step);
+        if (on_pictures &&
+            !alignment.refine(pictures, analysis.matched_prev, analysis.matched_next, step)) {
+            state.SkipWithError("not refined");
+            break;
+        }
+        benchmark::DoNotOptimize(step);
+    }
+}
+BENCHMARK(BM_Refine)
+    ->ArgNames({"size", "on_pictures"})
+    ->ArgsProduct({{0, 1, 2}, {0, 1}})
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

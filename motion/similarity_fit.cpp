@@ -1,9 +1,10 @@
 #include "motion/similarity_fit.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
+
+#include "motion/similarity.h"
 
 namespace videostabilizer {
 
@@ -18,14 +19,9 @@ constexpr double WELL_EXPLAINED = 0.15;
 constexpr int REFINEMENTS = 6;
 constexpr double SHORTEST_BASE = 32;  // pixels of the analysis image between the pairs of a sample
 
-// (x, y) -> (a x - b y + c, b x + a y + d), positions from the picture's centre.
-struct Similarity {
-    double a, b, c, d;
-};
-
 double squared_error(const Similarity& s, double x, double y, double to_x, double to_y) {
-    const double ex = s.a * x - s.b * y + s.c - to_x;
-    const double ey = s.b * x + s.a * y + s.d - to_y;
+    const double ex = s.map_x(x, y) - to_x;
+    const double ey = s.map_y(x, y) - to_y;
     return ex * ex + ey * ey;
 }
 
@@ -107,13 +103,7 @@ void SimilarityFit::refine(const std::vector<KeyPoint>& from, const std::vector<
         return;
     }
     const Pairs pairs = {from, to, centre_};
-    // A picture turns and grows against the camera's step: see motion_of_pose.
-    const double scale = std::exp(pose.zoom);
-    Similarity best{};
-    best.a = scale * std::cos(pose.angle);
-    best.b = -scale * std::sin(pose.angle);
-    best.c = -best.a * pose.x + best.b * pose.y;
-    best.d = -best.b * pose.x - best.a * pose.y;
+    Similarity best = similarity_of_step(pose);
     double least = capped_cost(pairs, best, CAP * pixel_, 1e300);
 
     std::uint32_t state = 1;
@@ -141,11 +131,7 @@ void SimilarityFit::refine(const std::vector<KeyPoint>& from, const std::vector<
             return;
         }
     }
-    const double square = best.a * best.a + best.b * best.b;
-    pose.angle = -std::atan2(best.b, best.a);
-    pose.zoom = 0.5 * std::log(square);
-    pose.x = -(best.a * best.c + best.b * best.d) / square;
-    pose.y = -(best.a * best.d - best.b * best.c) / square;
+    pose = step_of_similarity(best);
 }
 
 }  // namespace videostabilizer

@@ -12,10 +12,11 @@ namespace videostabilizer {
 // image it hardly feels the noise of single pairs, nor objects that move by themselves but stay
 // within the wide tolerance of that estimate.
 //
-// Where that estimate leaves many pairs unexplained it draws samples of two pairs, takes the model with the least sum of squared errors, each capped
-// (MSAC: P. H. S. Torr and A. Zisserman, 2000), the affine estimate being one of the candidates,
-// and refines it by reweighted least squares with the weights of S. Geman and D. McClure (1985).
-// The samples are the same for the same number of pairs, so the result repeats.
+// Where that estimate leaves many pairs unexplained it draws samples of two pairs, takes the model
+// with the least sum of squared errors, each capped (MSAC: P. H. S. Torr and A. Zisserman, 2000),
+// the affine estimate being one of the candidates, and refines it by reweighted least squares with
+// the weights of S. Geman and D. McClure (1985). The samples are the same for the same number of
+// pairs, so the result repeats.
 //
 // Threads: one at a time.
 class SimilarityFit {

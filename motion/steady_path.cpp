@@ -17,13 +17,21 @@ SteadyPath::SteadyPath(const VideoStabilizerOptions& options, double sigma, int 
       guards_(options.edge_guard != 0),
       planner_({options.picture_width, options.picture_height, options.look_ahead, sigma,
                 static_cast<double>(options.crop_ratio)}),
-      camera_(static_cast<std::size_t>(options.look_ahead) + 1) {}
+      camera_(static_cast<std::size_t>(options.look_ahead) + 1) {
+    if (guards_) {
+        alignment_.emplace(options.picture_width, options.picture_height, scale);
+    }
+}
 
 void SteadyPath::add(const float motion[9], const MotionLog& log, std::size_t corners,
-                     const std::vector<KeyPoint>& from, const std::vector<KeyPoint>& to) {
+                     const std::vector<KeyPoint>& from, const std::vector<KeyPoint>& to,
+                     const LumaPair& pictures) {
     CameraPose* const step = history_.add(motion, log, corners);
     if (step != nullptr) {
         fit_.refine(from, to, *step);
+        if (alignment_) {
+            alignment_->refine(pictures, from, to, *step);
+        }
     }
 }
 

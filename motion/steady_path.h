@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <vector>
 
+#include "motion/direct_alignment.h"
 #include "motion/motion_history.h"
 #include "motion/path_planner.h"
 #include "motion/similarity_fit.h"
@@ -34,9 +36,11 @@ class SteadyPath {
     // std::bad_alloc.
     SteadyPath(const VideoStabilizerOptions& options, double sigma, int scale);
 
-    // Takes what MotionHistory::add takes, and the pairs that the motion was estimated from.
+    // Takes what MotionHistory::add takes, the pairs that the motion was estimated from, and the
+    // two pictures, which are read during the call only.
     void add(const float motion[9], const MotionLog& log, std::size_t corners,
-             const std::vector<KeyPoint>& from, const std::vector<KeyPoint>& to);
+             const std::vector<KeyPoint>& from, const std::vector<KeyPoint>& to,
+             const LumaPair& pictures);
 
     // Writes the correcting transform of frame n, before the crop. Frames come in order, each once.
     // `motions` and `logs` are the ring that the filter works on; gaps in it are closed. `newest`
@@ -53,6 +57,7 @@ class SteadyPath {
     MotionHistory history_;
     SimilarityFit fit_;
     bool guards_;
+    std::optional<DirectAlignment> alignment_;  // with the guard
     PathPlanner planner_;
     std::vector<CameraPose> camera_;  // scratch: the frames in sight, seen from the first
 };

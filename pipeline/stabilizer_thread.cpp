@@ -72,8 +72,11 @@ void estimate_motion(VideoStabilizer* s) {
     estimateGlobalMotionRansac(*s->motions[slot], log, s->matched_prev, s->matched_next,
                                s->ransac_params);
     if (s->steady_path != nullptr) {
+        // The earlier frame is still here: it is sent after the newest was analysed, at the soonest.
+        const LumaPair pictures = {s->ring_frames[slot]->plane_y,
+                                   s->ring_frames[ring_slot(s, s->frame_index)]->plane_y, s->width};
         s->steady_path->add(s->motions[slot]->data, log, s->prev_points.size(), s->matched_prev,
-                            s->matched_next);
+                            s->matched_next, pictures);
     }
     if (s->observer.on_motion != nullptr) {
         s->observer.on_motion(s->observer.ctx, from, s->motions[slot]->data, &log);

@@ -177,7 +177,8 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create(int width, int heig
 // The same with a choice of options; null stands for the defaults.
 //
 // Memory per stream, in bytes, with s the decimation (1, 2 or 4) and a = look_ahead:
-//   the library   2 (width / s) (height / s) for the analysis, 600 a and 100,000 for the rest;
+//   the library   2 (width / s) (height / s) for the analysis, 600 a and 100,000 for the rest,
+//                 with edge_guard 200,000 more;
 //                 on the OpenCL device 2 height (stride_y + stride_uv)
 //   the frames    (a + 8) frames of the host are inside at once, at most: for 1280 x 720 and the
 //                 longest look-ahead 128 frames of 1.4 MB each

@@ -142,9 +142,9 @@ Path exact(const Path& shaky, const VideoStabilizerOptions& options) {
     return steady;
 }
 
-// Single motions are measured to a few hundredths of a pixel and of a degree; an eye sees no less.
-constexpr double FINEST_SHIFT = 0.1;            // pixels
-constexpr double FINEST_TURN = 0.03 / DEGREES;  // radians
+// With noise a turn from one picture to the next is seen to a thousandth of a degree, and these
+// errors add up; the strongest smoothing leaves hardly more. At the corners that is 0.03 pixels.
+constexpr double FINEST_TURN = 0.002 / DEGREES;  // radians
 
 TEST(Strength, TakesAsMuchShakeAwayAsTheSameSmoothingOfTheTruePath) {
     const struct {
@@ -156,7 +156,8 @@ TEST(Strength, TakesAsMuchShakeAwayAsTheSameSmoothingOfTheTruePath) {
                  // moves in front.
                  {"noise and a moving foreground", 5, 0.15, 1.0, STABILIZER_STANDARD}};
     for (const auto& c : clips) {
-        apps::ClipSettings settings = sample_clip();
+        // Of full size: the smaller the picture, the less of the shake that is left is smoothing.
+        apps::ClipSettings settings;
         settings.noise = c.noise;
         settings.foreground = c.foreground;
         const apps::ShakyClip clip(settings);
@@ -169,10 +170,10 @@ TEST(Strength, TakesAsMuchShakeAwayAsTheSameSmoothingOfTheTruePath) {
             const apps::Shake left = apps::shake_of(steady_path(clip, result), FPS);
             const apps::Shake least = apps::shake_of(exact(shaky, options), FPS);
             const double share = std::pow(10, c.tolerance_db / 20);
-            EXPECT_LT(left.jitter, std::hypot(share * least.jitter, FINEST_SHIFT));
+            EXPECT_LT(left.jitter, share * least.jitter);
             EXPECT_LT(left.rotation, std::hypot(share * least.rotation, FINEST_TURN));
-            EXPECT_LT(left.fast, std::hypot(share * least.fast, FINEST_SHIFT));
-            EXPECT_LT(left.shake, std::hypot(share * least.shake, FINEST_SHIFT));
+            EXPECT_LT(left.fast, share * least.fast);
+            EXPECT_LT(left.shake, share * least.shake);
         }
     }
 }
