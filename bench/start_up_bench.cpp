@@ -38,6 +38,7 @@ bool add_run(const CacheFolder& cache, const benchmark::State& state,
                                 program.string() + "' " + std::to_string(state.range(0)) + " " +
                                 std::to_string(state.range(1)) + " " +
                                 std::to_string(bench::seconds_of(CLOCK_MONOTONIC));
+    // NOLINTNEXTLINE(cert-env33-c): a program of ours, by a path of ours
     std::FILE* const output = popen(command.c_str(), "r");
     if (output == nullptr) {
         return false;
