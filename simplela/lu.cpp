@@ -180,12 +180,14 @@ int invert(const Mat<float>& src, Mat<float>& dst) {
         dst = std::move(reshaped);
         return result;
     }
+    // Asked first: an empty src that is dst itself takes on the shape of the result.
+    const bool square = src.data != nullptr && src.rows == n && n > 0;
     dst.create(n, n);
     if (dst.data == nullptr) {
         return 0;
     }
     bool regular = false;
-    if (src.data != nullptr && src.rows == n && n > 0) {
+    if (square) {
         switch (n) {
             case 1:
                 regular = invert_1x1(src, dst);
