@@ -29,7 +29,7 @@ class Studio {
 
     // Runs a command line in the folder; $PROGRAM is stabilize-video.
     Outcome run(const std::string& command) const {
-        return run_shell(folder, "cd '" + folder.file("") + "' && " + command);
+        return run_shell(folder, "cd '" + folder.file("") + "' && { " + command + "\n}");
     }
 
     // Has ffmpeg make a file from these arguments.
@@ -258,34 +258,43 @@ TEST(Media, NothingThatLooksFinishedIsLeftByAFailure) {
     }
 }
 
-// The input comes through a pipe that stays open, so that the program cannot be done before.
-std::string interrupted(const std::string& options, const std::string& signals) {
-    return "mkfifo fifo; \"$PROGRAM\" " + options +
-           " fifo out.mp4 & program=$!; exec 3> fifo;"
-           "cat shaky.y4m >&3; until ls | grep -q '[.]part$'; do sleep 0.1; done; sleep 0.3;" +
-           signals + " wait $program; echo status $? >&2; exec 3>&-; rm fifo";
+// Runs the program on an input that does not end by itself, and sends it the signals when it has
+// begun to write.
+std::string interrupted(const std::string& arguments, const std::string& signals,
+                        const std::string& feed = "") {
+    return "\"$PROGRAM\" " + arguments + " & program=$!;" + feed +
+           " until ls | grep -q '[.]part$'; do kill -0 $program || exit; sleep 0.1; done;"
+           "sleep 0.5;" +
+           signals + " wait $program; echo status $? >&2;";
+}
+
+// The same with a clip that comes through a pipe which stays open.
+std::string interrupted_pipe(const std::string& options, const std::string& signals) {
+    return "mkfifo fifo;" +
+           interrupted(options + " fifo out.mp4", signals, "exec 3> fifo; cat shaky.y4m >&3;") +
+           "exec 3>&-; rm fifo";
 }
 
 TEST(Media, AnInterruptedRunEndsCleanly) {
     const Studio studio;
     const auto before = studio.folder.names();
-    const Outcome once = studio.run(interrupted("", "kill -TERM $program;"));
+    const Outcome once = studio.run(interrupted_pipe("", "kill -TERM $program;"));
     EXPECT_THAT(once.errors, HasSubstr("status 130"));
     EXPECT_EQ(studio.folder.names(), before);
 
-    const Outcome twice = studio.run(interrupted("", "kill -TERM $program; kill -HUP $program;"));
+    const Outcome twice =
+        studio.run(interrupted_pipe("", "kill -TERM $program; kill -HUP $program;"));
     EXPECT_THAT(twice.errors, HasSubstr("status 130"));
     EXPECT_EQ(studio.folder.names(), before);
 
-    const Outcome kept = studio.run(interrupted("--keep-partial", "kill -TERM $program;"));
+    const Outcome kept = studio.run(interrupted_pipe("--keep-partial", "kill -TERM $program;"));
     EXPECT_THAT(kept.errors, HasSubstr("status 130"));
     EXPECT_THAT(kept.errors, HasSubstr("out.partial.mp4"));
     EXPECT_EQ(studio.frames("out.partial.mp4"), 45U);
 
-    // A device never ends by itself.
-    const Outcome device = studio.run(
-        "timeout -s INT -k 60 8 \"$PROGRAM\" --keep-partial --input-format lavfi testsrc2 "
-        "device.mp4");
+    const Outcome device = studio.run(interrupted(
+        "--keep-partial --input-format lavfi testsrc2 device.mp4", "kill -INT $program;"));
+    EXPECT_THAT(device.errors, HasSubstr("status 130"));
     EXPECT_THAT(device.errors, HasSubstr("device.partial.mp4"));
     EXPECT_GT(studio.frames("device.partial.mp4"), 0U);
 }
