@@ -13,6 +13,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -234,17 +235,16 @@ BENCHMARK(BM_Streams)
     ->MinTime(2.0)
     ->Unit(benchmark::kMillisecond);
 
-// The stages of a frame one after another on one thread, with the share of each. The warp is that
-// of the stage, thread hand-over included.
-void BM_StageShares(benchmark::State& state) {
+enum Stage { DECIMATE, CORNERS, TRACK, ESTIMATE, SMOOTH, WARP, STAGES };
+constexpr std::array<const char*, STAGES> STAGE_NAMES = {"decimate", "corners", "track",
+                                                         "estimate", "smooth",  "warp"};
+
+// Runs the stages of a frame one after another on one thread, an iteration for each frame, and
+// returns the mean seconds that each took. The warp is that of the stage, thread hand-over included.
+std::array<double, STAGES> run_stages(benchmark::State& state, bench::Clip& clip,
+                                      bench::Analysis& analysis) {
     using Clock = std::chrono::steady_clock;
-    bench::Clip& clip = clip_of(state);
-    bench::Analysis analysis(clip);
     AffineTransformerOcl* const stage = analysis.stabilizer->transformer;
-    enum Stage { DECIMATE, CORNERS, TRACK, ESTIMATE, SMOOTH, WARP, STAGES };
-    constexpr std::array<const char*, STAGES> names = {"decimate", "corners", "track",
-                                                       "estimate", "smooth",  "warp"};
-    std::array<Clock::duration, STAGES> spent{};
     const auto warp = [&](int frame_number) {
         Frame* const frame = clip.frame(frame_number);
         frame->opaque = analysis.stabilizer->warp_pool[0]->data;
@@ -255,6 +255,7 @@ void BM_StageShares(benchmark::State& state) {
     };
     analysis.smooth();
     warp(0);  // the first launch compiles the kernel for this size
+    std::array<double, STAGES> spent{};
     int number = 1;
     for (auto _ : state) {
         std::array<Clock::time_point, STAGES + 1> at{};
@@ -275,18 +276,46 @@ void BM_StageShares(benchmark::State& state) {
         std::swap(analysis.prev, analysis.next);
         ++number;
         for (std::size_t i = 0; i < STAGES; ++i) {
-            spent[i] += at[i + 1] - at[i];
+            spent[i] += std::chrono::duration<double>(at[i + 1] - at[i]).count();
         }
     }
-    Clock::duration total{};
-    for (const Clock::duration& part : spent) {
-        total += part;
+    for (double& seconds : spent) {
+        seconds /= number - 1;
     }
+    return spent;
+}
+
+void BM_StageShares(benchmark::State& state) {
+    bench::Clip& clip = clip_of(state);
+    bench::Analysis analysis(clip);
+    const auto spent = run_stages(state, clip, analysis);
+    const double total = std::accumulate(spent.begin(), spent.end(), 0.0);
     for (std::size_t i = 0; i < STAGES; ++i) {
-        state.counters[std::string(names[i]) + "_%"] =
-            100.0 * static_cast<double>(spent[i].count()) / static_cast<double>(total.count());
+        state.counters[std::string(STAGE_NAMES[i]) + "_%"] = 100.0 * spent[i] / total;
     }
 }
 BENCHMARK(BM_StageShares)->Apply(picture_sizes)->UseRealTime();
+
+// How the stages grow with the number of corners, which the size of the detector's cells governs:
+// the library's own are 64 analysis pixels wide here.
+void BM_CornerCounts(benchmark::State& state) {
+    bench::Clip& clip = clip_of(state);
+    bench::Analysis analysis(clip);
+    analysis.stabilizer->fast_params.cell_size = static_cast<int>(state.range(2));
+    const auto spent = run_stages(state, clip, analysis);
+    for (const Stage stage : {CORNERS, TRACK, ESTIMATE, WARP}) {
+        state.counters[std::string(STAGE_NAMES[stage]) + "_us"] = 1e6 * spent[stage];
+    }
+    state.counters["count"] = static_cast<double>(analysis.stabilizer->prev_points.size());
+}
+BENCHMARK(BM_CornerCounts)
+    ->ArgNames({"w", "h", "cells"})
+    ->Args({1280, 720, 64})
+    ->Args({1280, 720, 32})
+    ->Args({1280, 720, 16})
+    ->Args({1280, 720, 8})
+    ->Args({1280, 720, 4})
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
