@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -91,8 +92,8 @@ class Watch {
   public:
     Watch(const char* what, int total, double heap_margin_mb)
         : total_(total), heap_margin_mb_(heap_margin_mb), start_(Clock::now()) {
-        std::printf("%10s %10s %12s %9s %8s %12s\n", what, "per second", "resident MB", "heap MB",
-                    "threads", "descriptors");
+        std::printf("%10s %10s %8s %12s %9s %8s %12s\n", what, "per second", "cpu ms",
+                    "resident MB", "heap MB", "threads", "descriptors");
     }
 
     void done(int count) {
@@ -103,13 +104,17 @@ class Watch {
         tenths_ = tenth;
         const auto now = Clock::now();
         const double seconds = std::chrono::duration<double>(now - start_).count();
+        const double cpu_ms = 1e3 * static_cast<double>(std::clock() - cpu_start_) / CLOCKS_PER_SEC;
         const Usage usage = usage_now();
-        std::printf("%10d %10.1f %12.1f %9.2f %8d %12d\n", count, (count - counted_) / seconds,
-                    usage.resident_mb, usage.heap_mb, usage.threads, usage.descriptors);
+        const int items = count - counted_;
+        std::printf("%10d %10.1f %8.2f %12.1f %9.2f %8d %12d\n", count, items / seconds,
+                    cpu_ms / items, usage.resident_mb, usage.heap_mb, usage.threads,
+                    usage.descriptors);
         std::fflush(stdout);
         usages_.push_back(usage);
         counted_ = count;
         start_ = Clock::now();
+        cpu_start_ = std::clock();
     }
 
     void judge() const {
@@ -138,6 +143,7 @@ class Watch {
     int total_;
     double heap_margin_mb_;
     Clock::time_point start_;
+    std::clock_t cpu_start_ = std::clock();
     int tenths_ = 0;
     int counted_ = 0;
     std::vector<Usage> usages_;
