@@ -72,6 +72,8 @@ int watched_start(int (*run)(int, char**, char**), int argc, char** argv, void (
 [[gnu::constructor]] void begin() {
     const char* const number = std::getenv("FAIL_ALLOCATION");  // NOLINT(concurrency-mt-unsafe)
     failing = number != nullptr ? std::atol(number) : 0;        // NOLINT(cert-err34-c)
+    // Not for what the program starts: PoCL calls the linker.
+    unsetenv("LD_PRELOAD");  // NOLINT(concurrency-mt-unsafe)
     calls = std::numeric_limits<long>::min();
     redirect("__libc_start_main", watched_start);
     redirect("malloc", watched_malloc);
