@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <initializer_list>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 namespace apps {
 
@@ -73,14 +75,28 @@ double ShakeReport::mean_granted() const {
     return guarded_ > 0 ? granted_ / static_cast<double>(guarded_) : 1;
 }
 
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// The library's own way from such a list to an object loses memory when there is no more of it.
+Json object(std::initializer_list<std::pair<const char*, Json>> entries) {
+    Json object = Json::object();
+    for (const auto& [name, value] : entries) {
+        object[name] = value;
+    }
+    return object;
+}
+
+}  // namespace
+
 void write_json(ByteSink& sink, const ShakeReport& report, const JobFacts& facts) {
-    using Json = nlohmann::ordered_json;
     const PictureFormat& format = facts.format;
     const double rate = format.frame_rate.num > 0 ? av_q2d(format.frame_rate) : 0;
     const StreamSeconds& seconds = facts.result.seconds;
     const auto frames = static_cast<double>(facts.result.frames);
 
-    Json json;
+    Json json = Json::object();
     json["input"] = facts.input;
     json["output"] = facts.output;
     json["width"] = format.width;
@@ -97,22 +113,23 @@ void write_json(ByteSink& sink, const ShakeReport& report, const JobFacts& facts
     json["failed_motions"] = report.failed_motions();
     json["repaired_motions"] = report.repaired();
     json["scene_cuts"] = report.scene_starts();
-    json["shake"] = {{"before_px_rms", report.shake_before()},
-                     {"after_px_rms", report.shake_after()},
-                     {"residual_db", report.residual_db()}};
+    json["shake"] = object({{"before_px_rms", report.shake_before()},
+                            {"after_px_rms", report.shake_after()},
+                            {"residual_db", report.residual_db()}});
     if (rate > 0) {
         const Shake reduction = report.reduction(rate);  // NaN becomes null
-        json["reduction_db"] = {{"jitter", reduction.jitter},
-                                {"rotation", reduction.rotation},
-                                {"fast_jitter", reduction.fast},
-                                {"change_of_speed", reduction.shake}};
+        json["reduction_db"] = object({{"jitter", reduction.jitter},
+                                       {"rotation", reduction.rotation},
+                                       {"fast_jitter", reduction.fast},
+                                       {"change_of_speed", reduction.shake}});
     }
-    json["edge_guard"] = {{"frames", report.guarded()}, {"mean_granted", report.mean_granted()}};
-    json["seconds"] = {{"total", seconds.total},
-                       {"reading_and_decoding", seconds.reading},
-                       {"waiting_to_push", seconds.pushing},
-                       {"waiting_to_pop", seconds.popping},
-                       {"encoding_and_writing", seconds.writing}};
+    json["edge_guard"] =
+        object({{"frames", report.guarded()}, {"mean_granted", report.mean_granted()}});
+    json["seconds"] = object({{"total", seconds.total},
+                              {"reading_and_decoding", seconds.reading},
+                              {"waiting_to_push", seconds.pushing},
+                              {"waiting_to_pop", seconds.popping},
+                              {"encoding_and_writing", seconds.writing}});
     json["frames_per_second"] = seconds.total > 0 ? frames / seconds.total : 0;
     json["notes"] = facts.notes;
     // Names of files may be any bytes.

@@ -276,12 +276,14 @@ class Run {
     // Passes `first` and all that follow through the stabilizer. Returns the number of frames
     // written; what stopped the reading is left in `read_failure`.
     std::int64_t pass_all(FramePtr first, std::exception_ptr& read_failure) {
-        std::thread pusher([&] { push_all(std::move(first), read_failure); });
         std::exception_ptr pop_failure;
-        std::thread popper([&] { pop_all(pop_failure); });
         std::exception_ptr write_failure;
         std::int64_t frames = 0;
+        std::thread pusher;
+        std::thread popper;
         try {
+            pusher = std::thread([&] { push_all(std::move(first), read_failure); });
+            popper = std::thread([&] { pop_all(pop_failure); });
             frames = write_all();
         } catch (...) {
             write_failure = std::current_exception();
@@ -292,8 +294,8 @@ class Run {
         passage_.close();
         watch_.end();
         vs::video_stabilizer_stop(stabilizer_);
-        pusher.join();
-        popper.join();
+        if (pusher.joinable()) pusher.join();
+        if (popper.joinable()) popper.join();
         for (const auto& failure : {write_failure, pop_failure}) {
             if (failure) std::rethrow_exception(failure);
         }
