@@ -45,6 +45,7 @@ void BM_Filter(benchmark::State& state) {
         storage.emplace_back(3, 3);
         motion_of(path, i, storage.back().data);
     }
+    motions.reserve(storage.size());
     for (auto& motion : storage) {
         motions.push_back(&motion);
     }

@@ -38,7 +38,7 @@ Outcome run_shell(const Folder& folder, const std::string& command) {
     const std::string errors = folder.file("errors.txt");
     const std::string line =
         "PROGRAM='" STABILIZE_VIDEO "'; { " + command + "\n} 2> '" + errors + "'";
-    const int result = std::system(line.c_str());  // NOLINT(concurrency-mt-unsafe)
+    const int result = std::system(line.c_str());  // NOLINT(concurrency-mt-unsafe,cert-env33-c)
     Outcome outcome{WIFEXITED(result) ? WEXITSTATUS(result) : -1, read_file(errors)};
     std::filesystem::remove(errors);
     return outcome;

@@ -30,6 +30,8 @@ struct Request {
     int changed;
 };
 
+// NOLINTBEGIN(performance-no-int-to-ptr): the loader gives addresses as numbers
+
 // The parts of a loaded object that name what it imports.
 struct Imports {
     const ElfW(Sym) * symbols = nullptr;
@@ -90,6 +92,9 @@ int redirect_in(dl_phdr_info* object, std::size_t /*size*/, void* data) {
         }
         const Imports imports = imports_of(
             reinterpret_cast<const ElfW(Dyn)*>(object->dlpi_addr + object->dlpi_phdr[i].p_vaddr));
+        if (imports.symbols == nullptr || imports.names == nullptr) {
+            continue;
+        }
         for (int t = 0; t < 2; ++t) {
             const std::size_t count = imports.bytes[t] / sizeof(ElfW(Rela));
             for (std::size_t r = 0; r < count; ++r) {
@@ -106,6 +111,8 @@ int redirect_in(dl_phdr_info* object, std::size_t /*size*/, void* data) {
     }
     return 0;
 }
+
+// NOLINTEND(performance-no-int-to-ptr)
 
 }  // namespace
 

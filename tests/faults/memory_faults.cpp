@@ -98,8 +98,8 @@ void watched_delete(void* block) {
     ::operator delete(forgotten(block));
 }
 
-void watched_delete_sized(void* block, std::size_t bytes) {
-    ::operator delete(forgotten(block), bytes);
+void watched_delete_sized(void* block, std::size_t /*bytes*/) {
+    ::operator delete(forgotten(block));  // clang declares the sized one on request only
 }
 
 void watched_delete_nothrow(void* block, const std::nothrow_t& /*tag*/) {

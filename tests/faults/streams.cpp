@@ -49,6 +49,7 @@ StabilizerPtr make_stabilizer(bool in_place, VideoStabilizerStrength strength, S
 
 std::vector<Frame*> make_frames(int count, Size size) {
     std::vector<Frame*> frames;
+    frames.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) {
         frames.push_back(test_support::make_frame(i, size.width, size.height));
     }
