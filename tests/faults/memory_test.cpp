@@ -24,7 +24,6 @@ using testing::AnyOf;
 using testing::Contains;
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::Not;
 
 constexpr char NO_MEMORY[] = "video_stabilizer: OUT OF MEMORY!!!";
 constexpr char NO_DETECTOR[] = "log_utils: OUT OF MEMORY!!!";

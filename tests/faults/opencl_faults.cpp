@@ -59,6 +59,7 @@ struct Watched<FUNCTION> {
             cl_int* const code = std::get<sizeof...(Arguments) - 1>(std::tie(arguments...));
             if (error != CL_SUCCESS) {
                 *code = error;
+                // NOLINTNEXTLINE(performance-no-int-to-ptr): to nothing, but not null
                 return reinterpret_cast<Result>(std::uintptr_t{0x10});
             }
             Result object = FUNCTION(arguments...);

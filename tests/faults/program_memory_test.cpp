@@ -15,7 +15,6 @@
 
 namespace {
 
-using testing::AnyOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 

@@ -26,10 +26,8 @@ using namespace fault_support;
 
 namespace {
 
-using testing::Contains;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
-using testing::Not;
 
 constexpr char READY[] = "OpenCL built program successfully.";
 constexpr char BROKEN[] = "__kernel void broken(int x) { no_such_thing(x) + ; }";

@@ -176,8 +176,10 @@ TEST(Waits, EveryOneIsEndedByWhatItWaitsFor) {
         const StabilizerPtr s = make_stabilizer();
         wait_long(s.get());
         ASSERT_EQ(video_stabilizer_start(s.get()), 0);
+        constexpr int POPPERS = 3;
         std::vector<std::thread> poppers;
-        for (int i = 0; i < 3; ++i) {
+        poppers.reserve(POPPERS);
+        for (int i = 0; i < POPPERS; ++i) {
             poppers.emplace_back([&, i] {
                 Frame* frame = nullptr;
                 const int code = video_stabilizer_pop_frame(s.get(), &frame);

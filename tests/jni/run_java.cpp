@@ -15,7 +15,7 @@ std::string call_stabilizer(const std::string& arguments, bool with_jar,
         "' -Xcheck:jni --enable-native-access=ALL-UNNAMED -XX:+ErrorFileToStdout -cp '" +
         TEST_CLASSES + (with_jar ? ":" LIBRARY_JAR : "") +
         "' -Djava.library.path='" LIBRARY_FOLDER "' CallStabilizer " + arguments + " 2>&1";
-    std::FILE* const pipe = popen(command.c_str(), "r");
+    std::FILE* const pipe = popen(command.c_str(), "r");  // NOLINT(cert-env33-c)
     std::string output;
     char part[4096];
     for (std::size_t count; (count = std::fread(part, 1, sizeof(part), pipe)) > 0;) {
