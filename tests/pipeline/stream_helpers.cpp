@@ -55,7 +55,8 @@ Frame* make_frame(std::int64_t number, int width, int height) {
             frame->plane_y[y * width + x] = texture(x + shift_x, y + shift_y);
         }
     }
-    std::memset(frame->plane_uv, 128, static_cast<std::size_t>(width / 2 * height));
+    std::memset(frame->plane_uv, 128,
+                static_cast<std::size_t>(frame->stride_uv) * static_cast<std::size_t>(height));
     frame->timestamp = number;
     return frame;
 }

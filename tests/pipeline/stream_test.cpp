@@ -191,7 +191,9 @@ TEST(Stream, WarpsEachFrameByItsOwnCorrection) {
         for (int y = 0; y < BIG_HEIGHT; ++y) {
             for (int x = 0; x < BIG_WIDTH; ++x) {
                 const double expected = expected_luma(source, record.corrections[i], x, y);
-                const int actual = outputs[i][static_cast<std::size_t>(y * BIG_WIDTH + x)];
+                const auto pixel =
+                    static_cast<std::size_t>(y) * BIG_WIDTH + static_cast<std::size_t>(x);
+                const int actual = outputs[i][pixel];
                 wrong += std::abs(actual - std::floor(expected)) > 1.0 ? 1 : 0;
             }
         }
