@@ -277,7 +277,7 @@ std::string Job::summary(std::int64_t frames) const {
                   report_.shake_before(), report_.shake_after());
     result += text;
     if (settings_.edge_guard != 0 && frames > 0) {
-        std::snprintf(text, sizeof text, "; edge guard in %.0f %% of the frames, granting %.0f %%",
+        std::snprintf(text, sizeof text, "; edge guard in %.0f %% of frames, granting %.0f %%",
                       100 * static_cast<double>(report_.guarded()) / static_cast<double>(frames),
                       100 * report_.mean_granted());
         result += text;

@@ -156,8 +156,9 @@ void PathPlot::draw(const std::string& to, const std::string& name) const {
     plcol0(INK);
     plschr(0, 0.9);
     plptex(LEFT, 0.97, 1, 0, 0, escaped(title_).c_str());
-    plschr(0, 0.65);
+    plschr(0, 0.55);  // the longest summary just fits
     plptex(LEFT, 0.935, 1, 0, 0, escaped(summary_).c_str());
+    plschr(0, 0.65);
     draw_sample(0.56, "shaky, as filmed", SHAKY, 1.2);
     draw_sample(0.76, "steady, as corrected", STEADY, 2.5);
     plend();
