@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # Puts text files into a C++ source, so that a program carries them.
 #
 # vs_embed_text(OUTPUT file VARIABLE name HEADER header PIECES file...)

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # Hardening of optimised builds: what makes a memory error end the process instead of being used.
 # Builds for sanitizers see more on their own, and go without. tests/hardening looks whether the
 # results have it.

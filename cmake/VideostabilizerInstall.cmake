@@ -1,8 +1,22 @@
-# cmake --install: the library, its headers, a CMake package, a pkg-config file and the programs.
+# SPDX-License-Identifier: Apache-2.0
+
+# cmake --install: the library, its headers, a CMake package, a pkg-config file, the program and the
+# jar. Installed are all of the components, or one by --component; VideostabilizerPackage makes
+# Debian packages of them:
+#
+#   videostabilizer_library      what programs need to run
+#   videostabilizer_development  what compilers need, in addition
+#   videostabilizer_program      stabilize-video
+#   videostabilizer_java         the jar
+#   videostabilizer_licence      the licence of all of them
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-install(TARGETS videostabilizer EXPORT videostabilizer-targets)
+install(TARGETS videostabilizer EXPORT videostabilizer-targets
+  LIBRARY COMPONENT videostabilizer_library NAMELINK_COMPONENT videostabilizer_development)
+install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT videostabilizer_licence)
+
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME videostabilizer_development)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/videostabilizer
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 install(FILES ${PROJECT_BINARY_DIR}/include/videostabilizer/version.h
@@ -23,3 +37,4 @@ file(RELATIVE_PATH pc_to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/videostabilizer.pc.in videostabilizer.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/videostabilizer.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+unset(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME)

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # The Java binding is optional: it takes <jni.h> for its native half, a Java compiler for its Java
 # half. The library never links a Java VM: the VM loads the library.
 #

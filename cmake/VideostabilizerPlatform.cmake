@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # Everything in which a build for Android differs from one for other systems. What the sources need
 # of it is in platform/, the processor's part of it in armhf-linux.cmake, which the build for 32-bit
 # ARM Linux shares with Android's own toolchain file.

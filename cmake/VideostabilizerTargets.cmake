@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # Compiler settings shared by everything of ours, and the one way in which subsystems are declared.
 
 add_library(vs_options INTERFACE)
@@ -17,22 +19,55 @@ if(VIDEOSTABILIZER_SANITIZE)
 endif()
 include(VideostabilizerHardening)
 
-# vs_add_subsystem(NAME SOURCES file... [DEPENDS subsystem...] [LINK library...])
+# vs_add_subsystem(NAME SOURCES file... [PUBLIC_HEADERS header...] [DEPENDS subsystem...]
+#                  [LINK library...])
 #
-# Declares the object library vs_NAME. DEPENDS names the subsystems whose headers it may include:
-# the dependency graph of the library is the sum of these lines.
+# Declares the object library vs_NAME of the calling folder. PUBLIC_HEADERS are those of its
+# interface below include/videostabilizer. DEPENDS names the subsystems that it may include headers
+# of, public or internal, and nothing else of ours: configuring fails where a file of the folder does.
+# The dependency graph of the library is the sum of these lines, and has no circles, since only
+# subsystems that were declared before can be named.
 function(vs_add_subsystem name)
-  cmake_parse_arguments(arg "" "" "SOURCES;DEPENDS;LINK" ${ARGN})
+  cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC_HEADERS;DEPENDS;LINK" ${ARGN})
   add_library(vs_${name} OBJECT ${arg_SOURCES})
   set_target_properties(vs_${name} PROPERTIES
     POSITION_INDEPENDENT_CODE ON
     CXX_VISIBILITY_PRESET hidden
-    VISIBILITY_INLINES_HIDDEN ON)
+    VISIBILITY_INLINES_HIDDEN ON
+    VS_PUBLIC_HEADERS "${arg_PUBLIC_HEADERS}")
   target_include_directories(vs_${name} PUBLIC
-    ${PROJECT_SOURCE_DIR}/include ${PROJECT_BINARY_DIR}/include ${PROJECT_SOURCE_DIR})
+    ${PROJECT_SOURCE_DIR}/include ${PROJECT_BINARY_DIR}/include ${PROJECT_SOURCE_DIR}/src)
   target_link_libraries(vs_${name} PUBLIC vs_options ${arg_LINK})
   foreach(dependency IN LISTS arg_DEPENDS)
+    if(NOT TARGET vs_${dependency})
+      message(FATAL_ERROR "${name} depends on ${dependency}, which is declared after it")
+    endif()
     target_link_libraries(vs_${name} PUBLIC vs_${dependency})
+  endforeach()
+  vs_check_includes(${name} ${arg_DEPENDS})
+endfunction()
+
+# Fails where a file of the calling folder includes what the subsystem NAME has not declared.
+function(vs_check_includes name)
+  set(allowed "")
+  foreach(subsystem IN ITEMS ${name} ${ARGN})
+    get_target_property(headers vs_${subsystem} VS_PUBLIC_HEADERS)
+    list(TRANSFORM headers PREPEND videostabilizer/)
+    list(APPEND allowed ${headers} ${subsystem}/)
+  endforeach()
+  get_filename_component(folder ${CMAKE_CURRENT_SOURCE_DIR} NAME)
+  list(APPEND allowed ${folder}/)
+  file(GLOB files CONFIGURE_DEPENDS *.cpp *.h)
+  foreach(file IN LISTS files)
+    file(STRINGS ${file} lines REGEX "^#include \"")
+    foreach(line IN LISTS lines)
+      string(REGEX REPLACE "^#include \"([^\"]+)\".*" "\\1" header "${line}")
+      get_filename_component(owner ${header} DIRECTORY)
+      if(NOT header IN_LIST allowed AND NOT "${owner}/" IN_LIST allowed)
+        message(FATAL_ERROR
+          "${file} includes ${header}, which is of no subsystem that ${name} declares to depend on")
+      endif()
+    endforeach()
   endforeach()
 endfunction()
 

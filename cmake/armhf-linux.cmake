@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # Toolchain: 32-bit ARM Linux with Debian's cross compiler, run in QEMU. The closest to the library's
 # home on Android that runs without a device: the same instruction set and vector unit.
 set(CMAKE_SYSTEM_NAME Linux)

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 // Marks what the shared library exports; everything else is built with hidden visibility.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstdint>
@@ -10,15 +12,16 @@
 namespace videostabilizer {
 
 // Smooths the camera path: the correcting transform of a frame is the mean of the transforms that
-// carry it onto its neighbours, weighted by a Gaussian of their distance in time.
+// map it to its neighbours, with Gaussian weights by their distance in time.
 //
-// Ownership: a filter owns its weight table. Read the fields as you like; change them only through
-//            gaussian_motion_filter_set_params.
-// Threads:   gaussian_motion_filter_stabilize only reads the filter; set_params and delete must not
-//            run at the same time as any other call on it.
+// Ownership: a filter owns its weight table. The fields may be read, but only
+//            gaussian_motion_filter_set_params may change them.
+// Threads:   owner only, but gaussian_motion_filter_stabilize may run concurrently with itself: it
+//            only reads the filter.
 struct GaussianMotionFilter {
     std::int32_t radius;         // half width of the smoothing span, frames
-    float sigma;                 // standard deviation of the weights, frames; exponent -(i/sigma)^2
+    float sigma;                 // width of the weights exp(-(i / sigma)^2), frames: sqrt(2) times
+                                 // their standard deviation
     std::vector<float> weights;  // entry radius + i for frame offset i = -radius..radius; sum is 1
 };
 
@@ -26,8 +29,8 @@ struct GaussianMotionFilter {
 // Returns: the filter, or null with an error in the log (tag "motion_stabilizer"): no memory.
 VIDEOSTABILIZER_API GaussianMotionFilter* gaussian_motion_filter_create(int radius, float stdev);
 
-// Sets the half width and the standard deviation (frames) and computes the weights afresh,
-// proportional to exp(-i^2 / sigma^2). A stdev that is not positive stands for sqrt(radius). A
+// Sets the half width and sigma (frames), and computes the weights, proportional to
+// exp(-(i / sigma)^2). `stdev` becomes sigma; not positive or NaN, it stands for sqrt(radius). A
 // negative radius is taken as 0. With radius 0 and no stdev the only weight is NaN: the filter then
 // corrects nothing.
 // Errors: without memory the filter stays as it was, with an error in the log.

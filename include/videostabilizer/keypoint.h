@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstdint>
@@ -9,7 +11,7 @@ struct KeyPoint {
     float x;                 // column, pixels of the image that the point belongs to
     float y;                 // row, pixels
     float response;          // corner score, threshold to 254; 0 without non-maximum suppression
-    std::uint32_t reserved;  // 0 from the detector, copied unchanged by everybody else
+    std::uint32_t reserved;  // 0 from the detector, otherwise copied unchanged
 };
 
 }  // namespace videostabilizer

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstddef>
@@ -6,27 +8,28 @@
 
 namespace SimpleLA {
 
-// Header of a dense row-major matrix of floats, whose elements it owns or borrows.
-// Element (i, j) lies i * step + j * sizeof(T) bytes from `data`. T is float, always.
+// A dense row-major matrix of floats, a header whose elements are its own or somebody else's.
+// Element (i, j) is at byte i * step + j * sizeof(T) from `data`. T is always float.
 //
 // Ownership: elements are freed once, by the header that allocated them, when it is destroyed or
 //            reshaped. A copy of a header is a view: it never frees, and must not outlive the
-//            elements. A move hands ownership on and leaves the source empty. A header assigned a
-//            view that starts at the first element that it owns keeps owning them; it must not be
-//            assigned another view on its own elements, which it frees.
+//            elements. A move passes ownership on and leaves the source empty. A header assigned a
+//            view that begins at the first element it owns keeps its ownership; assigned any other
+//            view on its own elements, it would free them.
 // Output arguments follow the *create rule* throughout SimpleLA: an output that already has the
 //            wanted rows and columns and non-null data is used as it is, whatever its step and
-//            owner (what lies between its rows may be overwritten); any other is given new elements
-//            of its own (continuous), its old ones are freed if it owned them.
-// Errors:    allocation failures, also of shapes that no memory can hold, leave `data` null and are
+//            owner; any other is given new continuous elements of its own, and its old ones are
+//            freed if it owned them. The memory of an output is all of its rows * step bytes: the
+//            gaps behind its rows, the last one included, may be overwritten.
+// Errors:    a failed allocation, also of a shape too large for memory, leaves `data` null and is
 //            not reported; shapes are the caller's responsibility.
-// Threads:   reentrant: distinct matrices may be used by distinct threads at once.
+// Threads:   owner only; views on the same elements may be read at once.
 template <typename T>
 class Mat {
   public:
-    bool external_data = false;  // true: the elements belong to somebody else
-    bool continuous = false;  // true: rows follow each other without gap (step = cols * sizeof(T))
-    T* data = nullptr;        // element (0, 0); null in an empty matrix
+    bool external_data = false;  // true: the elements are not its own
+    bool continuous = false;     // true: no gaps between the rows (step = cols * sizeof(T))
+    T* data = nullptr;           // element (0, 0); null in an empty matrix
     int rows = 0;
     int cols = 0;
     int step = 0;  // bytes from the start of one row to the start of the next
@@ -54,8 +57,8 @@ class Mat {
     VIDEOSTABILIZER_API T& at(int i, int j) { return row(i)[j]; }
     VIDEOSTABILIZER_API const T& at(int i, int j) const { return row(i)[j]; }
 
-    // The process-wide empty matrix: the value of an optional argument that is absent. Never
-    // written.
+    // The process-wide empty matrix, passed for an absent optional argument. Never written.
+    // Threads: thread-safe.
     VIDEOSTABILIZER_API static Mat& noMat();
 
   private:
@@ -66,12 +69,13 @@ extern template class Mat<float>;
 
 // Writes the transpose of src into the existing elements of dst, which is not reshaped.
 // dst of the transposed shape: transposed, in place if both have the same data.
-// dst of any other shape (a row or column that keeps its shape): src is copied as it lies, as far
-// as dst reaches. Nothing happens when either has no elements.
+// dst of any other shape (such as a row or column that keeps its shape): each row of src is copied
+// untransposed to where that row begins in dst, whole even if rows of dst are shorter, but nothing
+// beyond the last element of dst. Nothing happens if either has no elements.
 VIDEOSTABILIZER_API void transpose(Mat<float> src, Mat<float> dst);
 
-// Makes the square matrix m symmetric: copies its upper triangle onto the lower one, or the lower
-// onto the upper one. The diagonal stays.
+// Makes the square matrix m symmetric: copies its upper triangle to the lower one, or the lower to
+// the upper one.
 VIDEOSTABILIZER_API void completeSymm(Mat<float> m, bool lower_to_upper);
 
 }  // namespace SimpleLA

@@ -1,7 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
-// The OpenCL handle types that appear in the library's records, declared exactly as the OpenCL
-// headers declare them, so that a host needs those headers only if it calls OpenCL itself.
+// The OpenCL handle types in the library's records, declared as the OpenCL headers do, so that
+// hosts need those headers only if they call OpenCL themselves.
 
 typedef struct _cl_platform_id* cl_platform_id;
 typedef struct _cl_device_id* cl_device_id;

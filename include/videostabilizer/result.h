@@ -1,15 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 namespace videostabilizer {
 
-// Results of the stabilizer and of the warp stage. Functions that say no more return one of these.
+// Result codes of the stabilizer and of the warp stage.
 enum Result : int {
     RESULT_OK = 0,
     RESULT_FAILED = -1,             // unsupported format or geometry, or an OpenCL call failed
     RESULT_END_OF_STREAM = -10001,  // the queue is empty and its end was signalled
-    RESULT_STOPPING = -10002,       // the stop mark is set
+    RESULT_STOPPING = -10002,       // the stop flag is set
     RESULT_NOTHING_TAKEN = -10003,  // woken with nothing to take
-    RESULT_NO_MEMORY = -10004,      // no memory for an output frame
+    RESULT_NO_MEMORY = -10004,      // out of memory for an output frame
     RESULT_NO_THREAD = -10007,      // a thread could not be started
     RESULT_NO_FRAME = -20000,       // null where a frame is expected
 };

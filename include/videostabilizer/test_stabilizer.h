@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstdint>
@@ -5,15 +7,15 @@
 #include "videostabilizer/export.h"
 #include "videostabilizer/frame.h"
 
-// A test of the whole pipeline on a device: 90 raw frames of 1280 x 720 planar 4:2:0 are read from
-// "/sdcard/keypoints_90f.yuv" (921,600 luma bytes, then 460,800 chroma bytes a frame, no header),
-// stabilised in place and written to "/sdcard/keypoints_90f_stab.yuv" in the same layout. Reached
-// from Java through a native method, and from a shell through the `main` that the library exports
-// (not declared here: it would clash with a host's own), which calls test_stabilizer and returns 0.
+// A test of the whole pipeline on a device: reads 90 raw frames of 1280 x 720 planar 4:2:0 from
+// "/sdcard/keypoints_90f.yuv" (per frame 921,600 luma bytes, then 460,800 chroma bytes; no header),
+// stabilises them in place and writes them to "/sdcard/keypoints_90f_stab.yuv" in the same layout.
+// Called from Java through a native method, and from a shell through the exported `main` (not
+// declared here: it would clash with a host's own), which calls test_stabilizer and returns 0.
 
 namespace videostabilizer {
 
-// One pixel buffer pair of the test's pools.
+// One entry of the test's buffer pools.
 struct Buffer {
     std::int32_t width;   // 1280
     std::int32_t height;  // 720
@@ -22,7 +24,7 @@ struct Buffer {
 };
 
 // The pools, valid while test_stabilizer runs. The input pool is larger than the number of frames
-// that the pipeline can hold at once, so that no buffer is refilled while its frame is in flight.
+// that the pipeline can hold, so that no buffer is refilled while its frame is in flight.
 struct FrameContext {
     Buffer output_buffers[6];
     Buffer input_buffers[26];
@@ -33,21 +35,22 @@ struct FrameContext {
 extern VIDEOSTABILIZER_API FrameContext frame_ctx;
 
 // Runs the test; prints its progress, the elapsed time and the number of frames to standard output.
-// A missing file, a failed pop or a machine without OpenCL ends the test with a message; threads,
-// frames and pools are released before it returns. A driver that fails in the middle of the stream
-// leaves it waiting in pop, as it would any host.
-// Threads: one run at a time in a process. Returns 0 always.
+// A missing file, a failed pop (a stream that ended early, also because of an OpenCL error) or a
+// machine without OpenCL ends the test with a message. Threads, frames and pools are released.
+// Threads: owner only, with the whole process as the object: one run at a time.
+// Returns: 0 always.
 VIDEOSTABILIZER_API int test_stabilizer();
 
-// Thread function of the test's producer: reads, pushes and signals the end of the input. `arg` is
-// the VideoStabilizer. Returns null.
+// The test's producer thread: reads and pushes the frames and signals the end of the input. `arg`
+// is the VideoStabilizer. Threads: owner only, as test_stabilizer. Returns null.
 VIDEOSTABILIZER_API void* stabilizer_func(void* arg);
 
-// Frame maker over the pool of output buffers in turn; `ctx` is &frame_ctx. The frame's `opaque`
-// points at its Buffer. Returns null when memory runs out.
+// A create_frame over the output buffers in turn; `ctx` is &frame_ctx. The frame's `opaque` points
+// at its Buffer. Threads: owner only. Returns null when out of memory.
 VIDEOSTABILIZER_API Frame* create_frame_from_video_buffer(void* ctx);
 
-// A frame over the planes of `buffer`, which stays the caller's. Null when memory runs out.
+// A frame over the planes of `buffer`, which stays the caller's. Threads: thread-safe.
+// Returns null when out of memory.
 VIDEOSTABILIZER_API Frame* create_frame_from_video_stab_buffer(Buffer& buffer);
 
 // Wall-clock time in milliseconds since the epoch. Threads: thread-safe.

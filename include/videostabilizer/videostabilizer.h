@@ -1,7 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
-// Every exported declaration of the library. The stabilizer itself is in stabilizer.h; the rest are
-// its parts, usable on their own.
+// All public headers. The stabilizer itself is in stabilizer.h; the other headers are its parts,
+// usable on their own. docs/threads.md defines the thread terms.
 
 #include "videostabilizer/affine_transformer_ocl.h"  // the warp stage
 #include "videostabilizer/export.h"

@@ -1,7 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
-// NEON intrinsics: the processor's own on ARM, emulated by SIMDe elsewhere. Only sources that are
-// built with VIDEOSTABILIZER_VECTOR_WARP include this.
+// NEON intrinsics: native on ARM, emulated by SIMDe elsewhere. Only for sources that are built with
+// VIDEOSTABILIZER_VECTOR_WARP.
 
 #include <cstdint>
 #include <cstring>
@@ -15,7 +17,7 @@
 
 namespace videostabilizer::neon {
 
-// Two loads that the emulation lacks, or grants to even addresses only. `from` may be any address.
+// Two loads that the emulation lacks, or has only for even addresses. `from` has any alignment.
 
 // Puts from[0] into lane LANE of into.val[0], from[1] into that of into.val[1].
 template <int LANE>

@@ -1,9 +1,10 @@
-// The definition of the CPU warps.
+// SPDX-License-Identifier: Apache-2.0
+
+// The plain CPU warps, which define the results.
 //
 // A row is computed in blocks of columns, and a block in steps (positions, gather, blend), so that
-// the compiler turns all but the gather into vector instructions. Nothing in a step branches: the
-// clamps make every position of a block one that may be read, the columns past the end of the row
-// included, of which only the store knows.
+// the compiler vectorises all but the gather. Steps do not branch: the clamps make every position
+// of a block readable, also those past the end of the row, which are computed but not stored.
 
 #include "videostabilizer/warp_affine.h"
 
@@ -13,8 +14,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "cpu_warp/warp_semi_planar.h"
 #include "simplela/affine_inverse.h"
-#include "warp/warp_semi_planar.h"
 
 namespace videostabilizer {
 namespace {
@@ -28,15 +29,15 @@ struct Axis {
           inner(static_cast<float>(size) - 1.001F),
           last_cell(std::max(size - 2, 0)),
           chroma_samples(size / 2) {
-        // Beyond 2^24 pixels floats are sparse, and the differences above may round up.
+        // Beyond 2^24 pixels the differences above may round up.
         while (static_cast<double>(edge) > static_cast<double>(size) - 1.0) {
             edge = std::nextafter(edge, 0.0F);
         }
         inner = std::max(std::min(inner, edge), 0.0F);
     }
     float edge;          // the last position
-    float inner;         // what takes the place of positions from the edge on
-    int last_cell;       // the last position that has a neighbour behind it; 0 if none has
+    float inner;         // replaces positions from the edge on
+    int last_cell;       // the last position with a neighbour after it; 0 if none has
     int chroma_samples;  // of 4:2:0
 };
 
@@ -50,7 +51,7 @@ struct Picture {
     std::ptrdiff_t luma_bytes() const { return std::ptrdiff_t{width} * height; }
 };
 
-// Source positions of a block of destination columns. Neither clamped nor always numbers.
+// Source positions of a block of destination columns, not clamped, possibly NaN.
 struct Positions {
     float x[BLOCK];
     float y[BLOCK];
@@ -62,8 +63,8 @@ class Row {
     Row(const float* wp, int y)
         : wp_(wp), term_x_(wp[1] * static_cast<float>(y)), term_y_(wp[4] * static_cast<float>(y)) {}
 
-    // The positions of columns x, x + STEP, x + 2 STEP, ... The order of the sums is part of the
-    // definition.
+    // The positions of columns x, x + STEP, x + 2 STEP, ... The order of the sums defines the
+    // result.
     template <int STEP>
     void map(int x, Positions& to) const {
         for (int i = 0; i < BLOCK; ++i) {
@@ -79,8 +80,8 @@ class Row {
     float term_y_;
 };
 
-// Each position split into the cell of four samples around it, given by the first, and how far into
-// the cell it lies, 0 to 1.
+// Each position split into the first of the four samples around it and the fraction beyond that,
+// 0 to 1.
 struct Cells {
     int x[BLOCK];
     int y[BLOCK];
@@ -92,7 +93,7 @@ void split(const float (&positions)[BLOCK], const Axis& axis, int (&cells)[BLOCK
            float (&fractions)[BLOCK]) {
     const auto [edge, inner, last_cell, chroma_samples] = axis;
     for (int i = 0; i < BLOCK; ++i) {
-        float position = positions[i] >= 0.0F ? positions[i] : 0.0F;  // NaN becomes 0 as well
+        float position = positions[i] >= 0.0F ? positions[i] : 0.0F;  // also catches NaN
         position = position >= edge ? inner : position;
         const int cell = static_cast<int>(position);
         cells[i] = cell <= last_cell ? cell : last_cell;
@@ -107,8 +108,8 @@ void find_cells(const Row& row, int x, const Picture& picture, Cells& cells) {
     split(positions.y, picture.rows, cells.y, cells.fy);
 }
 
-// Bilinear, truncated. The result needs no clamp: with fractions from 0 to 1 rounding leads no
-// farther out of the range of the samples than truncation takes back.
+// Bilinear, truncated. Needs no clamp: with fractions from 0 to 1, rounding leaves the range of the
+// samples by less than truncation takes off.
 inline int blend(int p00, int p01, int p10, int p11, float fx, float fy) {
     const float top = static_cast<float>(p00) + fx * static_cast<float>(p01 - p00);
     const float bottom = static_cast<float>(p10) + fx * static_cast<float>(p11 - p10);
@@ -125,8 +126,8 @@ void for_each_block(int columns, Block block) {
     }
 }
 
-// Bytes are gathered in groups and taken apart with shifts, first byte lowest: one load in place of
-// two to four, and the taking apart is vector work.
+// Bytes are gathered in groups and separated by shifts, first byte lowest: one load instead of two
+// to four, and the shifts vectorise.
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "gathered bytes are in memory order");
 
 template <typename Group>
@@ -145,8 +146,8 @@ inline std::uint32_t load_pair(const unsigned char* p, int width) {
     return width > 1 ? load<std::uint16_t>(p) : *p * 0x101U;
 }
 
-// Writes the first `count` values of a block. Whole blocks, nearly all, have a size that the
-// compiler knows.
+// Writes the first `count` values of a block. For whole blocks, nearly all, the compiler knows the
+// size.
 template <typename Value>
 inline void store(unsigned char* target, const Value (&values)[BLOCK], int count) {
     if (count == BLOCK) {
@@ -183,19 +184,19 @@ void warp_luma_row(const unsigned char* source, unsigned char* target, const Row
 constexpr float ROUND = 0.5F;
 constexpr float TRUNCATE = 0.0F;
 
-// Indices of the chroma samples that belong to luma positions.
+// Indices of the chroma samples of luma positions.
 void find_chroma(const float (&positions)[BLOCK], const Axis& axis, float rounding,
                  int (&samples)[BLOCK]) {
     for (int i = 0; i < BLOCK; ++i) {
         float position = positions[i] >= 0.0F ? positions[i] : 0.0F;
         position = position >= axis.edge ? axis.edge : position;
-        // With an odd size the last position has no sample of its own.
+        // With an odd size the last position has no chroma sample of its own.
         samples[i] = std::min(static_cast<int>(position + rounding) >> 1, axis.chroma_samples - 1);
     }
 }
 
-// Calls copy(to, from) for every chroma sample of a row: its column, and the index in the plane of
-// the one that it shows.
+// Calls copy(to, from_row, from) for every chroma sample of a row: its column, and the row and
+// column of the source sample.
 template <typename Copy>
 void for_each_chroma_sample(const Row& row, const Picture& picture, float rounding, Copy copy) {
     for_each_block(picture.columns.chroma_samples, [&](int column, int count) {

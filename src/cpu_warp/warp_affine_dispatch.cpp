@@ -1,12 +1,14 @@
-// warpAffine_neon: which routine serves a call, and with which constants.
+// SPDX-License-Identifier: Apache-2.0
+
+// warpAffine_neon: chooses the routine and its constants.
 
 #include <algorithm>
 #include <mutex>
 
+#include "cpu_warp/warp_semi_planar.h"
+#include "cpu_warp/warp_size.h"
 #include "simplela/affine_inverse.h"
 #include "videostabilizer/warp_affine.h"
-#include "warp/warp_semi_planar.h"
-#include "warp/warp_size.h"
 
 namespace videostabilizer {
 namespace {
@@ -15,8 +17,8 @@ constexpr int WARP_CONSTS = 32;
 constexpr int GROUP = 4;
 constexpr int FIRST_LIMIT = 2 * GROUP;  // groups 0 and 1 are the same for every size
 
-// The constants of warp_affine_neon for the size of the process's first call: a stream keeps its
-// size, so that nearly every call finds them ready. Constant once neon_warp_consts_ready is set.
+// The constants of warp_affine_neon for the size of the process's first call. A stream keeps its
+// size, so nearly every call uses them. Constant once neon_warp_consts_ready is set.
 alignas(16) float neon_warp_consts[WARP_CONSTS] = {0, 1, 2, 3, 4, 5, 6, 7};
 std::once_flag neon_warp_consts_ready;
 

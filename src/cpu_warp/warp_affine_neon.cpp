@@ -1,14 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The vector routine. Products and sums are separate instructions: a fused multiply-add, which only
-// some processors have, would round once less and give other bits.
+// some processors have, rounds once less and gives other bits.
 //
-// The clamps choose lanes by comparison rather than by minimum and maximum: those would keep a NaN,
-// these turn it into 0, as the scalar routines do.
+// The clamps select lanes by comparison, not by minimum and maximum, which would keep NaN; it
+// becomes 0, as in the scalar routines.
 
 #include <cstddef>
 
+#include "cpu_warp/neon.h"
+#include "cpu_warp/warp_size.h"
 #include "videostabilizer/warp_affine.h"
-#include "warp/neon.h"
-#include "warp/warp_size.h"
 
 namespace {
 
@@ -24,7 +26,7 @@ inline float32x4_t map(float32x4_t offset, float32x4_t step, float32x4_t columns
     return vaddq_f32(offset, vmulq_f32(step, columns));
 }
 
-// The clamp limits of one coordinate, as the table of constants has them.
+// The clamp limits of one coordinate, from the table of constants.
 struct Limits {
     float32x4_t edge;   // size - 1
     float32x4_t inner;  // size - 1.001
@@ -37,7 +39,7 @@ inline float32x4_t clamp(float32x4_t position, const Limits& limits) {
     return vbslq_f32(vcgeq_f32(from_0, limits.edge), limits.inner, from_0);
 }
 
-// Four lanes of luma: where their cells start in the plane, and how far into the cell they lie.
+// Four lanes of luma: byte offsets of their cells in the plane, and their fractions of a cell.
 struct Cells {
     int32x4_t offset;
     float32x4_t fx;
@@ -143,7 +145,7 @@ inline int32x4_t clamp(int32x4_t position, int32x4_t limit) {
     return vminq_s32(vmaxq_s32(position, vdupq_n_s32(0)), limit);
 }
 
-// Byte offsets of four chroma pairs. The conversions saturate, so no position is too far for them.
+// Byte offsets of four chroma pairs. The conversions saturate, so any position is allowed.
 inline int32x4_t find_pairs(float32x4_t x, float32x4_t y, int32x4_t limit_x, int32x4_t limit_y,
                             int32x4_t row_bytes) {
     const int32x4_t sx = vandq_s32(clamp(vcvtq_s32_f32(x), limit_x), vdupq_n_s32(~1));

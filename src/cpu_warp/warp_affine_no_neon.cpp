@@ -1,8 +1,10 @@
-// Stands in for warp_affine_neon.cpp where there are neither NEON nor an emulation of it.
+// SPDX-License-Identifier: Apache-2.0
 
+// Replaces warp_affine_neon.cpp where there is neither NEON nor its emulation.
+
+#include "cpu_warp/warp_semi_planar.h"
+#include "cpu_warp/warp_size.h"
 #include "videostabilizer/warp_affine.h"
-#include "warp/warp_semi_planar.h"
-#include "warp/warp_size.h"
 
 extern "C" void warp_affine_neon(unsigned char* source, unsigned char* destination, const float* wp,
                                  int width, int height, const float* /*constants*/) {

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "videostabilizer/fast16.h"
 
 #include <algorithm>
@@ -19,7 +21,7 @@ constexpr char LOG_TAG[] = "log_utils";
 constexpr int CIRCLE = 16;           // pixels on the circle of the segment test
 constexpr int RUN = 9;               // consecutive ones that make a corner
 constexpr int OFFSETS = 25;          // CIRCLE + RUN: every run of RUN without wrapping
-constexpr int MIN_CELL = 2;          // below, a band of cell_size / 2 rows has none
+constexpr int MIN_CELL = 2;          // for a band of cell_size / 2 rows to have any
 constexpr int MIN_BORDER = 3;        // the radius of the circle
 constexpr int MAX_DIFFERENCE = 255;  // of two grey levels; index of difference 0 in threshold_tab
 
@@ -39,9 +41,9 @@ constexpr CirclePoint CIRCLE_12[] = {{0, 2},  {1, 2},   {2, 1},   {2, 0},  {2, -
 constexpr CirclePoint CIRCLE_8[] = {{0, 1},  {1, 1},   {1, 0},  {1, -1},
                                     {0, -1}, {-1, -1}, {-1, 0}, {-1, 1}};
 
-// The ring of three rows in the scratch memory: the row being scanned and the two above it, which
-// it takes to judge the maxima of the middle one. Each row has its scores (a byte a column, 0 where
-// there is no corner) and the list of the columns of its corners, whose count stands before it:
+// A ring of three rows in the scratch memory: the row being scanned and the two above it, which the
+// maxima of the middle one depend on. Each row has its scores (a byte per column, 0 where there is
+// no corner) and the list of the columns of its corners, preceded by their count:
 //
 //   scores 0 | scores 1 | scores 2 | padding | count, columns 0 | count, columns 1 | ... 2
 //    width      width      width     to 4       1 + width ints
@@ -73,8 +75,8 @@ class ScoreRows {
     int width_;
 };
 
-// The column cells that have had their corner in the current band, one bit a cell. A word is enough
-// for every frame up to 4096 pixels in the stabiliser; only wider images need memory for more.
+// The column cells that already have a corner in the current band, one bit each. In the stabilizer
+// one word is enough for frames up to 4096 pixels wide; only wider images allocate.
 class BandMask {
   public:
     explicit BandMask(int cells) : more_(static_cast<std::size_t>((cells - 1) / 64)) {}
@@ -84,7 +86,7 @@ class BandMask {
         std::fill(more_.begin(), more_.end(), 0);
     }
 
-    // Marks a cell; false if it was marked already.
+    // Marks a cell. False if it was marked before.
     bool take(int cell) {
         std::uint64_t& word = cell < 64 ? first_ : more_[static_cast<std::size_t>(cell / 64 - 1)];
         const std::uint64_t bit = std::uint64_t{1} << (cell % 64);
@@ -114,8 +116,8 @@ bool is_corner(const unsigned char* centre, const FastParams& params) {
     const std::int32_t* const pixel = params.pixel;
     const int v = *centre;
     const unsigned char* const classes = params.threshold_tab + (MAX_DIFFERENCE - v);
-    // A run of 9 holds one pixel at least of each of the 8 opposite pairs, so a class that a pair
-    // lacks is out. The first pair rejects most pixels, the next three most of the others.
+    // A run of 9 contains a pixel of each of the 8 opposite pairs, so every pair must have one of
+    // the run's class. The first pair rejects most pixels, the next three most of the rest.
     const auto pair = [&](int k) -> unsigned {
         return static_cast<unsigned>(classes[centre[pixel[k]]]) | classes[centre[pixel[k + 8]]];
     };
@@ -137,7 +139,7 @@ bool is_corner(const unsigned char* centre, const FastParams& params) {
             has_run(centre, pixel, [bright](int level) { return level > bright; }));
 }
 
-// Whether a score is greater than its 8 neighbours. Equal neighbours put each other out.
+// Whether a score is greater than its 8 neighbours. Equal neighbours suppress each other.
 bool is_strict_maximum(const unsigned char* above, const unsigned char* row,
                        const unsigned char* below, int j) {
     const int score = row[j];
@@ -174,16 +176,16 @@ int scan_row_plain(const unsigned char* row, int first, int end, const FastParam
 void detect_corners(const CornerVariant& variant, const unsigned char* image,
                     std::vector<KeyPoint>& keypoints, int width, int height,
                     const FastParams& params) {
+    const ScoreRows rows(params.buffer, width);
     const int first_row = params.border_y;
     const int end_row = height - params.border_y;
     if (end_row < first_row) {
         return;
     }
-    const ScoreRows rows(params.buffer, width);
     BandMask band((width - 1) / params.cell_size + 1);
     const int band_rows = params.cell_size / 2;
 
-    // Row i is scanned, then row i - 1 can be judged. The last turn only judges.
+    // With row i scanned, the maxima of row i - 1 are known. The last turn scans nothing.
     for (int i = first_row; i <= end_row; ++i) {
         const int index = i - first_row;
         const ScoreRows::Row current = rows[index];
@@ -198,8 +200,8 @@ void detect_corners(const CornerVariant& variant, const unsigned char* image,
             continue;
         }
 
-        const ScoreRows::Row judged = rows[index + 2];  // (index - 1) mod 3
-        const ScoreRows::Row above = rows[index + 1];   // (index - 2) mod 3, zeros at first
+        const ScoreRows::Row judged = rows[index + 2];  // slot of row i - 1
+        const ScoreRows::Row above = rows[index + 1];   // slot of row i - 2, zeros at first
         if (i % band_rows == 0) {
             band.clear();
         }
@@ -228,7 +230,7 @@ void makeOffsets(int* pixel, int row_stride, int pattern_size) {
             continue;
         }
         const CirclePoint& point = points[k % pattern_size];
-        // Wide, for no stride may overflow; one that would is far beyond any image in memory.
+        // 64 bits, so that no stride overflows.
         pixel[k] = static_cast<int>(point.dx + std::int64_t{point.dy} * row_stride);
     }
 }
@@ -240,8 +242,8 @@ int cornerScore16(const unsigned char* ptr, const int* pixel, int threshold) {
         d[k] = static_cast<std::int16_t>(v - ptr[pixel[k]]);
     }
 
-    // The best run of 9 darker pixels: a0 becomes the largest smallest difference of a run. Runs k
-    // and k + 1 share the 8 differences from k + 1 on.
+    // The best run of 9 darker pixels: a0 becomes the maximum over all runs of the smallest
+    // difference. Runs k and k + 1 share the 8 differences from k + 1 on.
     int a0 = threshold;
     for (int k = 0; k < CIRCLE; k += 2) {
         int a = std::min({d[k + 1], d[k + 2], d[k + 3]});
@@ -252,7 +254,7 @@ int cornerScore16(const unsigned char* ptr, const int* pixel, int threshold) {
         a0 = std::max({a0, std::min<int>(a, d[k]), std::min<int>(a, d[k + 9])});
     }
 
-    // The best run of 9 brighter ones, whose differences are negative, if it is better still.
+    // The same for brighter pixels, whose differences are negative, if a run is better still.
     int b0 = -a0;
     for (int k = 0; k < CIRCLE; k += 2) {
         int b = std::max({d[k + 1], d[k + 2], d[k + 3], d[k + 4], d[k + 5]});
@@ -283,7 +285,7 @@ int fast16_init(FastParams* params, int threshold, int nonmax_suppression, int c
                                                                : 0);
     }
 
-    // Three score rows and three lists, 15 * width + 15 bytes at most; the rest is reserve.
+    // Three score rows and three lists use at most 15 * width + 15 bytes.
     const std::int64_t bytes = (std::int64_t{width} + 16) * 3 * 5 + 128;
     params->buffer = nullptr;
     if (width >= 0 && bytes <= PTRDIFF_MAX) {

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <vector>
@@ -8,14 +10,14 @@
 
 namespace videostabilizer {
 
-// Lists the corners of one row of the image in the columns first to end - 1, all of them at least 3
-// pixels from the edges: writes their columns in increasing order and, with suppression, their
-// scores to scores[column]; returns their number. scores[first .. end - 1] is zero before.
-// `row` is the first pixel of the row; `columns` has room for all of it.
+// Finds the corners of one row of the image in the columns first to end - 1, at least 3 pixels from
+// the edges: writes their columns in increasing order and, with suppression, their scores to
+// scores[column]; returns their number. scores[first .. end - 1] is zero before the call.
+// `row` is the first pixel of the row; `columns` has room for the whole row.
 using CornerScan = int(const unsigned char* row, int first, int end, const FastParams& params,
                        unsigned char* scores, int* columns);
 
-CornerScan scan_row_plain;  // the definition
+CornerScan scan_row_plain;  // defines the result
 namespace sse2 {
 CornerScan scan_row;
 }

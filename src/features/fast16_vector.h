@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 // The segment test on all lanes of a vector at once, for the level that VS_LEVEL names.
@@ -9,11 +11,11 @@
 
 namespace videostabilizer::VS_LEVEL {
 
-// The darkest and the brightest pixels that a centre's run may have to contain. A run of 9 holds at
-// least one pixel of each of the 8 opposite pairs. So
+// Bounds of the pixels of a run. A run of 9 contains a pixel of each of the 8 opposite pairs. So
 //
-//   `low`,  the largest of the smaller pixels of the pairs, bounds a darker run from below,
-//   `high`, the smallest of the larger ones, a brighter run from above.
+//   the largest pixel of a darker run is at least `low`, the maximum over the pairs of their
+//   smaller pixels,
+//   the smallest pixel of a brighter run is at most `high`, the minimum of their larger ones.
 struct PairBounds {
     Bytes low;
     Bytes high;
@@ -78,7 +80,7 @@ inline Bytes scores_plus_one(const unsigned char* centre, const std::int32_t* pi
         tighten(bounds, bounds_of_pair(centre, pixel, k));
     }
 
-    // The difference by which the best run exceeds the centre; the score is one less.
+    // The difference between the best run and the centre; the score is one less.
     Bytes difference = splat(0);
     if (any(darker(bounds))) {
         difference = subtract_saturated(v, best_run<larger, smaller>(centre, pixel));
@@ -101,7 +103,7 @@ int scan_row(const unsigned char* row, int first, int end, const FastParams& par
     int count = 0;
     int next = first;  // the first column not listed yet
     while (next < end) {
-        // The last vector ends with the row, so that it may begin with columns already listed.
+        // The last vector ends with the row, so it may begin with columns already listed.
         const int column = next <= end - Bytes::LANES ? next : end - Bytes::LANES;
         const Bytes found = scores_plus_one(row + column, params.pixel, threshold);
         std::uint32_t lanes = nonzero_lanes(found) >> (next - column);

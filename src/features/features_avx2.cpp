@@ -1,5 +1,7 @@
-// The corner scan and the tracking windows with AVX2 instructions, for which the build sets the
-// options of this file.
+// SPDX-License-Identifier: Apache-2.0
+
+// The corner scan and the tracking windows with AVX2 instructions, which the build enables for this
+// file alone.
 
 #define VS_LEVEL avx2
 

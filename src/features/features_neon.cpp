@@ -1,5 +1,7 @@
-// The corner scan and the tracking windows with NEON instructions, for which the build sets the
-// options of this file.
+// SPDX-License-Identifier: Apache-2.0
+
+// The corner scan and the tracking windows with NEON instructions, which the build enables for this
+// file alone.
 
 #define VS_LEVEL neon
 

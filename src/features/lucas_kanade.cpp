@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "videostabilizer/lucas_kanade.h"
 
 #include <sys/time.h>
@@ -18,7 +20,7 @@ constexpr char LOG_TAG[] = "lk_pyradmid";
 
 constexpr int MAX_SAMPLED_LEVEL = 30;  // the last one whose spacing, 2^level, is an int
 
-// Mean absolute difference per window sample, in grey levels, up to which a point counts as found.
+// Grey levels per window sample up to which a residual counts as a match.
 constexpr int MAX_MEAN_DIFFERENCE = 25;
 
 int sample_spacing(int level) {
@@ -26,12 +28,12 @@ int sample_spacing(int level) {
 }
 
 // Of the samples centre - r, centre - r + spacing, ..., centre + r with r = win_radius * spacing,
-// those whose neighbours one spacing away on either side lie in 0 .. size - 1. So the window loops
-// need no test of their own, and their gradients are never read outside the image.
+// those whose neighbours one spacing away on either side are in 0 .. size - 1. So the loops over a
+// window need no bounds checks for samples and gradients.
 Samples usable_samples(float centre, int win_radius, int level, int size) {
     constexpr Samples none = {0, 0, 0};
     const int spacing = sample_spacing(level);
-    // Written so that NaN fails as well. What lies beyond the range of int is far from any image.
+    // Also catches NaN. Beyond the range of int no window reaches an image.
     if (!(std::fabs(centre) < 0x1p31F) || spacing == 0) {
         return none;
     }
@@ -79,16 +81,16 @@ bool is_inside(float position, int size) {
     return position >= 0.0F && position < static_cast<float>(size);
 }
 
-// Whether all samples of a window lie in the image when displaced.
+// Whether all displaced samples of a window are in the image.
 bool is_inside(const Window& window, float dx, float dy, const GreyImage& image) {
-    // Rounded sums grow with their terms, so the outermost samples speak for all.
+    // Rounding keeps the order of sums, so the outermost samples decide.
     return is_inside(static_cast<float>(window.xs.first) + dx, image.width) &&
            is_inside(static_cast<float>(window.xs.last) + dx, image.width) &&
            is_inside(static_cast<float>(window.ys.first) + dy, image.height) &&
            is_inside(static_cast<float>(window.ys.last) + dy, image.height);
 }
 
-// The largest sum of absolute differences of a window that counts as found.
+// The largest sum of absolute differences that counts as a match.
 std::int64_t residual_limit(int win_radius) {
     // With sides from 2^16 on the limit is above every int; the cap only keeps the product in
     // range.
@@ -111,8 +113,7 @@ int lose(KeyPoint& pt_next, unsigned char& status) {
     return -1;
 }
 
-// The gradient matrix G of one level. The differences are doubled derivatives, so their products
-// are four times too large.
+// The gradient matrix G of one level. The quarter is for products of doubled derivatives.
 void gradient_matrix(const TrackVariant& variant, const GreyImage& image, const Window& window,
                      WindowCache& cache, float G[2][2]) {
     const GradientSums sums =
@@ -142,12 +143,74 @@ int mismatch_vector(const TrackVariant& variant, const GreyImage& prev, const Gr
     return static_cast<int>(std::min<std::int64_t>(sums.sad, INT_MAX));
 }
 
-// Whether the cache of the vector variants has room for every window, and an int for the positions
-// of their spare lanes.
+// Whether every window fits the cache of the vector variants, and the positions of their spare
+// lanes fit an int.
 bool fits_vectors(const GreyImage& image, const LK_Params& params) {
     constexpr int LARGEST_SIDE = 1 << 30;
     return 2LL * params.win_radius + 1 <= WindowCache::ROWS && params.max_level <= 4 &&
            image.width <= LARGEST_SIDE && image.height <= LARGEST_SIDE;
+}
+
+// State of the search for one point, in samples of the current level.
+struct Search {
+    float g[2] = {0.0F, 0.0F};  // guess from the coarser levels
+    float v[2] = {0.0F, 0.0F};  // displacement found at this level, to be added to the guess
+    int sad = 0;                // of the last comparison
+
+    void descend() {
+        g[0] = 2.0F * (g[0] + v[0]);
+        g[1] = 2.0F * (g[1] + v[1]);
+    }
+};
+
+// The iterations of one level. compare(b) is mismatch_vector for the window and the displacement of
+// the search. False if the displaced window leaves the image.
+template <typename Compare>
+bool search_level(Compare compare, const float (&g_inverse)[2][2], const LK_Params& params,
+                  Search& search) {
+    search.v[0] = 0.0F;
+    search.v[1] = 0.0F;
+    float b[2] = {0.0F, 0.0F};
+    // The last update. Its initial value is not below epsilon, so that the first iteration runs.
+    float e[2] = {params.epsilon_x, params.epsilon_y};
+    for (int iteration = 0; iteration < params.max_iterations; ++iteration) {
+        if (std::fabs(e[0]) < params.epsilon_x && std::fabs(e[1]) < params.epsilon_y) {
+            break;
+        }
+        search.sad = compare(b);
+        if (search.sad < 0) {
+            return false;
+        }
+        e[0] = g_inverse[0][0] * b[0] + g_inverse[0][1] * b[1];
+        e[1] = g_inverse[1][0] * b[0] + g_inverse[1][1] * b[1];
+        search.v[0] += e[0];
+        search.v[1] += e[1];
+    }
+    return true;
+}
+
+// Whether a point found at displacement d, in pixels, counts as tracked.
+bool is_accepted(int sad, const float (&d)[2], const KeyPoint& pt, const KeyPoint& pt_next,
+                 const GreyImage& next, const LK_Params& params) {
+    if (sad > residual_limit(params.win_radius)) {
+        return false;
+    }
+    if (std::fabs(d[0]) >= params.max_disp_x || std::fabs(d[1]) >= params.max_disp_y) {
+        __android_log_print(
+            LOG_WARN, LOG_TAG,
+            "pt_next displacement too large!!:dV: {%f, %f}, p0(%f, %f) --> p1(%f, %f)\n",
+            static_cast<double>(d[0]), static_cast<double>(d[1]), static_cast<double>(pt.x),
+            static_cast<double>(pt.y), static_cast<double>(pt_next.x),
+            static_cast<double>(pt_next.y));
+        return false;
+    }
+    // Also catches NaN, which the comparisons above let pass.
+    if (!is_inside(pt_next.x, next.width) || !is_inside(pt_next.y, next.height)) {
+        __android_log_print(LOG_WARN, LOG_TAG, "pt_next bad point (out border): (%f, %f)",
+                            static_cast<double>(pt_next.x), static_cast<double>(pt_next.y));
+        return false;
+    }
+    return true;
 }
 
 const TrackVariant& fastest_track_variant() {
@@ -160,7 +223,7 @@ const TrackVariant& fastest_track_variant() {
 GradientSums read_gradients_plain(const GreyImage& prev, const Window& window,
                                   WindowCache& /*cache*/) {
     const std::ptrdiff_t row_step = static_cast<std::ptrdiff_t>(window.spacing) * prev.width;
-    // Wide, for windows of any size: 2^15 samples at full contrast fill an int.
+    // 64 bits, since 2^15 samples at full contrast exceed an int.
     GradientSums sums{0, 0, 0};
     for (int y = window.ys.first; y <= window.ys.last; y += window.spacing) {
         const unsigned char* const row = row_of(prev, y);
@@ -196,17 +259,10 @@ MismatchSums compare_windows_plain(const GreyImage& prev, const GreyImage& next,
 }
 
 int track_point(const TrackVariant& variant, const GreyImage& prev, const GreyImage& next,
-                const LK_Params& params, const KeyPoint& pt, KeyPoint& pt_next,
-                unsigned char& status) {
+                const LK_Params& params, KeyPoint pt, KeyPoint& pt_next, unsigned char& status) {
     const TrackVariant& sums_by = fits_vectors(prev, params) ? variant : track_variants[0];
     WindowCache cache;
-    // In samples of the level: the guess g from the coarser levels, the displacement v found at
-    // this one and the mismatch b. After level 0, d = g + v is the displacement in pixels.
-    float g[2] = {0.0F, 0.0F};
-    float v[2] = {0.0F, 0.0F};
-    float b[2] = {0.0F, 0.0F};
-    int sad = 0;  // of the last mismatch evaluation
-
+    Search search;
     for (int level = params.max_level; level >= 0; --level) {
         const Window window = usable_window(pt, params.win_radius, level, prev);
         float g_inverse[2][2];
@@ -215,54 +271,21 @@ int track_point(const TrackVariant& variant, const GreyImage& prev, const GreyIm
             __android_log_print(LOG_ERROR, LOG_TAG, "Gradient matrix not inversable!");
             return lose(pt_next, status);
         }
-
-        v[0] = 0.0F;
-        v[1] = 0.0F;
-        // The last update: not below epsilon at first, so that the first iteration runs.
-        float e[2] = {params.epsilon_x, params.epsilon_y};
-        for (int iteration = 0; iteration < params.max_iterations; ++iteration) {
-            if (std::fabs(e[0]) < params.epsilon_x && std::fabs(e[1]) < params.epsilon_y) {
-                break;
-            }
-            sad = mismatch_vector(sums_by, prev, next, window, g, v, cache, b);
-            if (sad < 0) {
-                return lose(pt_next, status);
-            }
-            e[0] = g_inverse[0][0] * b[0] + g_inverse[0][1] * b[1];
-            e[1] = g_inverse[1][0] * b[0] + g_inverse[1][1] * b[1];
-            v[0] += e[0];
-            v[1] += e[1];
+        const auto compare = [&](float b[2]) {
+            return mismatch_vector(sums_by, prev, next, window, search.g, search.v, cache, b);
+        };
+        if (!search_level(compare, g_inverse, params, search)) {
+            return lose(pt_next, status);
         }
         if (level > 0) {
-            g[0] = 2.0F * (g[0] + v[0]);
-            g[1] = 2.0F * (g[1] + v[1]);
+            search.descend();
         }
     }
-
-    const float d[2] = {g[0] + v[0], g[1] + v[1]};
+    const float d[2] = {search.g[0] + search.v[0], search.g[1] + search.v[1]};
     pt_next.x = pt.x + d[0];
     pt_next.y = pt.y + d[1];
     status = 1;
-
-    if (sad > residual_limit(params.win_radius)) {
-        return lose(pt_next, status);
-    }
-    if (std::fabs(d[0]) >= params.max_disp_x || std::fabs(d[1]) >= params.max_disp_y) {
-        __android_log_print(
-            LOG_WARN, LOG_TAG,
-            "pt_next displacement too large!!:dV: {%f, %f}, p0(%f, %f) --> p1(%f, %f)\n",
-            static_cast<double>(d[0]), static_cast<double>(d[1]), static_cast<double>(pt.x),
-            static_cast<double>(pt.y), static_cast<double>(pt_next.x),
-            static_cast<double>(pt_next.y));
-        return lose(pt_next, status);
-    }
-    // Also the end of an update that was no number: every comparison above let it pass.
-    if (!is_inside(pt_next.x, next.width) || !is_inside(pt_next.y, next.height)) {
-        __android_log_print(LOG_WARN, LOG_TAG, "pt_next bad point (out border): (%f, %f)",
-                            static_cast<double>(pt_next.x), static_cast<double>(pt_next.y));
-        return lose(pt_next, status);
-    }
-    return 0;
+    return is_accepted(search.sad, d, pt, pt_next, next, params) ? 0 : lose(pt_next, status);
 }
 
 int lk_pyramid_image(const unsigned char* prev, const unsigned char* next, int width, int height,

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstdint>
@@ -21,21 +23,21 @@ struct Samples {
     int count;
 };
 
-// The samples of a window whose four neighbours, `spacing` pixels away, are in the image as well.
+// The samples of a window whose four neighbours, `spacing` pixels away, are also in the image.
 struct Window {
     Samples xs;
     Samples ys;
     int spacing;  // 2^level
 };
 
-// Sums of products of the gradient's components, each of them the doubled derivative.
+// Sums of products of the gradient's components, which are doubled derivatives.
 struct GradientSums {
     std::int64_t xx;
     std::int64_t xy;
     std::int64_t yy;
 };
 
-// Sums over the differences of two windows: of their magnitudes, and of their products with the
+// Sums over the differences of two windows: of their magnitudes and of their products with the
 // gradient.
 struct MismatchSums {
     std::int64_t sad;
@@ -43,8 +45,8 @@ struct MismatchSums {
     std::int64_t y;
 };
 
-// What a vector variant keeps of a window of the earlier image while it is compared with windows of
-// the later one. Lanes beyond the window hold 0.
+// What a vector variant keeps of a window of the earlier image while comparing it with windows of
+// the later one. Lanes beyond the window are 0.
 struct WindowCache {
     static constexpr int LANES = 16;
     static constexpr int ROWS = 11;
@@ -54,17 +56,17 @@ struct WindowCache {
     std::int16_t gradient_y[ROWS * LANES];
     std::int16_t inside[LANES];  // all bits where there is a sample, else 0
 
-    // The last comparison. Displacements that round to the same pixels have the same sums.
+    // The last comparison; displacements that round to the same pixels have the same sums.
     bool compared;
     std::int32_t columns[LANES];
     std::int32_t rows[LANES];
     MismatchSums sums;
 };
 
-// The pixel nearest to a position from 0 to below `size`; the last one where that would be one past
-// the end. Static, so that each source has it in its own instructions.
+// The pixel nearest to a position from 0 to below `size`, clamped to the last one. Static, so that
+// each source compiles it for its own instruction set.
 static inline int nearest_pixel(float position, int size) {
-    // Half up, as the positions are never negative.
+    // Rounds half up: positions are never negative.
     const float shifted = position + 0.5F;
     const int pixel = static_cast<int>(shifted);
     return pixel < size - 1 ? pixel : size - 1;
@@ -74,12 +76,12 @@ static inline int nearest_pixel(float position, int size) {
 using GradientReader = GradientSums(const GreyImage& prev, const Window& window,
                                     WindowCache& cache);
 
-// The sums over the differences of the window and the one displaced by (dx, dy) pixels in `next`,
-// read at the nearest pixels. All displaced samples are in the image.
+// The sums over the differences between the window and the one displaced by (dx, dy) pixels in
+// `next`, read at the nearest pixels. All displaced samples are in the image.
 using WindowComparer = MismatchSums(const GreyImage& prev, const GreyImage& next,
                                     const Window& window, float dx, float dy, WindowCache& cache);
 
-// The definitions; they need no cache.
+// The plain routines, which define the results and need no cache.
 GradientReader read_gradients_plain;
 WindowComparer compare_windows_plain;
 namespace sse2 {
@@ -115,10 +117,9 @@ constexpr TrackVariant track_variants[] = {
 #endif
 };
 
-// lkPyramid by a variant. Windows wider than the cache, or of levels above 4, are read by the plain
-// routines whatever the variant.
+// lkPyramid by a variant. The plain routines read windows wider than the cache and levels above 4,
+// whatever the variant.
 int track_point(const TrackVariant& variant, const GreyImage& prev, const GreyImage& next,
-                const LK_Params& params, const KeyPoint& pt, KeyPoint& pt_next,
-                unsigned char& status);
+                const LK_Params& params, KeyPoint pt, KeyPoint& pt_next, unsigned char& status);
 
 }  // namespace videostabilizer

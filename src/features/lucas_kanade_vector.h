@@ -1,7 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
-// The sums over a tracking window, a row of it at once, for the level that VS_LEVEL names. They are
-// integers, so that their order is free.
+// The sums over a tracking window, a row at a time, for the level that VS_LEVEL names. They are
+// integers, so their order does not matter.
 
 #include <cstddef>
 #include <cstdint>
@@ -14,8 +16,7 @@ namespace videostabilizer::VS_LEVEL {
 constexpr int LANES = WindowCache::LANES;
 constexpr int BORDERED = WindowCache::ROWS + 2;  // with a neighbour on either side
 
-// Copies the samples of one row. Reads up to REACH<SPACING> bytes, of which the caller wants the
-// first BORDERED samples at most.
+// Copies the samples of one row, at least the first BORDERED. Reads up to REACH<SPACING> bytes.
 template <int SPACING>
 constexpr std::ptrdiff_t REACH = SPACING <= 4 ? LANES* SPACING : (BORDERED - 1) * SPACING + 1;
 
@@ -49,11 +50,11 @@ void gather_evenly(const GreyImage& image, const std::int32_t* rows, int row_cou
     }
 }
 
-// Copies the pixels at the crossings of rows and columns to `out`, LANES bytes a row. What lies
-// beyond column_count there has no meaning.
+// Copies the pixels at the given rows and columns to `out`, LANES bytes a row, of which those from
+// column_count on are undefined.
 inline void gather(const GreyImage& image, const std::int32_t* rows, int row_count,
                    const std::int32_t* columns, int column_count, int spacing, unsigned char* out) {
-    // Displaced columns are as far apart as the samples, but where rounding differs between them.
+    // Displaced columns are evenly spaced unless rounding differs between them.
     std::int32_t uneven = 0;
     for (int i = 0; i < LANES; ++i) {
         uneven |= i < column_count ? columns[i] ^ (columns[0] + i * spacing) : 0;
@@ -119,7 +120,7 @@ GradientSums read_gradients(const GreyImage& prev, const Window& window, WindowC
 }
 
 // The pixels nearest to displaced samples. Lanes beyond the window continue the row of samples,
-// inside the image or not.
+// even outside the image.
 inline void displace(const Samples& samples, int spacing, float by, int size,
                      std::int32_t* pixels) {
     for (int i = 0; i < LANES; ++i) {
@@ -153,7 +154,7 @@ MismatchSums compare_windows(const GreyImage& /*prev*/, const GreyImage& next, c
     gather(next, rows, row_count, columns, column_count, spacing, pixels);
 
     const Words inside = load_words(cache.inside);
-    Words sad = zero_words();  // 255 in each of the rows at most
+    Words sad = zero_words();  // at most 255 per row and lane
     Sums x = zero_sums();
     Sums y = zero_sums();
     for (int r = 0; r < row_count; ++r) {

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "videostabilizer/test_stabilizer.h"
 
 #include <pthread.h>
@@ -30,7 +32,7 @@ constexpr int STRIDE_Y = 1280;
 constexpr int STRIDE_UV = 640;
 constexpr std::size_t LUMA_BYTES = 921600;
 constexpr std::size_t CHROMA_BYTES = 460800;
-constexpr int UNUSED_ARGUMENT = 5;  // the value that has always been passed; nobody reads it
+constexpr int UNUSED_ARGUMENT = 5;  // `reserved` of video_stabilizer_create
 
 VideoStabilizerUser test_user = {&frame_ctx, create_frame_from_video_buffer};
 
@@ -41,7 +43,7 @@ Frame* frame_over(const Buffer& buffer) {
 bool allocate(Buffer& buffer) {
     buffer.width = WIDTH;
     buffer.height = HEIGHT;
-    // Zeroed, so that an input file that is too short gives the same pictures every time.
+    // Zeroed, so that an input file that is too short gives reproducible pictures.
     buffer.y = static_cast<unsigned char*>(std::calloc(1, LUMA_BYTES));
     buffer.uv = static_cast<unsigned char*>(std::calloc(1, CHROMA_BYTES));
     return buffer.y != nullptr && buffer.uv != nullptr;
@@ -95,7 +97,7 @@ void push_frames(std::FILE* file, VideoStabilizer* stabilizer) {
     for (int i = 0; i < FRAMES; ++i) {
         Frame* const frame = frame_over(frame_ctx.input_buffers[frame_ctx.input_cursor]);
         if (frame == nullptr) {
-            return;  // said in the log
+            return;  // logged
         }
         read_plane(file, frame->plane_y, LUMA_BYTES);
         read_plane(file, frame->plane_uv, CHROMA_BYTES);
@@ -104,7 +106,7 @@ void push_frames(std::FILE* file, VideoStabilizer* stabilizer) {
     }
 }
 
-// Pops until all frames are there or a pop fails. Returns the number of frames.
+// Pops and writes until all frames are done or a pop fails. Returns the number of frames.
 int pop_frames(std::FILE* file, VideoStabilizer* stabilizer) {
     for (int i = 0; i < FRAMES; ++i) {
         Frame* frame = nullptr;
@@ -124,7 +126,7 @@ int pop_frames(std::FILE* file, VideoStabilizer* stabilizer) {
     return FRAMES;
 }
 
-// The part of the test that has all it needs: both ends of the stabilizer at work.
+// Runs the producer thread and pops its frames.
 void run_stream(std::FILE* output, VideoStabilizer* stabilizer) {
     pthread_t producer{};
     if (pthread_create(&producer, nullptr, stabilizer_func, stabilizer) != 0) {
@@ -134,7 +136,7 @@ void run_stream(std::FILE* output, VideoStabilizer* stabilizer) {
     const std::int64_t start_ms = time_ms();
     const int popped = pop_frames(output, stabilizer);
     if (popped < FRAMES) {
-        // Nobody pops any more: the producer would wait for room for ever.
+        // Nobody pops any more, and the producer may be blocked in push.
         video_stabilizer_stop(stabilizer);
     }
     pthread_join(producer, nullptr);
@@ -226,7 +228,7 @@ std::int64_t time_ms() {
 
 }  // namespace videostabilizer
 
-// The library can be started as a program on the device; a host's own main wins when linking.
+// Lets the library be started as a program on the device; a host's own main takes precedence.
 extern "C++" VIDEOSTABILIZER_API int main();
 
 int main() {

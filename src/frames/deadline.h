@@ -1,11 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <ctime>
 
 namespace videostabilizer {
 
-// The point on the real-time clock that lies `milliseconds` from now: the absolute deadline of a
-// timed wait with default condition attributes.
+// The time `milliseconds` from now on the real-time clock, as pthread_cond_timedwait takes it with
+// default condition attributes.
 inline timespec deadline_in(int milliseconds) {
     constexpr long NANOSECONDS_PER_SECOND = 1000000000L;
     timespec deadline{};

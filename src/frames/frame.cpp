@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "videostabilizer/frame.h"
 
 #include <cstddef>
@@ -28,7 +30,7 @@ bool geometry_is_valid(int width, int height, int stride_y, int stride_uv, PixFm
 }
 
 Frame* make_record(std::size_t pixel_bytes) {
-    // The pixels sit behind the record in the same block, and stay uninitialised.
+    // The pixels follow the record in the same block, uninitialised.
     void* block = std::malloc(sizeof(Frame) + pixel_bytes);
     if (block == nullptr) {
         __android_log_print(LOG_ERROR, TAG, OUT_OF_MEMORY_TEXT);
@@ -52,7 +54,7 @@ Frame* frame_create(int width, int height, int stride_y, int stride_uv, PixFmt f
     if (!geometry_is_valid(width, height, stride_y, stride_uv, format)) {
         return nullptr;
     }
-    // 64 bits hold the sum for any arguments; std::size_t may not (32-bit processors).
+    // 64 bits hold the sum for any arguments; std::size_t has 32 bits on some processors.
     const std::uint64_t luma_bytes =
         static_cast<std::uint64_t>(stride_y) * static_cast<std::uint64_t>(height);
     const std::uint64_t chroma_bytes = static_cast<std::uint64_t>(chroma_planes_factor[format]) *

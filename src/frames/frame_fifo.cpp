@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "frames/frame_fifo.h"
 
 #include <unistd.h>
@@ -22,13 +24,12 @@ class Lock {
     pthread_mutex_t& mutex_;
 };
 
-// The newest-frame link of the sentinel is a plain pointer of a plain record, but is read without
-// the lock by fifo_is_empty.
+// fifo_is_empty reads this link of the sentinel without the lock.
 void set_newest(Frame& sentinel, Frame* newest) {
     __atomic_store_n(&sentinel.prev, newest, __ATOMIC_RELEASE);
 }
 
-// The following three expect the mutex to be held.
+// The caller of the following three holds the mutex.
 
 bool holds_frame(const FrameFifo& fifo) {
     return fifo.sentinel.prev != &fifo.sentinel;
@@ -65,7 +66,7 @@ bool has_failed(const FrameFifo& fifo) {
     return fifo.failed != nullptr && fifo.failed->load() != 0;
 }
 
-// Tries to put once. Returns true when the matter is settled, with its result in *result.
+// Tries to put once. Returns false if the queue is full, otherwise true and the outcome in *result.
 bool try_put(const FrameFifo& fifo, Frame* frame, WhenEnded when_ended, int* result) {
     const Lock lock(fifo.mutex);
     if (when_ended == WhenEnded::REFUSE && fifo.eos.load() != 0) {

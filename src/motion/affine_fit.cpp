@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "motion/affine_fit.h"
 
 #include <array>
@@ -85,9 +87,8 @@ void fitAffine(Mat<float>& motion, std::vector<KeyPoint>& src, std::vector<KeyPo
         b.at(row + 1, 0) = dst[i].y;
     }
 
-    // p is the upper two rows of Mn. The solver's result is of no interest: where the points do not
-    // determine a motion it leaves zeros or values without meaning, a model that hardly a pair
-    // agrees with.
+    // p is the upper two rows of Mn. The solver's result is ignored: where the points do not
+    // determine a motion the model has hardly an inlier.
     std::array<float, 9> mn_elements{0, 0, 0, 0, 0, 0, 0, 0, 1};
     Mat<float> p(UNKNOWNS, 1, mn_elements.data(), FLOAT_BYTES);
     SimpleLA::solveLuNormal(a, b, p);
@@ -97,7 +98,7 @@ void fitAffine(Mat<float>& motion, std::vector<KeyPoint>& src, std::vector<KeyPo
     multiply_3x3(*td, mn, motion);
     multiply_3x3(motion, *ts, *td);
     SimpleLA::copy_elements(*td, motion);
-    // Exact whatever the rounding of the inverse, and with points that leave the rest not finite.
+    // Exact even where the rest is not finite.
     set_row(motion, 2, 0.0F, 0.0F, 1.0F);
 }
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <vector>
@@ -7,7 +9,7 @@
 
 // Least-squares fit of the full affine motion (6 parameters) to pairs of points. Both functions
 // read and write positions only; `response` and `reserved` of the points stay as they are.
-// Threads: reentrant. Both throw std::bad_alloc; the exported caller catches it.
+// Threads: thread-safe. Both throw std::bad_alloc; the exported caller catches it.
 
 namespace videostabilizer {
 
@@ -18,12 +20,12 @@ namespace videostabilizer {
 //          translation are NaN; points that all coincide have an infinite scale.
 SimpleLA::Mat<float>* normalizePoints(std::vector<KeyPoint>& pts);
 
-// Fits the affine motion that carries src[i] to dst[i] with the least sum of squared distances, in
-// dst's normalised coordinates. src and dst have the same length, at least 3.
+// Fits the affine motion that maps src[i] to dst[i] with the least sum of squared distances, in the
+// normalised coordinates of dst. src and dst have the same length, at least 3.
 // motion: existing 3x3 matrix with elements; receives [[a, b, c], [d, e, f], [0, 0, 1]]. Where the
-//         points do not determine a motion (they coincide or lie on a line) the first two rows hold
-//         anything, finite or not; the last row is always exact.
-// Both lists are left normalised: pass copies of points that are still needed.
+//         points do not determine a motion (they coincide or are collinear) the first two rows are
+//         unspecified, and may not be finite; the last row is always exact.
+// Both lists are left normalised.
 void fitAffine(SimpleLA::Mat<float>& motion, std::vector<KeyPoint>& src,
                std::vector<KeyPoint>& dst);
 

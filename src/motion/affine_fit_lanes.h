@@ -1,20 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
-// fitAffine for as many sets of pairs at once as a vector type has lanes; with float itself, for
-// one. The values are those of the general routines bit for bit: each operation that could change
-// one is done, in their order, in the same precision. What is left out is exact:
+// fitAffine for as many sets of pairs at once as a vector type has lanes, or for one with OneFloat.
+// The results equal those of fitAffine bit for bit: all operations that can change a value are done
+// in the same order and precision. What is left out changes nothing:
 //
-// - The normal matrix of the interleaved equations x', y' is twice the same symmetric 3x3 matrix M
-//   on the diagonal, and zeros. Eliminating in one block adds zeros to the other, and pivots of one
-//   come from its own rows.
-// - The sums of A^T b are four interleaved partial sums over the equations. Every other term is a
+// - The normal matrix of the interleaved equations for x' and y' consists of zeros and twice the
+//   same symmetric 3x3 matrix M on its diagonal. Elimination in one block adds zeros to the other,
+//   and pivots of a block come from its own rows.
+// - The sums of A^T b are four interleaved partial sums over the equations. Every other term is
 //   zero, which leaves the pairs with even and those with odd index.
-// - The normalising transforms and their inverses have zeros, whose products are added to sums that
-//   began at 0, and so never to a negative zero.
+// - The normalising transforms and their inverses contain zeros, whose products are added to sums
+//   that began at 0 and so are never a negative zero.
 //
-// All that for finite values only: a fit with a result that is not finite is to be done again by
-// fitAffine. And for 4 to 5000 pairs: of three it forms no normal equations, of more it sums in
-// blocks.
+// This holds for finite values: a fit whose result is not finite must be repeated with fitAffine.
+// And for 4 to 5000 pairs: for three fitAffine forms no normal equations, for more than 5000 it sums
+// in blocks.
 
 #include <cstddef>
 
@@ -48,7 +50,7 @@ struct OneFloat {
     static OneFloat narrow(Wide a) { return {static_cast<float>(a.v)}; }
 };
 
-// The coordinates of n points for each lane: coordinate i of lane l is at [i * LANES + l].
+// The coordinates of n pairs for each lane: those of pair i in lane l are at [i * LANES + l].
 struct PairLanes {
     float* src_x;
     float* src_y;
@@ -96,7 +98,7 @@ Normalising<Floats> normalise_lanes(float* xs, float* ys, int n) {
     return {scale, zero - mx * scale, zero - my * scale};
 }
 
-// M and its two right sides, A^T b for x' and for y', a row each: [M(i, 0 .. 2), b_x, b_y].
+// M and its two right sides, A^T b for x' and for y', row by row: [M(i, 0 .. 2), b_x, b_y].
 template <typename Floats>
 struct NormalEquations {
     Floats row[3][5];
@@ -165,7 +167,7 @@ void swap_rows_where(typename Floats::Mask mask, Floats (&a)[5], Floats (&b)[5])
 }
 
 // LU with row pivoting and its two solutions p(0 .. 2) and p(3 .. 5); zeros where a pivot is below
-// the limit of LU.
+// LU's limit for singular matrices.
 template <typename Floats>
 void solve_lanes(NormalEquations<Floats>& m, Floats p[6]) {
     const Floats zero = Floats::splat(0.0F);
@@ -174,8 +176,7 @@ void solve_lanes(NormalEquations<Floats>& m, Floats p[6]) {
     Floats regular = one;  // 0 where the matrix is singular
     Floats reciprocal[3];
     for (int i = 0; i < 3; ++i) {
-        // The first of the largest: a later row comes to the front only if it is larger than all
-        // before it. What was in front goes where the largest came from.
+        // The first of the largest elements becomes the pivot: a later row only if it is larger.
         if (i == 0) {
             const auto second = less(absolute(m.row[0][0]), absolute(m.row[1][0]));
             const Floats larger = pick(second, m.row[1][0], m.row[0][0]);
@@ -213,8 +214,8 @@ void solve_lanes(NormalEquations<Floats>& m, Floats p[6]) {
     }
 }
 
-// Fits the motions of all lanes: element e of the upper two rows is at models[e * LANES + l]. The
-// pairs are left normalised.
+// Fits the motions of all lanes: element e of the upper two rows is written to
+// models[e * LANES + l]. The pairs are left normalised.
 template <typename Floats>
 void fit_affine_lanes(const PairLanes& pairs, float* models) {
     constexpr std::ptrdiff_t LANES = Floats::LANES;

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "motion/camera_pose.h"
 
 #include <algorithm>
@@ -17,7 +19,7 @@ bool pose_of_motion(const float motion[9], PictureCentre centre, CameraPose& pos
     if (!std::isnormal(det) || det < 0) {
         return false;
     }
-    // The position that arrives at the centre is where the later picture looks.
+    // The position that the motion maps to the centre.
     const double to_x = centre.x - c;
     const double to_y = centre.y - f;
     pose.x = (e * to_x - b * to_y) / det - centre.x;

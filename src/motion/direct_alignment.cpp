@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "motion/direct_alignment.h"
 
 #include <algorithm>
@@ -7,38 +9,43 @@ namespace videostabilizer {
 
 namespace {
 
-constexpr std::size_t MOST_PATCHES = 100;
-constexpr std::size_t FEWEST_PATCHES = 12;
+// "Measured": see the table in docs/strength.md; what has no effect there when it is halved or
+// doubled is called uncritical.
+constexpr std::size_t MOST_PATCHES = 100;   // the detector finds about as many corners; measured
+constexpr std::size_t FEWEST_PATCHES = 12;  // six equations for each unknown; uncritical
 
-// Pixels of the analysis image: pairs further from the step are not the background's.
+// Pixels of the analysis image: pairs further from the step belong to moving objects; measured.
 constexpr double NEAR = 2;
-// Pixels: patches that are displaced by more are beyond what their gradient can tell.
+// Pixels: the gradient predicts no larger displacement of a patch; measured.
 constexpr double LARGEST_DISPLACEMENT = 2;
-// Pixels, at the picture's corners: the tracked pairs are not wrong by so much.
+// Pixels, at the picture's corners: a larger correction is an error; measured.
 constexpr double LARGEST_CHANGE = 2;
 
+// Rounds end when the correction is small: the next would be a tenth of it. Both are uncritical.
 constexpr int MOST_ROUNDS = 4;
-constexpr double SMALL_CHANGE = 0.03;  // pixels at the corners: the next would be a tenth of it
-constexpr int REWEIGHTINGS = 3;
+constexpr double SMALL_CHANGE = 0.03;  // pixels at the picture's corners
+constexpr int REWEIGHTINGS = 3;        // uncritical
 
-constexpr double WEAKEST_GAIN = 0.5;  // contrast of the later picture against the earlier
+constexpr double WEAKEST_GAIN = 0.5;  // contrast relative to the earlier picture; uncritical
 constexpr double STRONGEST_GAIN = 2;
-constexpr double LARGEST_MISFIT = 0.5;  // share of the energy
-constexpr double FLATTEST = 1e-3;       // smaller against larger gradient: an edge, not a corner
+constexpr double LARGEST_MISFIT = 0.5;  // relative to the energy; measured
+constexpr double FLATTEST =
+    1e-3;  // ratio of the gradients' moments: an edge, not a corner; uncritical
 
-// Patches are displaced differently by more than noise where the scene has depth. Then no layer of
-// it is to be picked out: another would be in the next frame.
-constexpr double SOFTNESS = 6;        // variances of an error that weighs a quarter
-constexpr double FLAT_SCATTER = 0.1;  // pixels of the analysis image: where the softness is doubled
-constexpr double LEAST_SCATTER = 0.001;  // pixels; against division by nothing
+// With depth in the scene, displacements differ by more than noise. Then more patches are to share
+// in the fit, so that it does not select one layer now and another in the next frame.
+constexpr double SOFTNESS = 6;        // variances of an error with a weight of 1/4; measured
+constexpr double FLAT_SCATTER = 0.1;  // pixels of the analysis image that double it; uncritical
+constexpr double LEAST_SCATTER =
+    0.001;  // pixels; below what a patch can tell; avoids division by 0
 
-// Pictures are read through a cubic B-spline: at any fraction of a pixel it blurs by the same
-// variance, a third of a square pixel, and moves nothing, so that it draws no motion towards whole
+// Pictures are interpolated with the cubic B-spline: at any fraction of a pixel it blurs by the same
+// variance, a third of a square pixel, and shifts nothing, so that it has no bias towards whole
 // pixels; and its blur is wide enough for the gradient.
 constexpr int TAPS = 4;
 
 struct Taps {
-    float weights[TAPS];  // of the pixel before the position, that at it, and the next two
+    float weights[TAPS];  // of the pixels at -1, 0, 1 and 2 from the position
 };
 
 // The spline and its derivative at whole pixels.
@@ -56,8 +63,8 @@ Taps spline_at(float fraction) {
              f * f * f / 6}};
 }
 
-// A square of pixels with a border of one before and two behind, and one column to make up whole
-// registers.
+// A square of pixels with a border of one pixel before it and two after it, and one more column to
+// fill registers.
 template <int SIDE>
 struct Window {
     static constexpr int ROWS = SIDE + TAPS - 1;
@@ -75,7 +82,7 @@ struct Window {
         }
     }
 
-    // The square at a fraction of a pixel to the right and down.
+    // The square shifted by fractions of a pixel.
     void shifted(const Taps& across, const Taps& down, float* __restrict out) const {
         const float* const a = across.weights;
         const float* const d = down.weights;
@@ -92,7 +99,7 @@ struct Window {
         }
     }
 
-    // The square where it is, and its gradient.
+    // The square unshifted, and its gradient.
     void in_place(float* __restrict grey, float* __restrict along, float* __restrict down) const {
         for (int r = 0; r < SIDE; ++r) {
             float value[COLUMNS];
@@ -110,7 +117,7 @@ struct Window {
     }
 };
 
-// Sums in as many strands as registers hold.
+// Sums in parallel strands, for vector registers.
 constexpr int STRANDS = 4;
 
 float total(const float (&strands)[STRANDS]) {
@@ -154,7 +161,7 @@ void take_part_away(float (&values)[COUNT], const float (&direction)[COUNT], dou
 struct Equations {
     double m[4][5] = {};
 
-    // A displacement of (dx, dy) at (x, y), with a symmetric matrix of weights.
+    // Adds a displacement of (dx, dy) at (x, y), with a symmetric weight matrix.
     void add(double x, double y, double dx, double dy, double wxx, double wxy, double wyy) {
         const double in_x[4] = {x, -y, 1, 0};
         const double in_y[4] = {y, x, 0, 1};
@@ -168,9 +175,10 @@ struct Equations {
         }
     }
 
-    // Elimination without pivoting, for the matrix is positive definite where there is an answer.
+    // Elimination without pivoting: the matrix is positive definite, or singular.
     bool solve(Similarity& s) {
-        constexpr double SINGULAR = 1e-9;
+        constexpr double SINGULAR =
+            1e-9;  // of a diagonal element: rounding leaves some 1e-16 of it
         double x[4];
         for (int i = 0; i < 4; ++i) {
             for (int j = 0; j < i; ++j) {
@@ -212,7 +220,7 @@ DirectAlignment::DirectAlignment(int width, int height, double pixel)
     errors_.reserve(MOST_PATCHES);
 }
 
-// Whether a patch at (x, y) can be read with its border.
+// Whether a patch at (x, y) and its border are inside the picture.
 bool DirectAlignment::has_room(int x, int y) const {
     return x >= 1 && y >= 1 && x - 1 + Window<SIDE>::COLUMNS <= width_ &&
            y - 1 + Window<SIDE>::ROWS <= height_;
@@ -250,7 +258,7 @@ void DirectAlignment::make_patch(const LumaPair& pictures, int x, int y, Patch& 
     p.grow_y = product(p.down, grow);
 }
 
-// Patches evenly from the list, which goes down the picture.
+// Takes patches evenly from the list, which is sorted by rows of the picture.
 void DirectAlignment::choose_patches(const LumaPair& pictures, const std::vector<KeyPoint>& from,
                                      const std::vector<KeyPoint>& to, const Similarity& motion) {
     count_ = 0;
@@ -270,7 +278,7 @@ void DirectAlignment::choose_patches(const LumaPair& pictures, const std::vector
     }
 }
 
-// Looks at the patch where `motion` carries it.
+// Measures the displacement of a patch from where `motion` maps it.
 void DirectAlignment::measure(const LumaPair& pictures, const Similarity& motion,
                               Patch& patch) const {
     Patch& p = patch;
@@ -300,21 +308,21 @@ void DirectAlignment::measure(const LumaPair& pictures, const Similarity& motion
         !(p.misfit * p.energy < LARGEST_MISFIT * square)) {
         return;
     }
-    // The window is not turned and enlarged as the motion would have it. To first order that adds
-    // the gradient times the distance from the middle times the inverse of the linear part less 1.
+    // The window is shifted but not rotated and scaled. To first order this adds the gradient times
+    // (inverse of the motion's linear part - 1) times the distance from the middle.
     const double linear = motion.a * motion.a + motion.b * motion.b;
     const double grown = motion.a / linear - 1;
     const double turned = -motion.b / linear;
     const double rx = product(later, p.along) / gain - grown * p.grow_x - turned * p.turn_x;
     const double ry = product(later, p.down) / gain - grown * p.grow_y - turned * p.turn_y;
-    // What is seen lies further along the gradient by so much: the patch is to go the other way.
+    // The grey levels are those of a position further on by this; the displacement is its opposite.
     p.dx = -(p.yy * rx - p.xy * ry) / determinant;
     p.dy = -(p.xx * ry - p.xy * rx) / determinant;
     p.counts = p.dx * p.dx + p.dy * p.dy < LARGEST_DISPLACEMENT * LARGEST_DISPLACEMENT;
 }
 
-// The variance, square pixels, of the displacements that `change` does not explain, from their
-// median (of two Gaussian variables, 2 ln 2 variances); negative when there are too few.
+// The variance, square pixels, of the displacements minus `change`, from the median of their squared
+// lengths (2 ln 2 variances, for Gaussian noise); negative when there are too few.
 double DirectAlignment::scatter(const Similarity& change) {
     errors_.clear();
     for (std::size_t i = 0; i < count_; ++i) {
@@ -333,8 +341,7 @@ double DirectAlignment::scatter(const Similarity& change) {
     return std::max(LEAST_SCATTER * LEAST_SCATTER, *middle / (2 * std::log(2.0)));
 }
 
-// Finds the displacement field that most patches agree on: add it to the motion. False when there
-// are too few.
+// Fits a similarity to the displacements, to be added to the motion. False when there are too few.
 bool DirectAlignment::fit_change(Similarity& change) {
     change = {};
     for (int k = 0; k < REWEIGHTINGS; ++k) {
@@ -350,8 +357,8 @@ bool DirectAlignment::fit_change(Similarity& change) {
             if (!p.counts) {
                 continue;
             }
-            // A displacement varies by the scatter, and by the noise of the grey levels where the
-            // gradient is small; it weighs by the inverse.
+            // The weight is the inverse covariance: scatter, and noise of the grey levels, which
+            // matters more the smaller the gradient.
             const double noise = p.misfit * p.energy / (AREA * (p.xx * p.yy - p.xy * p.xy));
             const double vxx = variance + noise * p.yy;
             const double vxy = -noise * p.xy;
@@ -372,7 +379,7 @@ bool DirectAlignment::fit_change(Similarity& change) {
     return true;
 }
 
-// How far the displacement field moves any of the picture's corners.
+// The largest displacement of a corner of the picture, pixels.
 double DirectAlignment::reach(const Similarity& field) const {
     double most = 0;
     for (const double x : {-centre_.x, centre_.x}) {
@@ -383,7 +390,7 @@ double DirectAlignment::reach(const Similarity& field) const {
     return most;
 }
 
-// Whether the patches that count agree better than at the start.
+// Whether the patches match no worse than with the initial step.
 bool DirectAlignment::agrees_better() const {
     double before = 0;
     double after = 0;

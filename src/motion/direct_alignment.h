@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstddef>
@@ -9,35 +11,35 @@
 
 namespace videostabilizer {
 
-// The luma of two successive pictures: packed rows of `pitch` bytes.
+// The luma planes of two successive pictures, `pitch` bytes from row to row.
 struct LumaPair {
     const unsigned char* earlier;
     const unsigned char* later;
     int pitch;
 };
 
-// Refines the camera's step on the full-resolution pictures themselves. Tracked pairs are good to a
-// few hundredths of a pixel of the analysis image, and these errors add up along the path; the
-// grey levels around the corners tell some thousandths of a pixel of the full picture.
+// Refines a step of the camera on the full-resolution pictures. Tracked pairs are good to a few
+// hundredths of a pixel of the analysis image, and these errors add up along the path; grey levels
+// around the corners give thousandths of a pixel of the full picture.
 //
-// Small patches of the earlier picture are laid onto the later one where the step carries them. The
-// displacement that each has left follows from the difference of the grey levels and the gradient
-// (B. D. Lucas and T. Kanade, 1981), the gradient being that of the earlier picture, so that it is
-// computed once (inverse compositional: S. Baker and I. Matthews, 2004). The similarity that
-// explains the displacements of most patches, by reweighted least squares (S. Geman and D. McClure,
-// 1985), corrects the step, and all is done once or twice again.
+// Small patches of the earlier picture are compared with the later one where the step maps them to.
+// The remaining displacement of each follows from the difference of the grey levels and the gradient
+// (B. D. Lucas and T. Kanade, 1981); the gradient is that of the earlier picture, and so computed
+// once (inverse compositional: S. Baker and I. Matthews, 2004). The similarity that fits the
+// displacements best, by reweighted least squares (S. Geman and D. McClure, 1985), corrects the
+// step. This is iterated until the correction is small.
 //
-// Threads: one at a time.
+// Threads: owner only.
 class DirectAlignment {
   public:
-    // The size of the picture in pixels, at most that of the luma planes. pixel: the size of a
+    // width, height: size of the picture, pixels, at most that of the luma planes. pixel: size of a
     // pixel of the analysis image, in these. Throws std::bad_alloc; needs 190 KB.
     DirectAlignment(int width, int height, double pixel);
 
-    // from, to: pairs near which to look, in pixels, lists of the same length; `from` has positions
-    // of whole pixels. `step` is the step to start from, right to about a pixel, and receives the
-    // better one. Returns false, with the step as it was, where the pictures do not tell it: too
-    // few patches with texture, or no better agreement, or agreement elsewhere.
+    // from, to: tracked pairs, in pixels, lists of the same length; `from` has whole coordinates.
+    // `step` is the initial step, right to about a pixel, and receives the refined one. Returns
+    // false and leaves it as it is where too few patches have texture, the pictures do not match
+    // better than before, or the change is too large.
     bool refine(const LumaPair& pictures, const std::vector<KeyPoint>& from,
                 const std::vector<KeyPoint>& to, CameraPose& step);
 
@@ -46,20 +48,20 @@ class DirectAlignment {
     static constexpr int AREA = SIDE * SIDE;
 
     struct Patch {
-        double x, y;        // the middle in the earlier picture, from the picture's centre
-        float grey[AREA];   // grey levels, less their mean
-        float along[AREA];  // gradient, less what a change of brightness or contrast would explain
-        float down[AREA];   //
+        double x, y;        // its middle in the earlier picture, relative to the picture's centre
+        float grey[AREA];   // grey levels minus their mean
+        float along[AREA];  // horizontal gradient, orthogonal to brightness and contrast changes
+        float down[AREA];   // vertical gradient, likewise
         double energy;      // sum of squares of `grey`
-        double xx, xy, yy;  // sums of products of the gradient
-        double turn_x, turn_y;  // what turning and growing around the middle adds to the sums of
-        double grow_x, grow_y;  // gradient times grey level
-        // Found by the last measure().
-        bool counts;
-        double dx, dy;  // displacement that is left, pixels
-        double misfit;  // squared difference of the grey levels, per unit of energy
-        double first_misfit;
-        double weight;
+        double xx, xy, yy;  // sums of products of the gradients
+        double turn_x, turn_y;  // sums of gradient times the change of grey level by rotation and
+        double grow_x, grow_y;  // by zoom about the patch's middle
+        // Results of measure().
+        bool counts;          // dx, dy are valid
+        double dx, dy;        // remaining displacement, pixels
+        double misfit;        // squared difference of the grey levels, relative to the energy
+        double first_misfit;  // that of the initial step
+        double weight;        // in the last fit
     };
 
     void choose_patches(const LumaPair& pictures, const std::vector<KeyPoint>& from,

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The estimator's fits and counts with AVX2 instructions, for which the build sets the options of
 // this file.
 

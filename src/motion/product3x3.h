@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <algorithm>
@@ -9,7 +11,7 @@
 namespace videostabilizer {
 
 // product = a b for 3x3 matrices, in single precision, each element summed from k = 0 upwards.
-// `product` has its elements already and shares them with neither factor.
+// `product` has elements and shares them with neither factor.
 inline void multiply_3x3(const SimpleLA::Mat<float>& a, const SimpleLA::Mat<float>& b,
                          SimpleLA::Mat<float>& product) {
     for (int i = 0; i < 3; ++i) {

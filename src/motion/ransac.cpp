@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "videostabilizer/ransac.h"
 
 #include <algorithm>
@@ -25,20 +27,21 @@ using SimpleLA::Mat;
 constexpr char TAG[] = "global_motion";
 constexpr int MIN_SIZE = 3;  // pairs that determine an affine motion
 
-// Whether the general routines form and sum normal equations as fit_affine_lanes does: three pairs
-// they solve as they are, and very many they sum in blocks.
+// Whether fitAffine forms and sums normal equations as fit_affine_lanes does: three pairs are solved
+// directly, and more than 10,000 equations are summed in blocks.
 bool has_lane_form(int pairs) {
     return pairs > MIN_SIZE && pairs <= 5000;
 }
 
-// The first samples are fitted one by one, for with good pairs one of them ends the sampling, and
-// then whole vectors of them.
+// The first samples are fitted singly, since with good pairs one of them ends the sampling; then
+// whole vectors of them. As many as the widest vector has lanes: if none of them was good, many more
+// will be needed.
 constexpr int FITTED_SINGLY = 8;
 
 constexpr int MODEL = 6;  // elements of a model, the upper two rows of a motion
 
-// Guards the generator behind srand48 and lrand48, which all stabilizers of the process share.
-// Held while seeding and while drawing samples, never while fitting.
+// Guards the process-wide generator behind srand48 and lrand48. Held while seeding and while drawing
+// samples, never while fitting.
 std::mutex generator_mutex;
 
 void seed_generator() {
@@ -46,9 +49,8 @@ void seed_generator() {
     srand48(std::time(nullptr));  // NOLINT(concurrency-mt-unsafe): the lock is what it asks for
 }
 
-// Draws one sample after another, each of `size` different indices below n. n is at least twice the
-// size: a draw repeats an earlier one with a probability below one half, so the inner loop is
-// short.
+// Draws samples of `size` different indices below n each. n is at least twice the size, so a draw
+// repeats an earlier one with a probability below one half and the inner loop is short.
 void draw_samples(std::size_t* drawn, int samples, std::size_t size, std::size_t n) {
     const std::lock_guard<std::mutex> lock(generator_mutex);
     for (std::size_t* const end = drawn + static_cast<std::size_t>(samples) * size; drawn != end;) {
@@ -62,7 +64,7 @@ void draw_samples(std::size_t* drawn, int samples, std::size_t size, std::size_t
     }
 }
 
-// What makes a pair an inlier, and a model acceptable, for n pairs.
+// When a pair is an inlier and a model acceptable, for n pairs.
 struct Criteria {
     Tolerance tolerance;
     int min_inliers;
@@ -72,7 +74,7 @@ struct Criteria {
 Criteria choose_criteria(long long n, const RansacParams& params) {
     const int enough = static_cast<int>(3 * n / 4);
     if (n >= 4LL * params.size) {
-        // Horizontal errors get a pixel more.
+        // The horizontal bound is one pixel larger.
         const float wide = params.thresh + 1.0F;
         return {{wide * wide, params.thresh * params.thresh}, static_cast<int>(2 * n / 5), enough};
     }
@@ -80,14 +82,14 @@ Criteria choose_criteria(long long n, const RansacParams& params) {
     return {{params.thresh, params.thresh}, static_cast<int>(3 * n / 5), enough};
 }
 
-// False for an error that is NaN.
+// False when an error is NaN.
 inline bool is_inlier(const PairArrays& pairs, int i, const float model[MODEL],
                       Tolerance tolerance) {
     const float x = pairs.src_x[i];
     const float y = pairs.src_y[i];
     const float ex = ((model[1] * y + model[0] * x) + model[2]) - pairs.dst_x[i];
     const float ey = ((model[4] * y + model[3] * x) + model[5]) - pairs.dst_y[i];
-    // No branch between the two: which errors are small is as good as random.
+    // No branch between the two, which would be unpredictable.
     return (static_cast<int>(ex * ex < tolerance.x) & static_cast<int>(ey * ey < tolerance.y)) != 0;
 }
 
@@ -112,7 +114,7 @@ class Coordinates {
 
     PairLanes lanes(int n) { return {src_x(), src_y(), dst_x(), dst_y(), n}; }
     PairArrays arrays(int n) { return {src_x(), src_y(), dst_x(), dst_y(), n}; }
-    // Pair `from` of the list becomes pair `to` of this.
+    // Copies pair `from` of the list to pair `to`.
     void take(const PairArrays& pairs, std::size_t from, std::size_t to) {
         src_x()[to] = pairs.src_x[from];
         src_y()[to] = pairs.src_y[from];
@@ -125,7 +127,7 @@ class Coordinates {
     std::vector<float> values_;
 };
 
-// The lists as arrays, padded with pairs that are no inliers.
+// The lists as arrays, padded as PairArrays says.
 Coordinates split_pairs(const std::vector<KeyPoint>& src, const std::vector<KeyPoint>& dst,
                         std::size_t n) {
     constexpr std::size_t MULTIPLE = 8;
@@ -140,8 +142,7 @@ Coordinates split_pairs(const std::vector<KeyPoint>& src, const std::vector<KeyP
     return pairs;
 }
 
-// The samples of one turn: their indices one sample after another, and their coordinates and models
-// side by side.
+// A batch of samples: indices sample by sample, coordinates and models interleaved by lane.
 class SampleBatch {
   public:
     SampleBatch(std::size_t size, int lanes)
@@ -150,7 +151,7 @@ class SampleBatch {
           points_(size * static_cast<std::size_t>(lanes)),
           models_(static_cast<std::size_t>(MODEL * lanes)) {}
 
-    // Draws `samples` samples and fits `lanes` models, of which the rest repeats the first.
+    // Draws `samples` samples and fits `lanes` models; those beyond the samples repeat the first.
     void draw_and_fit(const PairArrays& pairs, int samples, int lanes, SampleFit* fit) {
         lanes_ = static_cast<std::size_t>(lanes);
         draw_samples(indices_.data(), samples, size_, static_cast<std::size_t>(pairs.n));
@@ -161,7 +162,7 @@ class SampleBatch {
         fit(points_.lanes(static_cast<int>(size_)), models_.data());
     }
 
-    // Copies the model of a sample; where it is not finite, as the general routines make it.
+    // Copies the model of a sample, fitted again by the definition where it is not finite.
     void model_of(int lane, const PairArrays& pairs, float model[MODEL]) const {
         for (std::size_t e = 0; e < MODEL; ++e) {
             model[e] = models_[e * lanes_ + static_cast<std::size_t>(lane)];
@@ -190,8 +191,8 @@ class SampleBatch {
     std::vector<float> models_;
 };
 
-// Leaves the model with the most inliers in `best_model`, not refined, and returns their number; a
-// later sample wins a tie. Without any sample returns -1.
+// Leaves the model with the most inliers in `best_model`, not refined, and returns their number, -1
+// without any sample. A later sample wins a tie.
 int find_best_model(const EstimateVariant& variant, const PairArrays& pairs,
                     const RansacParams& params, const Criteria& criteria, float best_model[MODEL]) {
     SampleBatch batch(static_cast<std::size_t>(params.size), variant.lanes);
@@ -218,10 +219,10 @@ int find_best_model(const EstimateVariant& variant, const PairArrays& pairs,
     return best;
 }
 
-// Refits the model to all of its inliers, of which there are `count`.
+// Refits the model to all of its `count` inliers.
 void refit(const EstimateVariant& variant, const PairArrays& pairs, int count, Tolerance tolerance,
            float model[MODEL]) {
-    // One more, to write behind the last inlier what proves to be none.
+    // One more: outliers are written behind the last inlier, too, and then overwritten.
     Coordinates inliers(static_cast<std::size_t>(count) + 1);
     const auto collect = [&] {
         std::size_t found = 0;

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <vector>
@@ -8,8 +10,8 @@
 
 namespace videostabilizer {
 
-// All pairs of one estimate, each coordinate in an array of its own. The arrays go on to a multiple
-// of 8 with pairs that are no inliers of anything.
+// All pairs of one estimate, one array per coordinate, padded to a multiple of 8 with NaN, which is
+// never an inlier.
 struct PairArrays {
     const float* src_x;
     const float* src_y;
@@ -18,18 +20,18 @@ struct PairArrays {
     int n;
 };
 
-// What makes a pair an inlier of a model: the upper bounds of its squared errors, pixels^2.
+// Upper bounds of the squared errors of an inlier, pixels^2.
 struct Tolerance {
     float x;
     float y;
 };
 
-// Fits one motion to the pairs of each lane, see fit_affine_lanes. Values that are not finite are
-// no result. Only the fit of the general routines throws, std::bad_alloc.
+// Fits one motion to the pairs of each lane, see fit_affine_lanes. A result that is not finite is
+// invalid. Only fit_by_matrices throws, std::bad_alloc.
 using SampleFit = void(const PairLanes& pairs, float* models);
 
-// The number of inliers of a model, the upper two rows of a motion; where that is below `wanted`,
-// any number below it.
+// The number of inliers of a model, the upper two rows of a motion; or any number below `wanted`
+// where it is below `wanted`.
 using InlierCount = int(const PairArrays& pairs, const float model[6], Tolerance tolerance,
                         int wanted);
 
@@ -52,7 +54,7 @@ InlierCount count_inliers;
 struct EstimateVariant {
     const char* name;
     CpuLevel level;
-    int lanes;           // samples that fit_samples takes
+    int lanes;           // samples per call of fit_samples
     SampleFit* fit_one;  // one sample, or all inliers
     SampleFit* fit_samples;
     InlierCount* count_inliers;
@@ -72,7 +74,7 @@ constexpr EstimateVariant estimate_variants[] = {
 #endif
 };
 
-// estimateGlobalMotionRansac by a variant.
+// estimateGlobalMotionRansac with a variant.
 void estimate_motion(const EstimateVariant& variant, SimpleLA::Mat<float>& motion, MotionLog& log,
                      const std::vector<KeyPoint>& src, const std::vector<KeyPoint>& dst,
                      const RansacParams& params);

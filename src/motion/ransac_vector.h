@@ -1,6 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
-// Models of many samples, and inliers of many pairs, at once, for the level that VS_LEVEL names.
+// Fit of several samples and count of several pairs at once, for the level that VS_LEVEL names.
 
 #include <cstddef>
 
@@ -27,7 +29,8 @@ int count_inliers(const PairArrays& pairs, const float model[6], Tolerance toler
     const Floats limit_y = Floats::splat(tolerance.y);
     int count = 0;
     for (int i = 0; i < pairs.n;) {
-        // Most models are bad ones, and give up after a part of the pairs.
+        // Most models are bad, which shows after a part of the pairs: a multiple of the lanes, and
+        // large enough for the check not to matter.
         constexpr int PART = 64;
         const int end = pairs.n - i > PART ? i + PART : pairs.n;
         Tally inliers;

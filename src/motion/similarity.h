@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cmath>
@@ -6,7 +8,7 @@
 
 namespace videostabilizer {
 
-// (x, y) -> (a x - b y + c, b x + a y + d), positions from the picture's centre, pixels.
+// (x, y) -> (a x - b y + c, b x + a y + d), in pixels relative to the picture's centre.
 struct Similarity {
     double a, b, c, d;
 
@@ -14,8 +16,7 @@ struct Similarity {
     double map_y(double x, double y) const { return b * x + a * y + d; }
 };
 
-// Where the camera's step carries positions. A picture turns and grows against it: see
-// motion_of_pose.
+// The motion of positions for a step of the camera: the inverse of the step, as in motion_of_pose.
 inline Similarity similarity_of_step(const CameraPose& step) {
     const double scale = std::exp(step.zoom);
     Similarity s{};

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <vector>
@@ -7,25 +9,24 @@
 
 namespace videostabilizer {
 
-// Fits the camera's step from tracked pairs as a similarity, more finely than the affine estimate
-// from which it starts: with two parameters less and a tolerance of about a pixel of the analysis
-// image it hardly feels the noise of single pairs, nor objects that move by themselves but stay
-// within the wide tolerance of that estimate.
+// Fits a step of the camera to tracked pairs as a similarity, more precisely than the affine
+// estimate it starts from: with two parameters less and a tolerance of about a pixel of the analysis
+// image it is robust against noise and against moving objects that are inliers of that estimate.
 //
-// Where that estimate leaves many pairs unexplained it draws samples of two pairs, takes the model
-// with the least sum of squared errors, each capped (MSAC: P. H. S. Torr and A. Zisserman, 2000),
-// the affine estimate being one of the candidates, and refines it by reweighted least squares with
-// the weights of S. Geman and D. McClure (1985). The samples are the same for the same number of
-// pairs, so the result repeats.
+// Where the estimate leaves a large error, samples of two pairs are drawn, and the model with the
+// least truncated squared error (MSAC: P. H. S. Torr and A. Zisserman, 2000) is chosen, the estimate
+// being one of the candidates. Iteratively reweighted least squares with the weights of S. Geman and
+// D. McClure (1985) refines it. The samples depend on the number of pairs only, so that results
+// repeat.
 //
-// Threads: one at a time.
+// Threads: thread-safe.
 class SimilarityFit {
   public:
-    // pixel: the size of a pixel of the analysis image, in pixels of the full picture.
+    // pixel: size of a pixel of the analysis image, in pixels of the full picture.
     SimilarityFit(PictureCentre centre, double pixel);
 
-    // from, to: the pairs, in full-resolution pixels; the lists have the same length. `pose` is the
-    // step to start from and receives the better one. Without enough pairs it stays.
+    // from, to: the pairs, in full-resolution pixels, lists of the same length. `pose` is the initial
+    // step and receives the refined one; it stays as it is where the pairs do not determine one.
     void refine(const std::vector<KeyPoint>& from, const std::vector<KeyPoint>& to,
                 CameraPose& pose) const;
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "videostabilizer/gaussian_motion_filter.h"
 
 #include <algorithm>
@@ -25,7 +27,7 @@ void log_out_of_memory() {
     __android_log_print(LOG_ERROR, TAG, OUT_OF_MEMORY_TEXT);
 }
 
-// Returns false, and leaves the filter as it was, when there is no memory for the weights.
+// Returns false and leaves the filter as it was when memory runs out.
 bool try_set_params(GaussianMotionFilter& filter, int radius, float stdev) {
     radius = std::max(radius, 0);
     try {
@@ -55,7 +57,7 @@ std::size_t slot_of(int i, std::size_t slots) {
     return static_cast<unsigned int>(i) % slots;
 }
 
-// A product of motions that grows to the left, as getMotion composes it, without taking memory.
+// The product of motions that getMotion computes, factor by factor, without allocation.
 class MotionProduct {
   public:
     void begin() { SimpleLA::set_identity(*product_); }
@@ -109,7 +111,7 @@ void gaussian_motion_filter_stabilize(GaussianMotionFilter* filter, Mat<float>& 
                                       std::vector<MotionLog>& logs, int first, int last) {
     static_cast<void>(logs);
     const int radius = filter->radius;
-    // Wide, because idx and the radius are any ints. The offset +radius itself is left out.
+    // In 64 bits: idx and the radius may be any ints. The offset +radius itself is excluded.
     const int lo =
         static_cast<int>(std::max<long long>(static_cast<long long>(idx) - radius, first));
     const int hi =
@@ -127,9 +129,9 @@ void gaussian_motion_filter_stabilize(GaussianMotionFilter* filter, Mat<float>& 
         }
         sum += weight;
     };
-    // In the order of the frames, which decides how the sums are rounded. The transforms to later
-    // frames continue each other; those to earlier ones start at the frame they lead to, so that
-    // they share nothing that rounds alike.
+    // In the order of the frames, which determines the rounding. The products for later frames are
+    // continued from one to the next; those for earlier frames begin with a factor of their own, so
+    // that nothing can be shared without rounding differently.
     MotionProduct product;
     for (int j = lo; j < std::min(hi, idx); ++j) {
         product.begin();

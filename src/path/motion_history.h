@@ -1,6 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "motion/camera_pose.h"
@@ -8,44 +11,44 @@
 
 namespace videostabilizer {
 
-// The movement of the camera from frame to frame as far as it is known, with the gaps closed and
-// the scene cuts marked. Frames count from 0; step k leads from frame k to frame k + 1.
+// The camera's motion from frame to frame, with gaps closed and scene cuts marked. Step k leads from
+// frame k to frame k + 1.
 //
-// A scene cut is a step whose motion was not found although the earlier picture had corners enough
-// to follow (24), of which less than a tenth moved in any common way, while the steps right before
-// and after it were found and are calm (below a twentieth of the diagonal). A picture that is dark,
-// blurred, covered or flashed for a moment is not: it spoils the step into it and the one out of it.
-// Nor is a whip pan, which blurs several, or has fast ones beside the one that was lost.
+// A scene cut is a step that was not found although the earlier picture had enough corners (24), of
+// which less than a tenth agreed on any motion, while the steps before and after it were found and
+// are small (below a twentieth of the diagonal). A picture that is dark, blurred, covered or flashed
+// is no cut: the steps into and out of it are both lost. Nor is a whip pan, which loses several steps
+// or has large ones beside the lost one.
 //
-// A gap, one or more steps in a row that were not found and are no cut, is taken to be crossed at a
-// speed that changes evenly from that before to that behind. So a camera that pans goes on panning,
-// and one that stands keeps still.
+// A gap is one or more steps in a row that were not found and are no cut. Its steps are interpolated
+// linearly between the speeds before and after it: a camera that pans goes on panning.
 //
-// Threads: one at a time.
+// Threads: owner only.
 class MotionHistory {
   public:
-    // Remembers the steps of `reach` frames on either side of the one that is asked for last.
-    // Throws std::bad_alloc.
+    // Keeps the steps of `reach` frames on either side of a frame that is `reach` frames old. Throws
+    // std::bad_alloc.
     MotionHistory(int width, int height, int reach, bool repairs, bool finds_cuts);
 
-    // The motion from the newest frame to one more: as estimated, with `corners` that there were in
-    // the earlier picture. The first call adds frames 0 and 1. Returns the step for its refinement,
-    // or null when there is none.
-    CameraPose* add(const float motion[9], const MotionLog& log, std::size_t corners);
+    // Adds step k, one more than the last: the motion as estimated, and the number of corners in the
+    // earlier picture. Returns the step, to be refined, or null when none was found.
+    CameraPose* add(std::int64_t k, const float motion[9], const MotionLog& log,
+                    std::size_t corners);
 
-    // The camera's step from frame k to k + 1; closed gaps included.
-    CameraPose step(int k) const;
+    // The camera's step from frame k to k + 1, with gaps closed.
+    CameraPose step(std::int64_t k) const;
 
-    bool is_cut(int k) const;       // step k leads to another scene
-    bool is_repaired(int k) const;  // step k is part of a gap that was closed
+    bool was_found(std::int64_t k) const;    // step k was estimated, and is plausible
+    bool is_cut(std::int64_t k) const;       // step k leads to another scene
+    bool is_repaired(std::int64_t k) const;  // step k is part of a closed gap
 
-    // The frames around n that its scene is known to have: from `first` up to and excluding `end`,
-    // at most `reach` frames away.
+    // The known frames of the scene of frame n, at most `reach` away: `first` up to but not
+    // including `end`.
     struct Scene {
-        int first;
-        int end;
+        std::int64_t first;
+        std::int64_t end;
     };
-    Scene scene_around(int n) const;
+    Scene scene_around(std::int64_t n) const;
 
     PictureCentre centre() const { return centre_; }
 
@@ -53,21 +56,20 @@ class MotionHistory {
     struct Step {
         CameraPose pose;
         bool found;
-        bool strange;  // the pictures have next to nothing in common
+        bool strange;  // hardly any corners agreed
     };
 
-    bool is_known(int k) const;
-    bool was_found(int k) const;
-    bool was_calm(int k) const;
-    const Step& at(int k) const;
-    bool speed_beside(int k, int direction, CameraPose& speed) const;
+    bool is_known(std::int64_t k) const;
+    bool was_calm(std::int64_t k) const;
+    const Step& at(std::int64_t k) const;
+    bool speed_beside(std::int64_t k, int direction, CameraPose& speed) const;
 
     PictureCentre centre_;
     double calm_;  // longest shift of a step beside a cut, pixels
     int reach_;
     bool repairs_;
     bool finds_cuts_;
-    int steps_ = 0;           // added so far
+    std::int64_t steps_ = 0;  // one more than the last that was added
     std::vector<Step> ring_;  // step k in slot k mod size
 };
 

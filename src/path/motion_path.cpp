@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "videostabilizer/motion_path.h"
 
 #include <algorithm>
@@ -16,7 +18,7 @@ namespace {
 
 using SimpleLA::Mat;
 
-constexpr float NEIGHBOUR_SHARE = 0.25F;  // weight of a neighbour all of whose corners were tracked
+constexpr float NEIGHBOUR_SHARE = 0.25F;  // weight of a neighbour with a track ratio of 1
 
 // The slot of frame i in a ring of `slots`.
 std::size_t slot_of(int i, std::size_t slots) {
@@ -38,9 +40,8 @@ void print_line() {
 
 }  // namespace
 
-// The running product moves between m and a spare matrix with each factor, so after an odd number
-// of them it lies in the spare one. That one is not from the heap: half of the calls need no new
-// matrix.
+// With each factor the running product moves between m and a spare matrix, so after an odd number of
+// them it is in the spare one. That is on the stack: half of the calls need no new matrix.
 Mat<float>* getMotion(Mat<float>* m, int from, int to, const std::vector<Mat<float>*>& motions) {
     SimpleLA::set_identity(*m);
     if (motions.empty()) {

@@ -1,4 +1,6 @@
-#include "motion/path_planner.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "path/path_planner.h"
 
 #include <algorithm>
 #include <array>
@@ -9,28 +11,32 @@ namespace videostabilizer {
 
 namespace {
 
-// How far inside the source the outermost samples stay, pixels: the warp computes positions in
-// single precision, and holds the last pixel to be a thousandth smaller.
+// "Measured": see the table in docs/strength.md.
+
+// Distance of the outermost samples from the source's edges, pixels. The warp clamps positions at
+// size - 1.001, and computes them in single precision: some ten roundings of 2^-24 of up to 8192
+// pixels, 0.005 together.
 constexpr double SAFETY = 0.02;
 
-// A turn is held to be as bad as the shift that it makes at this many half diagonals from the
-// centre. So where the room at the edges does not do for both, shifts give way first: a turning
-// picture is the more unpleasant one.
+// A rotation costs as much as the shift that it makes at this many half diagonals from the centre.
+// More removes more rotation and less shift where the crop limits both; measured.
 constexpr double TURN_WEIGHT = 2.5;
 
-// The part of the cropped-off margin that corrections of the zoom may take from the others.
+// The part of the crop margin that corrections of the zoom may use; measured.
 constexpr double ZOOM_SHARE = 0.15;
 
-// Share of the cost of a changing speed in sigma^4. Together with the cost of speed the smoothing
-// then has the step response of a well-damped second-order system.
+// B / A^2. The smoothing is a second-order low-pass applied forwards and backwards, with
+// B / A^2 = 1 / (4 d^2 - 2)^2 for a damping ratio d: 1/8 is d = 1.1, just no overshoot (d = 1 is
+// 1/4).
 constexpr double CHANGE_SHARE = 0.125;
 
-constexpr double PENALTY = 60;         // of the splitting; only its speed depends on it
-constexpr double RELAXATION = 1.6;     // likewise
-constexpr int MOST_ITERATIONS = 100;   //
-constexpr double CLOSE_ENOUGH = 0.02;  // pixels: ends the iteration
+// Of the alternating direction method: they decide how soon it converges, to the same path.
+constexpr double PENALTY = 120;        // measured
+constexpr double RELAXATION = 1.6;     // 1.5 to 1.8 is usual (S. Boyd et al., 3.4.3); measured
+constexpr int MOST_ITERATIONS = 100;   // measured
+constexpr double CLOSE_ENOUGH = 0.02;  // pixels; measured
 
-// Less than this is not called holding back, pixels.
+// Pixels: smaller differences from the unlimited path are not reported; they cannot be seen.
 constexpr double NOTICEABLE = 0.1;
 
 // Of points of the path, in pixels.
@@ -68,20 +74,20 @@ void PathPlanner::begin_scene() {
     past_ = 0;
 }
 
-// Factorises the matrix of the least sum, plus `extra` on its diagonal, into L D L'. It has two
-// diagonals on either side of the main one.
+// Factorises the matrix of the quadratic cost, plus `extra` on its diagonal, into L D L'. It is
+// pentadiagonal.
 void PathPlanner::factorise(std::size_t count, double extra) {
     const double a = speed_cost_;
     const double b = change_cost_;
     for (std::size_t k = 0; k < count; ++k) {
-        const std::size_t after = count - 1 - k;  // frames behind this one
+        const std::size_t after = count - 1 - k;  // later frames
         const std::size_t before = k + static_cast<std::size_t>(past_);
-        // Each difference that frame k is part of: as the newest, the middle and the oldest.
+        // The differences that frame k is part of: as the newest, the middle and the oldest.
         double main = 1 + extra;
         main += a * ((before >= 1 ? 1 : 0) + (after >= 1 ? 1 : 0));
         main += b * ((before >= 2 ? 1 : 0) + (before >= 1 && after >= 1 ? 4 : 0) +
                      (after >= 2 ? 1 : 0));
-        // The element that links it to frame k - 1, and to k - 2.
+        // The elements for frames k - 1 and k - 2.
         double first = 0;
         double second = 0;
         if (k >= 1) {
@@ -124,7 +130,7 @@ void PathPlanner::solve(std::size_t count, std::vector<Point>& x) const {
     }
 }
 
-// The right side of the system: where the shaky path and the planned frames before it pull.
+// The right side of the system: the shaky path and the poses planned before.
 void PathPlanner::pull_to(std::size_t count, const std::array<Point, 2>& before,
                           std::vector<Point>& pull) {
     std::copy_n(shaky_.begin(), count, pull.begin());
@@ -140,8 +146,8 @@ void PathPlanner::pull_to(std::size_t count, const std::array<Point, 2>& before,
     }
 }
 
-// Leaves the best path within the limits in held_, which is exactly within them. into_limits(k, p)
-// gives the point nearest to p that frame k allows.
+// Leaves the optimal path in held_, exactly within the limits. into_limits(k, p) projects p onto the
+// limits of frame k.
 template <class IntoLimits>
 void PathPlanner::find_path(std::size_t count, const std::array<Point, 2>& before,
                             IntoLimits into_limits) {
@@ -158,8 +164,7 @@ void PathPlanner::find_path(std::size_t count, const std::array<Point, 2>& befor
         return;
     }
 
-    // Splits the programme into the path that costs the least (free_) and the one that is within
-    // the limits (held_), and pulls them together.
+    // Alternates between the path of least cost (free_) and its projection onto the limits (held_).
     factorise(count, PENALTY);
     std::fill_n(dual_.begin(), count, Point{});
     for (int iteration = 0; iteration < MOST_ITERATIONS; ++iteration) {
@@ -183,9 +188,9 @@ void PathPlanner::find_path(std::size_t count, const std::array<Point, 2>& befor
     }
 }
 
-// The zoom is planned first and by itself: it decides how much room the others have.
+// The zoom is planned first and separately: the room of the other corrections depends on it.
 void PathPlanner::plan_zoom(const CameraPose* camera, std::size_t count) {
-    // In units of a pixel at the corner, so that the iteration ends at the same accuracy.
+    // In pixels at the corner, for CLOSE_ENOUGH.
     const double unit = std::hypot(half_width_, half_height_);
     for (std::size_t k = 0; k < count; ++k) {
         shaky_[k] = {unit * camera[k].zoom, 0, 0};
@@ -202,8 +207,9 @@ void PathPlanner::plan_zoom(const CameraPose* camera, std::size_t count) {
 
 void PathPlanner::set_limits(const CameraPose* camera, std::size_t count) {
     for (std::size_t k = 0; k < count; ++k) {
-        // Source pixels per output pixel, and per pixel of the frame that is planned. A steady
-        // picture turned by t needs the half width cos t + height sin t, in both cases below.
+        // Source pixels per output pixel, and per pixel of the planned frame. A steady picture
+        // rotated by t needs half (width cos t + height sin t) horizontally; with cos t <= 1 and
+        // sin t <= t these limits are on the safe side.
         const double shown = settings_.crop_ratio * std::exp(camera[k].zoom - zoom_[k]);
         const double scale = std::exp(-camera[k].zoom);
         Limits& limits = limits_[k];
@@ -216,17 +222,16 @@ void PathPlanner::set_limits(const CameraPose* camera, std::size_t count) {
     }
 }
 
-// The nearest point of a frame's limits: for every turn the nearest shift is that clamped into the
-// room which the turn leaves, and the squared distance is a convex function of the turn, quadratic
-// between the turns at which a clamp sets in. Its minimum is the lowest of those of the four
-// quadratics.
+// Projects a point onto a frame's limits. For a given turn the nearest shift is the clamped one, and
+// the squared distance is a convex function of the turn, quadratic between the turns where clamping
+// starts. Its minimum is the least of the minima of the four quadratics.
 PathPlanner::Point PathPlanner::into_limits(const Limits& limits, const Point& centre,
                                             const Point& point) {
     const Point off = point - centre;
     const double x = limits.cosine * off.x + limits.sine * off.y;
     const double y = limits.cosine * off.y - limits.sine * off.x;
     const double turn = std::abs(off.turn);
-    // How far the point is outside, with and without a turn.
+    // How far the shift alone is outside.
     const double over_x = std::abs(x) - limits.room_x;
     const double over_y = std::abs(y) - limits.room_y;
     const double a = limits.lever_x;
@@ -262,7 +267,7 @@ PathPlanner::Point PathPlanner::point_of(const CameraPose& pose) const {
     return {pose.x, pose.y, turn_lever_ * pose.angle};
 }
 
-// The first point of the best path if there had never been an edge.
+// The first point of the path without limits.
 PathPlanner::Point PathPlanner::wish(std::size_t count) {
     pull_to(count, {point_of(wished_[0]), point_of(wished_[1])}, free_);
     factorise(count, 0);

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <array>
@@ -11,54 +13,53 @@ namespace videostabilizer {
 struct PathPlannerSettings {
     int width;          // picture size, pixels
     int height;         //
-    int look_ahead;     // later frames that are known when a frame is planned
+    int look_ahead;     // later frames known when a frame is planned
     double sigma;       // time constant of the smoothing, frames
-    double crop_ratio;  // shown part of the picture, 0.5..1
+    double crop_ratio;  // part of the width and height that is shown, 0.5..1
 };
 
 struct PlannedPose {
-    CameraPose pose;  // of the steady picture, seen from its own frame
-    bool guarded;     // it is not where it would be if no source had edges
-    double granted;   // 0..1: the part of that correction which was made
+    CameraPose pose;  // of the steady picture, relative to its frame
+    bool guarded;     // the limits change it
+    double granted;   // 0..1: part of the correction without limits that is made
 };
 
-// Plans the path of a camera that moves smoothly past the shaky one, of which it may not lose
-// sight: every steady picture lies within its source picture.
+// Plans a smooth camera path along the shaky one, such that every steady picture lies within its
+// source picture.
 //
-// For the newest frame n to be planned, the poses p(n) .. p(n + look_ahead) are chosen that make
+// For frame n the poses p(n) .. p(n + look_ahead) are found that minimise
 //
 //     sum of |p(k) - c(k)|^2 + A |p(k) - p(k-1)|^2 + B |p(k) - 2 p(k-1) + p(k-2)|^2
 //
-// the least, c being the shaky path and p(n-1), p(n-2) what was planned before, subject to the
-// limits of each frame; and of those p(n) is kept. Where no limit is near this is a linear
-// smoothing with weights of about exp(-|i| / sigma), for A = sigma^2, rounded by B. Where one is
-// near the path leans away as soon as the limit is in sight, follows it and leaves it as smoothly:
-// the same costs rule the way to it. Since every frame is within its own limits, there is always a
-// plan for the next.
+// within the limits of each frame, where c is the shaky path and p(n-1), p(n-2) were planned before.
+// Of these p(n) is kept. Away from the limits this is a linear smoothing with weights of about
+// exp(-|i| / sigma), for A = sigma^2, rounded off by B. A limit within the look-ahead bends the path
+// before it is reached, under the same costs, so that the path meets and leaves limits smoothly. The
+// shaky path itself is within all limits, so a plan always exists.
 //
-// The method is model predictive control (receding horizon); its quadratic programme is solved by
+// The method is model predictive control (receding horizon). The quadratic programme is solved with
 // the alternating direction method of multipliers (S. Boyd et al., "Distributed optimization and
 // statistical learning via the alternating direction method of multipliers", 2011), whose linear
-// system is pentadiagonal. Time and memory grow linearly with the look-ahead; nothing is allocated
-// after construction.
+// system is pentadiagonal. Time and memory are linear in the look-ahead; nothing is allocated after
+// construction.
 //
-// Threads: one at a time.
+// Threads: owner only.
 class PathPlanner {
   public:
     explicit PathPlanner(const PathPlannerSettings& settings);  // throws std::bad_alloc
 
-    // Forgets what was planned: the next frame has nothing to do with the ones before.
+    // The next frame is the first of a scene: it does not continue the path planned before.
     void begin_scene();
 
-    // Plans the next frame. camera[k] is the pose of the k-th frame from it on, seen from it, so
-    // that camera[0] is the default pose; count is 1 up to look_ahead + 1.
+    // Plans a frame. camera[k] is the pose of the k-th frame from this one on, relative to this one:
+    // camera[0] is the default pose; count is 1..look_ahead + 1.
     PlannedPose plan(const CameraPose* camera, int count);
 
-    // The frame after the planned one is next; `step` is its pose seen from the planned one.
+    // Goes on to the next frame, whose pose relative to the planned one is `step`.
     void advance(const CameraPose& step);
 
   private:
-    // A pose without its zoom, and the turn in pixels, as its shift at turn_lever_.
+    // A pose without its zoom, the angle as the shift in pixels that it makes at turn_lever_.
     struct Point {
         double x = 0;
         double y = 0;
@@ -68,8 +69,8 @@ class PathPlanner {
         Point operator-(const Point& p) const { return {x - p.x, y - p.y, turn - p.turn}; }
         friend Point operator*(double f, const Point& p) { return {f * p.x, f * p.y, f * p.turn}; }
     };
-    // What one frame allows: with the shift turned into the axes of the frame,
-    // |x| + lever_x |turn| <= room_x, and likewise y.
+    // The limits of one frame: |x| + lever_x |turn| <= room_x, and likewise y, with the shift in the
+    // axes of the frame.
     struct Limits {
         double cosine, sine;  // of the frame's angle
         double room_x, room_y;
@@ -88,18 +89,18 @@ class PathPlanner {
     static Point into_limits(const Limits& limits, const Point& centre, const Point& point);
 
     PathPlannerSettings settings_;
-    double half_width_;     // of the picture, between the centres of its outermost pixels
+    double half_width_;     // between the centres of the outermost pixels
     double half_height_;    //
     double turn_lever_;     // pixels
     double zoom_room_;      // largest correction of the zoom, either way
     double speed_cost_;     // A
     double change_cost_;    // B
     int past_ = 0;          // planned frames that the next one continues: 0, 1 or 2
-    CameraPose before_[2];  // these frames, the last one first, seen from the next
-    CameraPose wished_[2];  // likewise, had there never been an edge
+    CameraPose before_[2];  // their poses, the last first, relative to the next frame
+    CameraPose wished_[2];  // likewise, without limits
 
-    // By frame, from the one that is planned on.
-    std::vector<double> diagonal_, below_, below2_;  // the factorised system
+    // One element per frame from the planned one on.
+    std::vector<double> diagonal_, below_, below2_;  // factorised system
     std::vector<double> zoom_;                       // planned
     std::vector<Limits> limits_;
     std::vector<Point> shaky_, pull_, free_, held_, dual_;

@@ -1,32 +1,31 @@
-#include "motion/steady_path.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "path/steady_path.h"
 
 #include <algorithm>
 
+#include "path/frame_numbers.h"
 #include "simplela/mat_util.h"
 
 namespace videostabilizer {
 
-bool SteadyPath::is_needed(const VideoStabilizerOptions& options) {
-    return options.edge_guard != 0 || options.repair_motions != 0 || options.scene_cuts != 0;
-}
-
-SteadyPath::SteadyPath(const VideoStabilizerOptions& options, double sigma, int scale)
-    : history_(options.picture_width, options.picture_height, options.look_ahead,
-               options.repair_motions != 0, options.scene_cuts != 0),
-      fit_(history_.centre(), scale),
-      guards_(options.edge_guard != 0),
-      planner_({options.picture_width, options.picture_height, options.look_ahead, sigma,
-                static_cast<double>(options.crop_ratio)}),
-      camera_(static_cast<std::size_t>(options.look_ahead) + 1) {
+SteadyPath::SteadyPath(const SteadyPathSettings& settings)
+    : history_(settings.width, settings.height, settings.look_ahead, settings.repair_motions,
+               settings.scene_cuts),
+      fit_(history_.centre(), settings.scale),
+      guards_(settings.edge_guard),
+      planner_({settings.width, settings.height, settings.look_ahead, settings.sigma,
+                settings.crop_ratio}),
+      camera_(static_cast<std::size_t>(settings.look_ahead) + 1) {
     if (guards_) {
-        alignment_.emplace(options.picture_width, options.picture_height, scale);
+        alignment_.emplace(settings.width, settings.height, settings.scale);
     }
 }
 
-void SteadyPath::add(const float motion[9], const MotionLog& log, std::size_t corners,
-                     const std::vector<KeyPoint>& from, const std::vector<KeyPoint>& to,
-                     const LumaPair& pictures) {
-    CameraPose* const step = history_.add(motion, log, corners);
+void SteadyPath::add(std::int64_t k, const float motion[9], const MotionLog& log,
+                     std::size_t corners, const std::vector<KeyPoint>& from,
+                     const std::vector<KeyPoint>& to, const LumaPair& pictures) {
+    CameraPose* const step = history_.add(k, motion, log, corners);
     if (step != nullptr) {
         fit_.refine(from, to, *step);
         if (alignment_) {
@@ -35,23 +34,28 @@ void SteadyPath::add(const float motion[9], const MotionLog& log, std::size_t co
     }
 }
 
-void SteadyPath::filter_motions(int n, int newest, GaussianMotionFilter* filter,
+// Puts step k, as it is known here, into the ring that the filter and the observer read.
+void SteadyPath::store_step(std::int64_t k, std::vector<SimpleLA::Mat<float>*>& motions,
+                            std::vector<MotionLog>& logs) const {
+    const std::size_t slot = ring_slot(k, motions.size());
+    motion_of_pose(history_.step(k), history_.centre(), motions[slot]->data);
+    logs[slot].status = history_.is_repaired(k) ? 2 : (history_.was_found(k) ? 0 : 1);
+}
+
+void SteadyPath::filter_motions(std::int64_t n, std::int64_t newest, GaussianMotionFilter* filter,
                                 std::vector<SimpleLA::Mat<float>*>& motions,
                                 std::vector<MotionLog>& logs,
                                 SimpleLA::Mat<float>& correction) const {
     const MotionHistory::Scene scene = history_.scene_around(n);
-    for (int k = scene.first; k + 1 < scene.end; ++k) {
+    for (std::int64_t k = scene.first; k + 1 < scene.end; ++k) {
         if (history_.is_repaired(k)) {
-            const std::size_t slot = static_cast<std::size_t>(k) % motions.size();
-            motion_of_pose(history_.step(k), history_.centre(), motions[slot]->data);
-            logs[slot].status = 2;
+            store_step(k, motions, logs);
         }
     }
-    gaussian_motion_filter_stabilize(filter, correction, n, motions, logs, scene.first,
-                                     std::min(scene.end, newest));
+    filter_frame(filter, correction, n, motions, logs, scene.first, std::min(scene.end, newest));
 }
 
-Steadied SteadyPath::correct(int n, int newest, GaussianMotionFilter* filter,
+Steadied SteadyPath::correct(std::int64_t n, std::int64_t newest, GaussianMotionFilter* filter,
                              std::vector<SimpleLA::Mat<float>*>& motions,
                              std::vector<MotionLog>& logs, SimpleLA::Mat<float>& correction) {
     Steadied steadied{false, 1, history_.is_repaired(n - 1), history_.is_cut(n - 1)};
@@ -60,18 +64,21 @@ Steadied SteadyPath::correct(int n, int newest, GaussianMotionFilter* filter,
         return steadied;
     }
 
+    if (n > 0) {
+        store_step(n - 1, motions, logs);
+    }
     if (steadied.scene_start) {
         planner_.begin_scene();
     } else if (n > 0) {
         planner_.advance(history_.step(n - 1));
     }
-    const int end = history_.scene_around(n).end;
+    const std::int64_t end = history_.scene_around(n).end;
     camera_[0] = {};
-    for (int k = n + 1; k < end; ++k) {
+    for (std::int64_t k = n + 1; k < end; ++k) {
         const auto index = static_cast<std::size_t>(k - n);
         camera_[index] = pose_after(camera_[index - 1], history_.step(k - 1));
     }
-    const PlannedPose planned = planner_.plan(camera_.data(), end - n);
+    const PlannedPose planned = planner_.plan(camera_.data(), static_cast<int>(end - n));
     motion_of_pose(planned.pose, history_.centre(), correction.data);
     steadied.guarded = planned.guarded;
     steadied.granted = planned.granted;

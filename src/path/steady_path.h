@@ -1,17 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <vector>
 
 #include "motion/direct_alignment.h"
-#include "motion/motion_history.h"
-#include "motion/path_planner.h"
 #include "motion/similarity_fit.h"
+#include "path/motion_history.h"
+#include "path/path_planner.h"
 #include "videostabilizer/gaussian_motion_filter.h"
 #include "videostabilizer/mat.h"
 #include "videostabilizer/ransac.h"
-#include "videostabilizer/stabilizer_options.h"
 
 namespace videostabilizer {
 
@@ -19,38 +21,50 @@ namespace videostabilizer {
 struct Steadied {
     bool guarded;      // see PlannedPose
     double granted;    //
-    bool repaired;     // the step to the frame was made up
+    bool repaired;     // the step to the frame was interpolated
     bool scene_start;  // the frame is the first of its scene
 };
 
-// What options other than the defaults add to the Gaussian filter: repaired motions, scene cuts,
-// and, with the edge guard, a planner in the filter's place.
+struct SteadyPathSettings {
+    int width;            // picture size, pixels
+    int height;           //
+    int look_ahead;       // later frames known when a frame is corrected
+    double sigma;         // of the smoothing, frames
+    double crop_ratio;    // part of the width and height that is shown, 0.5..1
+    double scale;         // pixel of the analysis image, in pixels of the picture
+    bool edge_guard;      // PathPlanner replaces the filter
+    bool repair_motions;  // gaps in the motion are closed
+    bool scene_cuts;      // the smoothing stops at scene cuts
+
+    // All off: the filter alone is enough.
+    bool is_plain() const { return !edge_guard && !repair_motions && !scene_cuts; }
+};
+
+// The corrections beyond the plain Gaussian filter: with repaired motions, scene cuts, and the edge
+// guard's planner in the filter's place.
 //
-// Threads: one at a time.
+// Threads: owner only.
 class SteadyPath {
   public:
-    // Whether these options need any of it.
-    static bool is_needed(const VideoStabilizerOptions& options);
+    explicit SteadyPath(const SteadyPathSettings& settings);  // throws std::bad_alloc
 
-    // Complete options; sigma: of the filter in use; scale: decimation of the analysis. Throws
-    // std::bad_alloc.
-    SteadyPath(const VideoStabilizerOptions& options, double sigma, int scale);
-
-    // Takes what MotionHistory::add takes, the pairs that the motion was estimated from, and the
-    // two pictures, which are read during the call only.
-    void add(const float motion[9], const MotionLog& log, std::size_t corners,
+    // Adds step k, see MotionHistory::add, with the pairs that it was estimated from and the two
+    // pictures, which are read during the call only.
+    void add(std::int64_t k, const float motion[9], const MotionLog& log, std::size_t corners,
              const std::vector<KeyPoint>& from, const std::vector<KeyPoint>& to,
              const LumaPair& pictures);
 
-    // Writes the correcting transform of frame n, before the crop. Frames come in order, each once.
-    // `motions` and `logs` are the ring that the filter works on; gaps in it are closed. `newest`
-    // is the newest frame.
-    Steadied correct(int n, int newest, GaussianMotionFilter* filter,
+    // Writes the correcting transform of frame n, before the crop. Frames come in order, each once;
+    // `newest` is the newest that was added. `motions` and `logs` are the ring that the filter works
+    // on; afterwards it holds the step to frame n as this correction used it.
+    Steadied correct(std::int64_t n, std::int64_t newest, GaussianMotionFilter* filter,
                      std::vector<SimpleLA::Mat<float>*>& motions, std::vector<MotionLog>& logs,
                      SimpleLA::Mat<float>& correction);
 
   private:
-    void filter_motions(int n, int newest, GaussianMotionFilter* filter,
+    void store_step(std::int64_t k, std::vector<SimpleLA::Mat<float>*>& motions,
+                    std::vector<MotionLog>& logs) const;
+    void filter_motions(std::int64_t n, std::int64_t newest, GaussianMotionFilter* filter,
                         std::vector<SimpleLA::Mat<float>*>& motions, std::vector<MotionLog>& logs,
                         SimpleLA::Mat<float>& correction) const;
 
@@ -59,7 +73,8 @@ class SteadyPath {
     bool guards_;
     std::optional<DirectAlignment> alignment_;  // with the guard
     PathPlanner planner_;
-    std::vector<CameraPose> camera_;  // scratch: the frames in sight, seen from the first
+    std::vector<CameraPose>
+        camera_;  // scratch: poses of the look-ahead, relative to its first frame
 };
 
 }  // namespace videostabilizer

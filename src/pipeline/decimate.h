@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstddef>
@@ -12,8 +14,8 @@ inline void decimate_row(const unsigned char* row, int step, unsigned char* targ
     }
 }
 
-// The same for a step known to the compiler, which then packs whole registers: with the steps of
-// usual pictures, 2 and 4, as fast as memory gives the rows.
+// The same for a step known at compile time, which the compiler vectorises: for 2 and 4, the steps
+// of usual pictures, the speed is that of memory.
 template <int STEP>
 void decimate_row_by(const unsigned char* __restrict row, unsigned char* __restrict target,
                      int count) {
@@ -22,9 +24,8 @@ void decimate_row_by(const unsigned char* __restrict row, unsigned char* __restr
     }
 }
 
-// Makes the analysis image: every step-th pixel of every step-th row, without filtering. `luma` is
-// a plane of packed rows of `width` bytes; `image` receives packed rows of width / scale bytes,
-// height / scale of them.
+// Computes the analysis image: every step-th pixel of every step-th row, unfiltered. `luma` has
+// packed rows of `width` bytes; `image` receives height / scale packed rows of width / scale bytes.
 inline void decimate_luma(const unsigned char* luma, int width, int height, int scale,
                           unsigned char* image) {
     const int image_width = width / scale;

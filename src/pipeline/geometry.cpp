@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "pipeline/geometry.h"
 
 #include "warp/picture_limits.h"
@@ -6,14 +8,14 @@ namespace videostabilizer {
 
 namespace {
 
-constexpr int MIN_PICTURE_SIZE = 16;  // pixels of one work item of the narrower kernels
+constexpr int MIN_PICTURE_SIZE = 16;  // pixels per work item of the 16-pixel kernels
 
 const char* chroma_fault(const PictureGeometry& picture, PixFmt format) {
     if (plane_bytes(picture.stride_uv, picture.height) > LARGEST_PLANE_BYTES) {
         return "the chroma area is larger than 128 MiB";
     }
     const bool planar = format == PIX_FMT_YUV420P;
-    const bool packed = picture.width % 32 == 0;  // the wider kernels take packed rows
+    const bool packed = picture.width % 32 == 0;  // the 32-pixel kernels take packed rows
     return warp_stays_in_planes(picture, planar, packed) ? nullptr
                                                          : "stride_uv is too small for the chroma";
 }

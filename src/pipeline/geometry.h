@@ -1,14 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include "videostabilizer/frame.h"
 
 namespace videostabilizer {
 
-// Whether the warp can take pictures of this format.
+// Whether the warp supports the format.
 bool can_be_warped(PixFmt format);
 
-// Null when pictures of this geometry can be worked on, else what is wrong with it. The chroma area
-// is judged for formats that can be warped only.
+// Null when pictures of this geometry can be stabilised, else the reason why not. The chroma area
+// is checked only for formats that can be warped.
 const char* geometry_fault(int width, int height, int stride_y, int stride_uv, PixFmt format);
 
 }  // namespace videostabilizer

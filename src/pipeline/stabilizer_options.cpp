@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "pipeline/stabilizer_options.h"
 
 #include <algorithm>
@@ -5,15 +7,18 @@
 #include <cstring>
 #include <iterator>
 
+#include "pipeline/stabilizer_internal.h"
+#include "platform/log.h"
+
 namespace videostabilizer {
 
 namespace {
 
 constexpr auto OUR_SIZE = static_cast<std::int32_t>(sizeof(VideoStabilizerOptions));
-// The record as it was first published. Fields are only ever added behind.
+// The record as first published. New fields are only ever appended.
 constexpr std::int32_t SMALLEST_SIZE = static_cast<std::int32_t>(
     offsetof(VideoStabilizerOptions, picture_height) + sizeof(std::int32_t));
-constexpr std::int32_t LARGEST_SIZE = 4096;  // beyond, the field holds something else
+constexpr std::int32_t LARGEST_SIZE = 4096;  // more means that the field is not initialised
 
 constexpr int LONGEST_LOOK_AHEAD = 120;  // frames
 constexpr float SMALLEST_SIGMA = 0.25F;  // frames
@@ -36,13 +41,12 @@ bool is_switch(std::int32_t value) {
     return value == 0 || value == 1;
 }
 
-// Written so that a NaN is outside.
+// False for NaN.
 bool is_within(float value, float low, float high) {
     return value >= low && value <= high;
 }
 
-// A picture of no size stands for the whole frame; otherwise it is at least the size that frames
-// must have.
+// Size 0 x 0 means the whole frame.
 bool is_picture(std::int32_t width, std::int32_t height, int frame_width, int frame_height) {
     if (width == 0 && height == 0) {
         return true;
@@ -74,21 +78,29 @@ const char* options_fault(const VideoStabilizerOptions& o, int frame_width, int 
     return nullptr;
 }
 
-// Fields that we do not know must not ask for anything.
+// Whether a field that this version does not know is set.
 bool asks_for_more(const VideoStabilizerOptions* given, std::int32_t size) {
     const auto* const bytes = reinterpret_cast<const unsigned char*>(given);
     return std::any_of(bytes + std::min(OUR_SIZE, size), bytes + size,
                        [](unsigned char byte) { return byte != 0; });
 }
 
-void write_options(VideoStabilizerOptions* options, const VideoStabilizerOptions& values,
+bool is_record_size(std::int32_t size) {
+    return size >= SMALLEST_SIZE && size <= LARGEST_SIZE;
+}
+
+// Returns false, with the record untouched and a line in the log, when the size is out of range.
+bool write_options(VideoStabilizerOptions* options, const VideoStabilizerOptions& values,
                    std::int32_t size) {
-    if (size < SMALLEST_SIZE || size > LARGEST_SIZE) {
-        return;  // not a record of ours; creation will say so
+    if (!is_record_size(size)) {
+        __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused an options record of %d bytes",
+                            size);
+        return false;
     }
     std::memset(options, 0, static_cast<std::size_t>(size));
     std::memcpy(options, &values, static_cast<std::size_t>(std::min(size, OUR_SIZE)));
     options->size = size;
+    return true;
 }
 
 }  // namespace
@@ -101,7 +113,7 @@ const char* read_options(const VideoStabilizerOptions* given, int width, int hei
     if (given == nullptr) {
         return nullptr;
     }
-    if (given->size < SMALLEST_SIZE || given->size > LARGEST_SIZE) {
+    if (!is_record_size(given->size)) {
         return "the options were not initialised";
     }
     if (asks_for_more(given, given->size)) {
@@ -125,8 +137,8 @@ int video_stabilizer_options_for_strength(VideoStabilizerOptions* options,
                                           VideoStabilizerStrength strength, std::int32_t size) {
     const auto index = static_cast<std::size_t>(strength);
     const bool known = strength >= 0 && index < std::size(STRENGTHS);
-    write_options(options, known ? STRENGTHS[index] : DEFAULTS, size);
-    return known ? 0 : -1;
+    const bool written = write_options(options, known ? STRENGTHS[index] : DEFAULTS, size);
+    return written && known ? 0 : -1;
 }
 
 }  // namespace videostabilizer

@@ -1,12 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include "videostabilizer/stabilizer_options.h"
 
 namespace videostabilizer {
 
-// Reads a caller's record, which may be null (the defaults), older and shorter than ours, or newer
-// and longer, for frames of this size. Returns null with the complete options in `out`, the picture's
-// size filled in, or what is wrong with the record.
+// Reads a caller's record, which may be null (the defaults), or older and shorter or newer and
+// longer than ours. width, height: of the frames, pixels. Returns null with the complete options in
+// `out`, including the picture size, or the reason why the record is refused.
 const char* read_options(const VideoStabilizerOptions* given, int width, int height,
                          VideoStabilizerOptions& out);
 

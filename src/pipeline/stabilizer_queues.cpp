@@ -1,5 +1,7 @@
-// The host's side of the stabilizer's queues: push, pop, end of stream, and the callbacks through
-// which the warp stage fills the output queue.
+// SPDX-License-Identifier: Apache-2.0
+
+// The stabilizer's queues as seen by the host (push, pop, end of stream) and by the warp stage
+// (callbacks).
 
 #include "frames/deadline.h"
 #include "pipeline/geometry.h"
@@ -12,9 +14,8 @@ namespace {
 
 constexpr int WAIT_EOS_ROUNDS = 10;
 
-// The worker reads a picture of the stream's size, and the warp stage uploads into buffers of the
-// stream's planes, for a kernel of the stream's chroma layout: a frame that is anything else would
-// be read or written outside its planes.
+// The worker reads, and the warp stage uploads and warps, with the stream's size, plane sizes and
+// chroma layout. Any other frame would be accessed outside its planes.
 bool fits_stream(const VideoStabilizer* stabilizer, const Frame* frame) {
     return frame->width == stabilizer->width && frame->height == stabilizer->height &&
            frame->stride_y <= stabilizer->stride_y && frame->stride_uv <= stabilizer->stride_uv &&
@@ -25,10 +26,37 @@ bool fits_stream(const VideoStabilizer* stabilizer, const Frame* frame) {
            frame->plane_y != nullptr && frame->plane_uv != nullptr;
 }
 
-// As the host sees a queue: it does not wait for threads that are gone.
+// The host must not wait for threads that have failed.
 FrameFifo for_host(FrameFifo fifo, const VideoStabilizer* stabilizer) {
     fifo.failed = &stabilizer->failed;
     return fifo;
+}
+
+// Releases a frame that does not fit the stream and returns the result of its push. As for frames
+// that fit, the end flags come first.
+int refuse_misfit(const VideoStabilizer* stabilizer, Frame* frame) {
+    int result = RESULT_FAILED;
+    if (stabilizer->input_eos.load() != 0) {
+        result = RESULT_END_OF_STREAM;
+    } else if (stabilizer->quit.load() != 0) {
+        result = RESULT_STOPPING;
+    } else {
+        __android_log_print(
+            LOG_ERROR, STABILIZER_TAG,
+            "push refused: frame of %d x %d, strides %d and %d, format %d in a stream of %d x %d, "
+            "strides %d and %d, format %d",
+            frame->width, frame->height, frame->stride_y, frame->stride_uv,
+            static_cast<int>(frame->format), stabilizer->width, stabilizer->height,
+            stabilizer->stride_y, stabilizer->stride_uv, static_cast<int>(stabilizer->format));
+    }
+    frame_delete(frame);
+    return result;
+}
+
+// Whether the end of the output is still to come.
+bool may_reach_eos(const VideoStabilizer* stabilizer) {
+    return stabilizer->output_eos.load() == 0 && stabilizer->quit.load() == 0 &&
+           stabilizer->failed.load() == 0;
 }
 
 }  // namespace
@@ -51,15 +79,7 @@ int video_stabilizer_push_frame(VideoStabilizer* stabilizer, Frame* frame) {
         return RESULT_NO_FRAME;
     }
     if (!fits_stream(stabilizer, frame)) {
-        __android_log_print(
-            LOG_ERROR, STABILIZER_TAG,
-            "push refused: frame of %d x %d, strides %d and %d, format %d in a stream of %d x %d, "
-            "strides %d and %d, format %d",
-            frame->width, frame->height, frame->stride_y, frame->stride_uv,
-            static_cast<int>(frame->format), stabilizer->width, stabilizer->height,
-            stabilizer->stride_y, stabilizer->stride_uv, static_cast<int>(stabilizer->format));
-        frame_delete(frame);
-        return RESULT_FAILED;
+        return refuse_misfit(stabilizer, frame);
     }
     return fifo_put(for_host(input_fifo(stabilizer), stabilizer), frame, WhenEnded::REFUSE);
 }
@@ -69,7 +89,7 @@ int video_stabilizer_pop_frame(VideoStabilizer* stabilizer, Frame** out) {
     if (code != RESULT_END_OF_STREAM) {
         return code;
     }
-    // Of several threads that find the end at once, one reports it.
+    // Only one of several threads reports the end.
     if (stabilizer->quit.exchange(1) != 0) {
         return RESULT_STOPPING;
     }
@@ -105,12 +125,17 @@ int video_stabilizer_reached_eos(VideoStabilizer* stabilizer) {
 
 int video_stabilizer_wait_eos(VideoStabilizer* stabilizer) {
     pthread_mutex_lock(&stabilizer->output_mutex);
-    for (int round = 0; round < WAIT_EOS_ROUNDS && stabilizer->output_eos.load() == 0; ++round) {
+    for (int round = 0; round < WAIT_EOS_ROUNDS && may_reach_eos(stabilizer); ++round) {
         const timespec deadline = deadline_in(stabilizer->timeout_ms);
         pthread_cond_timedwait(&stabilizer->eos_cond, &stabilizer->output_mutex, &deadline);
     }
     pthread_mutex_unlock(&stabilizer->output_mutex);
     return stabilizer->output_eos.load() != 0 ? 0 : 1;
+}
+
+void wake_output_waiters(VideoStabilizer* stabilizer) {
+    wake_waiters(stabilizer->output_mutex, stabilizer->output_cond);
+    pthread_cond_broadcast(&stabilizer->eos_cond);  // same mutex
 }
 
 int take_input_frame(VideoStabilizer* stabilizer, Frame** out) {
@@ -124,14 +149,13 @@ int stabilizer_on_frame(void* owner, Frame* frame) {
 void stabilizer_on_eos(void* owner) {
     auto* const stabilizer = static_cast<VideoStabilizer*>(owner);
     stabilizer->output_eos.store(1);
-    wake_waiters(stabilizer->output_mutex, stabilizer->output_cond);
-    pthread_cond_broadcast(&stabilizer->eos_cond);
+    wake_output_waiters(stabilizer);
 }
 
 void stabilizer_on_failure(void* owner) {
     auto* const stabilizer = static_cast<VideoStabilizer*>(owner);
     stabilizer->failed.store(1);
-    wake_waiters(stabilizer->output_mutex, stabilizer->output_cond);
+    wake_output_waiters(stabilizer);
 }
 
 }  // namespace videostabilizer

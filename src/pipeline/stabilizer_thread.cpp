@@ -1,5 +1,7 @@
-// The worker: analyses frame after frame and hands each on to the warp stage once the look-ahead
-// after it is known. While it runs it alone touches the analysis state of the stabilizer.
+// SPDX-License-Identifier: Apache-2.0
+
+// The worker: analyses each frame and sends it to the warp stage once its look-ahead is known.
+// While it runs, no other thread touches the analysis state of the stabilizer.
 
 #include <algorithm>
 #include <cmath>
@@ -7,27 +9,38 @@
 #include <new>
 #include <utility>
 
-#include "motion/steady_path.h"
+#include "path/crop.h"
+#include "path/frame_numbers.h"
+#include "path/steady_path.h"
 #include "pipeline/decimate.h"
 #include "pipeline/stabilizer_internal.h"
 #include "platform/log.h"
 #include "simplela/mat_util.h"
+#include "warp/stage_internal.h"
 
 namespace videostabilizer {
 
 namespace {
 
-using Slot = std::size_t;
+std::size_t slot_of(const VideoStabilizer* s, std::int64_t frame) {
+    return ring_slot(frame, s->motions.size());
+}
 
-Slot ring_slot(const VideoStabilizer* s, int frame) {
-    return static_cast<Slot>(frame % s->ring_size);
+void set_newest_frame(VideoStabilizer* s, std::int64_t n) {
+    s->newest_frame = n;
+    s->frame_index = public_number(n);
+}
+
+void set_sent_frame(VideoStabilizer* s, std::int64_t n) {
+    s->sent_frame = n;
+    s->output_index = public_number(n);
 }
 
 void decimate(const VideoStabilizer* s, const Frame* frame, unsigned char* image) {
     decimate_luma(frame->plane_y, frame->width, frame->height, s->scale, image);
 }
 
-// Finds the corners of the previous image and follows them into the current one.
+// Detects corners in the previous image and tracks them into the current one.
 void track_corners(VideoStabilizer* s) {
     const int width = s->width / s->scale;
     const int height = s->height / s->scale;
@@ -46,7 +59,7 @@ KeyPoint to_full_resolution(KeyPoint point, float scale) {
     return point;
 }
 
-// Collects the pairs that were tracked, in pixels of the full picture.
+// Collects the tracked pairs, in full-resolution pixels.
 void match_points(VideoStabilizer* s) {
     s->matched_prev.clear();
     s->matched_next.clear();
@@ -61,25 +74,22 @@ void match_points(VideoStabilizer* s) {
     }
 }
 
-// Estimates the motion from the frame before the newest to the newest.
+// Estimates the motion from the previous to the newest frame.
 void estimate_motion(VideoStabilizer* s) {
-    const int from = s->frame_index - 1;
-    const Slot slot = ring_slot(s, from);
+    const std::int64_t from = s->newest_frame - 1;
+    const std::size_t slot = slot_of(s, from);
     MotionLog& log = s->motion_logs[slot];
-    // 0/0 is NaN when there was no corner; the estimator then overwrites the log.
+    // NaN without corners; the estimator then overwrites the log.
     log.track_ratio =
         static_cast<float>(s->matched_prev.size()) / static_cast<float>(s->prev_points.size());
     estimateGlobalMotionRansac(*s->motions[slot], log, s->matched_prev, s->matched_next,
                                s->ransac_params);
     if (s->steady_path != nullptr) {
-        // The earlier frame is still here: it is sent after the newest was analysed, at the soonest.
+        // The previous frame is still in the ring: look_ahead is at least 1.
         const LumaPair pictures = {s->ring_frames[slot]->plane_y,
-                                   s->ring_frames[ring_slot(s, s->frame_index)]->plane_y, s->width};
-        s->steady_path->add(s->motions[slot]->data, log, s->prev_points.size(), s->matched_prev,
-                            s->matched_next, pictures);
-    }
-    if (s->observer.on_motion != nullptr) {
-        s->observer.on_motion(s->observer.ctx, from, s->motions[slot]->data, &log);
+                                   s->ring_frames[slot_of(s, s->newest_frame)]->plane_y, s->width};
+        s->steady_path->add(from, s->motions[slot]->data, log, s->prev_points.size(),
+                            s->matched_prev, s->matched_next, pictures);
     }
 }
 
@@ -88,46 +98,38 @@ bool is_finite(const SimpleLA::Mat<float>& correction) {
                        [](float element) { return std::isfinite(element); });
 }
 
-// Puts the crop into a correction: the part of the picture around its centre, enlarged to full size.
-void fold_in_crop(const VideoStabilizer* s, SimpleLA::Mat<float>& correction) {
-    const PictureCentre centre =
-        picture_centre(s->options.picture_width, s->options.picture_height);
-    const double enlargement = 1.0 / static_cast<double>(s->options.crop_ratio);
-    for (int r = 0; r < 2; ++r) {
-        const double middle = r == 0 ? centre.x : centre.y;
-        for (int c = 0; c < 3; ++c) {
-            const double off = c == 2 ? middle : 0;
-            const double element = static_cast<double>(correction.at(r, c));
-            correction.at(r, c) = static_cast<float>(off + enlargement * (element - off));
-        }
+// The motion to frame n as its correction uses it, and how that was estimated.
+void tell_motion(const VideoStabilizer* s, std::int64_t n) {
+    if (n > 0 && s->observer.on_motion != nullptr) {
+        const std::size_t slot = slot_of(s, n - 1);
+        s->observer.on_motion(s->observer.ctx, public_number(n - 1), s->motions[slot]->data,
+                              &s->motion_logs[slot]);
     }
 }
 
-// Computes the correction of frame n and sends the frame to the warp stage. There are two matrices
-// for two frames inside the stage, one queued and one in work; the stage copies the matrix when it
-// takes a frame, so frame n + 2 may have the matrix of frame n as soon as n + 1 was accepted.
-void send_corrected(VideoStabilizer* s, int n) {
-    s->output_index = n;
-    SimpleLA::Mat<float>& correction =
-        *s->warp_pool[static_cast<std::size_t>(n) % s->warp_pool.size()];
+// Computes the correction of frame n and sends the frame to the warp stage. Two matrices suffice:
+// the stage's queue holds one frame, and its thread copies the matrix when it takes a frame. So
+// once frame n + 1 is accepted, the matrix of frame n is free for frame n + 2.
+void send_corrected(VideoStabilizer* s, std::int64_t n) {
+    set_sent_frame(s, n);
+    SimpleLA::Mat<float>& correction = *s->warp_pool[ring_slot(n, s->warp_pool.size())];
     Steadied steadied{false, 1, false, false};
     if (s->steady_path != nullptr) {
-        steadied = s->steady_path->correct(n, s->frame_index, s->filter, s->motions, s->motion_logs,
-                                           correction);
+        steadied = s->steady_path->correct(n, s->newest_frame, s->filter, s->motions,
+                                           s->motion_logs, correction);
     } else {
-        gaussian_motion_filter_stabilize(s->filter, correction, n, s->motions, s->motion_logs, 0,
-                                         s->frame_index);
+        filter_frame(s->filter, correction, n, s->motions, s->motion_logs, 0, s->newest_frame);
     }
-    // Motions that turn everything into a point or a line, as a fit to bad pairs may, have inverses
-    // beyond all numbers. Such a frame is shown as it came.
+    // A singular motion, from a degenerate fit, has no finite inverse: the frame stays uncorrected.
     if (!is_finite(correction)) {
         SimpleLA::set_identity(correction);
     }
+    tell_motion(s, n);
     if (s->observer.on_correction != nullptr) {
-        s->observer.on_correction(s->observer.ctx, n, correction.data);
+        s->observer.on_correction(s->observer.ctx, public_number(n), correction.data);
     }
     if (s->observer.on_report != nullptr) {
-        const VideoStabilizerReport report = {n,
+        const VideoStabilizerReport report = {public_number(n),
                                               s->radius,
                                               s->filter->sigma,
                                               steadied.guarded ? 1 : 0,
@@ -137,23 +139,23 @@ void send_corrected(VideoStabilizer* s, int n) {
         s->observer.on_report(s->observer.ctx, &report);
     }
     if (s->options.whole_shift != 0) {
-        fold_in_crop(s, correction);
+        fold_in_crop(picture_centre(s->options.picture_width, s->options.picture_height),
+                     static_cast<double>(s->options.crop_ratio), correction);
     }
-    Frame*& slot = s->ring_frames[ring_slot(s, n)];
+    Frame*& slot = s->ring_frames[slot_of(s, n)];
     Frame* const frame = slot;
-    slot = nullptr;  // the stage's from here on
+    slot = nullptr;  // owned by the stage from here on
     frame->opaque = correction.data;
     affine_transformer_ocl_send_frame(s->transformer, frame);
 }
 
 void drain(VideoStabilizer* s) {
-    while (s->output_index < s->frame_index) {
-        send_corrected(s, s->output_index + 1);
+    while (s->sent_frame < s->newest_frame) {
+        send_corrected(s, s->sent_frame + 1);
     }
     affine_transformer_ocl_signal_eos(s->transformer);
-    // The stage may have warped the last frame before the mark was set. It would see it at the end
-    // of its timed wait, up to a second later.
-    wake_waiters(s->transformer->mutex, s->transformer->cond);
+    // The stage may already be waiting for input and would see the flag up to a second later.
+    wake_stage(s->transformer);
 }
 
 void log_error(int code) {
@@ -166,9 +168,9 @@ bool first_frame(VideoStabilizer* s) {
     const int code = take_input_frame(s, &frame);
     if (code == RESULT_END_OF_STREAM) {
         __android_log_print(LOG_WARN, STABILIZER_TAG, "thread meet EOS, and return");
-        // No end of output will follow, since the stage never saw a frame: pops end by this.
+        // The stage got no frame and will not report an end: this ends pop and wait_eos.
         s->quit.store(1);
-        wake_waiters(s->output_mutex, s->output_cond);
+        wake_output_waiters(s);
         return false;
     }
     if (code == RESULT_STOPPING) {
@@ -184,15 +186,15 @@ bool first_frame(VideoStabilizer* s) {
                             code);
         return false;
     }
-    s->ring_frames[0] = frame;
-    s->frame_index = 0;
+    set_newest_frame(s, s->newest_frame + 1);
+    s->ring_frames[slot_of(s, s->newest_frame)] = frame;
     decimate(s, frame, s->prev_luma);
     __android_log_print(LOG_INFO, STABILIZER_TAG, "before thread loop...");
     return s->quit.load() == 0;
 }
 
 // Takes and analyses frames until there are no more. Returns the code that ended it, or 0 when the
-// stop mark was seen between two frames.
+// stop flag was seen between two frames.
 int later_frames(VideoStabilizer* s) {
     do {
         Frame* frame = nullptr;
@@ -203,15 +205,15 @@ int later_frames(VideoStabilizer* s) {
         if (frame == nullptr) {
             return RESULT_NO_FRAME;
         }
-        s->frame_index += 1;
-        s->ring_frames[ring_slot(s, s->frame_index)] = frame;
+        set_newest_frame(s, s->newest_frame + 1);
+        s->ring_frames[slot_of(s, s->newest_frame)] = frame;
         decimate(s, frame, s->cur_luma);
         track_corners(s);
         std::swap(s->prev_luma, s->cur_luma);
         match_points(s);
         estimate_motion(s);
-        if (s->frame_index >= s->radius) {
-            send_corrected(s, s->frame_index - s->radius);
+        if (s->newest_frame - s->sent_frame > s->radius) {
+            send_corrected(s, s->sent_frame + 1);
         }
     } while (s->quit.load() == 0);
     return RESULT_OK;
@@ -244,7 +246,7 @@ void* stabilizer_thread(void* arg) {
     try {
         run(static_cast<VideoStabilizer*>(arg));
     } catch (const std::bad_alloc&) {
-        // A point list outgrew its reservation and could not. The thread ends as after any error.
+        // A point list had to grow beyond its reservation.
         __android_log_print(LOG_ERROR, STABILIZER_TAG, OUT_OF_MEMORY_TEXT);
         log_error(RESULT_NO_MEMORY);
         stabilizer_on_failure(arg);

@@ -1,16 +1,18 @@
-// Life cycle of the stabilizer: module set-up, creation from the stream geometry, start, stop,
-// delete.
+// SPDX-License-Identifier: Apache-2.0
+
+// Life cycle of the stabilizer: module set-up, creation, start, stop, delete.
 
 #include <algorithm>
 #include <cstdlib>
 #include <new>
 
-#include "motion/steady_path.h"
+#include "path/steady_path.h"
 #include "pipeline/geometry.h"
 #include "pipeline/stabilizer_internal.h"
 #include "pipeline/stabilizer_options.h"
 #include "platform/log.h"
 #include "simplela/mat_util.h"
+#include "warp/stage_internal.h"
 
 namespace videostabilizer {
 
@@ -20,16 +22,16 @@ constexpr int INPUT_CAPACITY = 3;   // frames
 constexpr int OUTPUT_CAPACITY = 2;  // frames
 constexpr int TIMEOUT_MS = 3000;
 constexpr int MAX_POINTS = 256;
-constexpr int WARP_POOL_SIZE = 2;  // one frame queued in the warp stage and one in its work
+constexpr int WARP_POOL_SIZE = 2;  // frames in the warp stage: one queued, one being warped
 
 constexpr int FAST_THRESHOLD = 25;  // grey levels
 
-// Half the samples may be outliers; with six pairs a sample, 293 draws hit a clean one with 99 %:
-// ceil(log(1 - 0.99) / log(1 - (1 - 0.5)^6)).
+// 293 draws of six pairs contain one without outliers with a probability of 99 %, when half of all
+// pairs are outliers: ceil(log(1 - 0.99) / log(1 - (1 - 0.5)^6)).
 constexpr RansacParams RANSAC_PARAMS = {6, 2.0F, 0.5F, 0.99F, 293};
 
-// The analysis image is the picture decimated until its short side is below 500 or it is not
-// clearly wider than high; at most twice.
+// The picture is halved for the analysis, at most twice, while its short side has at least 500
+// pixels and its long side is more than 1.5 times the short one.
 int choose_scale(int width, int height) {
     int shorter = std::min(width, height);
     int longer = std::max(width, height);
@@ -51,7 +53,12 @@ SimpleLA::Mat<float>* new_matrix() {
     return matrix;
 }
 
-// A record with its synchronisation objects and empty queues, or null.
+void reset_frame_numbers(VideoStabilizer* s) {
+    s->frame_index = s->output_index = -1;
+    s->newest_frame = s->sent_frame = -1;
+}
+
+// A record with initialised synchronisation objects and empty queues, or null.
 VideoStabilizer* new_record() {
     void* const block = std::calloc(1, sizeof(VideoStabilizer));
     if (block == nullptr) {
@@ -66,6 +73,7 @@ VideoStabilizer* new_record() {
     s->input_capacity = INPUT_CAPACITY;
     s->output_capacity = OUTPUT_CAPACITY;
     s->timeout_ms = TIMEOUT_MS;
+    reset_frame_numbers(s);
     fifo_reset(input_fifo(s));
     fifo_reset(output_fifo(s));
     return s;
@@ -77,15 +85,14 @@ LK_Params tracker_params(int scale) {
     params.max_level = 4;
     params.max_iterations = 5;
     params.epsilon_x = params.epsilon_y = 0.05F;
-    // Largest motion between two frames: 72, 150 or 256 pixels of the full picture.
+    // Largest motion between two frames: 72, 150 or 256 full-resolution pixels.
     const float max_disp = scale == 1 ? 72.0F : (scale == 2 ? 150.0F : 256.0F);
     params.max_disp_x = params.max_disp_y = max_disp / static_cast<float>(scale);
     params.border_x = params.border_y = (scale == 1 ? 32 : 64) / scale;
     return params;
 }
 
-// Steps of creation; each returns false when it failed and has said so in the log. Vectors and
-// matrices report exhausted memory by std::bad_alloc.
+// Steps of creation. Each returns false after logging an error, or throws std::bad_alloc.
 
 bool create_analysis(VideoStabilizer* s) {
     s->scale = choose_scale(s->width, s->height);
@@ -107,7 +114,7 @@ bool create_analysis(VideoStabilizer* s) {
     s->matched_prev.reserve(MAX_POINTS);
     s->matched_next.reserve(MAX_POINTS);
 
-    // Cells and borders cover the same part of the full picture at scales 2 and 4.
+    // Cells and borders cover the same area of the full picture at scales 2 and 4.
     const int cell_size = (s->scale == 1 ? 64 : 128) / s->scale;
     const int border = (s->scale == 1 ? 32 : 64) / s->scale;
     if (fast16_init(&s->fast_params, FAST_THRESHOLD, 1, cell_size, 0, border, border, image_width,
@@ -119,25 +126,40 @@ bool create_analysis(VideoStabilizer* s) {
     return true;
 }
 
+SteadyPathSettings steady_path_settings(const VideoStabilizer* s) {
+    const VideoStabilizerOptions& options = s->options;
+    SteadyPathSettings settings{};
+    settings.width = options.picture_width;
+    settings.height = options.picture_height;
+    settings.look_ahead = options.look_ahead;
+    settings.sigma = static_cast<double>(s->filter->sigma);
+    settings.crop_ratio = static_cast<double>(options.crop_ratio);
+    settings.scale = s->scale;
+    settings.edge_guard = options.edge_guard != 0;
+    settings.repair_motions = options.repair_motions != 0;
+    settings.scene_cuts = options.scene_cuts != 0;
+    return settings;
+}
+
 void create_history(VideoStabilizer* s) {
     s->radius = s->options.look_ahead;
     s->ring_size = 2 * s->radius + 1;
-    s->frame_index = s->output_index = -1;
     const auto slots = static_cast<std::size_t>(s->ring_size);
     s->ring_frames.assign(slots, nullptr);
-    s->motions.reserve(slots);  // so that no push_back can fail with a matrix in hand
+    s->motions.reserve(slots);  // so that push_back cannot throw and leak a matrix
     for (std::size_t i = 0; i < slots; ++i) {
         s->motions.push_back(new_matrix());
         SimpleLA::set_identity(*s->motions.back());
     }
     s->motion_logs.assign(slots, MotionLog{});
-    s->filter = gaussian_motion_filter_create(s->radius, s->options.sigma);
+    const float sigma = s->options.sigma > 0.0F ? s->options.sigma : -1.0F;  // -1: sqrt(radius)
+    s->filter = gaussian_motion_filter_create(s->radius, sigma);
     if (s->filter == nullptr) {
         throw std::bad_alloc();
     }
-    if (SteadyPath::is_needed(s->options)) {
-        s->steady_path =
-            new SteadyPath(s->options, static_cast<double>(s->filter->sigma), s->scale);
+    const SteadyPathSettings settings = steady_path_settings(s);
+    if (!settings.is_plain()) {
+        s->steady_path = new SteadyPath(settings);
     }
     s->warp_pool.reserve(WARP_POOL_SIZE);
     for (int i = 0; i < WARP_POOL_SIZE; ++i) {
@@ -158,8 +180,8 @@ bool create_warp_stage(VideoStabilizer* s) {
     if (s->transformer == nullptr) {
         throw std::bad_alloc();
     }
-    s->transformer->on_failure = stabilizer_on_failure;
-    // With the whole shift, the matrices that the stage gets have the crop in them already.
+    set_failure_callback(s->transformer, stabilizer_on_failure);
+    // With whole_shift, the worker folds the crop into the transforms.
     const float stage_crop = s->options.whole_shift != 0 ? 1.0F : s->options.crop_ratio;
     if (affine_transformer_ocl_init(s->transformer, s->format, s->width, s->height, s->stride_y,
                                     s->stride_uv, stage_crop) < 0) {
@@ -184,11 +206,10 @@ bool build(VideoStabilizer* s) {
 
 void wake_all(VideoStabilizer* s) {
     wake_waiters(s->input_mutex, s->input_cond);
-    wake_waiters(s->output_mutex, s->output_cond);
-    pthread_cond_broadcast(&s->eos_cond);
+    wake_output_waiters(s);
 }
 
-// Releases the frames that the worker took but did not send. Only after the worker has ended.
+// Releases the frames that the worker took but did not send. The worker must have ended.
 void release_ring(VideoStabilizer* s) {
     for (Frame*& frame : s->ring_frames) {
         frame_delete(frame);
@@ -196,9 +217,9 @@ void release_ring(VideoStabilizer* s) {
     }
 }
 
-// Ends both threads with `quit` set, in the order in which they wait for each other: the warp stage
-// first, which also lets go of a worker that is blocked in handing it a frame; then the input queue
-// is emptied and the worker joined. May be called again; then it finds nothing left to do.
+// Ends both threads; `quit` is set. The warp stage comes first, because a worker that blocks in
+// sending it a frame is unblocked by its end; then the queues are flushed and the worker is joined.
+// A second call does nothing.
 void end_threads(VideoStabilizer* s) {
     wake_all(s);
     if (s->transformer != nullptr) {
@@ -240,7 +261,7 @@ VideoStabilizer* video_stabilizer_create_with_options(int width, int height, int
                                                       int stride_uv, PixFmt format, int in_place,
                                                       VideoStabilizerUser* user,
                                                       const VideoStabilizerOptions* options) {
-    // Formats that cannot be warped are the warp stage's to refuse.
+    // Formats that cannot be warped are refused by the warp stage.
     const char* const fault = geometry_fault(width, height, stride_y, stride_uv, format);
     if (fault != nullptr) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused %d x %d, strides %d and %d: %s",
@@ -284,7 +305,7 @@ int video_stabilizer_start(VideoStabilizer* stabilizer) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, "a stabilizer starts only once");
         return RESULT_NO_THREAD;
     }
-    s->frame_index = s->output_index = -1;
+    reset_frame_numbers(s);
     s->next_points.clear();
     s->prev_points.clear();
     s->track_status.clear();

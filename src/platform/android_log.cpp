@@ -1,4 +1,6 @@
-// Stand-in for the platform's log library where there is none (everything but Android).
+// SPDX-License-Identifier: Apache-2.0
+
+// Replaces liblog on platforms other than Android.
 
 #include <array>
 #include <cstdarg>
@@ -16,20 +18,20 @@ char priority_letter(int priority) {
 
 }  // namespace
 
-// Weak, so that a definition in the host program wins.
+// Weak: a definition in the host program takes precedence.
 extern "C" __attribute__((weak)) int __android_log_print(int priority, const char* tag,
                                                          const char* format, ...) {
-    std::array<char, 4096> text{};  // longer messages (compiler logs) are cut
+    std::array<char, 4096> text{};  // longer messages (compiler logs) are truncated
     va_list arguments;
     va_start(arguments, format);
     const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
     va_end(arguments);
-    // Some messages carry their own line end; a line per message is what a reader wants.
+    // Some messages end with newlines of their own.
     std::size_t end = std::strlen(text.data());
     while (end > 0 && text[end - 1] == '\n') {
         text[--end] = '\0';
     }
-    // One call, so that messages of several threads do not mix within a line.
+    // A single call, so that lines of several threads do not mix.
     std::fprintf(stderr, "%c/%s: %s\n", priority_letter(priority), tag, text.data());
     return length;
 }

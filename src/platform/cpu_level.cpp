@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "platform/cpu_level.h"
 
 namespace videostabilizer {
@@ -10,9 +12,9 @@ bool cpu_supports(CpuLevel level) {
         return true;
     }
 #if defined(__x86_64__) || defined(__i386__)
-    // The operating system's part, saving the wide registers, is asked as well.
-    return level == CpuLevel::AVX2   ? __builtin_cpu_supports("avx2") != 0
-           : level == CpuLevel::SSE2 ? __builtin_cpu_supports("sse2") != 0
+    // Also checks that the operating system saves the wide registers.
+    return level == CpuLevel::AVX2   ? static_cast<bool>(__builtin_cpu_supports("avx2"))
+           : level == CpuLevel::SSE2 ? static_cast<bool>(__builtin_cpu_supports("sse2"))
                                      : false;
 #elif defined(__ARM_NEON)
     return level == CpuLevel::NEON;

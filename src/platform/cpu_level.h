@@ -1,25 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstddef>
 
 namespace videostabilizer {
 
-// The vector instructions that a routine needs. A table of the variants of one routine begins with
-// the plain one, which is the definition, and goes on from narrow to wide.
+// The vector instructions that a variant of a routine needs. A table of variants starts with the
+// plain one, which defines the result, and continues from narrow to wide.
 enum class CpuLevel {
     PLAIN,   // none
-    SCALAR,  // none either: a faster way to the plain result
+    SCALAR,  // none; faster than the plain variant, same result
     SSE2,
     AVX2,
     NEON,
 };
 
-// Whether this processor runs routines of the level. In a library built with VIDEOSTABILIZER_PLAIN
-// none but the plain ones run.
-// Threads: reentrant.
+// Whether this processor supports the level. With VIDEOSTABILIZER_PLAIN only PLAIN is supported.
+// Threads: thread-safe.
 bool cpu_supports(CpuLevel level);
 
-// The last variant of a table that this processor runs. Rows have a field `level`; the first one is
+// The last variant of a table that this processor supports. Rows have a field `level`; the first is
 // plain.
 template <typename Variant, std::size_t COUNT>
 const Variant& fastest_variant(const Variant (&table)[COUNT]) {

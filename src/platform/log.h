@@ -1,15 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include "videostabilizer/log.h"
 
 namespace videostabilizer {
 
-// Android log priorities, as __android_log_print takes them.
+// Android log priorities.
 constexpr int LOG_INFO = 4;
 constexpr int LOG_WARN = 5;
 constexpr int LOG_ERROR = 6;
 
-// The text of every failed allocation, whatever the module.
+// Logged by all modules when an allocation fails.
 constexpr char OUT_OF_MEMORY_TEXT[] = "OUT OF MEMORY!!!";
 
 }  // namespace videostabilizer

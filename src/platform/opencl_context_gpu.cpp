@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #define CL_TARGET_OPENCL_VERSION 120
 #include <CL/cl.h>
 

@@ -1,8 +1,10 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
-// A vector of 8-bit lanes as wide as the level this is compiled for has them, and the few
-// operations on it that the routines need. VS_LEVEL, the namespace of everything that depends on
-// the width, keeps the levels apart: the same names mean other types in each.
+// A vector of 8-bit lanes with the register width of the level that is compiled for. VS_LEVEL is
+// the namespace of everything that depends on the level, since the same names denote different
+// types in each.
 
 #include <cstdint>
 
@@ -45,14 +47,14 @@ inline Bytes larger(Bytes a, Bytes b) {
 inline Bytes either(Bytes a, Bytes b) {
     return {_mm256_or_si256(a.v, b.v)};
 }
-// a where `where` is not 0, else 0.
+// Per lane: a where `where` is not 0, else 0.
 inline Bytes keep(Bytes a, Bytes where) {
     return {_mm256_andnot_si256(_mm256_cmpeq_epi8(where.v, _mm256_setzero_si256()), a.v)};
 }
 inline bool any(Bytes a) {
     return _mm256_testz_si256(a.v, a.v) == 0;
 }
-// Bit i is set where lane i is not 0.
+// Bit i: lane i is not 0.
 inline std::uint32_t nonzero_lanes(Bytes a) {
     const __m256i zeros = _mm256_cmpeq_epi8(a.v, _mm256_setzero_si256());
     return ~static_cast<std::uint32_t>(_mm256_movemask_epi8(zeros));

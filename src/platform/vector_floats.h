@@ -1,8 +1,10 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
-// Vectors of single-precision lanes, as wide as the level this is compiled for has them, and of as
-// many double-precision ones. Every operation rounds as the scalar one does. See vector_bytes.h for
-// VS_LEVEL. Not for 32-bit NEON, whose floats flush denormal numbers to zero.
+// Vectors of single-precision lanes, with the register width of the level that is compiled for, and
+// of as many double-precision lanes. Operations round as the scalar ones. VS_LEVEL: see
+// vector_bytes.h. Not for 32-bit NEON, which flushes denormal numbers to zero.
 
 #include <cstdint>
 
@@ -31,7 +33,7 @@ struct Doubles {
 
 struct Floats {
     using Wide = Doubles;
-    using Mask = Floats;  // all bits of a lane, or none
+    using Mask = Floats;  // per lane all bits or none
     static constexpr int LANES = 8;
     __m256 v;
 
@@ -44,7 +46,7 @@ struct Floats {
     friend Floats operator/(Floats a, Floats b) { return {_mm256_div_ps(a.v, b.v)}; }
     friend Floats root(Floats a) { return {_mm256_sqrt_ps(a.v)}; }
     friend Floats absolute(Floats a) { return {_mm256_andnot_ps(_mm256_set1_ps(-0.0F), a.v)}; }
-    // Not for NaN.
+    // Undefined for NaN.
     friend Mask less(Floats a, Floats b) { return {_mm256_cmp_ps(a.v, b.v, _CMP_LT_OQ)}; }
     friend Floats pick(Mask mask, Floats yes, Floats no) {
         return {_mm256_blendv_ps(no.v, yes.v, mask.v)};
@@ -59,7 +61,7 @@ struct Floats {
     }
 };
 
-// How often each lane was set.
+// Counts set lanes.
 struct Tally {
     __m256i v = _mm256_setzero_si256();
 

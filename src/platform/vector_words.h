@@ -1,7 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
-// Sixteen signed 16-bit lanes, in as many registers as the level this is compiled for takes, and
-// their sums of products in 32 bits. See vector_bytes.h for VS_LEVEL.
+// Sixteen signed 16-bit lanes, in one or two registers depending on the level, and their sums of
+// products in 32 bits. VS_LEVEL: see vector_bytes.h.
 
 #include <cstdint>
 
@@ -184,7 +186,7 @@ inline std::int32_t total(Words a) {
 
 #endif
 
-// Copies 16 bytes, `SPACING` apart and contiguous in `to`; reads 16 * SPACING bytes.
+// Copies 16 bytes that are SPACING apart to 16 contiguous ones; reads 16 * SPACING bytes.
 template <int SPACING>
 void copy_strided(const unsigned char* from, unsigned char* to) {
     static_assert(SPACING == 1 || SPACING == 2 || SPACING == 4,

@@ -1,15 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 namespace SimpleLA {
 
 // Inverts the affine map (x, y) -> (a x + b y + c, d x + e y + f), given and returned as its six
-// coefficients in row order. `in` and `out` may be the same array. Single precision throughout.
+// coefficients in row-major order. `in` and `out` may be the same array. Single precision.
 //
 //   det = a e - b d
 //   linear part       [ e -b ] / det      translation   -(linear part) (c, f)
 //                     [-d  a ]
 //
-// A singular map (det exactly 0) gives six zeros: every point goes to the origin.
+// A singular map (det exactly 0) gives six zeros, which map every point to the origin.
 inline void invert_affine(const float in[6], float out[6]) {
     const float a = in[0];
     const float b = in[1];

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "videostabilizer/gemm.h"
 
 #include <algorithm>
@@ -7,17 +9,20 @@
 #include "simplela/mat_util.h"
 #include "simplela/scratch.h"
 
-// The general product in three forms, chosen by size: unrolled for inner dimensions 2 to 4, direct
-// for all that is small or thin (the whole workload of the stabilizer), in cache-sized blocks else.
+// The general product in three forms, chosen by size: unrolled for inner dimensions 2 to 4; direct
+// for small or thin operands, the whole workload of the stabilizer; in cache-sized blocks else.
 
 namespace SimpleLA {
 
 namespace {
 
-constexpr int DIRECT_THIN = 64;        // a result this narrow or this flat is not worth blocking
-constexpr int DIRECT_SHORT = 10;       // nor are sums this short
-constexpr int DIRECT_SQUARE = 128;     // nor three dimensions that fit one block
-constexpr int DIRECT_LONGEST = 10000;  // longest inner dimension of a thin direct product
+// The direct product serves results of at most DIRECT_THIN rows or columns (with sums of at most
+// DIRECT_LONGEST terms), sums of at most DIRECT_SHORT terms, and three dimensions of at most
+// DIRECT_SQUARE.
+constexpr int DIRECT_THIN = 64;
+constexpr int DIRECT_SHORT = 10;
+constexpr int DIRECT_SQUARE = 128;
+constexpr int DIRECT_LONGEST = 10000;
 
 constexpr int COLUMNS_AT_ONCE_MAX = 1600 / sizeof(float);  // widest result summed by columns
 
@@ -27,8 +32,8 @@ constexpr int BLOCK_AREA = 128 * 128;  // elements of a block of a factor: 64 Ki
 constexpr std::size_t GATHERED_ON_STACK = 256;   // floats
 constexpr std::size_t TEMPORARY_ON_STACK = 256;  // floats
 
-// op(X) as it is read: element (i, j) is data[i * row + j * col]. Transposition exchanges the two
-// strides, so nothing behind gemm itself knows of it. At least one stride of a factor is 1.
+// op(X): element (i, j) is data[i * row + j * col]. Transposition exchanges the two strides, so
+// that the routines need no flags. At least one stride of a factor is 1.
 struct Operand {
     const float* data = nullptr;
     std::ptrdiff_t row = 0;
@@ -44,7 +49,7 @@ Operand make_operand(const Mat<float>& m, bool transposed) {
 }
 
 // d (rows x cols, rows d_step elements apart) = alpha a b + beta c; len is the inner dimension.
-// d overlaps neither a nor b, unless the routine says so. c without data is absent.
+// d overlaps neither a nor b, unless the routine allows it. c is absent if its data is null.
 struct Product {
     Operand a;
     Operand b;
@@ -57,10 +62,18 @@ struct Product {
     float* d = nullptr;
     std::ptrdiff_t d_step = 0;
 
-    void store(int i, int j, double sum) const {
-        // Zeros stand in for an absent C, so no element of D is a negative zero then.
-        const double added = c.data != nullptr ? beta * static_cast<double>(*c.at(i, j)) : 0.0;
-        d[i * d_step + j] = static_cast<float>(alpha * sum + added);
+    // d(i, j) = scaled + beta c(i, j). If c is absent nothing is added: -0 stays -0.
+    void store_scaled(int i, int j, double scaled) const {
+        if (c.data != nullptr) {
+            scaled += beta * static_cast<double>(*c.at(i, j));
+        }
+        d[i * d_step + j] = static_cast<float>(scaled);
+    }
+    void store(int i, int j, double sum) const { store_scaled(i, j, alpha * sum); }
+    // For the unrolled forms, which take an absent c for zeros: -0 becomes +0.
+    void store_unrolled(int i, int j, float sum) const {
+        const double scaled = alpha * static_cast<double>(sum);
+        store_scaled(i, j, c.data != nullptr ? scaled : scaled + 0.0);
     }
 };
 
@@ -78,7 +91,7 @@ void multiply_unrolled_by_rows(const Product& p) {
             for (int k = 1; k < LEN; ++k) {
                 sum += a[k] * b[k * p.b.row];
             }
-            p.store(i, j, static_cast<double>(sum));
+            p.store_unrolled(i, j, sum);
         }
     }
 }
@@ -97,7 +110,7 @@ void multiply_unrolled_by_columns(const Product& p) {
             for (int k = 1; k < LEN; ++k) {
                 sum += a[k] * b[k];
             }
-            p.store(i, j, static_cast<double>(sum));
+            p.store_unrolled(i, j, sum);
         }
     }
 }
@@ -120,8 +133,8 @@ double product_of(float x, float y) {
     return static_cast<double>(x) * static_cast<double>(y);  // exact: 24 + 24 bits of 53
 }
 
-// Dot products of WIDTH neighbours (x[w], x[x_stride + w], ...) with y. Each is the sum of four
-// interleaved partial sums, so that an addition need not wait for the one before.
+// Dot products of WIDTH neighbours (x[w], x[x_stride + w], ...) with y, each in four interleaved
+// partial sums, so that additions do not wait for each other.
 template <int WIDTH>
 void dot(const float* x, std::ptrdiff_t x_stride, const float* y, int len, double* sums) {
     constexpr int PARTS = 4;
@@ -157,11 +170,11 @@ void sum_columns(const float* x, std::ptrdiff_t x_stride, const float* y, std::p
     std::copy(partial, partial + WIDTH, sums);
 }
 
-// The three forms of the sums over k of a(i, k) b(k, j), handed to store(i, j, sum). The form
-// decides the order of summation, and the two strides of b the form.
+// Three forms of the sums over k of a(i, k) b(k, j), passed to store(i, j, sum). They differ in the
+// order of summation; the strides of b choose the form.
 
-// Columns of b are contiguous. So are, where a is a transpose, neighbouring rows of a across: four
-// of them share each cache line that is read.
+// For contiguous columns of b. If a is a transpose, four of its rows are read at once, which share
+// cache lines.
 template <typename Store>
 void sum_by_dot_products(const Operand& a, const Operand& b, int rows, int cols, int len,
                          Store store) {
@@ -201,7 +214,7 @@ void sum_row_by_columns(const float* x, std::ptrdiff_t x_stride, const Operand& 
     }
 }
 
-// The same for wide rows: b is walked along its rows, in pieces whose sums stay in the L1 cache.
+// The same for wide rows: b is read along its rows, in pieces whose sums stay in the L1 cache.
 template <typename Store>
 void sum_row_by_rows(const float* x, std::ptrdiff_t x_stride, const Operand& b, int i, int cols,
                      int len, Store store) {
@@ -227,8 +240,8 @@ void sum_products(const Operand& a, const Operand& b, int rows, int cols, int le
         sum_by_dot_products(a, b, rows, cols, len, store);
         return;
     }
-    // A column of a is gathered once and then read for every column of b. Without memory for it, it
-    // is read where it is.
+    // A row of a transposed a is gathered once for all columns of b; without memory for that, it is
+    // read in place.
     const bool strided = a.col != 1 && len > 1;
     Scratch<float, GATHERED_ON_STACK> gathered(strided ? static_cast<std::size_t>(len) : 0);
     for (int i = 0; i < rows; ++i) {
@@ -250,7 +263,7 @@ void sum_products(const Operand& a, const Operand& b, int rows, int cols, int le
 }
 
 void multiply_direct(const Product& p) {
-    if (p.len <= 0) {  // factors without elements have no address to read from
+    if (p.len <= 0) {  // factors without elements may have no data
         for (int i = 0; i < p.rows; ++i) {
             for (int j = 0; j < p.cols; ++j) {
                 p.store(i, j, 0.0);
@@ -262,11 +275,7 @@ void multiply_direct(const Product& p) {
         for (int i = 0; i < p.rows; ++i) {
             const double scaled = p.alpha * static_cast<double>(*p.a.at(i, 0));
             for (int j = 0; j < p.cols; ++j) {
-                double value = scaled * static_cast<double>(*p.b.at(0, j));
-                if (p.c.data != nullptr) {
-                    value += p.beta * static_cast<double>(*p.c.at(i, j));
-                }
-                p.d[i * p.d_step + j] = static_cast<float>(value);
+                p.store_scaled(i, j, scaled * static_cast<double>(*p.b.at(0, j)));
             }
         }
         return;
@@ -275,14 +284,14 @@ void multiply_direct(const Product& p) {
                  [&p](int i, int j, double sum) { p.store(i, j, sum); });
 }
 
-// Size of the block that starts at `start`: the nominal one, or all that is left when that ends the
-// walk or would leave less than an eighth of a block behind.
+// Size of the block that starts at `start`: the nominal one, or all that is left if less than an
+// eighth of a block would remain after it.
 int block_size(int start, int nominal, int total) {
     const long long end = static_cast<long long>(start) + nominal;
     return end >= total || 8 * end + nominal > 8LL * total ? total - start : nominal;
 }
 
-// Elements that hold rows x cols blocks grown by their largest remainder, an eighth.
+// Elements of a block of rows x cols grown by the largest remainder, an eighth of each.
 std::size_t block_capacity(int rows, int cols) {
     return static_cast<std::size_t>(rows + rows / 8 + 1) *
            static_cast<std::size_t>((cols + cols / 8 + 2) / 2 * 2);
@@ -304,67 +313,85 @@ Operand exchange_strides(const Operand& x) {
     return {x.data, x.col, x.row};
 }
 
-// False, with nothing done, when there is no memory for the blocks.
-bool multiply_blocked(const Product& p) {
-    // di x dk blocks of a and dk x dj blocks of b fill no more than BLOCK_AREA each.
-    const int nominal_di = std::min(BLOCK_LIMIT, p.rows);
-    const int nominal_dj = std::min(BLOCK_LIMIT, p.cols);
-    const int nominal_dk = std::min({BLOCK_AREA / nominal_di, BLOCK_AREA / nominal_dj, p.len});
-    const bool one_step = nominal_dk >= p.len;
-    const bool copies_a = p.a.col != 1;
-    const bool copies_b = p.cols > nominal_dj;
+// The blocked product: nominal block sizes and scratch memory.
+struct Blocks {
+    int di;          // rows of a block of the result
+    int dj;          // its columns
+    int dk;          // di x dk blocks of a and dk x dj blocks of b have at most BLOCK_AREA elements
+    double* sums;    // di x dj, only used if dk is below the inner dimension
+    float* b_block;  // null if b is read in place
+    float* a_block;  // null if a is read in place
+};
 
-    // The accumulator holds di x dj sums. It is only in use when k takes several steps; then
-    // nominal_dk is at least BLOCK_LIMIT, and so di x dj no larger than a block of b.
-    const std::size_t b_capacity = block_capacity(nominal_dk, nominal_dj);
-    const std::size_t a_capacity = copies_a ? block_capacity(nominal_di, nominal_dk) : 0;
+// One block of the result, from its whole rows of a and columns of b.
+void multiply_block(const Product& p, const Blocks& blocks) {
+    Product piece = p;
+    for (int k = 0, dk = 0; k < p.len; k += dk) {
+        dk = block_size(k, blocks.dk, p.len);
+        piece.len = dk;
+        piece.a = p.a.from(0, k);
+        piece.b = p.b.from(k, 0);
+        if (blocks.a_block != nullptr) {
+            piece.a = copy_block(piece.a, p.rows, dk, blocks.a_block);
+        }
+        if (blocks.b_block != nullptr) {
+            // A transposed b is copied along k, as it is stored.
+            piece.b = p.b.row == 1 ? exchange_strides(copy_block(exchange_strides(piece.b), p.cols,
+                                                                 dk, blocks.b_block))
+                                   : copy_block(piece.b, dk, p.cols, blocks.b_block);
+        }
+        if (dk == p.len) {
+            multiply_direct(piece);
+            return;
+        }
+        sum_products(piece.a, piece.b, p.rows, p.cols, dk,
+                     [sums = blocks.sums, cols = p.cols, k](int row, int col, double sum) {
+                         double& total = sums[std::ptrdiff_t{row} * cols + col];
+                         total = k == 0 ? sum : total + sum;
+                     });
+    }
+    for (int row = 0; row < p.rows; ++row) {
+        for (int col = 0; col < p.cols; ++col) {
+            p.store(row, col, blocks.sums[std::ptrdiff_t{row} * p.cols + col]);
+        }
+    }
+}
+
+// False, with nothing done, if there is no memory for the blocks.
+bool multiply_blocked(const Product& p) {
+    Blocks blocks{};
+    blocks.di = std::min(BLOCK_LIMIT, p.rows);
+    blocks.dj = std::min(BLOCK_LIMIT, p.cols);
+    blocks.dk = std::min({BLOCK_AREA / blocks.di, BLOCK_AREA / blocks.dj, p.len});
+    const bool copies_a = p.a.col != 1;
+    const bool copies_b = p.cols > blocks.dj;
+
+    // If k takes several steps, dk is at least BLOCK_LIMIT, so that the sums of a block of the
+    // result need no more room than a block of b.
+    const std::size_t b_capacity = block_capacity(blocks.dk, blocks.dj);
+    const std::size_t a_capacity = copies_a ? block_capacity(blocks.di, blocks.dk) : 0;
     constexpr std::size_t FLOATS = sizeof(double) / sizeof(float);
     Scratch<double, 1> scratch(b_capacity + (b_capacity + a_capacity) / FLOATS + 1);
     if (scratch.data() == nullptr) {
         return false;
     }
-    double* const sums = scratch.data();
-    float* const b_block = static_cast<float*>(static_cast<void*>(sums + b_capacity));
-    float* const a_block = b_block + b_capacity;
+    blocks.sums = scratch.data();
+    auto* const floats = static_cast<float*>(static_cast<void*>(blocks.sums + b_capacity));
+    blocks.b_block = copies_b ? floats : nullptr;
+    blocks.a_block = copies_a ? floats + b_capacity : nullptr;
 
     for (int i = 0, di = 0; i < p.rows; i += di) {
-        di = block_size(i, nominal_di, p.rows);
+        di = block_size(i, blocks.di, p.rows);
         for (int j = 0, dj = 0; j < p.cols; j += dj) {
-            dj = block_size(j, nominal_dj, p.cols);
+            dj = block_size(j, blocks.dj, p.cols);
             Product block = p;
+            block.a = p.a.from(i, 0);
+            block.b = p.b.from(0, j);
             block.c = p.c.data != nullptr ? p.c.from(i, j) : Operand{};
             block.d = p.d + i * p.d_step + j;
             block.rows = di;
             block.cols = dj;
-            for (int k = 0, dk = 0; k < p.len; k += dk) {
-                dk = block_size(k, nominal_dk, p.len);
-                block.a = p.a.from(i, k);
-                block.b = p.b.from(k, j);
-                if (copies_a) {
-                    block.a = copy_block(block.a, di, dk, a_block);
-                }
-                if (copies_b) {
-                    // A transposed b is copied as it lies: along k.
-                    block.b = p.b.row == 1 ? exchange_strides(copy_block(exchange_strides(block.b),
-                                                                         dj, dk, b_block))
-                                           : copy_block(block.b, dk, dj, b_block);
-                }
-                if (one_step) {
-                    multiply_direct(block);
-                    continue;
-                }
-                const bool first = k == 0;
-                sum_products(block.a, block.b, di, dj, dk,
-                             [sums, dj, first](int row, int col, double sum) {
-                                 double& total = sums[std::ptrdiff_t{row} * dj + col];
-                                 total = first ? sum : total + sum;
-                             });
-            }
-            for (int row = 0; row < di && !one_step; ++row) {
-                for (int col = 0; col < dj; ++col) {
-                    block.store(row, col, sums[std::ptrdiff_t{row} * dj + col]);
-                }
-            }
+            multiply_block(block, blocks);
         }
     }
     return true;
@@ -378,14 +405,12 @@ void multiply(const Product& p) {
     }
 }
 
-}  // namespace
-
-void gemm(const Mat<float>& A, const Mat<float>& B, double alpha, const Mat<float>& C, double beta,
-          Mat<float>& D, int flags) {
+// What gemm is to compute, but for the result's place.
+Product make_product(const Mat<float>& A, const Mat<float>& B, double alpha, const Mat<float>& C,
+                     double beta, int flags) {
     const bool transpose_a = (flags & GEMM_TRANSPOSE_A) != 0;
     const bool transpose_b = (flags & GEMM_TRANSPOSE_B) != 0;
     const bool transpose_c = (flags & GEMM_TRANSPOSE_C) != 0;
-
     Product p;
     p.rows = transpose_a ? A.cols : A.rows;
     p.cols = transpose_b ? B.rows : B.cols;
@@ -396,15 +421,34 @@ void gemm(const Mat<float>& A, const Mat<float>& B, double alpha, const Mat<floa
     p.a = make_operand(A, transpose_a);
     p.b = make_operand(B, transpose_b);
     p.alpha = alpha;
-
-    const bool has_c = beta != 0.0 && C.data != nullptr &&
-                       (transpose_c ? C.cols : C.rows) >= p.rows &&
-                       (transpose_c ? C.rows : C.cols) >= p.cols;
-    if (has_c) {
+    if (beta != 0.0 && C.data != nullptr && (transpose_c ? C.cols : C.rows) >= p.rows &&
+        (transpose_c ? C.rows : C.cols) >= p.cols) {
         p.c = make_operand(C, transpose_c);
         p.beta = beta;
     }
+    return p;
+}
 
+// Through a temporary, for a result that overlaps its operands. Without memory d stays as it is.
+void multiply_beside(Product p, Mat<float>& D) {
+    const std::size_t count = static_cast<std::size_t>(p.rows) * static_cast<std::size_t>(p.cols);
+    Scratch<float, TEMPORARY_ON_STACK> temporary(count);
+    if (temporary.data() == nullptr) {
+        return;
+    }
+    p.d = temporary.data();
+    p.d_step = p.cols;
+    multiply(p);
+    const int step_bytes = p.cols * static_cast<int>(sizeof(float));
+    copy_elements(Mat<float>(p.rows, p.cols, temporary.data(), step_bytes), D);
+}
+
+}  // namespace
+
+void gemm(const Mat<float>& A, const Mat<float>& B, double alpha, const Mat<float>& C, double beta,
+          Mat<float>& D, int flags) {
+    Product p = make_product(A, B, alpha, C, beta, flags);
+    const bool has_c = p.c.data != nullptr;
     if (create_would_drop(D, p.rows, p.cols, A) || create_would_drop(D, p.rows, p.cols, B) ||
         (has_c && create_would_drop(D, p.rows, p.cols, C))) {
         Mat<float> reshaped;
@@ -421,8 +465,9 @@ void gemm(const Mat<float>& A, const Mat<float>& B, double alpha, const Mat<floa
 
     const bool on_a = spans_overlap(A, D);
     const bool on_b = spans_overlap(B, D);
-    // Each element of d is written after that of c was read, so a c in the same place is safe.
-    const bool on_c = has_c && spans_overlap(C, D) && (transpose_c || !same_place(C, D));
+    // Each element of c is read before that of d is written, so c may be d itself.
+    const bool on_c =
+        has_c && spans_overlap(C, D) && ((flags & GEMM_TRANSPOSE_C) != 0 || !same_place(C, D));
 
     if (flags == 0 && p.len >= 2 && p.len <= 4 && (p.len == p.cols || p.len == p.rows) && !on_c) {
         const bool rows_work = p.len == p.cols && !on_b && (!on_a || same_place(A, D));
@@ -433,25 +478,16 @@ void gemm(const Mat<float>& A, const Mat<float>& B, double alpha, const Mat<floa
         }
     }
 
-    // A single column, or a single row of one-element columns, is a vector in memory: reading it as
-    // the transpose of one sends it to the dot product.
-    if (!transpose_b && B.continuous && (p.cols == 1 || p.len == 1)) {
+    // A column, or a row of one element each, is contiguous: read as the transpose of a row, it
+    // takes the dot product.
+    if ((flags & GEMM_TRANSPOSE_B) == 0 && B.continuous && (p.cols == 1 || p.len == 1)) {
         p.b.row = 1;
         p.b.col = 1;
     }
-
-    if (!on_a && !on_b && !on_c) {
+    if (on_a || on_b || on_c) {
+        multiply_beside(p, D);
+    } else {
         multiply(p);
-        return;
-    }
-    const std::size_t count = static_cast<std::size_t>(p.rows) * static_cast<std::size_t>(p.cols);
-    Scratch<float, TEMPORARY_ON_STACK> temporary(count);
-    if (temporary.data() != nullptr) {
-        p.d = temporary.data();
-        p.d_step = p.cols;
-        multiply(p);
-        const int step_bytes = p.cols * static_cast<int>(sizeof(float));
-        copy_elements(Mat<float>(p.rows, p.cols, temporary.data(), step_bytes), D);
     }
 }
 

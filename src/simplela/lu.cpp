@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "videostabilizer/lu.h"
 
 #include <cfloat>
@@ -16,10 +18,10 @@ namespace {
 
 constexpr float SMALLEST_PIVOT = FLT_EPSILON;
 
-constexpr std::size_t ORDER_ON_STACK = 16;  // systems of up to so many unknowns need no heap
+constexpr std::size_t ORDER_ON_STACK = 16;  // most unknowns of a system that needs no heap
 
-// y += factor * x, for two rows that do not overlap. Written in fours: a plain loop is vectorised
-// with a preamble that costs more than the five elements of a usual row.
+// y += factor * x, for two rows that do not overlap. Unrolled by four: the preamble of the
+// compiler's own vector loop costs more than the five elements of a usual row.
 void add_scaled(float* __restrict y, const float* __restrict x, float factor, int count) {
     int c = 0;
     for (; c <= count - 4; c += 4) {
@@ -39,7 +41,7 @@ void swap_rows(float* x, float* y, int count) {
     }
 }
 
-// b := x of U x = b, with the reciprocals of U's diagonal in its place.
+// Solves U x = b, x replacing b. The diagonal of U holds the reciprocals.
 void substitute_back(const float* U, std::ptrdiff_t u_step, int m, float* b, std::ptrdiff_t b_step,
                      int n) {
     for (int i = m - 1; i >= 0; --i) {
@@ -180,7 +182,7 @@ int invert(const Mat<float>& src, Mat<float>& dst) {
         dst = std::move(reshaped);
         return result;
     }
-    // Asked first: an empty src that is dst itself takes on the shape of the result.
+    // Checked before create: an empty src that is dst gets the shape of the result.
     const bool square = src.data != nullptr && src.rows == n && n > 0;
     dst.create(n, n);
     if (dst.data == nullptr) {
@@ -230,7 +232,7 @@ int solveLuNormal(const Mat<float>& A, const Mat<float>& b, Mat<float>& x) {
         return 0;
     }
 
-    // Rows of the work matrix start at multiples of 16 bytes, for vector loads.
+    // Rows of the work matrix begin at multiples of 16 bytes, for vector loads.
     constexpr std::size_t ROW_FLOATS = 4;
     const auto order = static_cast<std::size_t>(n);
     const std::size_t row_floats = (order + ROW_FLOATS - 1) / ROW_FLOATS * ROW_FLOATS;
@@ -241,7 +243,7 @@ int solveLuNormal(const Mat<float>& A, const Mat<float>& b, Mat<float>& x) {
     }
     Mat<float> normal(n, n, scratch.data(), static_cast<int>(row_floats * sizeof(float)));
     if (m == n) {
-        copy_elements(A, normal);  // first: x may lie on A
+        copy_elements(A, normal);  // before b, since x may be A
         copy_elements(b, x);
     } else {
         mulTransposed(A, normal, true, Mat<float>::noMat(), 1.0);

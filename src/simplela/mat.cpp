@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "videostabilizer/mat.h"
 
 #include <algorithm>
@@ -11,16 +13,16 @@
 
 #include "simplela/mat_util.h"
 
-// Wider intermediates, as old x86 processors have them, would give other results than everybody's.
+// x87 arithmetic keeps wider intermediates and would round differently.
 static_assert(FLT_EVAL_METHOD == 0, "float arithmetic must be done in float");
 
 namespace SimpleLA {
 
 namespace {
 
-constexpr int TILE = 4;  // a tile of 4x4 floats touches 4 + 4 cache lines, whatever the sizes
+constexpr int TILE = 4;  // a tile of 4x4 floats touches 4 + 4 cache lines, whatever the steps
 
-// Whether a step can be stated for such a row and an object of that size can exist.
+// Whether the step fits an int and the size a ptrdiff_t.
 template <typename T>
 bool fits_memory(int rows, int cols) {
     constexpr int element = static_cast<int>(sizeof(T));
@@ -28,8 +30,36 @@ bool fits_memory(int rows, int cols) {
            static_cast<long long>(rows) * cols <= PTRDIFF_MAX / element;
 }
 
+// Copies each row of src, all of it, to where that row begins in dst, even if the rows of dst are
+// shorter; nothing is written beyond the last element of dst.
+void copy_untransposed(const Mat<float>& src, Mat<float>& dst) {
+    const std::size_t room = span_bytes(dst);
+    const auto row_bytes = static_cast<std::size_t>(src.cols) * sizeof(float);
+    std::size_t start = 0;
+    for (int i = 0; i < src.rows && start < room; ++i) {
+        std::memmove(dst.row(i), src.row(i), std::min(row_bytes, room - start));
+        start += static_cast<std::size_t>(dst.step);
+    }
+}
+
+// dst has the transposed shape and shares no element with src. Tile by tile, so that a column of
+// dst is still in the cache when its next elements are written.
+void transpose_tiles(const Mat<float>& src, Mat<float>& dst) {
+    for (int i0 = 0; i0 < src.rows; i0 += TILE) {
+        const int i1 = std::min(i0 + TILE, src.rows);
+        for (int j0 = 0; j0 < src.cols; j0 += TILE) {
+            const int j1 = std::min(j0 + TILE, src.cols);
+            for (int i = i0; i < i1; ++i) {
+                for (int j = j0; j < j1; ++j) {
+                    dst.at(j, i) = src.at(i, j);
+                }
+            }
+        }
+    }
+}
+
 Mat<float>& shared_empty() {
-    static Mat<float> empty;  // made at the first call, whatever the thread; destroyed at exit
+    static Mat<float> empty;  // initialised thread-safely at the first call, destroyed at exit
     return empty;
 }
 
@@ -77,7 +107,7 @@ Mat<T>& Mat<T>::operator=(const Mat& other) {
 template <typename T>
 Mat<T>& Mat<T>::operator=(Mat&& other) noexcept {
     if (this != &other) {
-        // Freeing our elements would leave a view on them, the new value, without any.
+        // Assigned a view on the elements it owns, a matrix keeps them and their ownership.
         const bool stays_owner = !external_data && data != nullptr && data == other.data;
         if (!stays_owner) {
             release();
@@ -130,16 +160,13 @@ Mat<T>& Mat<T>::noMat() {
 
 template class Mat<float>;
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the interface takes headers by value
 void transpose(Mat<float> src, Mat<float> dst) {
     if (src.data == nullptr || dst.data == nullptr) {
         return;
     }
     if (src.rows != dst.cols || src.cols != dst.rows) {
-        const auto row_bytes =
-            static_cast<std::size_t>(std::min(src.cols, dst.cols)) * sizeof(float);
-        for (int i = 0; i < std::min(src.rows, dst.rows); ++i) {
-            std::memmove(dst.row(i), src.row(i), row_bytes);
-        }
+        copy_untransposed(src, dst);
         return;
     }
     if (dst.data == src.data && src.rows == src.cols) {
@@ -158,18 +185,7 @@ void transpose(Mat<float> src, Mat<float> dst) {
         }
         return;
     }
-    // Tile by tile, so that a column of dst is still in the cache when its next elements come.
-    for (int i0 = 0; i0 < src.rows; i0 += TILE) {
-        const int i1 = std::min(i0 + TILE, src.rows);
-        for (int j0 = 0; j0 < src.cols; j0 += TILE) {
-            const int j1 = std::min(j0 + TILE, src.cols);
-            for (int i = i0; i < i1; ++i) {
-                for (int j = j0; j < j1; ++j) {
-                    dst.at(j, i) = src.at(i, j);
-                }
-            }
-        }
-    }
+    transpose_tiles(src, dst);
 }
 
 void completeSymm(Mat<float> m, bool lower_to_upper) {

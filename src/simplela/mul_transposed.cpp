@@ -1,16 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include <utility>
 
 #include "simplela/mat_util.h"
 #include "videostabilizer/gemm.h"
 
-// Products of a matrix with its own transpose: half the work of a general product, since only the
-// upper triangle is summed.
+// Products of a matrix with its own transpose. Only the upper triangle is summed: half the work of
+// a general product.
 
 namespace SimpleLA {
 
 namespace {
 
-constexpr int GENERAL_ABOVE = 99;  // all of order, rows and columns: gemm's blocks win
+constexpr int GENERAL_ABOVE = 99;  // order, rows and columns above which gemm's blocks are faster
 
 // src as it is; element (k, j) in double.
 struct Plain {
@@ -100,6 +102,7 @@ void mulTransposed(const Mat<float>& src, Mat<float>& dst, bool ata, const Mat<f
                    double scale) {
     const int order = ata ? src.cols : src.rows;
     const bool has_delta = span_bytes(delta) > 0;
+    const bool is_empty = span_bytes(src) == 0;  // checked before create: dst may be src
     const bool on_src = spans_overlap(dst, src);
     const bool large =
         order > GENERAL_ABOVE && src.cols > GENERAL_ABOVE && src.rows > GENERAL_ABOVE;
@@ -122,15 +125,15 @@ void mulTransposed(const Mat<float>& src, Mat<float>& dst, bool ata, const Mat<f
         if (span_bytes(dst) == 0) {
             return;
         }
-        if (span_bytes(src) == 0) {
-            set_zero(dst);  // sums of nothing
+        if (is_empty) {
+            set_zero(dst);  // empty sums
         } else if (has_delta) {
             multiply_direct(Centred{src, delta}, ata, scale, dst);
         } else {
             multiply_direct(Plain{src}, ata, scale, dst);
         }
     }
-    // Also behind gemm, whose outer product rounds scale * a(i) before it comes to a(j).
+    // After gemm as well: its outer product, scale * a(i) * a(j), is not symmetric in its rounding.
     completeSymm(dst, false);
 }
 

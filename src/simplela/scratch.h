@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstddef>
@@ -6,9 +8,9 @@
 
 namespace SimpleLA {
 
-// Uninitialised working memory of one call: `count` elements of a plain type T, 16-byte aligned. Up
-// to STACK elements lie in the object itself, so that the small systems, solved hundreds of times a
-// frame, never reach the heap. data() is null when the heap is exhausted.
+// Uninitialised scratch memory of one call: `count` elements of a plain type T, 16-byte aligned. Up
+// to STACK elements are in the object itself, so that the small systems, solved hundreds of times a
+// frame, never use the heap. data() is null if there is no memory.
 template <typename T, std::size_t STACK>
 class Scratch {
   public:

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "videostabilizer/affine_transformer_ocl.h"
 
 #include <algorithm>
@@ -9,6 +11,7 @@
 #include "videostabilizer/result.h"
 #include "warp/ocl.h"
 #include "warp/picture_limits.h"
+#include "warp/stage_internal.h"
 #include "warp/transformer_thread.h"
 
 namespace videostabilizer {
@@ -16,14 +19,14 @@ namespace videostabilizer {
 namespace {
 
 constexpr std::int32_t INPUT_WAIT_MS = 1000;
-constexpr int WIDE_RUN = 32;    // pixels per work item where rows can be taken as packed
-constexpr int NARROW_RUN = 16;  // elsewhere
+// Luma pixels per work item: for widths that are multiples of 32, and for others.
+constexpr int WIDE_RUN = 32;
+constexpr int NARROW_RUN = 16;
 
-// Some GPUs place a buffer in memory that the host reads fast if bit 27 is set, a vendor's own
-// flag.
+// Bit 27 is a vendor's flag: it places the buffer in memory that the host reads fast.
 constexpr cl_mem_flags DESTINATION_FLAGS = CL_MEM_WRITE_ONLY | (cl_mem_flags{1} << 27);
 
-// Black, for the columns that the 16-pixel kernels leave out.
+// Black, for the columns that the 16-pixel kernels do not write.
 constexpr unsigned char BLACK_LUMA = 16;
 constexpr unsigned char NEUTRAL_CHROMA = 128;
 
@@ -44,7 +47,7 @@ const char* kernel_name(PixFmt format, int pixels_per_item) {
 bool create_kernel_and_queue(AffineTransformerOcl* t) {
     const OclRuntime& runtime = *t->runtime;
     cl_int error = CL_SUCCESS;
-    // The error decides, not the handle: not all drivers return null with an error.
+    // Not all drivers return null with an error.
     cl_kernel kernel =
         clCreateKernel(runtime.program, kernel_name(t->format, t->pixels_per_item), &error);
     if (!ocl_succeeded(error, "clCreateKernel")) {
@@ -63,9 +66,9 @@ bool create_kernel_and_queue(AffineTransformerOcl* t) {
 
 cl_mem create_buffer(cl_context context, cl_mem_flags flags, std::int64_t bytes) {
     if (bytes < 0 || bytes > LARGEST_PLANE_BYTES) {
-        __android_log_print(LOG_INFO, WARP_OCL_TAG, "No planes of %lld bytes, only up to %lld",
-                            static_cast<long long>(bytes),
-                            static_cast<long long>(LARGEST_PLANE_BYTES));
+        __android_log_print(
+            LOG_INFO, WARP_OCL_TAG, "refused a plane of %lld bytes, the limit is %lld",
+            static_cast<long long>(bytes), static_cast<long long>(LARGEST_PLANE_BYTES));
         return nullptr;
     }
     const auto size = static_cast<std::size_t>(bytes);
@@ -77,8 +80,8 @@ cl_mem create_buffer(cl_context context, cl_mem_flags flags, std::int64_t bytes)
     return ocl_succeeded(error, "clCreateBuffer") ? buffer : nullptr;
 }
 
-// Fills a new destination buffer, since what no kernel writes is downloaded all the same: better
-// one colour than what the memory held before.
+// Fills a new destination buffer: bytes that no kernel writes are downloaded too and must not show
+// previous contents of the memory.
 bool fill_buffer(AffineTransformerOcl* t, cl_mem buffer, std::int64_t bytes, unsigned char value) {
     const auto size = static_cast<std::size_t>(bytes);
     void* const pattern = std::malloc(size);
@@ -87,7 +90,7 @@ bool fill_buffer(AffineTransformerOcl* t, cl_mem buffer, std::int64_t bytes, uns
         return false;
     }
     std::memset(pattern, value, size);
-    // OpenCL 1.1 has no call that fills.
+    // OpenCL 1.1 has no clEnqueueFillBuffer.
     const cl_int error =
         clEnqueueWriteBuffer(t->cmd_queue, buffer, CL_TRUE, 0, size, pattern, 0, nullptr, nullptr);
     std::free(pattern);
@@ -125,7 +128,7 @@ bool create_buffers(AffineTransformerOcl* t) {
            fill_buffer(t, t->mem_dst_uv, uv_bytes, NEUTRAL_CHROMA);
 }
 
-// Only once no thread uses them.
+// No thread may be using the objects.
 void release_objects(AffineTransformerOcl* t) {
     if (t->kernel != nullptr) {
         clReleaseKernel(t->kernel);
@@ -144,7 +147,7 @@ void release_objects(AffineTransformerOcl* t) {
     }
 }
 
-// The frames that an error of the thread left behind.
+// Releases the frames that a thread that ended with an error left behind.
 void delete_frames_in_hand(AffineTransformerOcl* t) {
     frame_delete(t->input_in_hand);
     frame_delete(t->output_in_hand);
@@ -158,7 +161,7 @@ AffineTransformerOcl* affine_transformer_ocl_create(int in_place, void* user,
                                                     AffineTransformerCallbacks callbacks,
                                                     int capacity) {
     OclRuntime& runtime = ocl_runtime();
-    // Atomic: another thread may be setting it up at this moment.
+    // Atomic, because another thread may be setting it up.
     if (__atomic_load_n(&runtime.initialized, __ATOMIC_ACQUIRE) == 0) {
         __android_log_print(LOG_ERROR, WARP_OCL_TAG,
                             "Ocl mudule not initialized! Please call "
@@ -238,23 +241,24 @@ int affine_transformer_ocl_empty(AffineTransformerOcl* t) {
     return fifo_is_empty(t->input_queue);
 }
 
-void affine_transformer_ocl_signal_eos(AffineTransformerOcl* t) {
+int affine_transformer_ocl_signal_eos(AffineTransformerOcl* t) {
     t->input_eos.store(1);
+    return RESULT_OK;
 }
 
 int affine_transformer_ocl_reach_eos(AffineTransformerOcl* t) {
     return t->output_eos.load();
 }
 
-// Order: the stop mark first, so that sends refuse and the thread finds its end; then the thread,
-// which uses the frames and the OpenCL objects; then those.
+// The thread uses the frames and the OpenCL objects, so these are released after it has been
+// joined.
 int affine_transformer_ocl_fini(AffineTransformerOcl* t) {
-    // Not `quit` decides who cleans up: the thread sets that too when it ends by itself.
+    // `quit` cannot decide who cleans up: the thread sets it too at the end of the stream.
     if (t->needs_fini.exchange(0) == 0) {
         return RESULT_OK;
     }
     t->quit.store(1);
-    wake_waiters(t->mutex, t->cond);
+    wake_stage(t);
     if (t->worker_started.exchange(0) != 0) {
         pthread_join(t->worker, nullptr);
     }
@@ -270,6 +274,14 @@ void affine_transformer_ocl_delete(AffineTransformerOcl* t) {
     }
     affine_transformer_ocl_fini(t);
     std::free(t);
+}
+
+void set_failure_callback(AffineTransformerOcl* t, void (*on_failure)(void* user)) {
+    t->on_failure = on_failure;
+}
+
+void wake_stage(AffineTransformerOcl* t) {
+    wake_waiters(t->mutex, t->cond);
 }
 
 }  // namespace videostabilizer

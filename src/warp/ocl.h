@@ -1,6 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
-// What the files of this folder that call OpenCL have in common.
+// Shared by the files that call OpenCL.
 
 #define CL_TARGET_OPENCL_VERSION 120
 #include <CL/cl.h>
@@ -14,8 +16,8 @@ constexpr char WARP_OCL_TAG[] = "warp_affine_ocl";
 // The one OclRuntime of the process.
 OclRuntime& ocl_runtime();
 
-// Wraps every OpenCL call whose result matters: a failed one is logged with its name and its error,
-// at info priority, so that the caller's own message can follow.
+// Whether an OpenCL call succeeded. A failure is logged with the call and the error, at info
+// priority; the caller logs its own message.
 //
 //     if (!ocl_succeeded(clFinish(queue), "clFinish")) ...
 bool ocl_succeeded(cl_int error, const char* call);

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "warp/ocl.h"
 
 #include "platform/log.h"
@@ -11,8 +13,8 @@ struct ErrorName {
     const char* name;
 };
 
-// The core errors that set-up, buffers, kernels and queues can meet. Spelled out rather than made
-// by a macro, so that the codes can be searched for.
+// The errors of set-up, buffers, kernels and queues. Written out, without a macro, so that searches
+// find the names.
 constexpr ErrorName ERROR_NAMES[] = {
     {CL_DEVICE_NOT_FOUND, "CL_DEVICE_NOT_FOUND"},
     {CL_DEVICE_NOT_AVAILABLE, "CL_DEVICE_NOT_AVAILABLE"},
@@ -49,7 +51,7 @@ constexpr ErrorName ERROR_NAMES[] = {
     {CL_INVALID_OPERATION, "CL_INVALID_OPERATION"},
     {CL_INVALID_BUFFER_SIZE, "CL_INVALID_BUFFER_SIZE"},
     {CL_INVALID_GLOBAL_WORK_SIZE, "CL_INVALID_GLOBAL_WORK_SIZE"},
-    {-1001, "CL_PLATFORM_NOT_FOUND_KHR"},  // the loader's answer when it knows no platform
+    {-1001, "CL_PLATFORM_NOT_FOUND_KHR"},  // from the loader, when there is no platform
 };
 
 const char* error_name(cl_int error) {

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "videostabilizer/ocl_runtime.h"
 
 #include <pthread.h>
@@ -17,8 +19,7 @@ namespace {
 
 OclRuntime runtime;
 
-// Guards set-up and release alike: the first of the two that is asked for is the only one that
-// runs.
+// Guards both set-up and release: only the first of the two that is called ever runs.
 pthread_once_t ocl_runtime_once = PTHREAD_ONCE_INIT;
 
 #if VIDEOSTABILIZER_PLAIN
@@ -27,7 +28,7 @@ pthread_once_t ocl_runtime_once = PTHREAD_ONCE_INIT;
 #define VS_BUILD_OPTIONS "-cl-mad-enable -cl-fast-relaxed-math"
 #endif
 constexpr char BUILD_OPTIONS[] = VS_BUILD_OPTIONS;
-// Where constant buffers are too small for the source planes.
+// For devices whose constant buffers are too small for the source planes.
 constexpr char GLOBAL_PLANES_BUILD_OPTIONS[] = VS_BUILD_OPTIONS " -D SOURCE_PLANES_GLOBAL";
 
 struct Free {
@@ -36,7 +37,7 @@ struct Free {
 template <typename Element>
 using HeapArray = std::unique_ptr<Element[], Free>;
 
-// `count` zero-filled elements, or null with an error in the log.
+// `count` zeroed elements, or null with an error in the log.
 template <typename Element>
 HeapArray<Element> allocate(std::size_t count) {
     // NOLINTNEXTLINE(bugprone-sizeof-expression): OpenCL's handles are pointers
@@ -93,7 +94,7 @@ HeapArray<cl_device_id> get_devices(cl_context context) {
 }
 
 const char* build_options(cl_device_id device) {
-    cl_ulong constant_bytes = 0;  // what a device that doesn't answer is taken to have
+    cl_ulong constant_bytes = 0;  // assumed if the query fails
     ocl_succeeded(clGetDeviceInfo(device, CL_DEVICE_MAX_CONSTANT_BUFFER_SIZE,
                                   sizeof(constant_bytes), &constant_bytes, nullptr),
                   "clGetDeviceInfo");
@@ -113,7 +114,7 @@ void log_build_log(cl_program program, cl_device_id device) {
         log_error("get buildlog failed.\n");
         return;
     }
-    const HeapArray<char> text = allocate<char>(bytes + 1);  // ends in a NUL whatever is written
+    const HeapArray<char> text = allocate<char>(bytes + 1);  // NUL-terminated
     if (text == nullptr) {
         return;
     }
@@ -144,14 +145,14 @@ bool build_program(cl_program program, cl_device_id device) {
     return false;
 }
 
-// A failure leaves the context and the program, if made, as they are: this runs once in a process,
-// and drivers are least to be trusted with a release after an error.
+// A failure leaves context and program unreleased: this runs once per process, and releasing after
+// an error is what drivers get wrong.
 void ocl_runtime_setup() {
     const HeapArray<cl_platform_id> platforms = get_platforms();
     if (platforms == nullptr) {
         return;
     }
-    char vendor[100] = {};  // stays a string when the query fails
+    char vendor[100] = {};  // terminated even if the query fails
     clGetPlatformInfo(platforms[0], CL_PLATFORM_VENDOR, sizeof(vendor), vendor, nullptr);
     vendor[sizeof(vendor) - 1] = '\0';
     __android_log_print(LOG_INFO, WARP_OCL_TAG, "OpenCL platform info: %s", vendor);
@@ -178,9 +179,9 @@ void ocl_runtime_setup() {
     if (!build_program(runtime.program, devices[0])) {
         return;
     }
-    log_error("OpenCL built program successfully.");  // an error by priority alone
+    log_error("OpenCL built program successfully.");  // not an error despite its priority
     runtime.devices = devices.release();
-    // Last, and seen last: stages look at it without a lock, perhaps while this runs.
+    // Stored last, because other threads read it without a lock.
     __atomic_store_n(&runtime.initialized, 1, __ATOMIC_RELEASE);
 }
 

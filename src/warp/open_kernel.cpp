@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -10,27 +12,27 @@ namespace videostabilizer {
 
 namespace {
 
-// The length of the file in bytes with the position back at its start, or -1 with an error in the
-// log.
-long measure(std::FILE* file, const char* path) {
+// Stores the length of the file in bytes and seeks back to its start. Returns false with an error
+// in the log if either fails.
+bool measure(std::FILE* file, const char* path, unsigned int* length) {
     if (std::fseek(file, 0, SEEK_END) != 0) {
         __android_log_print(LOG_ERROR, WARP_OCL_TAG, "Failed to seek EOF of: %s\n", path);
-        return -1;
+        return false;
     }
-    const long length = std::ftell(file);
-    // Directories can be opened, and say that they are as long as a long can tell.
-    if (length < 0 || length >= INT_MAX) {
+    const long end = std::ftell(file);
+    if (end < 0 || end >= INT_MAX) {  // LONG_MAX for directories
         __android_log_print(LOG_ERROR, WARP_OCL_TAG, "Failed to get the length of: %s\n", path);
-        return -1;
+        return false;
     }
+    *length = static_cast<unsigned int>(end);
     if (std::fseek(file, 0, SEEK_SET) != 0) {
         __android_log_print(LOG_ERROR, WARP_OCL_TAG, "Failed to seek BEGIN of: %s\n", path);
-        return -1;
+        return false;
     }
-    return length;
+    return true;
 }
 
-// The text of the file, with a NUL behind it, or null with an error in the log.
+// Returns the text of the file, NUL-terminated, or null with an error in the log.
 char* read_text(std::FILE* file, std::size_t length) {
     char* const text = static_cast<char*>(std::malloc(length + 1));
     if (text == nullptr) {
@@ -59,12 +61,10 @@ int openKernel(const char* path, char** source, unsigned int* length) {
         __android_log_print(LOG_ERROR, WARP_OCL_TAG, "Can't open file: %s\n", path);
         return -1;
     }
-    const long measured = measure(file, path);
-    if (measured < 0) {
+    if (!measure(file, path, length)) {
         std::fclose(file);
         return -1;
     }
-    *length = static_cast<unsigned int>(measured);
     *source = read_text(file, *length);
     if (*source == nullptr) {
         std::fclose(file);

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "warp/picture_limits.h"
 
 #include <algorithm>
@@ -7,7 +9,7 @@ namespace videostabilizer {
 bool warp_stays_in_planes(const PictureGeometry& picture, bool planar, bool packed) {
     const int width = picture.width;
     const int height = picture.height;
-    // Bilinear sampling needs a row below every row that it starts from.
+    // Bilinear sampling reads two rows.
     if (width < 1 || height < 2 || picture.stride_y < width || picture.stride_uv < width / 2) {
         return false;
     }
@@ -24,7 +26,7 @@ bool warp_stays_in_planes(const PictureGeometry& picture, bool planar, bool pack
         return v_offset + rows_before_last * row + last_row <= chroma_bytes;
     }
     const std::int64_t row = packed ? width : picture.stride_y;
-    // An odd width ends in half a pair, whose other byte is read if the row holds it.
+    // The last pair of an odd width is read as a whole if the row holds it.
     const std::int64_t last_row = std::min<std::int64_t>(width + width % 2, row);
     return rows_before_last * row + last_row <= chroma_bytes;
 }

@@ -1,11 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstdint>
 
 namespace videostabilizer {
 
-// The largest plane that the library takes, in bytes: keeps every offset within a plane an int, and
-// is what a device's constant buffers must hold for the kernels to read their source from there.
+// The largest plane, in bytes: offsets within a plane fit an int. A device's constant buffers must
+// hold as much for the kernels to read their source from them.
 constexpr std::int64_t LARGEST_PLANE_BYTES = std::int64_t{128} << 20;
 
 // Bytes of the luma plane (stride_y) or the chroma area (stride_uv) of a picture.
@@ -20,10 +22,10 @@ struct PictureGeometry {
     int stride_uv;  // bytes
 };
 
-// Whether all that a kernel reads and writes of such a picture lies within planes of
-// stride_y * height and stride_uv * height bytes.
-// planar: U plane and V plane; else pairs, whose rows are as far apart as those of luma
-// packed: what the 32-pixel kernels take: rows are `width` bytes apart whatever the strides say
+// Whether a kernel accesses such a picture only within planes of stride_y * height and
+// stride_uv * height bytes.
+// planar: U plane and V plane; otherwise interleaved pairs, in rows stride_y apart
+// packed: rows are `width` bytes apart whatever the strides are, as in the 32-pixel kernels
 bool warp_stays_in_planes(const PictureGeometry& picture, bool planar, bool packed);
 
 }  // namespace videostabilizer

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "warp/transformer_thread.h"
 
 #include <algorithm>
@@ -12,8 +14,8 @@ namespace videostabilizer {
 
 namespace {
 
-// Copies the frame's transform at the moment it leaves the queue: from then on its owner may use
-// the memory for another frame.
+// Copies the frame's transform as the frame leaves the queue: afterwards its owner may reuse the
+// memory for another frame.
 void copy_transform(void* transform, Frame* frame) {
     AffineSix& copy = *static_cast<AffineSix*>(transform);
     if (frame->opaque == nullptr) {
@@ -23,8 +25,8 @@ void copy_transform(void* transform, Frame* frame) {
     }
 }
 
-// The frame that receives the picture warped from `frame`, with t->output_in_hand set if it is a
-// frame of its own. Returns RESULT_OK and *output, or the error, which is logged.
+// Provides the frame that receives the warped picture; a new one is also stored in output_in_hand.
+// Returns RESULT_OK and *output, or the error, which is logged.
 int make_output(AffineTransformerOcl* t, Frame* frame, Frame** output) {
     if (t->in_place != 0) {
         *output = frame;
@@ -57,7 +59,7 @@ void set_arguments(AffineTransformerOcl* t, const Frame* frame) {
                                      &t->mem_wp};
     const cl_int numbers[] = {frame->width, frame->height, frame->stride_y, frame->stride_uv};
     cl_uint index = 0;
-    // A failure shows in the launch, which refuses missing arguments.
+    // Errors are detected by the launch, which refuses missing arguments.
     for (const cl_mem* buffer : buffers) {
         clSetKernelArg(t->kernel, index++, sizeof(cl_mem), buffer);
     }
@@ -74,9 +76,9 @@ bool succeeded(cl_int error, const char* call, const char* text) {
     return false;
 }
 
-// Uploads the planes and `wp`, runs the kernel and downloads the result into `output`. The last
-// download is the only wait: the queue is in order, so all is done when it returns. After an
-// error, transfers may still be at work on the frames and on `wp`.
+// Uploads the planes and `wp`, runs the kernel and downloads the result into `output`. Only the
+// last download blocks; the queue is in order, so everything is complete when it returns. After an
+// error, transfers may still be using the frames and `wp`.
 bool enqueue_warp(AffineTransformerOcl* t, const Frame* frame, const Frame* output,
                   const AffineSix& wp) {
     const auto y_bytes = static_cast<std::size_t>(plane_bytes(frame->stride_y, frame->height));
@@ -129,7 +131,7 @@ int warp_frame(AffineTransformerOcl* t, Frame* frame, const AffineSix& transform
         return result;
     }
     if (!enqueue_warp(t, frame, *output, wp)) {
-        clFinish(t->cmd_queue);  // so that nothing uses the frames or `wp` any more
+        clFinish(t->cmd_queue);  // transfers must not outlive the frames and `wp`
         return RESULT_FAILED;
     }
     return RESULT_OK;
@@ -153,7 +155,7 @@ void end_of_stream(AffineTransformerOcl* t) {
     t->quit.store(1);
 }
 
-// Takes one frame and brings it to its end. Returns RESULT_OK, or why there is no going on.
+// Takes, warps and delivers one frame. Returns RESULT_OK, or the code that ends the thread.
 int process_frame(AffineTransformerOcl* t) {
     Frame* frame = nullptr;
     AffineSix transform{};

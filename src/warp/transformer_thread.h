@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include "frames/frame_fifo.h"
@@ -8,7 +10,7 @@ namespace videostabilizer {
 // The input queue of the stage.
 FrameFifo input_fifo(AffineTransformerOcl* t);
 
-// The body of the stage's thread; `transformer` is the AffineTransformerOcl. Returns null.
+// The stage's thread function; `transformer` is the AffineTransformerOcl. Returns null.
 void* transformer_thread(void* transformer);
 
 }  // namespace videostabilizer

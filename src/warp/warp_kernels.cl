@@ -1,11 +1,11 @@
-// The warp kernels. A work item (i, j) makes a run of 16 or 32 luma pixels of row j and, on even
-// rows, the chroma that belongs to them. wp maps an output position to its source position:
+// The warp kernels. Work item (i, j) computes a run of 16 or 32 luma pixels of row j and, on even
+// rows, their chroma. wp maps an output position to its source position:
 //
 //   source x = wp[0] x + wp[1] y + wp[2]        source y = wp[3] x + wp[4] y + wp[5]
 //
-// The 16-pixel kernels take the row strides that they are given; the 32-pixel kernels, for widths
-// that are multiples of 32, take packed rows. All offsets are in bytes, and all stores are to byte
-// pointers, which need no alignment: every stride is good, an odd one too.
+// The 16-pixel kernels use the given row strides; the 32-pixel kernels, for widths that are
+// multiples of 32, assume packed rows. All offsets are in bytes and all stores go to byte pointers,
+// which need no alignment, so any stride is allowed.
 
 #ifdef TABLE_LOOKUPS
 #define WARP_LUMA warp_luma_lookups

@@ -1,27 +1,27 @@
-// The same warp for processors that look up sixteen bytes of a table in one instruction (AVX2).
+// The same warp with AVX2, which looks up bytes in tables of sixteen bytes.
 //
-// The sixteen source positions of a run lie close together: where the warp does not shrink the
-// picture, their left neighbours are within sixteen bytes of a row, and they cross few rows. So
-// those bytes are loaded whole, one load per row, and a table look-up brings each lane its own:
+// Unless the warp shrinks the picture, the left neighbours of the sixteen source positions of a run
+// lie within sixteen bytes of a row, and the positions cross few rows. So each row needs one load,
+// and a table look-up distributes the bytes to the lanes:
 //
 //   row r0       . . a b c d e f g h i j k l m n o p . .      c0 = the column of a, 16 bytes from
 //   row r0 + 1   . . a b c d e f g h i j k l m n o p . .      there are the table of left
 //   row r0 + 2   . . a b c d e f g h i j k l m n o p . .      neighbours, from c0 + 1 of right ones
 //
-// At the right and lower borders the tables move back inside, which only makes indices larger.
-// No position, not even a NaN, leads outside the planes: r0 and c0 are clamped as integers.
+// At the right and lower borders the tables are moved back inside, which makes indices larger. No
+// position, not even NaN, leads outside the planes, because r0 and c0 are clamped as integers.
 
 #if defined(__AVX2__) && !defined(PLAIN_WARP)
 #define TABLE_LOOKUPS
 
 typedef char vector_bytes __attribute__((vector_size(32)));
-// Stores at any address.
+// For unaligned stores.
 typedef struct __attribute__((packed)) { ulong value; } unaligned8;
 typedef struct __attribute__((packed)) { ulong2 value; } unaligned16;
 
 #define RUN_STEPS ((float16)(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15))
 
-// Per lane: byte index & 15 of the table for each byte of `index`, 0 where its bit 7 is set.
+// For each byte of `index`: byte (index & 15) of the table, or 0 if bit 7 of the index is set.
 static inline int8 lookup8(uchar16 table, int8 index) {
     const ulong4 twice = (ulong4)(as_ulong2(table), as_ulong2(table));
     return __builtin_astype(__builtin_ia32_pshufb256(__builtin_astype(twice, vector_bytes),
@@ -34,13 +34,13 @@ static inline int16 lookup16(SOURCE uchar* table, int16 index) {
     return (int16)(lookup8(bytes, index.lo), lookup8(bytes, index.hi));
 }
 
-// Indices from 0 to 15 in the lowest byte of each lane; the other bytes of the result will be 0.
+// Indices 0..15 in the lowest byte of each lane; the other bytes of the looked-up lane become 0.
 #define BYTE_INDEX(index) ((index) | (int)0x80808000)
 
-// How many rows a run of sixteen positions may cross, rounding included, at least 1; or -1 if the
-// tables do not serve: the run is too wide or mirrored, or the picture smaller than the tables.
+// The number of rows, at least 1, that a run of sixteen positions may cross, rounding included. -1
+// if the tables cannot be used: the run is too wide or mirrored, or the picture is too small.
 static inline int rows_crossed(__constant float* wp, int width, int height) {
-    // Limits that leave a tenth of a pixel to the rounding of positions. NaN fails the tests.
+    // The limits leave a tenth of a pixel for the rounding of positions. NaN fails the comparisons.
     const bool serves = wp[0] >= 0.0f && wp[0] <= 14.9f / 15.0f && fabs(wp[3]) <= 1.0f &&
                         width >= 34 && width <= 16384 && height <= 16384;
     const int crossed = serves ? (int)(15.0f * fabs(wp[3]) + 0.1f) + 1 : -1;
@@ -53,7 +53,7 @@ static inline int first_row(int first, int crossed, bool upwards, int last) {
 }
 
 static inline float16 lerp_bytes(int16 from, int16 to, float16 fraction) {
-    // Differences of bytes are exact as floats too.
+    // Differences of bytes are exact in float.
     const float16 start = convert_float16(from);
     return start + fraction * (convert_float16(to) - start);
 }
@@ -66,7 +66,7 @@ static inline void luma_lookups16(SOURCE uchar* src, __global uchar* dst, float4
     const float16 yy = line.y * xs + line.w;
     const float last_x = last_position(width);
     const float last_y = last_position(height);
-    // Clamped in the form of two instructions; NaN may come out.
+    // This form of clamping compiles to two instructions; it passes NaN through.
     const float16 from_left = xx > 0.0f ? xx : 0.0f;
     const float16 from_top = yy > 0.0f ? yy : 0.0f;
     const float16 column_at = from_left < last_x ? from_left : last_x;
@@ -80,8 +80,8 @@ static inline void luma_lookups16(SOURCE uchar* src, __global uchar* dst, float4
     const int r0 = first_row(row.s0, crossed, line.y < 0.0f, height - 2 - crossed);
     const int16 index = BYTE_INDEX(column - c0);
     SOURCE uchar* table = src + r0 * row_stride + c0;
-    // The first crossing stands outside the loop: there is always room for one, and most warps turn
-    // the picture too little for a second.
+    // The first crossing is outside the loop: there is always room for one, and most warps rotate
+    // too little for a second.
     const int16 crosses = row > r0;
     const int16 left0 = lookup16(table, index);
     const int16 right0 = lookup16(table + 1, index);
@@ -105,7 +105,7 @@ static inline void luma_lookups16(SOURCE uchar* src, __global uchar* dst, float4
     }
     const float16 top = lerp_bytes(p00, p01, x_fraction);
     const float16 bottom = lerp_bytes(p10, p11, x_fraction);
-    // It lies between two bytes, so there is nothing to saturate.
+    // The result is between two bytes: no saturation is needed.
     const int16 result = convert_int16(top + y_fraction * (bottom - top));
     ((__global unaligned16*)dst)->value = as_ulong2(convert_uchar16(result));
 }
@@ -166,7 +166,7 @@ static inline void warp_pairs_lookups(SOURCE uchar* src, __global uchar* dst, __
     __global uchar* out = dst + (y / 2) * row_stride + x;
     for (int end = x + run; x < end; x += 16, out += 16) {
         int8 row;
-        // The columns are even: those of the pairs' first bytes.
+        // Even columns: those of the pairs' first bytes.
         const int8 column = chroma_columns8(wp, terms, x, width, height, row_stride, &row);
         const int c0 = (int)min((uint)column.s0, (uint)(last_pair - 14));
         const int r0 = first_row(row.s0, crossed, wp[3] < 0.0f, height / 2 - 1 - crossed);

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "warp/warp_parameters.h"
 
 #include "simplela/affine_inverse.h"
@@ -8,7 +10,7 @@ AffineSix warp_parameters(const AffineSix& transform, float crop_ratio, int widt
     AffineSix wp{};
     SimpleLA::invert_affine(transform.data(), wp.data());
     if (crop_ratio != 1.0F) {
-        const float margin = (1.0F - crop_ratio) * 0.5F;  // on each side, as a part of the size
+        const float margin = (1.0F - crop_ratio) * 0.5F;  // on each side, relative to the size
         wp[0] *= crop_ratio;
         wp[1] *= crop_ratio;
         wp[2] = static_cast<float>(width) * margin + wp[2] * crop_ratio;

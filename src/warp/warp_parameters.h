@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <array>
@@ -9,9 +11,9 @@ using AffineSix = std::array<float, 6>;
 
 constexpr AffineSix IDENTITY_TRANSFORM = {1.0F, 0.0F, 0.0F, 0.0F, 1.0F, 0.0F};
 
-// The kernels' parameters `wp`, which map an output position to the source position that it shows:
-// the inverse of `transform` (source to output), narrowed to the centred `crop_ratio` part of a
-// picture of width x height pixels. A singular transform maps all positions to one.
+// The kernels' parameters `wp`, which map an output position to its source position: the inverse of
+// `transform` (source to output), restricted to the centred `crop_ratio` part of a picture of
+// width x height pixels. A singular transform maps all positions to one.
 AffineSix warp_parameters(const AffineSix& transform, float crop_ratio, int width, int height);
 
 }  // namespace videostabilizer

@@ -1,15 +1,15 @@
-// The plain warp: what each kernel computes for its run of pixels, in groups of eight. This is the
-// definition; other ways to compute a run give the same bytes.
+// The plain warp, in groups of eight pixels. It defines the result; faster variants give the same
+// bytes.
 
-// What wp gives for row y, so that a pixel costs one multiplication per axis.
+// The terms of wp that are constant along row y.
 static inline float2 row_terms(__constant float* wp, int y) {
     return (float2)(wp[1] * y + wp[2], wp[4] * y + wp[5]);
 }
 
-// The last position to sample along an axis of `size` pixels: far enough from the last pixel that
-// the position's right or lower neighbour exists.
+// The last position to sample along an axis of `size` pixels, such that its right or lower
+// neighbour exists.
 static inline float last_position(int size) {
-    // Beyond 32768 pixels the margin drowns in the rounding; the next lower float still serves.
+    // Beyond 32768 pixels the margin is lost to rounding; then the next lower float is used.
     return fmin((float)size - 1.001f, nextafter((float)(size - 1), 0.0f));
 }
 
@@ -19,30 +19,30 @@ static inline void warp_luma8(SOURCE uchar* src, __global uchar* dst, __constant
     const float8 xs = (float)x + (float8)(0.0f, 1.0f, 2.0f, 3.0f, 4.0f, 5.0f, 6.0f, 7.0f);
     const float8 xx = wp[0] * xs + terms.x;
     const float8 yy = wp[3] * xs + terms.y;
-    // fmax and fmin, since clamp says nothing about NaN.
+    // fmax and fmin, because clamp is undefined for NaN.
     const float8 column = fmin(fmax(xx, 0.0f), last_position(width));
     const float8 row = fmin(fmax(yy, 0.0f), last_position(height));
     vstore8(getInterpolatedPixel_vector(src, column, row, row_stride, height), 0,
             dst + y * row_stride + x);
 }
 
-// Whether the work items of row y make chroma. Chroma has height / 2 rows: the last row of an odd
-// height has none.
+// Whether the work items of row y compute chroma. There are height / 2 chroma rows: the last luma
+// row of an odd height has none.
 static inline bool makes_chroma(int y, int height) {
     return (y & 1) == 0 && y + 1 < height;
 }
 
-// Rounds positions along one axis to the nearest pixel, clamps them to [0, last] and goes to the
-// even pixel at or before each.
+// Rounds positions along one axis to the nearest pixel, clamps them to [0, last] and then rounds
+// down to an even pixel.
 static inline int8 nearest_even(float8 position, int last) {
-    // The outer clamp changes no result, but brings into the range of int what lies far outside.
+    // The float clamp changes no result; it keeps the conversion to int in range.
     const float8 near = fmin(fmax(position + 0.5f, -1.0f), (float)last + 1.0f);
     return clamp(convert_int8(near), 0, last) & ~1;
 }
 
-// The source positions of the eight chroma samples that belong to the luma pixels x, x + 2, ...
-// x + 14 of row y: even luma columns and, in *source_row, chroma rows. `row_bytes` is how many luma
-// columns the chroma rows of the source can serve; it cuts short the last one of an odd width.
+// The source positions of the eight chroma samples of the luma pixels x, x + 2, ... x + 14 of row
+// y: even luma columns and, in *source_row, chroma rows. `row_bytes`: luma columns that a chroma
+// row of the source covers, which may be fewer than an odd width.
 static inline int8 chroma_columns8(__constant float* wp, float2 terms, int x, int width, int height,
                                    int row_bytes, int8* source_row) {
     const float8 xs = (float)x + (float8)(0.0f, 2.0f, 4.0f, 6.0f, 8.0f, 10.0f, 12.0f, 14.0f);
@@ -50,8 +50,8 @@ static inline int8 chroma_columns8(__constant float* wp, float2 terms, int x, in
     return nearest_even(wp[0] * xs + terms.x, min(width, row_bytes & ~1) - 1);
 }
 
-// Eight chroma pairs of a semi-planar picture. Pairs are moved byte by byte, since those of rows at
-// odd offsets can't be loaded as 16-bit units.
+// Eight chroma pairs of a semi-planar picture, moved byte by byte, because rows may start at odd
+// offsets.
 static inline void warp_pairs8(SOURCE uchar* src, __global uchar* dst, __constant float* wp,
                                float2 terms, int x, int y, int width, int height, int row_stride) {
     int8 source_row;
@@ -81,7 +81,7 @@ static inline void warp_planes8(SOURCE uchar* src, __global uchar* dst, __consta
     vstore8(v, 0, out + v_offset);
 }
 
-// A whole run of `run` pixels from (x, y) on, or the chroma that belongs to it.
+// A run of `run` pixels from (x, y) on, or its chroma.
 
 static inline void warp_luma_plain(SOURCE uchar* src, __global uchar* dst, __constant float* wp,
                                    float2 terms, int x, int run, int y, int width, int height,

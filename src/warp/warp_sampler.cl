@@ -11,8 +11,8 @@ static inline uchar8 getInterpolatedPixel_vector(SOURCE uchar* img, float8 x, fl
     const float8 xFraction = x - convert_float8(column);
     const float8 yFraction = y - convert_float8(row);
 
-    // Positions arrive clamped to the picture, which leaves the offset as it is. But the relaxed
-    // maths may take it that no position is NaN, and then pass one through the callers' clamps.
+    // For positions inside the picture this changes nothing. But the compiler, which may assume
+    // under relaxed maths that there is no NaN, may pass one through the callers' clamps.
     const int8 offset = clamp(row * width + column, 0, (height - 1) * width - 2);
     const int8 below = offset + width;
 
