@@ -1,5 +1,7 @@
-// Every variant of the analysis routines beside the plain one, on the pictures and points that a
-// stabilizer of the size has. Linked with the internals, whose tables it walks.
+// SPDX-License-Identifier: Apache-2.0
+
+// Every variant of the analysis routines beside the plain one, on the pictures and points of a
+// stabilizer of each size. Linked with the internals, whose tables it reads.
 
 #include <benchmark/benchmark.h>
 
@@ -8,7 +10,7 @@
 #include <iterator>
 #include <vector>
 
-#include "apps/scene.h"
+#include "common/synthetic/scene.h"
 #include "features/fast16_variants.h"
 #include "features/lucas_kanade_variants.h"
 #include "motion/direct_alignment.h"
@@ -16,7 +18,7 @@
 #include "motion/similarity_fit.h"
 #include "pipeline/decimate.h"
 
-// The tracker reports lost points; a benchmark of it is not to measure a terminal.
+// Drops the tracker's log of lost points, so that no terminal is measured.
 extern "C" int __android_log_print(int, const char*, const char*, ...) {
     return 0;
 }
@@ -26,7 +28,7 @@ namespace {
 using namespace videostabilizer;
 using Plane = std::vector<unsigned char>;
 
-// As a stabilizer of the picture size chooses them.
+// The parameters that a stabilizer of the picture size chooses.
 struct Size {
     int width;
     int height;
@@ -46,14 +48,14 @@ std::size_t area(int width, int height) {
 // The results of all stages on two successive pictures of a sample clip.
 struct Analysis {
     explicit Analysis(const Size& picture_size) : size(picture_size) {
-        apps::ClipSettings settings;
+        synthetic::ClipSettings settings;
         settings.camera.width = size.width;
         settings.camera.height = size.height;
-        const apps::ShakyClip clip(settings);
+        const synthetic::ShakyClip clip(settings);
         const std::size_t luma = area(size.width, size.height);
         for (int i = 0; i < 2; ++i) {
             pictures[i].resize(luma * 3 / 2);
-            apps::Planes planes{};
+            video_io::Planes planes{};
             planes.y = pictures[i].data();
             planes.u = planes.y + luma;
             planes.v = planes.u + luma / 4;
@@ -72,7 +74,7 @@ struct Analysis {
     Analysis(const Analysis&) = delete;
     Analysis& operator=(const Analysis&) = delete;
 
-    // Follows the corners by a variant, and keeps the pairs in pixels of the full picture.
+    // Tracks the corners by a variant, and keeps the pairs in pixels of the full picture.
     void track(const TrackVariant& variant) {
         const GreyImage prev = {images[0].data(), size.image_width(), size.image_height()};
         const GreyImage next = {images[1].data(), size.image_width(), size.image_height()};
@@ -112,7 +114,7 @@ void decimate_plain(const unsigned char* luma, int width, int height, int scale,
     }
 }
 
-// The floor: the rows that decimation reads, copied.
+// The lower bound: the rows that decimation reads, copied.
 void copy_rows(const unsigned char* luma, int width, int height, int scale, unsigned char* copy) {
     for (int r = 0; r < height / scale; ++r) {
         std::memcpy(copy + area(r, width), luma + area(r * scale, width), area(width, 1));
@@ -158,8 +160,8 @@ void track(benchmark::State& state, const TrackVariant& variant, const Size& siz
     state.counters["tracked"] = static_cast<double>(analysis.matched_prev.size());
 }
 
-// Every third pair is wrong, so that no model reaches three quarters and all 293 samples are drawn;
-// or none, so that one of the first ends it.
+// Every third pair is an outlier, so that no model reaches three quarters and all 293 samples are
+// drawn; or none is, so that one of the first samples is the last.
 template <bool ALL_DRAWS>
 void estimate(benchmark::State& state, const EstimateVariant& variant, const Size& size) {
     Analysis analysis(size);
@@ -186,7 +188,7 @@ const Size& size_of(const benchmark::State& state) {
     return *size;
 }
 
-// A run is told the row of its table and the picture size, and is labelled with the row's name.
+// A run gets the row of its table and the picture size, and the name of the row as its label.
 template <typename Variant, std::size_t ROWS>
 void run_row(benchmark::State& state, const Variant (&variants)[ROWS],
              void (*run)(benchmark::State&, const Variant&, const Size&)) {
@@ -232,8 +234,7 @@ void BM_EstimateAllDraws(benchmark::State& state) {
 }
 BENCHMARK(BM_EstimateAllDraws)->Apply(each_row<estimate_variants>);
 
-// What the edge guard adds to the estimate: the narrower fit alone, and with the refinement on the
-// pictures.
+// The cost of refinement: the similarity fit alone, and with the alignment of the pictures.
 void BM_Refine(benchmark::State& state) {
     const Size& size = SIZES[state.range(0)];
     const bool on_pictures = state.range(1) != 0;

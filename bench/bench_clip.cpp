@@ -1,8 +1,10 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "bench/bench_clip.h"
 
 #include <stdexcept>
 
-#include "apps/scene.h"
+#include "common/synthetic/scene.h"
 #include "pipeline/decimate.h"
 
 using namespace videostabilizer;
@@ -10,13 +12,13 @@ using namespace videostabilizer;
 namespace bench {
 
 Clip::Clip(int clip_width, int clip_height, int count) : width(clip_width), height(clip_height) {
-    apps::ClipSettings settings;
+    synthetic::ClipSettings settings;
     settings.camera.width = width;
     settings.camera.height = height;
-    const apps::ShakyClip clip(settings);
+    const synthetic::ShakyClip clip(settings);
     for (int i = 0; i < count; ++i) {
         auto& pixels = frames.emplace_back(luma_bytes() * 3 / 2);
-        apps::Planes planes{};
+        video_io::Planes planes{};
         planes.y = pixels.data();
         planes.u = planes.y + luma_bytes();
         planes.v = planes.u + luma_bytes() / 4;
@@ -50,7 +52,7 @@ Analysis::Analysis(Clip& clip)
     match();
     estimate();
     if (stabilizer->motion_logs[0].status != 0) {
-        // The times of stages that find nothing to do would mean nothing.
+        // The times of stages without input would be meaningless.
         throw std::runtime_error("no motion found in the clip");
     }
 }

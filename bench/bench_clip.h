@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <vector>
@@ -6,8 +8,8 @@
 
 namespace bench {
 
-// The sample clip in memory, planar and packed: short, but long enough for the whole smoothing
-// span. Sizes must be even.
+// The sample clip in memory, planar and packed: short, but longer than the smoothing window. Sizes
+// must be even.
 struct Clip {
     int width;
     int height;
@@ -15,12 +17,12 @@ struct Clip {
 
     Clip(int clip_width, int clip_height, int count);
 
-    // A frame record over the pixels of frame `number` (wrapping round).
+    // A frame record over the pixels of frame `number` (modulo the length).
     videostabilizer::Frame* frame(int number);
     std::size_t luma_bytes() const;
 };
 
-// The analysis set-up that a stabilizer of this size uses, and its images of two successive frames.
+// The analysis parameters of a stabilizer of this size, and its images of two successive frames.
 struct Analysis {
     videostabilizer::VideoStabilizer* stabilizer;  // owned; not started
     int width;                                     // of the analysis images

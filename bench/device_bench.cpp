@@ -1,4 +1,6 @@
-// The OpenCL device's part: the kernel in all its variants, and the transfers.
+// SPDX-License-Identifier: Apache-2.0
+
+// The work of the OpenCL device: the kernel in all variants, and the transfers.
 
 #define CL_TARGET_OPENCL_VERSION 120
 #include <CL/cl.h>
@@ -40,7 +42,7 @@ struct Device {
           queue(stage->cmd_queue),
           luma_bytes(clip.luma_bytes()),
           chroma_bytes(luma_bytes / 2) {
-        // A slight rotation and zoom, as corrections have: rows are read across.
+        // A slight rotation and zoom, as in corrections: rows are read obliquely.
         const float wp[6] = {0.9F, 0.01F, 40.0F, -0.01F, 0.9F, 36.0F};
         clEnqueueWriteBuffer(queue, stage->mem_wp, CL_TRUE, 0, sizeof wp, wp, 0, nullptr, nullptr);
         set_arguments(stage->kernel);
@@ -120,7 +122,7 @@ struct Kernel {
     }
 };
 
-// A variant against the plain kernel and against a copy of the planes, in turns.
+// A variant, the plain kernel and a copy of the planes, alternating.
 void BM_WarpKernel(benchmark::State& state, const KernelVariant& variant) {
     const Device device(state);
     const Kernel plain(device, kernel_variants[0]);
@@ -151,7 +153,7 @@ void BM_WarpKernel(benchmark::State& state, const KernelVariant& variant) {
     state.counters["x_memcpy"] = cpu / bench::median(copies.cpu);
 }
 
-// What a frame costs on the device, part by part and as the stage does it, with one wait.
+// The cost of a frame on the device, part by part, and as in the stage with one wait.
 void BM_WarpParts(benchmark::State& state) {
     const Device device(state);
     Bytes output(device.luma_bytes + device.chroma_bytes);

@@ -1,9 +1,11 @@
-// Measures the start-up of a process: run by the benchmark of it, in a process of its own.
+// SPDX-License-Identifier: Apache-2.0
+
+// Measures the start-up of its own process; run by the start-up benchmark.
 //
 //     bench_first_frame WIDTH HEIGHT STARTED
 //
 // STARTED is when the process was started, in seconds on the monotonic clock. Prints a line
-// "part milliseconds" for each part of the road from there to the first frame out.
+// "part milliseconds" for each part from there to the first output frame.
 
 #define CL_TARGET_OPENCL_VERSION 120
 #include <CL/cl.h>
@@ -35,7 +37,7 @@ int __android_log_print(int, const char*, const char*, ...) {
     return 0;
 }
 
-// In front of the loader's functions: the parts of the library's calls that take time.
+// Interposed before the loader's functions: the calls of the library that take time.
 
 cl_int clBuildProgram(cl_program program, cl_uint count, const cl_device_id* devices,
                       const char* options, void(CL_CALLBACK* done)(cl_program, void*), void* user) {

@@ -1,5 +1,7 @@
-// The library exports a main of its own, which would satisfy the linker before the one in the
-// benchmark library's archive does.
+// SPDX-License-Identifier: Apache-2.0
+
+// The library exports a main of its own, which the linker would take instead of the one in the
+// benchmark library's archive.
 
 #include <benchmark/benchmark.h>
 

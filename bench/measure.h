@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <algorithm>
@@ -5,8 +7,8 @@
 #include <ctime>
 #include <vector>
 
-// Measuring with the machine shared: what is compared takes turns in one process, and medians and
-// the process's own processor time stand beside the clock on the wall.
+// Measuring on a shared machine: what is compared alternates in one process, and medians and the
+// process's own processor time are reported beside wall-clock time.
 namespace bench {
 
 inline double seconds_of(clockid_t clock) {
@@ -15,7 +17,7 @@ inline double seconds_of(clockid_t clock) {
     return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
-// The value below which `share` of the values lie; `values` must hold some.
+// The value that `share` of the values are below; `values` must not be empty.
 inline double quantile(std::vector<double> values, double share) {
     const auto at = values.begin() +
                     static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
@@ -27,7 +29,7 @@ inline double median(const std::vector<double>& values) {
     return quantile(values, 0.5);
 }
 
-// Runs of one piece of work.
+// Times of runs of the same work.
 struct Runs {
     std::vector<double> wall;  // seconds
     std::vector<double> cpu;   // seconds of all threads of the process

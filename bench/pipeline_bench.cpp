@@ -1,4 +1,6 @@
-// Whole streams, push to pop; what each stage has of the work of a frame; and how both grow.
+// SPDX-License-Identifier: Apache-2.0
+
+// Whole streams, push to pop, and the share of each stage in the work of a frame; both by size.
 
 #include <benchmark/benchmark.h>
 #include <malloc.h>
@@ -34,7 +36,7 @@ void picture_sizes(benchmark::internal::Benchmark* b) {
     b->Args({640, 480})->Args({1280, 720})->Args({1920, 1080});
 }
 
-// Clips take longer to make than to stabilise, so those of a size share one.
+// Clips take longer to make than to stabilise, so benchmarks of a size share one.
 bench::Clip& clip_of(const benchmark::State& state) {
     static std::map<std::pair<int, int>, std::unique_ptr<bench::Clip>> clips;
     const auto size =
@@ -46,7 +48,7 @@ bench::Clip& clip_of(const benchmark::State& state) {
     return *clip;
 }
 
-// A running stream with its host: a thread that pushes as fast as it can.
+// A running stream and its host, a thread that pushes as fast as it can.
 class Stream {
   public:
     explicit Stream(bench::Clip& clip)
@@ -76,7 +78,7 @@ class Stream {
     }
     // Until the pipeline is full and the caches are warm.
     void warm_up() { pop(CLIP_FRAMES); }
-    // Until it holds all that it ever holds.
+    // Until it holds the most memory.
     void wait_until_full() const {
         while (video_stabilizer_output_full(stabilizer_) == 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -90,8 +92,8 @@ class Stream {
     std::thread producer_;
 };
 
-// Samples the states of the process's other threads, and counts how often none of them ran or was
-// ready to run: the share of the time that goes into hand-overs alone.
+// Samples the states of the process's other threads, and counts how often none of them was running
+// or runnable: the share of the time that is lost in hand-overs.
 class IdleSampler {
   public:
     IdleSampler() : thread_([this] { sample(); }) {}
@@ -112,10 +114,10 @@ class IdleSampler {
     void sample() {
         const std::string self = std::to_string(gettid());
         while (!stopping_.load()) {
-            // Of no rhythm that frames could have.
+            // Unlike any frame period.
             std::this_thread::sleep_for(std::chrono::microseconds(2000 + 37 * (samples_ % 61)));
             bool busy = false;
-            std::error_code gone;  // of tasks that end meanwhile
+            std::error_code gone;  // of tasks that have ended
             for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", gone)) {
                 const std::string id = task.path().filename();
                 busy = busy || (id != self && runs(id));
@@ -126,12 +128,12 @@ class IdleSampler {
     }
 
     std::atomic<bool> stopping_{false};
-    int samples_ = 0;  // this and the next are the thread's until it is joined
+    int samples_ = 0;  // this and the next belong to the thread until it is joined
     int idle_ = 0;
     std::thread thread_;
 };
 
-// The floor: the planes of a frame copied to the device and back, by memcpy.
+// The lower bound: the planes of a frame copied to the device and back, by memcpy.
 double copies_of_a_frame(const bench::Clip& clip) {
     std::vector<unsigned char> copy(clip.frames[0].size());
     bench::Runs runs;
@@ -173,28 +175,28 @@ void BM_Pipeline(benchmark::State& state) {
 }
 BENCHMARK(BM_Pipeline)->Apply(picture_sizes)->Args({2560, 1440})->Args({3840, 2160})->UseRealTime();
 
-// Bytes that the process has from its heap. (What of them is resident says little once earlier
-// benchmarks have given memory back.)
+// Bytes allocated on the heap. (Resident memory says little once earlier benchmarks have freed
+// some.)
 double heap_bytes() {
     const struct mallinfo2 heap = mallinfo2();
     return static_cast<double>(heap.uordblks) + static_cast<double>(heap.hblkhd);
 }
 
-// What a stream holds besides its input frames, which are the host's, while it waits for a pop:
-// source and destination buffers, two analysis images, and three output frames, of which the warp
-// stage has one and the output queue two.
+// The memory of a stream that waits for a pop, without its input frames, which are the host's:
+// source and destination buffers, two analysis images, and three output frames, one in the warp
+// stage and two in the output queue.
 double formula_bytes(const bench::Clip& clip, int scale) {
     const auto luma = static_cast<double>(clip.luma_bytes());
     return 2 * 1.5 * luma + 2 * luma / (scale * scale) + 3 * 1.5 * luma;
 }
 
-// Several streams at once: an iteration is so many frames of each.
+// Several streams at once: an iteration is a number of frames of each.
 void BM_Streams(benchmark::State& state) {
     constexpr int FRAMES = 100;
     const int count = static_cast<int>(state.range(2));
     bench::Clip& clip = clip_of(state);
     {
-        Stream first(clip);  // what only the first stream of a process costs
+        Stream first(clip);  // excludes the cost of a process's first stream
         first.warm_up();
     }
     const double before = heap_bytes();
@@ -239,8 +241,8 @@ enum Stage { DECIMATE, CORNERS, TRACK, ESTIMATE, SMOOTH, WARP, STAGES };
 constexpr std::array<const char*, STAGES> STAGE_NAMES = {"decimate", "corners", "track",
                                                          "estimate", "smooth",  "warp"};
 
-// Runs the stages of a frame one after another on one thread, an iteration for each frame, and
-// returns the mean seconds that each took. The warp is that of the stage, thread hand-over included.
+// Runs the stages of a frame one after another on one thread, a frame per iteration, and returns
+// the mean seconds of each. The warp is that of the stage, with the hand-over to its thread.
 std::array<double, STAGES> run_stages(benchmark::State& state, bench::Clip& clip,
                                       bench::Analysis& analysis) {
     using Clock = std::chrono::steady_clock;
@@ -296,8 +298,8 @@ void BM_StageShares(benchmark::State& state) {
 }
 BENCHMARK(BM_StageShares)->Apply(picture_sizes)->UseRealTime();
 
-// How the stages grow with the number of corners, which the size of the detector's cells governs:
-// the library's own are 64 analysis pixels wide here.
+// The stages by the number of corners, which depends on the size of the detector's cells: the
+// library's own are 64 analysis pixels wide here.
 void BM_CornerCounts(benchmark::State& state) {
     bench::Clip& clip = clip_of(state);
     bench::Analysis analysis(clip);

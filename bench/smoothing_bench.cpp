@@ -1,5 +1,7 @@
-// What the path costs per frame as the look-ahead grows: the mean over neighbouring frames, and the
-// planned path with and without an edge in sight. Linked with the internals.
+// SPDX-License-Identifier: Apache-2.0
+
+// The cost of the path per frame for several look-aheads: the mean over neighbouring frames, and
+// the planned path with and without the picture's edge coming into view. Linked with the internals.
 
 #include <benchmark/benchmark.h>
 
@@ -8,9 +10,9 @@
 #include <memory>
 #include <vector>
 
-#include "apps/camera_path.h"
+#include "common/synthetic/camera_path.h"
 #include "motion/camera_pose.h"
-#include "motion/path_planner.h"
+#include "path/path_planner.h"
 #include "videostabilizer/gaussian_motion_filter.h"
 #include "videostabilizer/mat.h"
 #include "videostabilizer/ransac.h"
@@ -23,8 +25,9 @@ constexpr int WIDTH = 1280;
 constexpr int HEIGHT = 720;
 
 // The true motion from frame i to i + 1 of a shaky camera, row-major 3x3.
-void motion_of(const apps::CameraPath& path, int i, float motion[9]) {
-    const apps::Affine m = apps::true_motion(path.shaky(i), path.shaky(i + 1), WIDTH, HEIGHT);
+void motion_of(const synthetic::CameraPath& path, int i, float motion[9]) {
+    const synthetic::Affine m =
+        synthetic::true_motion(path.shaky(i), path.shaky(i + 1), WIDTH, HEIGHT);
     const double values[9] = {m.a, m.b, m.c, m.d, m.e, m.f, 0, 0, 1};
     for (int k = 0; k < 9; ++k) {
         motion[k] = static_cast<float>(values[k]);
@@ -38,7 +41,7 @@ struct FilterDeleter {
 void BM_Filter(benchmark::State& state) {
     const int radius = static_cast<int>(state.range(0));
     const int ring = 2 * radius + 1;
-    const apps::CameraPath path{apps::CameraSettings{}};
+    const synthetic::CameraPath path{synthetic::CameraSettings{}};
     std::vector<SimpleLA::Mat<float>> storage;
     std::vector<SimpleLA::Mat<float>*> motions;
     for (int i = 0; i < ring; ++i) {
@@ -65,12 +68,12 @@ BENCHMARK(BM_Filter)
     ->Arg(120)
     ->Unit(benchmark::kMicrosecond);
 
-// `shake` times as much as usual, so that the edges are in sight or never are.
+// `shake` times as much as usual, so that edges come into view or never do.
 void plan(benchmark::State& state, double shake) {
     const int look_ahead = static_cast<int>(state.range(0));
-    apps::CameraSettings camera;
+    synthetic::CameraSettings camera;
     camera.shake = shake;
-    const apps::CameraPath path(camera);
+    const synthetic::CameraPath path(camera);
     PathPlanner planner({WIDTH, HEIGHT, look_ahead, 0.7 * look_ahead, 0.9});
     const PictureCentre centre = picture_centre(WIDTH, HEIGHT);
     std::deque<CameraPose> steps;

@@ -1,4 +1,6 @@
-// Each stage of the pipeline alone.
+// SPDX-License-Identifier: Apache-2.0
+
+// Each stage of the pipeline by itself.
 
 #include <benchmark/benchmark.h>
 
@@ -25,7 +27,7 @@ struct Setup {
           analysis(clip) {}
 };
 
-// The floor of every stage that touches the whole picture.
+// The lower bound of every stage that touches the whole picture.
 void BM_CopyPlanes(benchmark::State& state) {
     Setup setup(state);
     std::vector<unsigned char> copy(setup.clip.frames[0].size());
@@ -73,7 +75,7 @@ void BM_EstimateEarlyStop(benchmark::State& state) {
 }
 BENCHMARK(BM_EstimateEarlyStop)->Apply(picture_sizes);
 
-// Every third pair is wrong: no model reaches three quarters, and all 293 samples are drawn.
+// Every third pair is an outlier: no model reaches three quarters, and all 293 samples are drawn.
 void BM_EstimateAllDraws(benchmark::State& state) {
     Setup setup(state);
     auto& points = setup.analysis.stabilizer->matched_next;

@@ -1,4 +1,6 @@
-// From the start of a process to its first frame out, part by part, with an empty and with a
+// SPDX-License-Identifier: Apache-2.0
+
+// From the start of a process to its first output frame, part by part, with an empty and with a
 // filled cache of compiled kernels.
 
 #include <benchmark/benchmark.h>
@@ -17,8 +19,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A folder for PoCL's compiled kernels that this object removes. Other drivers have caches
-// elsewhere, if at all.
+// A temporary folder for PoCL's compiled kernels. Other drivers cache elsewhere, if at all.
 struct CacheFolder {
     fs::path path;
     CacheFolder() {
@@ -30,7 +31,7 @@ struct CacheFolder {
     CacheFolder& operator=(const CacheFolder&) = delete;
 };
 
-// Runs a process to its first frame and adds the time of each part. Returns whether it got there.
+// Runs a process to its first frame and adds the time of each part. False if it failed.
 bool add_run(const CacheFolder& cache, const benchmark::State& state,
              std::map<std::string, std::vector<double>>& parts) {
     const fs::path program = fs::read_symlink("/proc/self/exe").parent_path() / "bench_first_frame";

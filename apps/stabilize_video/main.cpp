@@ -1,15 +1,17 @@
-// stabilize-video: takes the shake out of video files, cameras and pipes.
+// SPDX-License-Identifier: Apache-2.0
+
+// stabilize-video: stabilises video files, cameras and pipes.
 
 #include <unistd.h>
 
 #include <cstdio>
 #include <exception>
 
-#include "apps/output_file.h"
-#include "apps/stabilize_video/batch.h"
-#include "apps/stabilize_video/interruption.h"
-#include "apps/stabilize_video/job.h"
-#include "apps/stabilize_video/options.h"
+#include "apps/stabilize_video/cli/interruption.h"
+#include "apps/stabilize_video/cli/options.h"
+#include "apps/stabilize_video/run/batch.h"
+#include "apps/stabilize_video/run/job.h"
+#include "common/video_io/output_file.h"
 
 namespace {
 
@@ -17,13 +19,15 @@ void tell(const char* what) {
     std::fprintf(stderr, "stabilize-video: %s\n", what);
 }
 
-// An exception where none may leave, as when memory runs out in a destructor: no file that looks
-// finished stays even then.
+// For an exception that cannot be caught, as when memory runs out in a destructor: removes the
+// temporary files even then.
 [[noreturn]] void end_at_once() {
-    apps::PendingFile::remove_all();
+    video_io::PendingFile::remove_all();
     try {
-        if (const auto thrown = std::current_exception()) std::rethrow_exception(thrown);
-        tell("a fault of its own");
+        if (const auto thrown = std::current_exception()) {
+            std::rethrow_exception(thrown);
+        }
+        tell("internal error");
     } catch (const std::exception& error) {
         tell(error.what());
     }
@@ -37,8 +41,9 @@ int main(int argc, char** argv) {
     try {
         int status = apps::EXIT_DONE;
         const auto options = apps::parse_options(argc, argv, status);
-        if (!options) return status;
-        apps::watch_signals(options->keep_partial);
+        if (!options) {
+            return status;
+        }
         return options->output_dir.empty() ? apps::run_job(*options) : apps::run_batch(*options);
     } catch (const std::exception& error) {
         tell(error.what());

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # Completion of stabilize-video for bash. The options come from the program's own help.
 
 _stabilize_video() {

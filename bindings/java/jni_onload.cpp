@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "videostabilizer/jni.h"
 
 #include <atomic>
@@ -12,22 +14,21 @@ namespace {
 constexpr char TAG[] = "NUVIK_Stabilizer_onLoad";
 constexpr char STABILIZER_CLASS[] = "com/nuvik/stabilizer/Stabilizer";
 
-// The VM that loaded the library, set once and kept: a VM lives as long as its process. Null until
-// then. Atomic, since threads that ask for their environment may be older than the load.
+// The VM that loaded the library; null before. Atomic, because getJNIEnv may run on any thread.
 std::atomic<JavaVM*> java_vm{nullptr};
 
-// The VM calls native methods with two arguments that the test has no use for.
+// Drops the two arguments that the VM passes.
 jint JNICALL test_stabilizer_method(JNIEnv* /*env*/, jobject /*stabilizer*/) {
     return test_stabilizer();
 }
 
-// The JDK's header wants names that could be written to, although nobody does; Android's does not.
+// The casts are for the JDK's header, whose names are not const; Android's are.
 const JNINativeMethod stabilizer_methods[] = {
     {const_cast<char*>("test_stabilizer"), const_cast<char*>("()I"),
      reinterpret_cast<void*>(test_stabilizer_method)},
 };
 
-// Null if the VM does not know the calling thread.
+// Null if the calling thread is not attached to the VM.
 JNIEnv* calling_thread_env(JavaVM* vm) {
     void* env = nullptr;
     return vm->GetEnv(&env, JNI_VERSION_1_4) == JNI_OK ? static_cast<JNIEnv*>(env) : nullptr;
@@ -79,8 +80,7 @@ int jniRegisterNativeMethods(JNIEnv* env, const char* className, const JNINative
 int jniThrowException(JNIEnv* env, const char* className, const char* msg) {
     jclass exception = env->FindClass(className);
     if (exception == nullptr) {
-        // The failed look-up has left its own error pending, which is not what the caller wanted
-        // thrown.
+        // The failed look-up has left its own exception pending.
         env->ExceptionClear();
         __android_log_print(LOG_ERROR, TAG, "Unable to find exception class %s", className);
         return -1;

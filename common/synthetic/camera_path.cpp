@@ -1,17 +1,19 @@
-#include "apps/camera_path.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "common/synthetic/camera_path.h"
 
 #include <algorithm>
 #include <cmath>
 
-#include "apps/deterministic.h"
+#include "common/synthetic/deterministic.h"
 
-namespace apps {
+namespace synthetic {
 
 namespace {
 
 constexpr double PI = 3.14159265358979323846;
 
-// The intended path: half its width and height in pictures, and the seconds of one round.
+// The intended path: amplitudes in picture sizes, and periods.
 constexpr double PAN_X = 0.15;
 constexpr double PAN_Y = 0.10;
 constexpr double PAN_X_SECONDS = 17;
@@ -19,26 +21,29 @@ constexpr double PAN_Y_SECONDS = 11;
 constexpr double ROLL_SECONDS = 4;
 constexpr double ZOOM_SECONDS = 5;
 
-// Root mean square of the shake at strength 1: a hand that does not try very hard.
+// Root mean square of the shake at strength 1.
 constexpr double SHAKE_POSITION = 0.006;  // picture widths
 constexpr double SHAKE_ANGLE = 0.006;     // radians
 constexpr double SHAKE_ZOOM = 0.002;
 
-// Sway of the body, steps, and the tremor of the hand.
+// Body sway, steps and hand tremor.
 constexpr double SHAKE_HERTZ[] = {1.1, 1.8, 2.7, 3.9, 5.3, 7.0, 9.2, 11.7};
 
-constexpr double SET_OFF_SECONDS = 1;  // from standing still to full movement
+constexpr double SET_OFF_SECONDS = 1;  // from rest to full movement
 
-// Seconds of movement that have passed when movement sets in smoothly at time 0: the integral of
-// set_off().
+// Integral of set_off() from 0 to t.
 double moving_seconds(double t) {
-    if (t <= 0) return 0;
-    if (t >= SET_OFF_SECONDS) return t - 0.5 * SET_OFF_SECONDS;
+    if (t <= 0) {
+        return 0;
+    }
+    if (t >= SET_OFF_SECONDS) {
+        return t - 0.5 * SET_OFF_SECONDS;
+    }
     const double s = t / SET_OFF_SECONDS;
     return SET_OFF_SECONDS * s * s * s * (1 - 0.5 * s);
 }
 
-// Share of the full movement at time t: 3 s^2 - 2 s^3.
+// Smooth step from 0 at t = 0 to 1: 3 s^2 - 2 s^3.
 double set_off(double t) {
     const double s = std::clamp(t / SET_OFF_SECONDS, 0.0, 1.0);
     return s * s * (3 - 2 * s);
@@ -85,7 +90,7 @@ CameraPath::Waves CameraPath::make_waves(double rms, std::uint64_t seed) {
         Wave wave{};
         wave.hertz = nominal * random.between(0.95, 1.05);
         wave.turns = random.unit();
-        wave.amplitude = 1 / wave.hertz;  // so that every wave has the same speed
+        wave.amplitude = 1 / wave.hertz;  // the same speed for every wave
         power += 0.5 * wave.amplitude * wave.amplitude;
         waves.push_back(wave);
     }
@@ -154,4 +159,4 @@ double CameraPath::reach_y() const {
     return settings_.pan * PAN_Y * settings_.height + bound(y_) + 0.5 * turned / zoom;
 }
 
-}  // namespace apps
+}  // namespace synthetic

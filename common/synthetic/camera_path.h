@@ -1,23 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstdint>
 #include <vector>
 
-// A made-up hand-held camera whose true movement is known.
+// A synthetic hand-held camera whose true motion is known.
 
-namespace apps {
+namespace synthetic {
 
 // Where a camera looks. A picture position p (pixels, x right, y down, (0, 0) the centre of the
 // top-left pixel) shows the scene position
 //
 //     (x, y) + R(angle) * (p - centre) / zoom        R(angle) = [[cos, -sin], [sin, cos]]
 //
-// with the picture centre (width / 2, height / 2), which is also the fixed point of the
-// stabilizer's crop.
+// with the point (width / 2, height / 2) as centre, half a pixel from the middle between the
+// outermost pixels. This is part of the definition of the clips; motions do not depend on it.
 struct Pose {
     double x = 0;      // scene position at the picture centre, pixels at zoom 1
     double y = 0;      //
-    double angle = 0;  // radians; positive turns the camera clockwise, its picture the other way
+    double angle = 0;  // radians; positive: camera clockwise, picture counterclockwise
     double zoom = 1;   // above 1: closer
 };
 
@@ -30,36 +32,37 @@ struct Affine {
     double map_y(double x, double y) const { return d * x + e * y + f; }
 };
 
-// From picture positions to scene positions.
+// Maps picture positions to scene positions.
 Affine picture_to_scene(const Pose& pose, int width, int height);
 
-// The motion that carries positions in the picture seen from `from` to the picture seen from `to`:
-// what a motion estimator ought to find between the two pictures.
+// The motion of the picture between two poses, which a motion estimator should find: maps positions
+// in the picture of `from` to the picture of `to`.
 Affine true_motion(const Pose& from, const Pose& to, int width, int height);
 
 struct CameraSettings {
-    int width = 1280;         // picture size, pixels: amplitudes grow with it
+    int width = 1280;         // picture size, pixels; amplitudes are proportional to it
     int height = 720;         //
     double fps = 30;          // frames per second, above 0
-    double pan = 1;           // strength of the intended movement; 0: the camera is to stand still
-    double shake = 1;         // strength of the hand's shake; 0: a perfectly steady pan
-    double hold_seconds = 0;  // the camera stands quite still for so long before it sets off
-    double roll = 0;          // intended turning to and fro: amplitude, radians
-    double zoom_swing = 0;    // intended zooming in and out: amplitude, share of the zoom, below 1
-    std::uint64_t seed = 1;   // another seed, another shake
+    double pan = 1;           // strength of the intended movement; 0: none
+    double shake = 1;         // strength of the shake; 0: none
+    double hold_seconds = 0;  // the camera stands still for this long before it moves
+    double roll = 0;          // amplitude of an intended rotation, radians
+    double zoom_swing = 0;    // amplitude of an intended zoom, relative, below 1
+    std::uint64_t seed = 1;   // of the shake
 };
 
-// A slow pan to and fro, which never leaves a known area however long the clip is, if wished also
-// turning and zooming, and on top the shake of a hand: sinusoids between 1 and 12 Hz in position, angle and zoom, whose amplitude falls
-// as the frequency rises.
+// A slow periodic pan, which stays within a known area however long the clip is, optionally with
+// rotation and zoom; and hand shake: sinusoids between 1 and 12 Hz in position, angle and zoom, with
+// amplitudes inversely proportional to the frequency.
+// Threads: thread-safe.
 class CameraPath {
   public:
     explicit CameraPath(const CameraSettings& settings);
 
     Pose steady(int frame) const;  // the intended path, without shake
-    Pose shaky(int frame) const;   // what the camera really does
+    Pose shaky(int frame) const;   // the actual path
 
-    // Half the size of the area of scene positions that any picture of this path can show.
+    // Half the size of the scene area that pictures of this path can show, pixels.
     double reach_x() const;
     double reach_y() const;
 
@@ -79,4 +82,4 @@ class CameraPath {
     Waves x_, y_, angle_, zoom_;
 };
 
-}  // namespace apps
+}  // namespace synthetic

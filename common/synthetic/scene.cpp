@@ -1,22 +1,24 @@
-#include "apps/scene.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "common/synthetic/scene.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
 
-#include "apps/deterministic.h"
+#include "common/synthetic/deterministic.h"
 
-namespace apps {
+namespace synthetic {
 
 namespace {
 
-// The scene is painted for pictures 360 units high: then windows and roofs are large enough to be
-// corners also in the decimated image that the stabilizer analyses (480 x 270 of 1920 x 1080).
+// The scene is painted for pictures 360 units high, so that windows and roofs are corners also in the
+// decimated image that the stabilizer analyses (480 x 270 of 1920 x 1080).
 constexpr double UNITS_PER_PICTURE = 360;
 
-constexpr double FOREGROUND_SECONDS = 5;  // there and back
+constexpr double FOREGROUND_SECONDS = 5;  // period
 
-constexpr int NOISE_BITS = 16;  // the noise table is passed through at a random start for each row
+constexpr int NOISE_BITS = 16;  // size of the noise table; each row starts at a random entry
 
 double unit_of(const CameraSettings& camera) {
     return std::max(1.0, std::min(camera.width, camera.height) / UNITS_PER_PICTURE);
@@ -26,8 +28,8 @@ int even_size(double reach) {
     return 2 * static_cast<int>(std::ceil(reach)) + 4;
 }
 
-// Fixed point: positions with 24 fractional bits, so that the rounding of a step stays below a
-// thousandth of a pixel over the widest row.
+// Fixed point: positions with 24 fractional bits, so that rounding errors stay below a thousandth of
+// a pixel over the widest row.
 constexpr int POSITION_BITS = 24;
 constexpr int WEIGHT_BITS = 8;
 
@@ -35,12 +37,12 @@ std::int64_t to_fixed(double value) {
     return static_cast<std::int64_t>(std::floor(value * (1 << POSITION_BITS) + 0.5));
 }
 
-// Fills a plane with the source seen through `view` (destination to source positions), bilinear,
-// edges repeated.
+// Fills a plane by bilinear sampling of the source; `view` maps destination to source positions,
+// beyond the edges the nearest sample is taken.
 void sample_plane(const std::vector<std::uint8_t>& source, int source_width, int source_height,
                   const Affine& view, unsigned char* to, std::ptrdiff_t stride, int width,
                   int height) {
-    // One pixel less than the last, so that the right and lower neighbours exist.
+    // The right and lower neighbours must exist.
     const std::int64_t last_x = (static_cast<std::int64_t>(source_width - 1) << POSITION_BITS) - 1;
     const std::int64_t last_y = (static_cast<std::int64_t>(source_height - 1) << POSITION_BITS) - 1;
     const std::int64_t step_x = to_fixed(view.a);
@@ -84,8 +86,10 @@ ShakyClip::ShakyClip(const ClipSettings& settings)
       path_(settings.camera),
       town_(paint_town(even_size(path_.reach_x()), even_size(path_.reach_y()),
                        unit_of(settings.camera), settings.camera.seed)) {
-    if (settings.noise <= 0) return;
-    // Nearly Gaussian: the sum of twelve uniform values has a standard deviation of one.
+    if (settings.noise <= 0) {
+        return;
+    }
+    // Approximately Gaussian: the sum of twelve uniform values has standard deviation 1.
     Random random(mix(settings.camera.seed, 200));
     noise_.resize(std::size_t{1} << NOISE_BITS);
     for (std::int8_t& value : noise_) {
@@ -98,9 +102,9 @@ ShakyClip::ShakyClip(const ClipSettings& settings)
     }
 }
 
-// Draws the painting seen through `view` into `columns` columns from x on, both even but for the
+// Draws the painting seen through `view` into `columns` columns from x on, both even except for the
 // last column of an odd picture.
-void ShakyClip::draw(const Affine& view, const Planes& planes, int x, int columns) const {
+void ShakyClip::draw(const Affine& view, const video_io::Planes& planes, int x, int columns) const {
     sample_plane(town_.y, town_.width, town_.height, view, planes.y + x, planes.stride_y, columns,
                  height());
     const Affine chroma = chroma_view(view);
@@ -112,18 +116,23 @@ void ShakyClip::draw(const Affine& view, const Planes& planes, int x, int column
                  planes.stride_uv, chroma_width, chroma_height);
 }
 
-void ShakyClip::render(int frame, const Planes& planes) const {
+void ShakyClip::render(int frame, const video_io::Planes& planes) const {
     Affine view = picture_to_scene(path_.shaky(frame), width(), height());
-    view.c += 0.5 * town_.width;  // the path's origin is the middle of the painting
+    view.c += 0.5 * town_.width;  // the path's origin is the painting's centre
     view.f += 0.5 * town_.height;
     draw(view, planes, 0, width());
-    if (settings_.foreground > 0) draw_foreground(frame, view, planes);
-    if (!noise_.empty()) add_noise(frame, planes);
+    if (settings_.foreground > 0) {
+        draw_foreground(frame, view, planes);
+    }
+    if (!noise_.empty()) {
+        add_noise(frame, planes);
+    }
 }
 
-// A strip of the painting that walks to and fro in the scene: seen by the same camera, it shakes like
-// all the rest, and moves besides. Only its edges are upright in the picture.
-void ShakyClip::draw_foreground(int frame, const Affine& view, const Planes& planes) const {
+// A strip of the painting that moves to and fro in the scene, seen by the same camera. Its edges stay
+// vertical in the picture.
+void ShakyClip::draw_foreground(int frame, const Affine& view,
+                                const video_io::Planes& planes) const {
     const double turns = frame / settings_.camera.fps / FOREGROUND_SECONDS;
     const double walked = 0.5 * (1 - settings_.foreground) * width() * sin_turns(turns);
     const double middle = 0.5 * width() + walked - path_.shaky(frame).x + path_.steady(frame).x;
@@ -136,11 +145,12 @@ void ShakyClip::draw_foreground(int frame, const Affine& view, const Planes& pla
     draw(moved, planes, left, right - left);
 }
 
-void ShakyClip::add_noise(int frame, const Planes& planes) const {
+void ShakyClip::add_noise(int frame, const video_io::Planes& planes) const {
     constexpr std::size_t MASK = (std::size_t{1} << NOISE_BITS) - 1;
     for (int row = 0; row < height(); ++row) {
-        const std::size_t start = mix(settings_.camera.seed, static_cast<std::uint64_t>(frame),
-                                      static_cast<std::uint64_t>(row));
+        const auto start =
+            static_cast<std::size_t>(mix(settings_.camera.seed, static_cast<std::uint64_t>(frame),
+                                         static_cast<std::uint64_t>(row)));
         unsigned char* out = planes.y + row * planes.stride_y;
         for (int column = 0; column < width(); ++column) {
             const int value =
@@ -154,4 +164,4 @@ Affine ShakyClip::motion(int from, int to) const {
     return true_motion(path_.shaky(from), path_.shaky(to), width(), height());
 }
 
-}  // namespace apps
+}  // namespace synthetic

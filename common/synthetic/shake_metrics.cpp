@@ -1,10 +1,12 @@
-#include "apps/shake_metrics.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "common/synthetic/shake_metrics.h"
 
 #include <cmath>
 #include <cstddef>
 #include <limits>
 
-namespace apps {
+namespace synthetic {
 
 namespace {
 
@@ -14,14 +16,18 @@ constexpr double FAST_HERTZ = 1.9;
 constexpr double END_SECONDS = 0.5;
 constexpr double SHORTEST_SECONDS = 1.5;
 
-// The value at any index; beyond an end, the reflection in the end point, and where the path is too
-// short for one, the end point itself.
+// The value at any index; beyond the ends, the point reflection, or the end value where the path is
+// too short for it.
 double value_at(const std::vector<double>& values, std::ptrdiff_t i) {
     const auto last = static_cast<std::ptrdiff_t>(values.size()) - 1;
-    if (i >= 0 && i <= last) return values[static_cast<std::size_t>(i)];
+    if (i >= 0 && i <= last) {
+        return values[static_cast<std::size_t>(i)];
+    }
     const double end = i < 0 ? values.front() : values.back();
     const std::ptrdiff_t mirrored = i < 0 ? -i : 2 * last - i;
-    if (mirrored < 0 || mirrored > last) return end;
+    if (mirrored < 0 || mirrored > last) {
+        return end;
+    }
     return 2 * end - values[static_cast<std::size_t>(mirrored)];
 }
 
@@ -93,4 +99,4 @@ Shake reduction_db(const Shake& shaky, const Shake& steady) {
             db(shaky.fast, steady.fast), db(shaky.shake, steady.shake)};
 }
 
-}  // namespace apps
+}  // namespace synthetic

@@ -1,4 +1,6 @@
-// shaky-clip: makes a shaky video whose true camera motion is known, as YUV4MPEG2.
+// SPDX-License-Identifier: Apache-2.0
+
+// shaky-clip: renders a shaky video whose true camera motion is known, as YUV4MPEG2.
 
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -10,10 +12,10 @@
 #include <utility>
 #include <vector>
 
-#include "apps/byte_io.h"
-#include "apps/output_file.h"
-#include "apps/scene.h"
-#include "apps/y4m.h"
+#include "common/synthetic/scene.h"
+#include "common/video_io/byte_io.h"
+#include "common/video_io/output_file.h"
+#include "common/video_io/y4m.h"
 
 namespace {
 
@@ -25,11 +27,11 @@ struct Options {
     std::string size = "1280x720";
     std::string rate = "30";
     int frames = 180;
-    apps::ClipSettings clip;
+    synthetic::ClipSettings clip;
 };
 
-// Two positive numbers with one character of `separators` between them; with `optional_second` a
-// lone number is followed by 1. Throws CLI::ValidationError.
+// Two positive numbers with `separator` between them; with `optional_second` the second may be
+// missing and is 1. Throws CLI::ValidationError.
 std::pair<int, int> parse_pair(const std::string& text, char separator, bool optional_second,
                                int largest, const std::string& what) {
     const auto number = [largest](const std::string& digits) {
@@ -42,16 +44,19 @@ std::pair<int, int> parse_pair(const std::string& text, char separator, bool opt
     const std::size_t middle = text.find(separator);
     const int first = number(text.substr(0, middle));
     int second = optional_second ? 1 : 0;
-    if (middle != std::string::npos) second = number(text.substr(middle + 1));
-    if (first == 0 || second == 0) throw CLI::ValidationError(what, "cannot use " + text);
+    if (middle != std::string::npos) {
+        second = number(text.substr(middle + 1));
+    }
+    if (first == 0 || second == 0) {
+        throw CLI::ValidationError(what, "cannot use " + text);
+    }
     return {first, second};
 }
 
-// Returns nothing when the arguments have been dealt with (help, or an error), with the exit
-// status.
+// Returns nothing, and the exit status, after help or an error was printed.
 std::optional<Options> parse_arguments(int argc, char** argv, int& status) {
     Options options;
-    apps::CameraSettings& camera = options.clip.camera;
+    synthetic::CameraSettings& camera = options.clip.camera;
     CLI::App app{"Makes a shaky video with known camera motion, as YUV4MPEG2 (8-bit 4:2:0)."};
     app.add_option("OUT", options.output, "File to write; - for standard output")->required();
     app.add_option("--size", options.size, "Picture size in pixels")->capture_default_str();
@@ -60,11 +65,11 @@ std::optional<Options> parse_arguments(int argc, char** argv, int& status) {
         ->capture_default_str();
     app.add_option("--fps", options.rate, "Frames per second, for example 25 or 30000:1001")
         ->capture_default_str();
-    app.add_option("--pan", camera.pan, "Strength of the intended movement; 0 to stand still")
-        ->check(CLI::Range(0.0, apps::ShakyClip::WIDEST_PAN))
+    app.add_option("--pan", camera.pan, "Strength of the intended movement; 0 for none")
+        ->check(CLI::Range(0.0, synthetic::ShakyClip::WIDEST_PAN))
         ->capture_default_str();
-    app.add_option("--shake", camera.shake, "Strength of the shake; 0 for a steady camera")
-        ->check(CLI::Range(0.0, apps::ShakyClip::STRONGEST_SHAKE))
+    app.add_option("--shake", camera.shake, "Strength of the shake; 0 for none")
+        ->check(CLI::Range(0.0, synthetic::ShakyClip::STRONGEST_SHAKE))
         ->capture_default_str();
     app.add_option("--hold", camera.hold_seconds, "Seconds to stand still before moving")
         ->check(CLI::Range(0.0, 3600.0))
@@ -72,8 +77,7 @@ std::optional<Options> parse_arguments(int argc, char** argv, int& status) {
     app.add_option("--noise", options.clip.noise, "Sensor noise, standard deviation in grey levels")
         ->check(CLI::Range(0.0, 40.0))
         ->capture_default_str();
-    app.add_option("--seed", camera.seed, "Another seed makes another town and another shake")
-        ->capture_default_str();
+    app.add_option("--seed", camera.seed, "Selects the town and the shake")->capture_default_str();
     app.add_option("--path", options.path_file,
                    "CSV file for the true camera path. Per frame: the pose with and without shake\n"
                    "(x, y in pixels, angle in degrees, zoom) and the motion a..f from the frame\n"
@@ -81,7 +85,7 @@ std::optional<Options> parse_arguments(int argc, char** argv, int& status) {
     try {
         app.parse(argc, argv);
         std::tie(camera.width, camera.height) =
-            parse_pair(options.size, 'x', false, apps::ShakyClip::LARGEST_SIDE, "--size");
+            parse_pair(options.size, 'x', false, synthetic::ShakyClip::LARGEST_SIDE, "--size");
         const auto [numerator, denominator] = parse_pair(options.rate, ':', true, 1000000, "--fps");
         camera.fps = static_cast<double>(numerator) / denominator;
         options.rate = std::to_string(numerator) + ":" + std::to_string(denominator);
@@ -92,14 +96,15 @@ std::optional<Options> parse_arguments(int argc, char** argv, int& status) {
     return options;
 }
 
-void print_line(apps::FdSink& sink, const std::string& line) {
+void print_line(video_io::FdSink& sink, const std::string& line) {
     sink.write(reinterpret_cast<const unsigned char*>(line.data()), line.size());
 }
 
-std::string path_line(const apps::ShakyClip& clip, const Options& options, int frame) {
-    const apps::Pose shaky = clip.path().shaky(frame);
-    const apps::Pose steady = clip.path().steady(frame);
-    const apps::Affine motion = frame == 0 ? apps::Affine() : clip.motion(frame - 1, frame);
+std::string path_line(const synthetic::ShakyClip& clip, const Options& options, int frame) {
+    const synthetic::Pose shaky = clip.path().shaky(frame);
+    const synthetic::Pose steady = clip.path().steady(frame);
+    const synthetic::Affine motion =
+        frame == 0 ? synthetic::Affine() : clip.motion(frame - 1, frame);
     char line[512];
     std::snprintf(line, sizeof line,
                   "%d,%.6f,%.4f,%.4f,%.6f,%.8f,%.4f,%.4f,%.6f,%.8f,%.8f,%.8f,%.5f,%.8f,%.8f,%.5f\n",
@@ -110,9 +115,9 @@ std::string path_line(const apps::ShakyClip& clip, const Options& options, int f
 }
 
 void write_clip(const Options& options) {
-    const apps::ShakyClip clip(options.clip);
-    apps::OutputFile video(options.output);
-    std::optional<apps::OutputFile> path;
+    const synthetic::ShakyClip clip(options.clip);
+    video_io::OutputFile video(options.output);
+    std::optional<video_io::OutputFile> path;
     if (!options.path_file.empty()) {
         path.emplace(options.path_file);
         print_line(path->sink(),
@@ -120,10 +125,10 @@ void write_clip(const Options& options) {
                    "steady_zoom,a,b,c,d,e,f\n");
     }
 
-    const auto header = apps::make_y4m_header(clip.width(), clip.height(), options.rate);
-    apps::Y4mWriter writer(video.sink(), header);
+    const auto header = video_io::make_y4m_header(clip.width(), clip.height(), options.rate);
+    video_io::Y4mWriter writer(video.sink(), header);
     std::vector<unsigned char> pixels(static_cast<std::size_t>(header.frame_bytes()));
-    apps::Planes planes{};
+    video_io::Planes planes{};
     planes.y = pixels.data();
     planes.stride_y = clip.width();
     planes.stride_uv = header.chroma_width();
@@ -132,20 +137,26 @@ void write_clip(const Options& options) {
     for (int frame = 0; frame < options.frames; ++frame) {
         clip.render(frame, planes);
         writer.write_frame(planes);
-        if (path) print_line(path->sink(), path_line(clip, options, frame));
+        if (path) {
+            print_line(path->sink(), path_line(clip, options, frame));
+        }
     }
-    if (path) path->commit();
+    if (path) {
+        path->commit();
+    }
     video.commit();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::signal(SIGPIPE, SIG_IGN);  // a reader that goes away is an error to report
+    std::signal(SIGPIPE, SIG_IGN);  // report a closed pipe as an error
     int status = 0;
     try {
         const auto options = parse_arguments(argc, argv, status);
-        if (options) write_clip(*options);
+        if (options) {
+            write_clip(*options);
+        }
     } catch (const std::exception& error) {
         std::fprintf(stderr, "shaky-clip: %s\n", error.what());
         return 3;

@@ -1,12 +1,14 @@
-#include "apps/town.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "common/synthetic/town.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
 
-#include "apps/deterministic.h"
+#include "common/synthetic/deterministic.h"
 
-namespace apps {
+namespace synthetic {
 
 namespace {
 
@@ -35,14 +37,14 @@ constexpr Colour MEADOW = rgb(104, 128, 70);
 constexpr Colour TREE = rgb(58, 84, 46);
 constexpr Colour TREE_LIGHT = rgb(112, 138, 72);
 
-constexpr double ROW_UNITS = 36;      // from the feet of one row of houses to those of the next
-constexpr double TALLEST_UNITS = 95;  // of a house, chimney included
+constexpr double ROW_UNITS = 36;      // between rows of houses
+constexpr double TALLEST_UNITS = 95;  // of a house with its chimney
 
 std::uint8_t to_byte(int value) {
     return static_cast<std::uint8_t>(std::clamp(value, 0, 255));
 }
 
-// Full-resolution canvas; coordinates in units from here on.
+// Full-resolution canvas; coordinates in units.
 class Canvas {
   public:
     Canvas(int width, int height, double unit)
@@ -59,8 +61,7 @@ class Canvas {
         return pixels_[static_cast<std::size_t>(std::ptrdiff_t{y} * width_ + x)];
     }
 
-    // Fills the rows from `top` to `bottom`, from left(y) to right(y), each linear in y: a
-    // rectangle, a gable, a lean-to.
+    // Fills a trapezoid between the rows `top` (left0 to right0) and `bottom` (left1 to right1).
     void fill(double top, double bottom, double left0, double right0, double left1, double right1,
               Colour colour) {
         for (int y = pixel(top, height_); y < pixel(bottom, height_); ++y) {
@@ -85,7 +86,7 @@ class Canvas {
     }
 
   private:
-    // First pixel whose centre is not before the position, inside the canvas.
+    // First pixel whose centre is at or behind the position, clamped to the canvas.
     int pixel(double units, int limit) const {
         return static_cast<int>(
             std::clamp(std::ceil(units * unit_ - 0.5), 0.0, static_cast<double>(limit)));
@@ -116,7 +117,7 @@ void paint_window(Canvas& canvas, double x, double y, double width, double heigh
     }
 }
 
-// A house whose feet stand on row `base`.
+// A house that stands on row `base`.
 void paint_house(Canvas& canvas, double x, double base, double width, Random& random) {
     const double body = random.between(34, 62);
     const double gable = random.between(12, 22);
@@ -126,7 +127,7 @@ void paint_house(Canvas& canvas, double x, double base, double width, Random& ra
     const Colour roof = any_of(ROOFS, random);
 
     canvas.rectangle(x, top, width, body, wall);
-    canvas.rectangle(x + width - 4, top, 4, body, lighter(wall, -38));  // the side in shade
+    canvas.rectangle(x + width - 4, top, 4, body, lighter(wall, -38));  // shaded side
     const double ridge = random.between(0.3, 0.7) * width;
     const double flat = random.below(2) == 0 ? 0 : 0.15 * width;
     canvas.fill(top - gable, top + 2, x + ridge - flat, x + ridge + flat, x - 3, x + width + 3,
@@ -147,7 +148,9 @@ void paint_house(Canvas& canvas, double x, double base, double width, Random& ra
     const double first = x + 0.5 * (width - 4 - columns * pitch + pitch - pane_width);
     for (double y = top + 9; y + pane_height < base - 4; y += pane_height + random.between(6, 8)) {
         for (int column = 0; column < columns; ++column) {
-            if (random.below(9) == 0) continue;
+            if (random.below(9) == 0) {
+                continue;
+            }
             paint_window(canvas, first + column * pitch, y, pane_width, pane_height, shutters,
                          shutter, random);
         }
@@ -175,12 +178,13 @@ void paint_row(Canvas& canvas, double base, Random& random) {
         const double width = random.between(32, 66);
         paint_house(canvas, x, base + random.between(-9, 9), width, random);
         x += width + random.between(2, 16);
-        if (random.below(3) == 0) paint_tree(canvas, x - 4, base + 6, random);
+        if (random.below(3) == 0) {
+            paint_tree(canvas, x - 4, base + 6, random);
+        }
     }
 }
 
-// Smooth noise: random values on a lattice, blended in between. Result -1 .. 1.
-// Adds `amplitude` times the noise to the light of the canvas.
+// Adds value noise to the luma: random values on a lattice, interpolated smoothly.
 void add_noise(Canvas& canvas, double period_pixels, double amplitude, std::uint64_t seed) {
     const auto lattice = [seed](int x, int y) {
         const auto cell = mix(seed, static_cast<std::uint64_t>(x), static_cast<std::uint64_t>(y));
@@ -209,7 +213,7 @@ void add_noise(Canvas& canvas, double period_pixels, double amplitude, std::uint
     }
 }
 
-// Softens the edges as a lens would (binomial 3 x 3), and takes the chroma down to half size.
+// Softens the luma as a lens would (binomial 3 x 3) and halves the chroma.
 Painting finish(Canvas& canvas) {
     Painting painting;
     painting.width = canvas.width();
@@ -249,17 +253,17 @@ Painting paint_town(int width, int height, double unit, std::uint64_t seed) {
     Canvas canvas(width, height, unit);
     canvas.rectangle(0, 0, width / unit, height / unit, MEADOW);
     Random random(mix(seed, 100));
-    // From the back to the front, until the houses of the last row stand below the lower edge.
+    // From back to front, until the last row stands below the lower edge.
     const int rows = static_cast<int>((height / unit + TALLEST_UNITS) / ROW_UNITS) + 1;
     for (int row = 0; row < rows; ++row) {
         paint_row(canvas, row * ROW_UNITS, random);
     }
-    add_noise(canvas, 150 * unit, 22, mix(seed, 101));  // shadows of clouds
+    add_noise(canvas, 150 * unit, 22, mix(seed, 101));  // cloud shadows
     add_noise(canvas, 40 * unit, 10, mix(seed, 102));
     add_noise(canvas, 9 * unit, 7, mix(seed, 103));
     add_noise(canvas, 2.2 * unit, 7, mix(seed, 104));  // plaster and leaves
-    add_noise(canvas, 1.9, 4, mix(seed, 105));         // the finest detail a picture can hold
+    add_noise(canvas, 1.9, 4, mix(seed, 105));         // finest detail
     return finish(canvas);
 }
 
-}  // namespace apps
+}  // namespace synthetic

@@ -1,4 +1,6 @@
-#include "apps/byte_io.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "common/video_io/byte_io.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -12,12 +14,12 @@
 #include <system_error>
 #include <utility>
 
-namespace apps {
+namespace video_io {
 
 namespace {
 
 constexpr std::size_t BUFFER_BYTES = std::size_t{1} << 18;
-constexpr int CANCEL_POLL_MS = 100;  // how late a cancelled wait notices
+constexpr int CANCEL_POLL_MS = 100;
 
 std::string reason(int error) {
     return std::generic_category().message(error);
@@ -31,8 +33,10 @@ bool is_set(const std::atomic<bool>* flag) {
 bool wait_ready(int fd, short events, const std::atomic<bool>* cancelled) {
     while (!is_set(cancelled)) {
         pollfd entry{fd, events, 0};
-        // Errors and hang-ups count as ready: the read or write that follows reports them.
-        if (poll(&entry, 1, CANCEL_POLL_MS) > 0) return true;
+        // Errors and hang-ups count as ready; the following read or write reports them.
+        if (poll(&entry, 1, CANCEL_POLL_MS) > 0) {
+            return true;
+        }
     }
     return false;
 }
@@ -45,7 +49,9 @@ FdSource::FdSource(const std::string& path, const std::atomic<bool>* cancelled)
       fd_(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC)),
       owned_(path != "-"),
       buffer_(BUFFER_BYTES) {
-    if (fd_ < 0) throw InputError("cannot open " + name_ + ": " + reason(errno));
+    if (fd_ < 0) {
+        throw InputError("cannot open " + name_ + ": " + reason(errno));
+    }
     struct stat info {};
     if (fstat(fd_, &info) == 0 && S_ISDIR(info.st_mode)) {
         close(fd_);
@@ -54,14 +60,20 @@ FdSource::FdSource(const std::string& path, const std::atomic<bool>* cancelled)
 }
 
 FdSource::~FdSource() {
-    if (owned_) close(fd_);
+    if (owned_) {
+        close(fd_);
+    }
 }
 
 std::size_t FdSource::read_some(unsigned char* to, std::size_t size) {
     for (;;) {
-        if (!wait_ready(fd_, POLLIN, cancelled_)) throw InputError("interrupted");
+        if (!wait_ready(fd_, POLLIN, cancelled_)) {
+            throw InputError("interrupted");
+        }
         const ssize_t got = ::read(fd_, to, size);
-        if (got >= 0) return static_cast<std::size_t>(got);
+        if (got >= 0) {
+            return static_cast<std::size_t>(got);
+        }
         if (errno != EINTR && errno != EAGAIN) {
             throw InputError("cannot read " + name_ + ": " + reason(errno));
         }
@@ -81,7 +93,9 @@ std::size_t FdSource::read(unsigned char* to, std::size_t size) {
         const bool direct = size - done >= buffer_.size();
         const std::size_t got =
             direct ? read_some(to + done, size - done) : read_some(buffer_.data(), buffer_.size());
-        if (got == 0) break;
+        if (got == 0) {
+            break;
+        }
         if (direct) {
             done += got;
         } else {
@@ -93,7 +107,9 @@ std::size_t FdSource::read(unsigned char* to, std::size_t size) {
 }
 
 std::size_t FdSource::read_available(unsigned char* to, std::size_t size) {
-    if (begin_ == end_) return read_some(to, size);
+    if (begin_ == end_) {
+        return read_some(to, size);
+    }
     return read(to, std::min(size, end_ - begin_));
 }
 
@@ -105,7 +121,9 @@ std::string_view FdSource::peek(std::size_t size) {
     }
     while (end_ - begin_ < size) {
         const std::size_t got = read_some(buffer_.data() + end_, buffer_.size() - end_);
-        if (got == 0) break;
+        if (got == 0) {
+            break;
+        }
         end_ += got;
     }
     return {reinterpret_cast<const char*>(buffer_.data()) + begin_, std::min(size, end_ - begin_)};
@@ -126,13 +144,17 @@ FdSink::FdSink(int fd, std::string name, const std::atomic<bool>* cancelled)
 
 void FdSink::write_through(const unsigned char* from, std::size_t size) {
     while (size > 0) {
-        if (!wait_ready(fd_, POLLOUT, cancelled_)) throw OutputError("interrupted");
+        if (!wait_ready(fd_, POLLOUT, cancelled_)) {
+            throw OutputError("interrupted");
+        }
         const ssize_t put = ::write(fd_, from, std::min(size, largest_write_));
         if (put < 0) {
-            if (errno == EINTR || errno == EAGAIN) continue;
+            if (errno == EINTR || errno == EAGAIN) {
+                continue;
+            }
             const bool reader_gone = errno == EPIPE;
             throw OutputError("cannot write " + name_ + ": " +
-                              (reader_gone ? "its reader has gone" : reason(errno)));
+                              (reader_gone ? "the reader has closed it" : reason(errno)));
         }
         from += put;
         size -= static_cast<std::size_t>(put);
@@ -140,7 +162,9 @@ void FdSink::write_through(const unsigned char* from, std::size_t size) {
 }
 
 void FdSink::write(const unsigned char* from, std::size_t size) {
-    if (size > buffer_.size() - used_) flush();
+    if (size > buffer_.size() - used_) {
+        flush();
+    }
     if (size >= buffer_.size()) {
         write_through(from, size);
         return;
@@ -154,4 +178,4 @@ void FdSink::flush() {
     write_through(buffer_.data(), count);
 }
 
-}  // namespace apps
+}  // namespace video_io

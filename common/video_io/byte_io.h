@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <atomic>
@@ -7,10 +9,10 @@
 #include <string_view>
 #include <vector>
 
-// Sequential bytes in and out, for the programs. Failures are exceptions whose what() is a sentence
-// for the user.
+// Sequential byte streams. Failures are exceptions whose what() is a message for the user.
+// Threads: owner only, all classes.
 
-namespace apps {
+namespace video_io {
 
 struct InputError : std::runtime_error {
     using std::runtime_error::runtime_error;
@@ -33,7 +35,7 @@ class ByteSink {
   public:
     virtual ~ByteSink() = default;
 
-    // Takes all of it, possibly into a buffer. Throws OutputError.
+    // Writes all of it, possibly into a buffer. Throws OutputError.
     virtual void write(const unsigned char* from, std::size_t size) = 0;
 };
 
@@ -41,8 +43,8 @@ class ByteSink {
 class FdSource : public ByteSource {
   public:
     // Opens `path`, or standard input for "-". Throws InputError.
-    // cancelled  may be null; once true, reads that wait for data throw within a tenth of a second.
-    //            Without it a program could not end while its input is silent.
+    // cancelled  may be null; once true, reads that wait for data throw within a tenth of a second,
+    //            so that a program can end while its input is silent.
     explicit FdSource(const std::string& path, const std::atomic<bool>* cancelled = nullptr);
     ~FdSource() override;
     FdSource(const FdSource&) = delete;
@@ -50,17 +52,17 @@ class FdSource : public ByteSource {
 
     std::size_t read(unsigned char* to, std::size_t size) override;
 
-    // Blocks until something is there, and delivers no more than that: 1 to `size` bytes, or 0 at
-    // the end. Throws InputError.
+    // Blocks until data is available and returns what there is: 1 to `size` bytes, or 0 at the
+    // end. Throws InputError.
     std::size_t read_available(unsigned char* to, std::size_t size);
 
-    // The next bytes, which stay to be read; fewer than `size` only at the end of the stream. At
-    // most the buffer, a quarter of a MiB. Valid until the next read. Throws InputError.
+    // The next `size` bytes without consuming them; fewer only at the end of the stream. At most
+    // the buffer, 256 KiB. Valid until the next read. Throws InputError.
     std::string_view peek(std::size_t size);
 
     int fd() const { return fd_; }
     const std::string& name() const { return name_; }
-    // Bytes of a regular file; -1 of anything else.
+    // Bytes of a regular file; -1 for anything else.
     long long file_size() const;
 
   private:
@@ -75,11 +77,11 @@ class FdSource : public ByteSource {
     std::size_t end_ = 0;
 };
 
-// Buffered writing to a file descriptor. What is still buffered at destruction is dropped: whoever
-// wants it written calls flush, and sees the errors.
+// Buffered writing to a file descriptor. The destructor drops what is still buffered: only flush
+// reports errors.
 class FdSink : public ByteSink {
   public:
-    // Writes to `fd`, which stays the caller's. `name` appears in messages.
+    // Writes to `fd`, which the caller owns. `name` appears in messages.
     // cancelled  may be null; once true, a write that has to wait throws.
     FdSink(int fd, std::string name, const std::atomic<bool>* cancelled = nullptr);
 
@@ -94,7 +96,7 @@ class FdSink : public ByteSink {
     const std::atomic<bool>* cancelled_;
     std::vector<unsigned char> buffer_;
     std::size_t used_ = 0;
-    std::size_t largest_write_;  // bytes; a pipe that polls ready takes PIPE_BUF without blocking
+    std::size_t largest_write_;  // bytes; a pipe that is ready accepts PIPE_BUF without blocking
 };
 
-}  // namespace apps
+}  // namespace video_io

@@ -1,27 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <atomic>
 #include <memory>
 #include <string>
 
-#include "apps/byte_io.h"
+#include "common/video_io/byte_io.h"
 
-namespace apps {
+namespace video_io {
 
-// What to do when the file is there already.
+// What to do when the output file exists.
 enum class Existing { KEEP, REPLACE };
 
-// The file exists and is to be kept.
+// The output file exists and must be kept.
 struct ExistsError : OutputError {
     using OutputError::OutputError;
 };
 
-// Whether `path` is something to be written directly rather than a file to appear: standard output
-// ("-"), a pipe, a device.
+// Whether `path` is written directly, without a temporary file: standard output ("-"), a pipe or a
+// device.
 bool is_direct_output(const std::string& path);
 
-// A file that appears under its name only when it is finished. Until then it has a temporary name
-// beside the target, and the destructor removes it.
+// A file that gets its name only when it is complete. Until then it has a temporary name in the same
+// folder; the destructor removes it unless it was committed.
+// Threads: owner only, except remove_all.
 class PendingFile {
   public:
     // Creates the temporary file, empty. Throws OutputError, ExistsError.
@@ -30,31 +33,31 @@ class PendingFile {
     PendingFile(const PendingFile&) = delete;
     PendingFile& operator=(const PendingFile&) = delete;
 
-    // Where to write. Close what was opened there before commit or keep_partial.
+    // The name to write to. Close the file before commit or keep_partial.
     const std::string& temporary() const { return temporary_; }
 
-    // Gives the file its name. Throws OutputError, ExistsError.
+    // Renames the file to its name. Throws OutputError, ExistsError.
     void commit();
 
-    // Gives what there is a name that tells that it is not whole: "steady.partial.mp4". An older
-    // file of that name is replaced. Returns the name. Throws OutputError.
+    // Renames an incomplete file, "steady.mp4" to "steady.partial.mp4", replacing an older one.
+    // Returns the name. Throws OutputError.
     std::string keep_partial();
 
-    // Removes the temporary files of all objects, for a program that is about to end at once. May
-    // be called from a signal handler.
+    // Removes the temporary files of all objects; for a program that is about to exit. Thread-safe
+    // and async-signal-safe.
     static void remove_all() noexcept;
 
   private:
     void rename_to(const std::string& target, Existing existing);
 
-    std::string path_;    // as the user wrote it
-    std::string target_;  // symbolic links followed
+    std::string path_;    // as the user gave it
+    std::string target_;  // with symbolic links resolved
     Existing existing_;
     std::string temporary_;  // empty once renamed
 };
 
-// Bytes into a file that appears when it is finished, or directly into standard output, a pipe or a
-// device.
+// A byte sink into a pending file, or directly into standard output, a pipe or a device.
+// Threads: owner only.
 class OutputFile {
   public:
     // Opens for writing. Throws OutputError, ExistsError. `cancelled` as in FdSink.
@@ -66,24 +69,31 @@ class OutputFile {
 
     FdSink& sink() { return *sink_; }
 
-    // Writes what is buffered and gives the file its name. Throws OutputError, ExistsError.
+    // Flushes, closes and renames the file. Throws OutputError, ExistsError.
     void commit();
 
-    // Likewise, but with the name of something that is not whole; returns the name, or "" for what
-    // has been written directly. Throws OutputError.
+    // The same for an incomplete file, see PendingFile; returns the name, or "" for a direct
+    // output. Throws OutputError.
     std::string keep_partial();
 
   private:
     void close_and_check();
 
-    std::string path_;  // as the user wrote it
+    std::string path_;  // as the user gave it
     std::unique_ptr<PendingFile> pending_;
     int fd_ = -1;
     bool owned_ = true;
     std::unique_ptr<FdSink> sink_;
 };
 
-// Whether writing `output` would write the regular file `input`; "-" is standard input and output.
+// Files are compared by identity, not by spelling: `x` and `./x`, hard and symbolic links are one
+// file. "-" is standard input or output.
+
+// Whether writing `output` would overwrite the regular file `input`.
 bool is_same_file(const std::string& input, const std::string& output);
 
-}  // namespace apps
+// Whether two outputs are one file, which need not exist yet, or one pipe. Devices such as /dev/null
+// may be shared.
+bool is_same_output(const std::string& one, const std::string& other);
+
+}  // namespace video_io

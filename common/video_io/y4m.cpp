@@ -1,18 +1,20 @@
-#include "apps/y4m.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "common/video_io/y4m.h"
 
 #include <algorithm>
 #include <cctype>
 #include <iterator>
 #include <string_view>
 
-namespace apps {
+namespace video_io {
 
 namespace {
 
 constexpr std::string_view STREAM_MAGIC = "YUV4MPEG2";
 constexpr std::string_view FRAME_MAGIC = "FRAME";
 
-// The 8-bit 4:2:0 names. They differ in where chroma samples are sited, which no size depends on.
+// The 8-bit 4:2:0 names. They differ in the siting of chroma samples only.
 constexpr std::string_view CHROMA_420[] = {"420", "420jpeg", "420mpeg2", "420paldv"};
 
 enum class LineEnd { NEWLINE, END_OF_STREAM, TOO_LONG };
@@ -21,14 +23,20 @@ LineEnd read_line(ByteSource& source, std::string& line) {
     line.clear();
     for (;;) {
         unsigned char byte = 0;
-        if (source.read(&byte, 1) == 0) return LineEnd::END_OF_STREAM;
-        if (byte == '\n') return LineEnd::NEWLINE;
-        if (line.size() == Y4M_LONGEST_LINE) return LineEnd::TOO_LONG;
+        if (source.read(&byte, 1) == 0) {
+            return LineEnd::END_OF_STREAM;
+        }
+        if (byte == '\n') {
+            return LineEnd::NEWLINE;
+        }
+        if (line.size() == Y4M_LONGEST_LINE) {
+            return LineEnd::TOO_LONG;
+        }
         line.push_back(static_cast<char>(byte));
     }
 }
 
-// Text of the stream for an error message: short and printable, whatever the input held.
+// Text of the stream for an error message: shortened, unprintable characters replaced.
 std::string quoted(std::string_view text) {
     constexpr std::size_t LONGEST = 40;
     std::string shown = "'";
@@ -44,8 +52,10 @@ int parse_side(std::string_view text, const char* name) {
     bool valid = !text.empty();
     for (const char c : text) {
         valid = valid && c >= '0' && c <= '9';
-        if (!valid) break;
-        // Beyond the limit the exact value does not matter, so it cannot overflow.
+        if (!valid) {
+            break;
+        }
+        // Clamped so that it cannot overflow.
         value = std::min(value * 10 + (c - '0'), Y4M_LARGEST_SIDE + 1);
     }
     if (!valid) {
@@ -81,14 +91,22 @@ Y4mHeader parse_y4m_header(const std::string& line) {
     std::string chroma_comment;
     std::string_view rest = std::string_view(line).substr(STREAM_MAGIC.size());
     while (!rest.empty()) {
-        rest.remove_prefix(1);  // the blank
+        rest.remove_prefix(1);  // the space
         const std::string_view parameter = rest.substr(0, rest.find(' '));
         rest.remove_prefix(parameter.size());
-        if (parameter.empty()) continue;
+        if (parameter.empty()) {
+            continue;
+        }
         const std::string_view value = parameter.substr(1);
-        if (parameter[0] == 'W') header.width = parse_side(value, "width");
-        if (parameter[0] == 'H') header.height = parse_side(value, "height");
-        if (parameter[0] == 'C') chroma = value;
+        if (parameter[0] == 'W') {
+            header.width = parse_side(value, "width");
+        }
+        if (parameter[0] == 'H') {
+            header.height = parse_side(value, "height");
+        }
+        if (parameter[0] == 'C') {
+            chroma = value;
+        }
         if (starts_with(parameter, CHROMA_COMMENT)) {
             chroma_comment = parameter.substr(CHROMA_COMMENT.size());
             for (char& c : chroma_comment) {
@@ -96,13 +114,19 @@ Y4mHeader parse_y4m_header(const std::string& line) {
             }
         }
     }
-    if (header.width == 0) throw Y4mError("the header gives no width");
-    if (header.height == 0) throw Y4mError("the header gives no height");
+    if (header.width == 0) {
+        throw Y4mError("the header gives no width");
+    }
+    if (header.height == 0) {
+        throw Y4mError("the header gives no height");
+    }
     if (std::int64_t{header.width} * header.height > Y4M_MOST_PIXELS) {
         throw Y4mError("pictures of " + std::to_string(header.width) + " x " +
                        std::to_string(header.height) + " pixels are too large");
     }
-    if (chroma.empty()) chroma = chroma_comment.empty() ? "420" : chroma_comment;
+    if (chroma.empty()) {
+        chroma = chroma_comment.empty() ? "420" : chroma_comment;
+    }
     check_chroma(chroma);
     return header;
 }
@@ -117,10 +141,12 @@ Y4mHeader make_y4m_header(int width, int height, const std::string& rate) {
 }
 
 Y4mReader::Y4mReader(ByteSource& source) : source_(source) {
-    // The magic is looked at first, so that a wrong file is called that, and not a line too long.
+    // Checked before the line is read: another kind of file may have no line ends.
     std::string start(STREAM_MAGIC.size(), '\0');
     start.resize(source.read(reinterpret_cast<unsigned char*>(start.data()), start.size()));
-    if (start.empty()) throw Y4mError("the input is empty");
+    if (start.empty()) {
+        throw Y4mError("the input is empty");
+    }
     std::string line;
     LineEnd end = LineEnd::NEWLINE;
     if (start == STREAM_MAGIC) {
@@ -133,13 +159,14 @@ Y4mReader::Y4mReader(ByteSource& source) : source_(source) {
     if (start != STREAM_MAGIC || (!line.empty() && line[0] != ' ')) {
         throw Y4mError("the input is not YUV4MPEG2: it begins with " + quoted(start + line));
     }
-    if (end == LineEnd::END_OF_STREAM) throw Y4mError("the header line is cut short");
+    if (end == LineEnd::END_OF_STREAM) {
+        throw Y4mError("the header line is cut short");
+    }
     header_ = parse_y4m_header(start + line);
 }
 
 void Y4mReader::read_plane(unsigned char* plane, std::ptrdiff_t stride, int width, int height,
                            std::int64_t& done) {
-    // Packed rows come in one piece.
     const bool packed = stride == width;
     const std::size_t piece =
         packed ? static_cast<std::size_t>(width) * static_cast<std::size_t>(height)
@@ -158,14 +185,18 @@ void Y4mReader::read_plane(unsigned char* plane, std::ptrdiff_t stride, int widt
 bool Y4mReader::read_frame(const Planes& planes) {
     std::string line;
     const LineEnd end = read_line(source_, line);
-    if (end == LineEnd::END_OF_STREAM && line.empty()) return false;
+    if (end == LineEnd::END_OF_STREAM && line.empty()) {
+        return false;
+    }
     const std::string here = "frame " + std::to_string(frames_);
     const bool has_magic = starts_with(line, FRAME_MAGIC) &&
                            (line.size() == FRAME_MAGIC.size() || line[FRAME_MAGIC.size()] == ' ');
     if (end == LineEnd::END_OF_STREAM && (has_magic || starts_with(FRAME_MAGIC, line))) {
         throw Y4mError(here + " is cut short: its FRAME line is not complete");
     }
-    if (!has_magic) throw Y4mError(here + " begins with " + quoted(line) + " instead of FRAME");
+    if (!has_magic) {
+        throw Y4mError(here + " begins with " + quoted(line) + " instead of FRAME");
+    }
     if (end == LineEnd::TOO_LONG) {
         throw Y4mError(here + ": the FRAME line is longer than " +
                        std::to_string(Y4M_LONGEST_LINE) + " bytes");
@@ -202,4 +233,4 @@ void Y4mWriter::write_frame(const Planes& planes, const std::string& parameters)
     }
 }
 
-}  // namespace apps
+}  // namespace video_io

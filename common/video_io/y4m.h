@@ -1,28 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
-#include "apps/byte_io.h"
+#include "common/video_io/byte_io.h"
 
-// YUV4MPEG2: uncompressed video, one header line, then per picture a line starting with FRAME and
-// the planes Y, U, V with packed rows. Here: 8-bit 4:2:0 only, of any size. Chroma planes of odd
-// pictures are rounded up.
+// YUV4MPEG2: uncompressed video, a header line, then per picture a line starting with FRAME and the
+// planes Y, U, V with packed rows. Here: 8-bit 4:2:0 only, any size; chroma sizes are rounded up.
+// Threads: owner only.
 
-namespace apps {
+namespace video_io {
 
-// The stream is not what it should be. what() is a sentence for the user.
+// The stream is malformed. what() is a message for the user.
 struct Y4mError : InputError {
     using InputError::InputError;
 };
 
-// It is a YUV4MPEG2 stream, but not of 8-bit 4:2:0.
+// A YUV4MPEG2 stream, but not 8-bit 4:2:0.
 struct Y4mChromaError : Y4mError {
     using Y4mError::Y4mError;
 };
 
-// Limits on what a header may ask for, so that a hostile one cannot exhaust memory.
+// Limits on header values, so that a hostile one cannot exhaust memory.
 inline constexpr int Y4M_LARGEST_SIDE = 16384;                          // pixels
 inline constexpr std::int64_t Y4M_MOST_PIXELS = std::int64_t{1} << 26;  // per picture
 inline constexpr std::size_t Y4M_LONGEST_LINE = 4096;  // bytes, without the newline
@@ -30,8 +32,8 @@ inline constexpr std::size_t Y4M_LONGEST_LINE = 4096;  // bytes, without the new
 struct Y4mHeader {
     int width = 0;   // pixels
     int height = 0;  // rows
-    // The header line without its newline. A writer repeats it as it is, and with it frame rate,
-    // interlacing, aspect ratio and comments.
+    // The header line without its newline. A writer copies it, and with it frame rate, interlacing,
+    // aspect ratio and comments.
     std::string line;
 
     int chroma_width() const { return (width + 1) / 2; }
@@ -42,14 +44,14 @@ struct Y4mHeader {
     }
 };
 
-// Reads a header line, given without its newline. Throws Y4mError.
+// Parses a header line, given without its newline. Throws Y4mError.
 Y4mHeader parse_y4m_header(const std::string& line);
 
-// Makes the header of a progressive stream with square pixels and centred chroma.
+// The header of a progressive stream with square pixels and centred chroma.
 // rate  frames per second as a ratio, for example "30:1"
 Y4mHeader make_y4m_header(int width, int height, const std::string& rate);
 
-// Where the three planes of a picture lie; strides in bytes. The memory is the caller's.
+// The three planes of a picture; strides in bytes. Does not own the memory.
 struct Planes {
     unsigned char* y;
     unsigned char* u;
@@ -70,10 +72,10 @@ class Y4mReader {
     // not begin with a FRAME line, InputError; `planes` may then hold part of a picture.
     bool read_frame(const Planes& planes);
 
-    // What followed FRAME in the line of the last picture read, leading blank included; mostly "".
+    // What followed FRAME in the line of the last picture read, leading space included; mostly "".
     const std::string& frame_parameters() const { return frame_parameters_; }
 
-    // Pictures read whole so far.
+    // Complete pictures read so far.
     std::int64_t frames() const { return frames_; }
 
   private:
@@ -91,7 +93,7 @@ class Y4mWriter {
     // Writes the header line. `sink` must outlive the writer. Throws OutputError.
     Y4mWriter(ByteSink& sink, const Y4mHeader& header);
 
-    // Writes one picture. `parameters` as Y4mReader::frame_parameters gives them.
+    // Writes one picture. `parameters` as from Y4mReader::frame_parameters.
     void write_frame(const Planes& planes, const std::string& parameters = "");
 
   private:
@@ -101,4 +103,4 @@ class Y4mWriter {
     Y4mHeader header_;
 };
 
-}  // namespace apps
+}  // namespace video_io

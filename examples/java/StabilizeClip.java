@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 import com.nuvik.stabilizer.Stabilizer;
 import java.io.IOException;
 import java.nio.file.Files;

@@ -1,23 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <atomic>
 
 namespace apps {
 
-// Signals that ask the program to end: SIGINT, SIGTERM, SIGHUP. The first ends the work cleanly,
-// the second at once, with the temporary files removed.
+// Requests to end the program: SIGINT, SIGTERM, SIGHUP. Threads: thread-safe.
 struct Interruption {
-    std::atomic<bool> stop_input{false};  // no more is to be read
-    std::atomic<bool> stop_all{false};    // nor written
-    std::atomic<bool> signalled{false};
+    std::atomic<bool> stop_input{false};  // stop reading
+    std::atomic<bool> stop_all{false};    // stop writing, too
+    std::atomic<int> signals{0};          // received so far
+
+    bool signalled() const { return signals > 0; }
 };
 
 // The one of this process.
 Interruption& interruption();
 
-// Has the signals set it, and lets a reader of ours that goes away, or a limit on file sizes, be an
-// error instead of the end. With finish_output, a signal only stops the input, so that what has
-// been read is written and finished.
-void watch_signals(bool finish_output);
+// What a signal does. The second one ends a process that does not only count them at once, with its
+// temporary files removed.
+enum class OnSignal {
+    STOP,           // ends the work
+    FINISH_OUTPUT,  // ends the input: what has been read is written
+    COUNT,          // left to whoever looks at `signals`
+};
+
+// Installs the signal handlers. SIGHUP stays ignored if it is, as under nohup. Closed pipes and limits
+// on file sizes become errors of the writes.
+void watch_signals(OnSignal action);
 
 }  // namespace apps

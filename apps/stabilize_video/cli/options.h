@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <videostabilizer/stabilizer_options.h>
@@ -7,11 +9,11 @@
 #include <utility>
 #include <vector>
 
-#include "apps/output_file.h"
+#include "common/video_io/output_file.h"
 
 namespace apps {
 
-// How the program ends. The command line's help lists them.
+// Exit status, see the help text.
 enum ExitCode {
     EXIT_DONE = 0,
     EXIT_USAGE = 1,
@@ -26,9 +28,9 @@ enum ExitCode {
 
 struct Options {
     std::vector<std::string> inputs;
-    std::string output;      // of a single input; "-" for standard output
-    std::string output_dir;  // of a batch; "" if there is one input
-    int jobs = 0;            // of a batch, at once; 0: as many as there are cores
+    std::string output;      // of a single input; "-": standard output
+    std::string output_dir;  // of a batch; "" for a single input
+    int jobs = 0;            // of a batch, at once; 0: one per core
 
     std::string input_format;
     std::vector<std::pair<std::string, std::string>> input_options;
@@ -37,14 +39,14 @@ struct Options {
     std::string codec;
     std::optional<double> crf;
     std::string preset;
-    Existing existing = Existing::KEEP;
+    video_io::Existing existing = video_io::Existing::KEEP;
     bool keep_partial = false;
 
     std::string strength = "standard";
     std::optional<int> look_ahead;  // frames
     std::optional<float> crop;
 
-    // Files; "" for none.
+    // Files; "": none.
     std::string path_file;
     std::string json_file;
     std::string plot_file;
@@ -55,8 +57,7 @@ struct Options {
     bool progress = true;  // unless quiet
 };
 
-// Reads the command line. Returns nothing when it has been dealt with (help, or an error, both
-// printed), with the exit status.
+// Parses the command line. Returns nothing, and the exit status, after help or an error was printed.
 std::optional<Options> parse_options(int argc, char** argv, int& status);
 
 }  // namespace apps

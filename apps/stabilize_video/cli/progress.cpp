@@ -1,4 +1,6 @@
-#include "apps/stabilize_video/progress.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "apps/stabilize_video/cli/progress.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -26,7 +28,9 @@ std::string text(const char* format, Values... values) {
 
 std::string clock_text(double seconds) {
     const auto whole = std::llround(seconds);
-    if (whole < 3600) return text("%lld:%02lld", whole / 60, whole % 60);
+    if (whole < 3600) {
+        return text("%lld:%02lld", whole / 60, whole % 60);
+    }
     return text("%lld:%02lld:%02lld", whole / 3600, whole / 60 % 60, whole % 60);
 }
 
@@ -59,13 +63,19 @@ Progress::Progress(bool wanted, std::int64_t total, double rate)
 }
 
 Progress::~Progress() {
-    if (drawn_ && terminal_) std::fputs(CLEAR_LINE, stderr);
+    if (drawn_ && terminal_) {
+        std::fputs(CLEAR_LINE, stderr);
+    }
 }
 
 void Progress::show(std::int64_t frames) {
-    if (!wanted_) return;
+    if (!wanted_) {
+        return;
+    }
     const Clock::time_point now = Clock::now();
-    if (now < next_) return;
+    if (now < next_) {
+        return;
+    }
     if (terminal_) {
         next_ = now + REDRAW_INTERVAL;
     } else {
@@ -83,7 +93,9 @@ void Progress::show(std::int64_t frames) {
         line = text("%3.0f %%  ", 100 * part) + line + " of " + std::to_string(total_);
     }
     line += text(" frames  %.0f/s", speed);
-    if (rate_ > 0) line += text(" (%.1f x real time)", speed / rate_);
+    if (rate_ > 0) {
+        line += text(" (%.1f x real time)", speed / rate_);
+    }
     if (total_ > 0 && frames > 0) {
         const auto left = static_cast<double>(std::max<std::int64_t>(total_ - frames, 0));
         line += "  " + clock_text(left / speed) + " left";
@@ -92,9 +104,11 @@ void Progress::show(std::int64_t frames) {
         std::fprintf(stderr, "%s\n", line.c_str());
         return;
     }
-    // A line that wraps could not be redrawn.
+    // A wrapped line could not be redrawn.
     const auto columns = static_cast<std::size_t>(terminal_columns() - 1);
-    if (picture.size() + line.size() <= columns) line.insert(0, picture);
+    if (picture.size() + line.size() <= columns) {
+        line.insert(0, picture);
+    }
     std::fprintf(stderr, "%s%s", CLEAR_LINE, line.substr(0, columns).c_str());
     std::fflush(stderr);
 }

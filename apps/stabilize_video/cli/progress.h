@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <chrono>
@@ -5,18 +7,18 @@
 
 namespace apps {
 
-// How far the work has come, on standard error: one line that redraws itself on a terminal, else a
-// plain line now and then.
+// Progress on standard error: a line that redraws itself on a terminal, else a line every 10 seconds.
+// Threads: owner only.
 class Progress {
   public:
-    // total  frames to come, or -1 if nobody knows
-    // rate   frames per second of the video, or 0 if unknown
+    // total  frames of the input; -1: unknown
+    // rate   frames per second of the video; 0: unknown
     Progress(bool wanted, std::int64_t total, double rate);
     ~Progress();  // clears the line
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    // Cheap; writes a few times a second at most.
+    // Cheap: writes five times a second at most.
     void show(std::int64_t frames);
 
   private:

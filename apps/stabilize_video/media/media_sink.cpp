@@ -1,4 +1,6 @@
-#include "apps/stabilize_video/media_sink.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "apps/stabilize_video/media/media_sink.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>
@@ -16,7 +18,7 @@ namespace {
 
 constexpr AVRational MICROSECONDS{1, AV_TIME_BASE};
 
-// What an encoder is asked for when the user does not say: quality that nobody complains about.
+// Default quality: visually transparent or close to it.
 struct Quality {
     const char* encoder;
     double crf;
@@ -27,24 +29,27 @@ constexpr Quality QUALITIES[] = {
     {"libvpx", 8, ""},       {"libaom-av1", 26, ""},  {"libsvtav1", 28, ""},
 };
 
-// Whether files of this format can hold H.264. Some muxers do not tell; those that carry its
-// forerunners do carry it.
+// Whether files of this format can hold H.264. Of muxers that do not tell, those whose default is
+// H.264 or one of its predecessors can.
 bool takes_h264(const AVOutputFormat& format) {
     const int known = avformat_query_codec(&format, AV_CODEC_ID_H264, FF_COMPLIANCE_NORMAL);
-    if (known >= 0) return known == 1;
-    constexpr std::array<AVCodecID, 4> FORERUNNERS = {
+    if (known >= 0) {
+        return known == 1;
+    }
+    constexpr std::array<AVCodecID, 4> PREDECESSORS = {
         AV_CODEC_ID_MPEG1VIDEO, AV_CODEC_ID_MPEG2VIDEO, AV_CODEC_ID_MPEG4, AV_CODEC_ID_H264};
-    return std::find(FORERUNNERS.begin(), FORERUNNERS.end(), format.video_codec) !=
-           FORERUNNERS.end();
+    return std::find(PREDECESSORS.begin(), PREDECESSORS.end(), format.video_codec) !=
+           PREDECESSORS.end();
 }
 
-// Whether a stream can be copied into a file of this format. Where the muxer does not tell, sound
-// and pictures are taken for common ones, and all else is known to fit only if the original is of
-// the same format.
+// Whether a stream can be copied into a file of this format. Where the muxer does not tell, audio and
+// video are assumed to fit, other streams only if the original has the same format.
 bool takes_copy(const AVOutputFormat& format, const AVStream& stream, const char* original) {
     const AVCodecParameters& parameters = *stream.codecpar;
     const int known = avformat_query_codec(&format, parameters.codec_id, FF_COMPLIANCE_NORMAL);
-    if (known >= 0) return known == 1;
+    if (known >= 0) {
+        return known == 1;
+    }
     return parameters.codec_type == AVMEDIA_TYPE_AUDIO ||
            parameters.codec_type == AVMEDIA_TYPE_VIDEO || std::strcmp(format.name, original) == 0;
 }
@@ -56,19 +61,25 @@ const AVCodec* find_encoder(const AVOutputFormat& format, const std::string& nam
     const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
     if (codec == nullptr) {
         const AVCodecDescriptor* descriptor = avcodec_descriptor_get_by_name(name.c_str());
-        if (descriptor != nullptr) codec = avcodec_find_encoder(descriptor->id);
+        if (descriptor != nullptr) {
+            codec = avcodec_find_encoder(descriptor->id);
+        }
     }
     if (codec == nullptr || codec->type != AVMEDIA_TYPE_VIDEO) {
-        throw OutputError("there is no video encoder '" + name + "'");
+        throw video_io::OutputError("there is no video encoder '" + name + "'");
     }
     return codec;
 }
 
-// The pixel format that costs least: 4:2:0 as it is, else the encoder's first.
+// 8-bit 4:2:0 if the encoder takes it, else the encoder's first format.
 AVPixelFormat pixel_format_of(const AVCodec& codec) {
-    if (codec.pix_fmts == nullptr) return AV_PIX_FMT_YUV420P;
+    if (codec.pix_fmts == nullptr) {
+        return AV_PIX_FMT_YUV420P;
+    }
     for (const AVPixelFormat* format = codec.pix_fmts; *format != AV_PIX_FMT_NONE; ++format) {
-        if (*format == AV_PIX_FMT_YUV420P) return *format;
+        if (*format == AV_PIX_FMT_YUV420P) {
+            return *format;
+        }
     }
     return codec.pix_fmts[0];
 }
@@ -80,27 +91,32 @@ void set_quality(AVCodecContext& encoder, const EncoderOptions& options) {
     };
     Quality quality{"", -1, ""};
     for (const Quality& known : QUALITIES) {
-        if (name == known.encoder) quality = known;
+        if (name == known.encoder) {
+            quality = known;
+        }
     }
     if (options.crf && !has("crf")) {
-        throw OutputError("the encoder " + name + " knows no --crf");
+        throw video_io::OutputError("the encoder " + name + " has no --crf");
     }
     if (!options.preset.empty() && !has("preset")) {
-        throw OutputError("the encoder " + name + " knows no --preset");
+        throw video_io::OutputError("the encoder " + name + " has no --preset");
     }
     const double crf = options.crf.value_or(quality.crf);
     if (crf >= 0) {
         encoder.bit_rate = 0;
         if (av_opt_set_double(encoder.priv_data, "crf", crf, 0) < 0) {
-            throw OutputError("the encoder " + name + " takes no --crf " + std::to_string(crf));
+            throw video_io::OutputError("the encoder " + name + " does not accept --crf " +
+                                        std::to_string(crf));
         }
     } else {
         encoder.flags |= AV_CODEC_FLAG_QSCALE;
         encoder.global_quality = 3 * FF_QP2LAMBDA;
     }
     const std::string preset = options.preset.empty() ? quality.preset : options.preset;
-    if (!preset.empty()) av_opt_set(encoder.priv_data, "preset", preset.c_str(), 0);
-    if (name == "libvpx-vp9" || name == "libaom-av1") {  // else they take minutes for seconds
+    if (!preset.empty()) {
+        av_opt_set(encoder.priv_data, "preset", preset.c_str(), 0);
+    }
+    if (name == "libvpx-vp9" || name == "libaom-av1") {  // slow by default
         av_opt_set_int(encoder.priv_data, "cpu-used", options.live ? 7 : 4, 0);
         av_opt_set_int(encoder.priv_data, "row-mt", 1, 0);
     }
@@ -115,12 +131,18 @@ void copy_side_data(const AVStream& from, AVStream& to, bool turn) {
     for (const AVPacketSideDataType type :
          {AV_PKT_DATA_DISPLAYMATRIX, AV_PKT_DATA_MASTERING_DISPLAY_METADATA,
           AV_PKT_DATA_CONTENT_LIGHT_LEVEL, AV_PKT_DATA_STEREO3D, AV_PKT_DATA_SPHERICAL}) {
-        if (type == AV_PKT_DATA_DISPLAYMATRIX && !turn) continue;
+        if (type == AV_PKT_DATA_DISPLAYMATRIX && !turn) {
+            continue;
+        }
         std::size_t size = 0;
         const std::uint8_t* data = av_stream_get_side_data(&from, type, &size);
-        if (data == nullptr) continue;
+        if (data == nullptr) {
+            continue;
+        }
         std::uint8_t* copy = av_stream_new_side_data(&to, type, size);
-        if (copy == nullptr) throw std::bad_alloc();
+        if (copy == nullptr) {
+            throw std::bad_alloc();
+        }
         std::memcpy(copy, data, size);
     }
 }
@@ -158,14 +180,14 @@ const AVOutputFormat* output_format_for(const std::string& path, const std::stri
                                        ? av_guess_format(nullptr, path.c_str(), nullptr)
                                        : av_guess_format(container.c_str(), nullptr, nullptr);
     if (format == nullptr) {
-        throw OutputError(container.empty()
-                              ? "the name " + path +
-                                    " does not tell the kind of file; give it an ending such as "
+        throw video_io::OutputError(
+            container.empty() ? "the name " + path +
+                                    " does not tell the output format; use an ending such as "
                                     ".mp4, or --output-format"
                               : "there is no output format '" + container + "'");
     }
     if (std::strcmp(format->name, "image2") == 0 || format->video_codec == AV_CODEC_ID_NONE) {
-        throw OutputError(path + " would not be a video (" + format->long_name + ")");
+        throw video_io::OutputError(path + " would not be a video (" + format->long_name + ")");
     }
     return format;
 }
@@ -186,15 +208,19 @@ MediaSink::MediaSink(const std::string& path, const PictureFormat& format,
       packet_(make_packet()) {
     const AVOutputFormat* muxer = output_format_for(path, options.container);
     const bool url = path.find("://") != std::string::npos;
-    if (!url && !is_direct_output(path)) {
-        pending_ = std::make_unique<PendingFile>(path, options.existing);
+    if (!url && !video_io::is_direct_output(path)) {
+        pending_ = std::make_unique<video_io::PendingFile>(path, options.existing);
     }
     std::string location = path == "-" ? "pipe:1" : path;
-    if (pending_) location = "file:" + pending_->temporary();
+    if (pending_) {
+        location = "file:" + pending_->temporary();
+    }
 
     AVFormatContext* context = nullptr;
     const int made = avformat_alloc_output_context2(&context, muxer, nullptr, location.c_str());
-    if (made < 0) fail(made);
+    if (made < 0) {
+        fail(made);
+    }
     context_.reset(context);
     context->interrupt_callback.opaque = this;
     context->interrupt_callback.callback = [](void* self) {
@@ -209,41 +235,49 @@ MediaSink::MediaSink(const std::string& path, const PictureFormat& format,
     open_encoder(format, options);
     open_rate_filter(format);
     video_ = avformat_new_stream(context, nullptr);
-    if (video_ == nullptr) throw std::bad_alloc();
+    if (video_ == nullptr) {
+        throw std::bad_alloc();
+    }
     const int copied = rate_filter_
                            ? avcodec_parameters_copy(video_->codecpar, rate_filter_->par_out)
                            : avcodec_parameters_from_context(video_->codecpar, encoder_.get());
-    if (copied < 0) throw std::bad_alloc();
+    if (copied < 0) {
+        throw std::bad_alloc();
+    }
     video_->time_base = encoder_->time_base;
     video_->avg_frame_rate = format.frame_rate;
     video_->sample_aspect_ratio = format.pixel_aspect;
-    if (original != nullptr) add_copies(*original);
+    if (original != nullptr) {
+        add_copies(*original);
+    }
     if ((muxer->flags & AVFMT_NOFILE) == 0) {
         const int opened = avio_open2(&context->pb, location.c_str(), AVIO_FLAG_WRITE,
                                       &context->interrupt_callback, nullptr);
-        if (opened < 0) fail(opened);
+        if (opened < 0) {
+            fail(opened);
+        }
     }
     write_header(options);
 }
 
-MediaSink::~MediaSink() {
-    if (context_ && (context_->oformat->flags & AVFMT_NOFILE) == 0) avio_closep(&context_->pb);
-}
-
 void MediaSink::fail(int result) const {
-    if (result == AVERROR(ENOMEM)) throw std::bad_alloc();
-    if (result == AVERROR(EPIPE)) {
-        throw OutputError("cannot write " + path_ + ": its reader has gone");
+    if (result == AVERROR(ENOMEM)) {
+        throw std::bad_alloc();
     }
-    throw OutputError("cannot write " + path_ + ": " +
-                      (result == AVERROR_EXIT ? "interrupted" : av_reason(result)));
+    if (result == AVERROR(EPIPE)) {
+        throw video_io::OutputError("cannot write " + path_ + ": the reader has closed it");
+    }
+    throw video_io::OutputError("cannot write " + path_ + ": " +
+                                (result == AVERROR_EXIT ? "interrupted" : av_reason(result)));
 }
 
 CodecContextPtr MediaSink::try_encoder(const AVCodec* codec, const PictureFormat& format,
                                        const EncoderOptions& options, int width, int height,
                                        int& result) {
     CodecContextPtr encoder(avcodec_alloc_context3(codec));
-    if (!encoder) throw std::bad_alloc();
+    if (!encoder) {
+        throw std::bad_alloc();
+    }
     encoder->width = width;
     encoder->height = height;
     encoder->time_base = format.time_base;
@@ -262,18 +296,21 @@ CodecContextPtr MediaSink::try_encoder(const AVCodec* codec, const PictureFormat
     }
     set_quality(*encoder, options);
     result = avcodec_open2(encoder.get(), codec, nullptr);
-    if (result < 0) return nullptr;
+    if (result < 0) {
+        return nullptr;
+    }
     return encoder;
 }
 
 void MediaSink::open_encoder(const PictureFormat& format, const EncoderOptions& options) {
     const AVCodec* codec = find_encoder(*context_->oformat, options.codec);
     if (codec == nullptr) {
-        throw OutputError(std::string("there is no encoder for ") + context_->oformat->long_name);
+        throw video_io::OutputError(std::string("there is no encoder for ") +
+                                    context_->oformat->long_name);
     }
     if (avformat_query_codec(context_->oformat, codec->id, FF_COMPLIANCE_NORMAL) == 0) {
-        throw OutputError(std::string(context_->oformat->long_name) + " cannot hold " +
-                          avcodec_get_name(codec->id) + " video");
+        throw video_io::OutputError(std::string(context_->oformat->long_name) + " cannot hold " +
+                                    avcodec_get_name(codec->id) + " video");
     }
     encoder_format_ = pixel_format_of(*codec);
     int result = 0;
@@ -283,51 +320,62 @@ void MediaSink::open_encoder(const PictureFormat& format, const EncoderOptions& 
     if (!encoder_ && (even_width != width_ || even_height != height_)) {
         encoder_ = try_encoder(codec, format, options, even_width, even_height, result);
         if (encoder_) {
-            notes_.push_back(std::string("the pictures get one row or column more (") +
-                             size_text(even_width, even_height) + "): " + codec->name +
-                             " takes even sizes only");
+            notes_.push_back("the pictures are padded to " + size_text(even_width, even_height) +
+                             ": " + codec->name + " accepts even sizes only");
         }
     }
     if (!encoder_) {
-        throw OutputError(std::string("the encoder ") + codec->name +
-                          " does not take pictures of " + size_text(width_, height_) + ": " +
-                          av_reason(result));
+        throw video_io::OutputError(std::string("the encoder ") + codec->name +
+                                    " does not accept pictures of " + size_text(width_, height_) +
+                                    ": " + av_reason(result));
     }
 }
 
-// H.264 and HEVC state a rate of their own. Encoders would take it from the ticks of the time stamps,
-// thousands a second; here it becomes that of the pictures.
+// H.264 and HEVC streams state a tick rate. Encoders set it to the time base, thousands per second; this
+// filter sets it to the frame rate.
 void MediaSink::open_rate_filter(const PictureFormat& format) {
     const bool h264 = encoder_->codec_id == AV_CODEC_ID_H264;
     const bool hevc = encoder_->codec_id == AV_CODEC_ID_HEVC;
-    if ((!h264 && !hevc) || format.nominal_rate.num <= 0) return;
+    if ((!h264 && !hevc) || format.nominal_rate.num <= 0) {
+        return;
+    }
     AVBSFContext* filter = nullptr;
     const AVBitStreamFilter* kind = av_bsf_get_by_name(h264 ? "h264_metadata" : "hevc_metadata");
-    if (kind == nullptr) return;
-    if (av_bsf_alloc(kind, &filter) < 0) throw std::bad_alloc();
+    if (kind == nullptr) {
+        return;
+    }
+    if (av_bsf_alloc(kind, &filter) < 0) {
+        throw std::bad_alloc();
+    }
     rate_filter_.reset(filter);
     filter->time_base_in = encoder_->time_base;
-    // H.264 counts in fields.
+    // H.264 counts fields.
     const AVRational rate = av_mul_q(format.nominal_rate, AVRational{h264 ? 2 : 1, 1});
     av_opt_set_q(filter->priv_data, "tick_rate", rate, 0);
     int result = avcodec_parameters_from_context(filter->par_in, encoder_.get());
-    if (result >= 0) result = av_bsf_init(filter);
-    if (result < 0) fail(result);
+    if (result >= 0) {
+        result = av_bsf_init(filter);
+    }
+    if (result < 0) {
+        fail(result);
+    }
 }
 
-// Streams that a file of this kind cannot hold are left out, with a note.
+// Streams that the output format cannot hold are dropped, with a note.
 void MediaSink::add_copy(const AVStream& from, const char* original) {
     const AVCodecParameters& parameters = *from.codecpar;
-    // The muxer makes the track of the chapters' titles anew.
-    if (parameters.codec_id == AV_CODEC_ID_BIN_DATA && context_->nb_chapters > 0) return;
+    // The muxer writes a new track for the chapters' titles.
+    if (parameters.codec_id == AV_CODEC_ID_BIN_DATA && context_->nb_chapters > 0) {
+        return;
+    }
     const AVOutputFormat& muxer = *context_->oformat;
     Copy& copy = copies_[static_cast<std::size_t>(from.index)];
     if (!takes_copy(muxer, from, original)) {
         const bool time_code = parameters.codec_tag == MKTAG('t', 'm', 'c', 'd');
-        if (!time_code) {  // time codes are kept as such, see the metadata
+        if (!time_code) {  // time codes are kept in the metadata
             notes_.push_back(std::string("stream ") + std::to_string(from.index) + " (" +
                              kind_of(parameters) + ", " + avcodec_get_name(parameters.codec_id) +
-                             ") is left out: " + muxer.long_name + " cannot hold it");
+                             ") is dropped: " + muxer.long_name + " cannot hold it");
         }
         return;
     }
@@ -335,7 +383,7 @@ void MediaSink::add_copy(const AVStream& from, const char* original) {
     if (to == nullptr || avcodec_parameters_copy(to->codecpar, &parameters) < 0) {
         throw std::bad_alloc();
     }
-    // A tag of the original's kind of file may mean nothing, or something else, in the output's.
+    // The same tag may mean something else in the output format.
     unsigned tag = 0;
     const bool same_meaning =
         muxer.codec_tag == nullptr ||
@@ -351,7 +399,9 @@ void MediaSink::add_copy(const AVStream& from, const char* original) {
     for (int i = 0; i < from.nb_side_data; ++i) {
         const AVPacketSideData& data = from.side_data[i];
         std::uint8_t* space = av_stream_new_side_data(to, data.type, data.size);
-        if (space == nullptr) throw std::bad_alloc();
+        if (space == nullptr) {
+            throw std::bad_alloc();
+        }
         std::memcpy(space, data.data, data.size);
     }
     copy.stream = to->index;
@@ -359,7 +409,7 @@ void MediaSink::add_copy(const AVStream& from, const char* original) {
 
 void MediaSink::add_copies(const MediaSource& original) {
     const AVFormatContext& container = original.container();
-    // Broadcast clocks start anywhere; files keep theirs.
+    // Broadcast clocks start anywhere and are moved to 0; other files keep their start.
     if ((container.iformat->flags & AVFMT_TS_DISCONT) != 0 &&
         container.start_time != AV_NOPTS_VALUE) {
         offset_us_ = container.start_time;
@@ -392,15 +442,20 @@ void MediaSink::write_header(const EncoderOptions& options) {
         settings.set("movflags", "+faststart");
     }
     const int result = avformat_write_header(context_.get(), settings.address());
-    if (result < 0) fail(result);
-    header_written_ = true;
+    if (result < 0) {
+        fail(result);
+    }
 }
 
 void MediaSink::write_packet(AVPacket& packet) {
     const std::lock_guard<std::mutex> lock(mutex_);
     int result = av_interleaved_write_frame(context_.get(), &packet);
-    if (result >= 0 && context_->pb != nullptr) result = context_->pb->error;
-    if (result < 0) fail(result);
+    if (result >= 0 && context_->pb != nullptr) {
+        result = context_->pb->error;
+    }
+    if (result < 0) {
+        fail(result);
+    }
 }
 
 void MediaSink::write_encoded(AVPacket& packet) {
@@ -417,26 +472,36 @@ void MediaSink::write_encoded(AVPacket& packet) {
     write_packet(packet);
 }
 
-// Takes the next picture into the encoder, null at the end, and writes what comes out.
+// Sends the next picture to the encoder, null at the end, and writes its packets.
 void MediaSink::encode(AVFrame* picture) {
     int result = avcodec_send_frame(encoder_.get(), picture);
-    if (result < 0) fail(result);
+    if (result < 0) {
+        fail(result);
+    }
     for (;;) {
         result = avcodec_receive_packet(encoder_.get(), packet_.get());
-        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) return;
-        if (result < 0) fail(result);
+        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
+            return;
+        }
+        if (result < 0) {
+            fail(result);
+        }
         if (!rate_filter_) {
             write_encoded(*packet_);
             continue;
         }
         result = av_bsf_send_packet(rate_filter_.get(), packet_.get());
-        if (result >= 0) result = av_bsf_receive_packet(rate_filter_.get(), packet_.get());
-        if (result < 0) fail(result);
+        if (result >= 0) {
+            result = av_bsf_receive_packet(rate_filter_.get(), packet_.get());
+        }
+        if (result < 0) {
+            fail(result);
+        }
         write_encoded(*packet_);
     }
 }
 
-void MediaSink::write(const Planes& picture, const PictureTag& tag) {
+void MediaSink::write(const video_io::Planes& picture, const PictureTag& tag) {
     AvFramePtr frame = make_picture(AV_PIX_FMT_YUV420P, encoder_->width, encoder_->height);
     const unsigned char* planes[] = {picture.y, picture.u, picture.v};
     for (int i = 0; i < 3; ++i) {
@@ -447,7 +512,7 @@ void MediaSink::write(const Planes& picture, const PictureTag& tag) {
         const std::ptrdiff_t stride = i == 0 ? picture.stride_y : picture.stride_uv;
         av_image_copy_plane(frame->data[i], frame->linesize[i], planes[i], static_cast<int>(stride),
                             width, height);
-        // An encoder of even sizes gets the last row or column twice.
+        // Padding to even sizes repeats the last row or column.
         if (whole_width > width) {
             for (int y = 0; y < height; ++y) {
                 unsigned char* row =
@@ -476,18 +541,26 @@ void MediaSink::write(const Planes& picture, const PictureTag& tag) {
         converter_->push(frame.get());
         frame = converter_->pull();
     }
-    if (frame) encode(frame.get());
+    if (frame) {
+        encode(frame.get());
+    }
 }
 
 void MediaSink::copy(const AVPacket& packet) {
     const auto index = static_cast<std::size_t>(packet.stream_index);
-    // Streams that turn up in the middle of the input have no place in the output.
-    if (index >= copies_.size() || copies_[index].stream < 0) return;
+    // Streams that appear later in the input have no stream in the output.
+    if (index >= copies_.size() || copies_[index].stream < 0) {
+        return;
+    }
     const PacketPtr out = copy_of(packet);
     const AVRational from = copies_[index].time_base;
     const std::int64_t offset = av_rescale_q(offset_us_, MICROSECONDS, from);
-    if (out->pts != AV_NOPTS_VALUE) out->pts -= offset;
-    if (out->dts != AV_NOPTS_VALUE) out->dts -= offset;
+    if (out->pts != AV_NOPTS_VALUE) {
+        out->pts -= offset;
+    }
+    if (out->dts != AV_NOPTS_VALUE) {
+        out->dts -= offset;
+    }
     out->stream_index = copies_[index].stream;
     av_packet_rescale_ts(out.get(), from, context_->streams[out->stream_index]->time_base);
     out->pos = -1;
@@ -498,17 +571,25 @@ void MediaSink::finish() {
     encode(nullptr);
     const std::lock_guard<std::mutex> lock(mutex_);
     int result = av_write_trailer(context_.get());
-    if (result >= 0 && context_->pb != nullptr) result = context_->pb->error;
-    if (result < 0) fail(result);
+    if (result >= 0 && context_->pb != nullptr) {
+        result = context_->pb->error;
+    }
+    if (result < 0) {
+        fail(result);
+    }
     if ((context_->oformat->flags & AVFMT_NOFILE) == 0) {
-        // Some file systems report a full disk only here.
+        // Some file systems report a full disk only on closing.
         result = avio_closep(&context_->pb);
-        if (result < 0) fail(result);
+        if (result < 0) {
+            fail(result);
+        }
     }
 }
 
 void MediaSink::commit() {
-    if (pending_) pending_->commit();
+    if (pending_) {
+        pending_->commit();
+    }
 }
 
 std::string MediaSink::keep_partial() {

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstdint>
@@ -8,63 +10,56 @@
 #include <string>
 #include <vector>
 
-#include "apps/output_file.h"
-#include "apps/stabilize_video/ffmpeg.h"
-#include "apps/stabilize_video/media_source.h"
-#include "apps/stabilize_video/picture_converter.h"
-#include "apps/stabilize_video/video_io.h"
+#include "apps/stabilize_video/media/media_source.h"
+#include "apps/stabilize_video/media/picture_converter.h"
+#include "apps/stabilize_video/pictures/ffmpeg.h"
+#include "apps/stabilize_video/pictures/picture_stream.h"
+#include "common/video_io/output_file.h"
 
 namespace apps {
 
 struct EncoderOptions {
     std::string codec;          // FFmpeg's name of a codec or encoder; "": H.264 where it fits
-    std::optional<double> crf;  // quality of encoders that know it; smaller is better
-    std::string preset;         // speed of encoders that know it; "": fast
-    std::string container;      // FFmpeg's name of a muxer; "": by the name of the file
-    bool live = false;          // hold nothing back
-    Existing existing = Existing::KEEP;
+    std::optional<double> crf;  // quality, for encoders that have it; smaller is better
+    std::string preset;         // speed, for encoders that have it; "": fast
+    std::string container;      // FFmpeg's name of a muxer; "": by the file name
+    bool live = false;          // low latency: no buffering
+    video_io::Existing existing = video_io::Existing::KEEP;
 };
 
-// FFmpeg's muxer for a file of this name. Throws OutputError when the name does not tell.
+// FFmpeg's muxer for a file of this name. Throws OutputError if there is none.
 const AVOutputFormat* output_format_for(const std::string& path, const std::string& container);
 
-// Whether a file of this format tells players how to turn the picture.
+// Whether files of this format have a rotation tag.
 bool keeps_rotation(const AVOutputFormat& format);
 
-// Encodes pictures into a file, which appears when it is finished, into a pipe ("-" is standard
-// output), a device or a URL; and takes packets of other streams as they are.
+// Encodes pictures into a file, which appears when it is complete, or into a pipe ("-" is standard
+// output), a device or a URL; packets of other streams are copied.
 //
-// Threads: write and finish on one thread, copy on any.
+// Threads: owner only, except copy: thread-safe.
 class MediaSink : public PictureSink {
   public:
-    // original  the input whose other streams, chapters, titles and turn are to be kept; null if
-    //           there is none. Read only here.
+    // original  the input whose other streams, chapters, metadata and rotation are copied; may be
+    //           null. Used only during construction.
     // stop      once true, a write that waits for a pipe or a network fails soon; may be null
     // Throws OutputError, ExistsError.
     MediaSink(const std::string& path, const PictureFormat& format, const EncoderOptions& options,
               const MediaSource* original, const std::atomic<bool>* stop);
-    ~MediaSink() override;
     MediaSink(const MediaSink&) = delete;
     MediaSink& operator=(const MediaSink&) = delete;
 
-    void write(const Planes& picture, const PictureTag& tag) override;
+    void write(const video_io::Planes& picture, const PictureTag& tag) override;
     void finish() override;
 
-    // Takes a packet of the original.
-    void copy(const AVPacket& packet);
+    void commit() override;
+    std::string keep_partial() override;
 
-    // Gives the finished file its name. Throws OutputError, ExistsError.
-    void commit();
-    // Likewise, for a file that is finished but not whole. Returns the name, or "".
-    std::string keep_partial();
+    // Writes a packet of the original. Throws OutputError.
+    void copy(const AVPacket& packet);
 
     const Notes& notes() const { return notes_; }
 
   private:
-    struct Freer {
-        void operator()(AVFormatContext* context) const { avformat_free_context(context); }
-    };
-
     void open_encoder(const PictureFormat& format, const EncoderOptions& options);
     CodecContextPtr try_encoder(const AVCodec* codec, const PictureFormat& format,
                                 const EncoderOptions& options, int width, int height, int& result);
@@ -78,21 +73,20 @@ class MediaSink : public PictureSink {
     [[noreturn]] void fail(int result) const;
 
     std::string path_;
-    std::unique_ptr<PendingFile> pending_;  // null: written directly
+    std::unique_ptr<video_io::PendingFile> pending_;  // null: written directly
     const std::atomic<bool>* stop_;
-    std::unique_ptr<AVFormatContext, Freer> context_;
-    bool header_written_ = false;
+    MuxerPtr context_;
     CodecContextPtr encoder_;
-    BsfPtr rate_filter_;                           // null: the codec states no rate
+    BsfPtr rate_filter_;                           // null: the codec has no tick rate
     std::unique_ptr<PictureConverter> converter_;  // null: the encoder takes 8-bit 4:2:0
     AVPixelFormat encoder_format_ = AV_PIX_FMT_YUV420P;
-    int width_;  // of the pictures that come; the encoder's may be larger by one
+    int width_;  // of the pictures; the encoder's may be larger by one
     int height_;
     AVStream* video_ = nullptr;
-    std::int64_t offset_us_ = 0;  // taken off all time stamps
+    std::int64_t offset_us_ = 0;  // subtracted from all time stamps
     struct Copy {
         AVRational time_base;  // of the original
-        int stream;            // in the output; -1: left out
+        int stream;            // in the output; -1: dropped
     };
     std::vector<Copy> copies_;                        // by stream of the original
     std::map<std::int64_t, std::int64_t> durations_;  // of the pictures in the encoder, by time

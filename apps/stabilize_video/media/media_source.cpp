@@ -1,4 +1,6 @@
-#include "apps/stabilize_video/media_source.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "apps/stabilize_video/media/media_source.h"
 
 extern "C" {
 #include <libavdevice/avdevice.h>
@@ -30,7 +32,7 @@ bool is_regular_file(const std::string& path) {
     return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
-// Whether the demuxer reads still images. It would take one for a video of one picture.
+// Whether the demuxer reads still images, as a video of one picture.
 bool reads_still_images(const AVInputFormat& format) {
     const std::string name = format.name;
     constexpr const char* ENDING = "_pipe";
@@ -42,20 +44,26 @@ bool interlaced_order(AVFieldOrder order) {
     return order != AV_FIELD_UNKNOWN && order != AV_FIELD_PROGRESSIVE;
 }
 
-// How the player is to turn the picture, in quarter turns clockwise.
+// How a player should rotate the picture, in quarter turns clockwise.
 int quarter_turns(const AVStream& stream) {
     const std::uint8_t* matrix =
         av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr);
-    if (matrix == nullptr) return 0;
+    if (matrix == nullptr) {
+        return 0;
+    }
     const double counterclockwise =
         av_display_rotation_get(reinterpret_cast<const std::int32_t*>(matrix));
-    if (std::isnan(counterclockwise)) return 0;
+    if (std::isnan(counterclockwise)) {
+        return 0;
+    }
     return ((-static_cast<int>(std::lround(counterclockwise / 90)) % 4) + 4) % 4;
 }
 
-// Full range in 4:2:0 is the same layout as limited range.
+// Full-range 4:2:0 has the same layout as limited range.
 void use_plain_420(AVFrame& frame) {
-    if (frame.format != AV_PIX_FMT_YUVJ420P) return;
+    if (frame.format != AV_PIX_FMT_YUVJ420P) {
+        return;
+    }
     frame.format = AV_PIX_FMT_YUV420P;
     frame.color_range = AVCOL_RANGE_JPEG;
 }
@@ -67,106 +75,121 @@ MediaSource::MediaSource(const std::string& url, const MediaSourceOptions& optio
     open(url, options);
 }
 
-MediaSource::MediaSource(std::unique_ptr<FdSource> stream, const MediaSourceOptions& options)
+MediaSource::MediaSource(std::unique_ptr<video_io::FdSource> stream,
+                         const MediaSourceOptions& options)
     : name_(stream->name()), stream_(std::move(stream)), stop_(options.stop) {
     open("", options);
 }
 
-MediaSource::~MediaSource() {
-    AVIOContext* io = stream_ && context_ ? context_->pb : nullptr;
-    context_.reset();
-    if (io != nullptr) {
-        av_freep(&io->buffer);
-        avio_context_free(&io);
+// Has FFmpeg read from `stream_`.
+AvioPtr MediaSource::make_stream_io() {
+    auto* buffer = static_cast<unsigned char*>(av_malloc(STREAM_BUFFER_BYTES));
+    AvioPtr io(avio_alloc_context(
+        buffer, STREAM_BUFFER_BYTES, 0, this,
+        [](void* self, std::uint8_t* to, int size) {
+            auto& source = *static_cast<MediaSource*>(self);
+            try {
+                const std::size_t got =
+                    source.stream_->read_available(to, static_cast<std::size_t>(size));
+                return got == 0 ? AVERROR_EOF : static_cast<int>(got);
+            } catch (const video_io::InputError&) {
+                source.stream_failure_ = std::current_exception();
+                return AVERROR(EIO);
+            }
+        },
+        nullptr, nullptr));
+    if (!io) {
+        av_free(buffer);
+        throw std::bad_alloc();
     }
+    return io;
 }
 
 void MediaSource::open(const std::string& url, const MediaSourceOptions& options) {
     avdevice_register_all();
-    AVFormatContext* context = avformat_alloc_context();
-    if (context == nullptr) throw std::bad_alloc();
-    context->interrupt_callback.opaque = this;
-    context->interrupt_callback.callback = [](void* self) {
-        const std::atomic<bool>* stop = static_cast<MediaSource*>(self)->stop_;
-        return stop != nullptr && stop->load() ? 1 : 0;
-    };
-    if (stream_) {
-        auto* buffer = static_cast<unsigned char*>(av_malloc(STREAM_BUFFER_BYTES));
-        context->pb = avio_alloc_context(
-            buffer, STREAM_BUFFER_BYTES, 0, this,
-            [](void* self, std::uint8_t* to, int size) {
-                auto& source = *static_cast<MediaSource*>(self);
-                try {
-                    const std::size_t got =
-                        source.stream_->read_available(to, static_cast<std::size_t>(size));
-                    return got == 0 ? AVERROR_EOF : static_cast<int>(got);
-                } catch (const InputError&) {
-                    source.stream_failure_ = std::current_exception();
-                    return AVERROR(EIO);
-                }
-            },
-            nullptr, nullptr);
-        if (context->pb == nullptr) {
-            av_free(buffer);
-            avformat_free_context(context);
-            throw std::bad_alloc();
-        }
+    open_container(url, options);
+    const int found = avformat_find_stream_info(context_.get(), nullptr);
+    if (found < 0) {
+        throw video_io::InputError("cannot read " + name_ + ": " + av_reason(found));
     }
+    find_video();
+    open_decoder();
+    packet_ = make_packet();
+    read_first_picture(options);
+    opening_ = false;
+}
 
+void MediaSource::open_container(const std::string& url, const MediaSourceOptions& options) {
     std::string container = options.container;
-    if (container.empty() && is_character_device(url)) container = "video4linux2";
+    if (container.empty() && is_character_device(url)) {
+        container = "video4linux2";
+    }
     const AVInputFormat* format = nullptr;
     if (!container.empty()) {
         format = av_find_input_format(container.c_str());
         if (format == nullptr) {
-            avformat_free_context(context);
-            throw InputError("there is no input format '" + container + "'");
+            throw video_io::InputError("there is no input format '" + container + "'");
         }
     }
     Dictionary settings;
     for (const auto& [key, value] : options.options) {
         settings.set(key, value);
     }
-    // A plain name is a file, whatever colons it holds.
+    // A plain name is a file, even if it contains colons.
     const std::string location = is_regular_file(url) ? "file:" + url : url;
-    AVIOContext* const own_io = context->pb;
-    const int opened = avformat_open_input(&context, location.c_str(), format, settings.address());
-    if (opened < 0) {  // the context is gone
-        if (own_io != nullptr) {
-            AVIOContext* io = own_io;
-            av_freep(&io->buffer);
-            avio_context_free(&io);
-        }
-        if (stream_failure_) std::rethrow_exception(stream_failure_);
-        throw InputError("cannot read " + name_ + ": " + av_reason(opened));
+
+    AVFormatContext* context = avformat_alloc_context();
+    if (context == nullptr) {
+        throw std::bad_alloc();
     }
     context_.reset(context);
+    context->interrupt_callback.opaque = this;
+    context->interrupt_callback.callback = [](void* self) {
+        const std::atomic<bool>* stop = static_cast<MediaSource*>(self)->stop_;
+        return stop != nullptr && stop->load() ? 1 : 0;
+    };
+    if (stream_) {
+        io_ = make_stream_io();
+        context->pb = io_.get();
+    }
+    context = context_.release();  // freed by a failing avformat_open_input
+    const int opened = avformat_open_input(&context, location.c_str(), format, settings.address());
+    context_.reset(context);
+    if (opened < 0) {
+        if (stream_failure_) {
+            std::rethrow_exception(stream_failure_);
+        }
+        throw video_io::InputError("cannot read " + name_ + ": " + av_reason(opened));
+    }
     if (const std::string key = settings.first_key(); !key.empty()) {
-        throw InputError("the input format '" + std::string(context->iformat->name) +
-                         "' has no option '" + key + "'");
+        throw video_io::InputError("the input format '" + std::string(context->iformat->name) +
+                                   "' has no option '" + key + "'");
     }
     live_ = (context->iformat->flags & AVFMT_NOFILE) != 0 || context->pb == nullptr ||
             (context->pb->seekable & AVIO_SEEKABLE_NORMAL) == 0;
+}
 
-    const int found = avformat_find_stream_info(context, nullptr);
-    if (found < 0) throw InputError("cannot read " + name_ + ": " + av_reason(found));
-    find_video();
-    open_decoder();
-    packet_ = make_packet();
+// The first picture decides the format of all.
+void MediaSource::read_first_picture(const MediaSourceOptions& options) {
     const AvFramePtr first = decode();
     if (!first) {
-        if (stream_failure_) std::rethrow_exception(stream_failure_);
-        throw InputError("no picture of " + name_ + " can be decoded" +
-                         (read_failure_.empty() ? "" : ": " + read_failure_));
+        if (stream_failure_) {
+            std::rethrow_exception(stream_failure_);
+        }
+        throw video_io::InputError("no picture of " + name_ + " can be decoded" +
+                                   (read_failure_.empty() ? "" : ": " + read_failure_));
     }
     start_format(*first, options);
-    if (converter_) converter_->push(first.get());
+    if (converter_) {
+        converter_->push(first.get());
+    }
     first_ = converter_ ? next_picture() : AvFramePtr(av_frame_clone(first.get()));
-    if (!first_) throw InputError("no picture of " + name_ + " can be converted");
+    if (!first_) {
+        throw video_io::InputError("no picture of " + name_ + " can be converted");
+    }
     format_.width = first_->width;
     format_.height = first_->height;
     format_.pixel_aspect = first_->sample_aspect_ratio;
-    opening_ = false;
 }
 
 void MediaSource::find_video() {
@@ -176,13 +199,13 @@ void MediaSource::find_video() {
     if (index < 0 || only_cover) {
         const bool sound =
             av_find_best_stream(context_.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0) >= 0;
-        throw NoVideoError(name_ + (sound ? " holds sound but no video" : " holds no video"));
+        throw NoVideoError(name_ + (sound ? " contains audio but no video" : " contains no video"));
     }
     video_ = context_->streams[index];
     const bool one_picture = context_->nb_streams == 1 && video_->nb_frames <= 1;
     const bool numbered = name_.find('%') != std::string::npos;
     if (reads_still_images(*context_->iformat) && one_picture && !numbered && !stream_) {
-        throw NoVideoError(name_ + " is a still image; there is no shake to take out");
+        throw NoVideoError(name_ + " is a still image, not a video");
     }
 }
 
@@ -200,24 +223,26 @@ void MediaSource::open_decoder() {
     decoder_->pkt_timebase = video_->time_base;
     decoder_->framerate = av_guess_frame_rate(context_.get(), video_, nullptr);
     decoder_->thread_count = 0;
-    if (live_) {  // threads by picture would hold back a picture each
+    if (live_) {  // frame threads would delay by a picture each
         decoder_->thread_type = FF_THREAD_SLICE;
         decoder_->flags |= AV_CODEC_FLAG_LOW_DELAY;
     }
     const int result = avcodec_open2(decoder_.get(), codec, nullptr);
     if (result < 0) {
-        throw InputError("the decoder " + std::string(codec->name) + " refuses " + name_ + ": " +
-                         av_reason(result));
+        throw video_io::InputError("the decoder " + std::string(codec->name) + " rejects " + name_ +
+                                   ": " + av_reason(result));
     }
 }
 
-// Decides from the first picture what is to be converted, and what all pictures have in common.
+// Takes the conversion and the format from the first picture.
 void MediaSource::start_format(const AVFrame& decoded, const MediaSourceOptions& options) {
     decoded_width_ = decoded.width;
     decoded_height_ = decoded.height;
     task_.deinterlace =
         decoded.interlaced_frame != 0 || interlaced_order(video_->codecpar->field_order);
-    if (options.turn_upright) task_.quarter_turns = quarter_turns(*video_);
+    if (options.turn_upright) {
+        task_.quarter_turns = quarter_turns(*video_);
+    }
     make_converter(decoded);
 
     if (decoded.format != AV_PIX_FMT_YUV420P) {
@@ -225,15 +250,20 @@ void MediaSource::start_format(const AVFrame& decoded, const MediaSourceOptions&
         notes_.push_back(std::string("pictures are converted from ") + (name ? name : "?") +
                          " to 8-bit 4:2:0");
     }
-    if (task_.deinterlace) notes_.emplace_back("interlaced pictures are made progressive");
+    if (task_.deinterlace) {
+        notes_.emplace_back("interlaced pictures are deinterlaced");
+    }
     if (task_.quarter_turns != 0) {
-        notes_.emplace_back("pictures are turned upright, since the output cannot hold a turn");
+        notes_.emplace_back(
+            "pictures are rotated upright, since the output format has no rotation tag");
     }
 
     format_.time_base = video_->time_base;
     format_.nominal_rate = av_guess_frame_rate(context_.get(), video_, nullptr);
     format_.frame_rate = format_.nominal_rate;
-    if (video_->avg_frame_rate.num > 0) format_.frame_rate = video_->avg_frame_rate;
+    if (video_->avg_frame_rate.num > 0) {
+        format_.frame_rate = video_->avg_frame_rate;
+    }
     if (is_rgb(decoded.format)) {
         format_.range = AVCOL_RANGE_MPEG;
         format_.matrix = AVCOL_SPC_BT709;
@@ -256,7 +286,9 @@ void MediaSource::make_converter(const AVFrame& decoded) {
 void MediaSource::set_packet_receiver(std::function<void(const AVPacket&)> receiver) {
     receiver_ = std::move(receiver);
     for (; !early_packets_.empty(); early_packets_.pop_front()) {
-        if (receiver_) receiver_(*early_packets_.front());
+        if (receiver_) {
+            receiver_(*early_packets_.front());
+        }
     }
 }
 
@@ -268,16 +300,24 @@ void MediaSource::forward(const AVPacket& packet) {
     }
 }
 
-// Takes the next packet from the input: into the decoder, or to the receiver. Returns false at the
-// end of the input, whatever the reason.
+// Passes the next packet of the input to the decoder or the receiver. Returns false at the end of the
+// input, whatever the reason.
 bool MediaSource::read_packet() {
-    // Not every demuxer asks for itself.
-    if (stop_ != nullptr && stop_->load()) throw InputError("interrupted");
+    // Not every demuxer checks the interrupt callback.
+    if (stop_ != nullptr && stop_->load()) {
+        throw video_io::InputError("interrupted");
+    }
     const int result = av_read_frame(context_.get(), packet_.get());
     if (result < 0) {
-        if (stream_failure_) std::rethrow_exception(stream_failure_);
-        if (result == AVERROR_EXIT) throw InputError("interrupted");
-        if (result != AVERROR_EOF) read_failure_ = av_reason(result);
+        if (stream_failure_) {
+            std::rethrow_exception(stream_failure_);
+        }
+        if (result == AVERROR_EXIT) {
+            throw video_io::InputError("interrupted");
+        }
+        if (result != AVERROR_EOF) {
+            read_failure_ = av_reason(result);
+        }
         return false;
     }
     const AVPacket& packet = *packet_;
@@ -286,15 +326,17 @@ bool MediaSource::read_packet() {
         end_us_ = std::max(
             end_us_, av_rescale_q(packet.pts + packet.duration, stream.time_base, MICROSECONDS));
     }
-    // A packet that the end of the file has cut would give a picture with a part missing. Of
-    // broadcasts, those around every gap are called corrupt, and most can be decoded.
+    // A packet cut by the end of the file would give an incomplete picture. In broadcasts, packets
+    // around every gap are marked corrupt, but most can be decoded.
     const bool broadcast = (context_->iformat->flags & AVFMT_TS_DISCONT) != 0;
     const bool cut = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0 && !live_ && !broadcast;
     if (cut) {
         ++cut_packets_;
     } else if (&stream == video_) {
         const int sent = avcodec_send_packet(decoder_.get(), &packet);
-        if (sent < 0 && sent != AVERROR(EAGAIN)) ++decode_errors_;
+        if (sent < 0 && sent != AVERROR(EAGAIN)) {
+            ++decode_errors_;
+        }
     } else {
         forward(packet);
     }
@@ -307,10 +349,14 @@ AvFramePtr MediaSource::decode() {
     AvFramePtr frame = make_av_frame();
     for (;;) {
         const int result = avcodec_receive_frame(decoder_.get(), frame.get());
-        if (result == 0) break;
-        if (result == AVERROR_EOF) return nullptr;
+        if (result == 0) {
+            break;
+        }
+        if (result == AVERROR_EOF) {
+            return nullptr;
+        }
         if (result != AVERROR(EAGAIN)) {
-            ++decode_errors_;  // the decoder goes on with the next packet
+            ++decode_errors_;  // the decoder continues with the next packet
             continue;
         }
         if (!input_ended_ && !read_packet()) {
@@ -330,7 +376,7 @@ AvFramePtr MediaSource::decode() {
         ++damaged_pictures_;
     }
     use_plain_420(*frame);
-    // Players show pictures in the order of these times, so no two may share one.
+    // Time stamps must increase strictly.
     std::int64_t time = frame->best_effort_timestamp;
     const std::int64_t step = std::max<std::int64_t>(
         1, frame->pkt_duration > 0
@@ -339,38 +385,54 @@ AvFramePtr MediaSource::decode() {
                               av_inv_q(decoder_->framerate.num > 0 ? decoder_->framerate
                                                                    : AVRational{25, 1}),
                               video_->time_base));
-    if (time == AV_NOPTS_VALUE) time = last_time_ ? *last_time_ + step : 0;
-    if (last_time_ && time <= *last_time_) time = *last_time_ + 1;
+    if (time == AV_NOPTS_VALUE) {
+        time = last_time_ ? *last_time_ + step : 0;
+    }
+    if (last_time_ && time <= *last_time_) {
+        time = *last_time_ + 1;
+    }
     last_time_ = time;
     frame->pts = time;
     frame->pict_type = AV_PICTURE_TYPE_NONE;
     return frame;
 }
 
-// The next picture in the form that is wanted; null at the end.
+// The next picture in the wanted form; null at the end.
 AvFramePtr MediaSource::next_picture() {
     for (;;) {
         if (converter_) {
             AvFramePtr picture = converter_->pull();
-            if (picture) return picture;
-            if (converter_ended_) return nullptr;
+            if (picture) {
+                return picture;
+            }
+            if (converter_ended_) {
+                return nullptr;
+            }
         }
         AvFramePtr decoded = decode();
-        if (!converter_ && (!decoded || decoded->format == task_.format)) return decoded;
+        if (!converter_ && (!decoded || decoded->format == task_.format)) {
+            return decoded;
+        }
         if (!decoded) {
             converter_ended_ = true;
             converter_->push(nullptr);
         } else {
-            if (!converter_ || !converter_->accepts(*decoded)) make_converter(*decoded);
-            if (!converter_) return decoded;
+            if (!converter_ || !converter_->accepts(*decoded)) {
+                make_converter(*decoded);
+            }
+            if (!converter_) {
+                return decoded;
+            }
             converter_->push(decoded.get());
         }
     }
 }
 
-bool MediaSource::read(const Planes& to, PictureTag& tag) {
+bool MediaSource::read(const video_io::Planes& to, PictureTag& tag) {
     const AvFramePtr picture = first_ ? std::move(first_) : next_picture();
-    if (!picture) return false;
+    if (!picture) {
+        return false;
+    }
     const int chroma_width = (format_.width + 1) / 2;
     const int chroma_height = (format_.height + 1) / 2;
     av_image_copy_plane(to.y, static_cast<int>(to.stride_y), picture->data[0], picture->linesize[0],
@@ -387,15 +449,21 @@ bool MediaSource::read(const Planes& to, PictureTag& tag) {
 }
 
 std::int64_t MediaSource::expected_pictures() const {
-    if (live_) return -1;
-    if (video_->nb_frames > 0) return video_->nb_frames;
+    if (live_) {
+        return -1;
+    }
+    if (video_->nb_frames > 0) {
+        return video_->nb_frames;
+    }
     const double rate = av_q2d(format_.frame_rate);
-    if (context_->duration <= 0 || !(rate > 0)) return -1;
+    if (context_->duration <= 0 || !(rate > 0)) {
+        return -1;
+    }
     return std::llround(static_cast<double>(context_->duration) / AV_TIME_BASE * rate);
 }
 
 std::string MediaSource::damage() const {
-    // What a container says of its length may be off by a few pictures.
+    // The duration that a container states may be off by a few pictures.
     constexpr double TOLERATED_SECONDS = 0.5;
     std::string what;
     const bool states_duration =
@@ -407,7 +475,7 @@ std::string MediaSource::damage() const {
                         : 0;
     const bool early = input_ended_ && missing > TOLERATED_SECONDS;
     if (!read_failure_.empty()) {
-        what = "the input broke off: " + read_failure_;
+        what = "the input ended early: " + read_failure_;
     } else if (early || cut_packets_ > 0) {
         what = "the input is cut short";
     }
@@ -418,7 +486,7 @@ std::string MediaSource::damage() const {
     }
     if (decode_errors_ > 0) {
         what += (what.empty() ? "" : "; ") + std::to_string(decode_errors_) +
-                " pieces of the video could not be decoded";
+                " packets of the video could not be decoded";
     }
     if (damaged_pictures_ > 0) {
         what += (what.empty() ? "" : "; ") + std::to_string(damaged_pictures_) +

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <atomic>
@@ -11,44 +13,42 @@
 #include <utility>
 #include <vector>
 
-#include "apps/byte_io.h"
-#include "apps/stabilize_video/ffmpeg.h"
-#include "apps/stabilize_video/picture_converter.h"
-#include "apps/stabilize_video/video_io.h"
+#include "apps/stabilize_video/media/picture_converter.h"
+#include "apps/stabilize_video/pictures/ffmpeg.h"
+#include "apps/stabilize_video/pictures/picture_stream.h"
+#include "common/video_io/byte_io.h"
 
 namespace apps {
 
 struct MediaSourceOptions {
-    std::string container;  // FFmpeg's name of a demuxer or device; "": find out
+    std::string container;  // FFmpeg's name of a demuxer or device; "": detected
     std::vector<std::pair<std::string, std::string>> options;  // for it, by name
-    // Turn the pixels upright, for outputs that cannot say how to turn a picture; else the turn is
-    // left to the player, as in the input.
+    // Rotate the pictures upright, for outputs without a rotation tag.
     bool turn_upright = false;
-    // Once true, reading ends soon. May be null; outlives the source.
+    // Once true, reading ends soon. May be null; must outlive the source.
     const std::atomic<bool>* stop = nullptr;
 };
 
-// Any video that FFmpeg reads: the best video stream decoded, everything else as packets.
+// Any video that FFmpeg reads: the best video stream decoded, all other streams as packets.
 //
-// Threads: one thread at a time; FFmpeg decodes with threads of its own.
+// Threads: owner only; FFmpeg decodes with threads of its own.
 class MediaSource : public PictureSource {
   public:
     // Opens a file, a device or a URL and decodes the first picture. Throws InputError,
     // NoVideoError.
     MediaSource(const std::string& url, const MediaSourceOptions& options);
-    // The same from an open stream.
-    MediaSource(std::unique_ptr<FdSource> stream, const MediaSourceOptions& options);
-    ~MediaSource() override;
+    // The same for an open stream.
+    MediaSource(std::unique_ptr<video_io::FdSource> stream, const MediaSourceOptions& options);
     MediaSource(const MediaSource&) = delete;
     MediaSource& operator=(const MediaSource&) = delete;
 
     const PictureFormat& format() const override { return format_; }
-    bool read(const Planes& to, PictureTag& tag) override;
+    bool read(const video_io::Planes& to, PictureTag& tag) override;
     std::int64_t expected_pictures() const override;
     std::string damage() const override;
 
-    // Where the packets of all other streams go, those that were met before this call included.
-    // Called within read. Throws what the receiver throws.
+    // Receives the packets of all other streams, including those read before this call. Called
+    // within read. Throws what the receiver throws.
     void set_packet_receiver(std::function<void(const AVPacket&)> receiver);
 
     const AVFormatContext& container() const { return *context_; }
@@ -57,13 +57,12 @@ class MediaSource : public PictureSource {
     const Notes& notes() const { return notes_; }
 
   private:
-    struct Closer {
-        void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
-    };
-
     void open(const std::string& url, const MediaSourceOptions& options);
+    AvioPtr make_stream_io();
+    void open_container(const std::string& url, const MediaSourceOptions& options);
     void find_video();
     void open_decoder();
+    void read_first_picture(const MediaSourceOptions& options);
     void start_format(const AVFrame& decoded, const MediaSourceOptions& options);
     void make_converter(const AVFrame& decoded);
     bool read_packet();
@@ -72,11 +71,12 @@ class MediaSource : public PictureSource {
     AvFramePtr next_picture();
 
     std::string name_;
-    std::unique_ptr<FdSource> stream_;  // null: FFmpeg opens the input itself
+    std::unique_ptr<video_io::FdSource> stream_;  // null: FFmpeg opens the input itself
     std::exception_ptr stream_failure_;
     const std::atomic<bool>* stop_;
-    std::unique_ptr<AVFormatContext, Closer> context_;
-    AVStream* video_ = nullptr;  // belongs to context_
+    AvioPtr io_;  // of `stream_`; used by context_ until that is closed
+    DemuxerPtr context_;
+    AVStream* video_ = nullptr;  // owned by context_
     CodecContextPtr decoder_;
     PacketPtr packet_;
     bool live_ = false;
@@ -95,7 +95,7 @@ class MediaSource : public PictureSource {
     std::int64_t pictures_ = 0;
 
     std::function<void(const AVPacket&)> receiver_;
-    std::deque<PacketPtr> early_packets_;  // met before there was a receiver
+    std::deque<PacketPtr> early_packets_;  // read before there was a receiver
 
     std::int64_t decode_errors_ = 0;
     std::int64_t damaged_pictures_ = 0;

@@ -1,4 +1,6 @@
-#include "apps/stabilize_video/picture_converter.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "apps/stabilize_video/media/picture_converter.h"
 
 extern "C" {
 #include <libavfilter/buffersink.h>
@@ -7,15 +9,19 @@ extern "C" {
 
 #include <new>
 
-#include "apps/byte_io.h"
+#include "common/video_io/byte_io.h"
 
 namespace apps {
 
 namespace {
 
 void check(int result) {
-    if (result == AVERROR(ENOMEM)) throw std::bad_alloc();
-    if (result < 0) throw InputError("the pictures cannot be converted: " + av_reason(result));
+    if (result == AVERROR(ENOMEM)) {
+        throw std::bad_alloc();
+    }
+    if (result < 0) {
+        throw video_io::InputError("the pictures cannot be converted: " + av_reason(result));
+    }
 }
 
 AVFilterContext* add(AVFilterGraph* graph, const char* filter, const std::string& arguments,
@@ -23,7 +29,9 @@ AVFilterContext* add(AVFilterGraph* graph, const char* filter, const std::string
     AVFilterContext* context = nullptr;
     check(avfilter_graph_create_filter(&context, avfilter_get_by_name(filter), nullptr,
                                        arguments.c_str(), nullptr, graph));
-    if (after != nullptr) check(avfilter_link(after, 0, context, 0));
+    if (after != nullptr) {
+        check(avfilter_link(after, 0, context, 0));
+    }
     return context;
 }
 
@@ -45,16 +53,20 @@ PictureConverter::PictureConverter(const AVFrame& sample, AVRational time_base, 
       format_(sample.format),
       time_base_(time_base),
       graph_(avfilter_graph_alloc()) {
-    if (!graph_) throw std::bad_alloc();
+    if (!graph_) {
+        throw std::bad_alloc();
+    }
     AVFilterGraph* const graph = graph_.get();
-    graph->nb_threads = 1;  // the picture before is being decoded and the one after stabilised
+    graph->nb_threads = 1;  // other threads decode and stabilise meanwhile
     source_ = add(graph, "buffer",
                   "video_size=" + size_text(width_, height_) +
                       ":pix_fmt=" + std::to_string(format_) + ":time_base=" + ratio(time_base) +
                       ":pixel_aspect=" + ratio(sample.sample_aspect_ratio),
                   nullptr);
     AVFilterContext* last = source_;
-    if (task.deinterlace) last = add(graph, "bwdif", "mode=send_frame:deint=interlaced", last);
+    if (task.deinterlace) {
+        last = add(graph, "bwdif", "mode=send_frame:deint=interlaced", last);
+    }
     if (format_ != task.format) {
         std::string scale = "flags=bicubic+accurate_rnd+full_chroma_int";
         if (is_rgb(format_)) {
@@ -94,7 +106,9 @@ void PictureConverter::push(AVFrame* picture) {
 AvFramePtr PictureConverter::pull() {
     AvFramePtr picture = make_av_frame();
     const int result = av_buffersink_get_frame(sink_, picture.get());
-    if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) return nullptr;
+    if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
+        return nullptr;
+    }
     check(result);
     if (picture->pts != AV_NOPTS_VALUE) {
         picture->pts = av_rescale_q(picture->pts, av_buffersink_get_time_base(sink_), time_base_);

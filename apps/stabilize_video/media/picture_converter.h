@@ -1,13 +1,15 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstdint>
 #include <string>
 
-#include "apps/stabilize_video/ffmpeg.h"
+#include "apps/stabilize_video/pictures/ffmpeg.h"
 
 namespace apps {
 
-// Brings decoded pictures into another form: pixel format, progressive, upright.
+// Converts decoded pictures: pixel format, deinterlacing, rotation. Threads: owner only.
 class PictureConverter {
   public:
     struct Task {
@@ -16,18 +18,18 @@ class PictureConverter {
         int quarter_turns = 0;  // clockwise, 0 to 3
     };
 
-    // Converts pictures like `sample`. `time_base` is that of their time stamps. A conversion keeps
-    // the range of YUV samples (full or limited); RGB becomes limited BT.709.
+    // Converts pictures of the size and format of `sample`. `time_base` is that of their time
+    // stamps. YUV keeps its range (full or limited); RGB becomes limited BT.709.
     // Throws InputError when this cannot be done.
     PictureConverter(const AVFrame& sample, AVRational time_base, const Task& task);
 
-    // Whether pictures like this one are what it was made for.
+    // Whether the picture has the size and format of the sample.
     bool accepts(const AVFrame& picture) const;
 
-    // Takes a picture; null at the end, after which the last pictures come out. Throws InputError.
+    // Adds a picture; null at the end, which flushes the last pictures. Throws InputError.
     void push(AVFrame* picture);
 
-    // The next picture, with the time stamps' time base as at the start; null when it needs more.
+    // The next converted picture; null when more input is needed, and at the end.
     AvFramePtr pull();
 
   private:
@@ -36,11 +38,11 @@ class PictureConverter {
     int format_;
     AVRational time_base_;
     FilterGraphPtr graph_;
-    AVFilterContext* source_ = nullptr;  // both belong to the graph
+    AVFilterContext* source_ = nullptr;  // both owned by the graph
     AVFilterContext* sink_ = nullptr;
 };
 
-// Whether the samples are red, green and blue.
+// Whether the pixel format is RGB.
 bool is_rgb(int pixel_format);
 
 }  // namespace apps

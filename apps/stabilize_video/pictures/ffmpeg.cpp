@@ -1,4 +1,6 @@
-#include "apps/stabilize_video/ffmpeg.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "apps/stabilize_video/pictures/ffmpeg.h"
 
 #include <array>
 #include <new>
@@ -7,19 +9,25 @@ namespace apps {
 
 PacketPtr make_packet() {
     PacketPtr packet(av_packet_alloc());
-    if (!packet) throw std::bad_alloc();
+    if (!packet) {
+        throw std::bad_alloc();
+    }
     return packet;
 }
 
 PacketPtr copy_of(const AVPacket& packet) {
     PacketPtr copy(av_packet_clone(&packet));
-    if (!copy) throw std::bad_alloc();
+    if (!copy) {
+        throw std::bad_alloc();
+    }
     return copy;
 }
 
 AvFramePtr make_av_frame() {
     AvFramePtr frame(av_frame_alloc());
-    if (!frame) throw std::bad_alloc();
+    if (!frame) {
+        throw std::bad_alloc();
+    }
     return frame;
 }
 
@@ -28,7 +36,9 @@ AvFramePtr make_picture(AVPixelFormat format, int width, int height) {
     frame->format = format;
     frame->width = width;
     frame->height = height;
-    if (av_frame_get_buffer(frame.get(), 0) < 0) throw std::bad_alloc();
+    if (av_frame_get_buffer(frame.get(), 0) < 0) {
+        throw std::bad_alloc();
+    }
     return frame;
 }
 

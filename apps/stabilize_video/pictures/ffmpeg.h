@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 extern "C" {
@@ -12,7 +14,7 @@ extern "C" {
 #include <memory>
 #include <string>
 
-// FFmpeg's objects with owners, and its errors as text.
+// Owners for FFmpeg's objects, and its errors as text.
 
 namespace apps {
 
@@ -41,14 +43,40 @@ struct FilterGraphDeleter {
 };
 using FilterGraphPtr = std::unique_ptr<AVFilterGraph, FilterGraphDeleter>;
 
-// All of these throw std::bad_alloc without memory.
+// A demuxer; does not own an AVIOContext that was supplied to it.
+struct DemuxerCloser {
+    void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
+};
+using DemuxerPtr = std::unique_ptr<AVFormatContext, DemuxerCloser>;
+
+// An AVIOContext with callbacks, and its buffer.
+struct AvioDeleter {
+    void operator()(AVIOContext* io) const {
+        av_freep(&io->buffer);
+        avio_context_free(&io);
+    }
+};
+using AvioPtr = std::unique_ptr<AVIOContext, AvioDeleter>;
+
+// A muxer with the file that it has opened, if any.
+struct MuxerDeleter {
+    void operator()(AVFormatContext* context) const {
+        if ((context->oformat->flags & AVFMT_NOFILE) == 0) {
+            avio_closep(&context->pb);
+        }
+        avformat_free_context(context);
+    }
+};
+using MuxerPtr = std::unique_ptr<AVFormatContext, MuxerDeleter>;
+
+// All of these throw std::bad_alloc when memory runs out.
 PacketPtr make_packet();
 PacketPtr copy_of(const AVPacket& packet);
 AvFramePtr make_av_frame();
-// A frame with pixels of its own.
+// A frame with allocated pixels.
 AvFramePtr make_picture(AVPixelFormat format, int width, int height);
 
-// Options for FFmpeg, with their owner.
+// Options for FFmpeg.
 class Dictionary {
   public:
     Dictionary() = default;
@@ -60,7 +88,7 @@ class Dictionary {
         av_dict_set(&dictionary_, key.c_str(), value.c_str(), 0);
     }
     AVDictionary** address() { return &dictionary_; }
-    // The first key that is left, for options that nobody has taken; "" if there is none.
+    // The first key left, after FFmpeg has removed those it knows; "" if there is none.
     std::string first_key() const;
 
   private:
@@ -73,7 +101,7 @@ std::string av_reason(int error);
 // "1280x720".
 std::string size_text(int width, int height);
 
-// Keeps FFmpeg's own messages off the terminal, or shows them.
+// Shows FFmpeg's own messages on the terminal, or not.
 void show_ffmpeg_log(bool show);
 
 }  // namespace apps

@@ -1,4 +1,6 @@
-#include "apps/stabilize_video/picture_layout.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "apps/stabilize_video/pictures/picture_layout.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -16,7 +18,7 @@ int round_up(int value, int step) {
     return (value + step - 1) / step * step;
 }
 
-// The even half of a border.
+// Half of a border, rounded down to even.
 int near_side(int border) {
     return border / 2 / 2 * 2;
 }
@@ -62,8 +64,8 @@ FramePtr PictureLayout::make_frame() const {
                                                   videostabilizer::PIX_FMT_YUV420P, nullptr));
 }
 
-Planes PictureLayout::picture(const videostabilizer::Frame& frame) const {
-    Planes planes{};
+video_io::Planes PictureLayout::picture(const videostabilizer::Frame& frame) const {
+    video_io::Planes planes{};
     planes.stride_y = frame.stride_y;
     planes.stride_uv = frame.stride_uv;
     planes.y = frame.plane_y + top_ * planes.stride_y + left_;
@@ -73,7 +75,9 @@ Planes PictureLayout::picture(const videostabilizer::Frame& frame) const {
 }
 
 void PictureLayout::fill_border(const videostabilizer::Frame& frame) const {
-    if (frame_width_ == width_ && frame_height_ == height_) return;
+    if (frame_width_ == width_ && frame_height_ == height_) {
+        return;
+    }
     fill_plane_border(frame.plane_y, frame.stride_y,
                       {left_, top_, width_, height_, frame_width_, frame_height_});
     const Box chroma = {left_ / 2,         top_ / 2,         (width_ + 1) / 2,

@@ -1,10 +1,12 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <videostabilizer/frame.h>
 
 #include <memory>
 
-#include "apps/y4m.h"
+#include "common/video_io/y4m.h"
 
 namespace apps {
 
@@ -13,16 +15,15 @@ struct FrameDeleter {
 };
 using FramePtr = std::unique_ptr<videostabilizer::Frame, FrameDeleter>;
 
-// Where a picture of any size lies inside a planar frame that the stabilizer takes whole: width a
-// multiple of 16 (columns beyond that would stay shaky), height even, both at least 16.
+// Position of a picture of any size inside a frame that the stabilizer warps completely: width a
+// multiple of 16, height even, both at least 16.
 class PictureLayout {
   public:
     enum Place {
-        // In the middle, about which the stabilizer crops and enlarges unless it is told where the
-        // picture is; but in steps of two, because chroma cannot move by half a sample. The two
-        // middles thus differ by at most one pixel.
+        // Centred, which is where the stabilizer crops unless it is told the picture's size, but at
+        // even positions because of the chroma: the centres differ by at most one pixel.
         MIDDLE,
-        // Where the stabilizer's options for the size of the picture expect it.
+        // As the stabilizer's options picture_width and picture_height expect.
         TOP_LEFT,
     };
 
@@ -34,13 +35,13 @@ class PictureLayout {
     int frame_width() const { return frame_width_; }
     int frame_height() const { return frame_height_; }
 
-    // A packed frame of this layout with its own pixels; null without memory.
+    // A packed frame of this layout with its own pixels; null when memory runs out.
     FramePtr make_frame() const;
 
     // The picture inside a frame.
-    Planes picture(const videostabilizer::Frame& frame) const;
+    video_io::Planes picture(const videostabilizer::Frame& frame) const;
 
-    // Fills the border of the frame with the nearest pixels of the picture.
+    // Fills the border with the nearest pixels of the picture.
     void fill_border(const videostabilizer::Frame& frame) const;
 
   private:

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstdint>
@@ -5,30 +7,30 @@
 #include <string>
 #include <vector>
 
-#include "apps/stabilize_video/ffmpeg.h"
-#include "apps/y4m.h"
+#include "apps/stabilize_video/pictures/ffmpeg.h"
+#include "common/video_io/y4m.h"
 
-// Pictures in and out, whatever carries them. Pictures are 8-bit 4:2:0.
+// Interfaces of picture input and output. Pictures are 8-bit 4:2:0. Threads: owner only.
 
 namespace apps {
 
-// The input cannot be used as a video. what() is a sentence for the user.
-struct NoVideoError : InputError {
-    using InputError::InputError;
+// The input holds no video that can be used. what() is a message for the user.
+struct NoVideoError : video_io::InputError {
+    using video_io::InputError::InputError;
 };
 
-// The size of the pictures changes in the middle of the stream.
-struct SizeChangedError : InputError {
-    using InputError::InputError;
+// The picture size changes within the stream.
+struct SizeChangedError : video_io::InputError {
+    using video_io::InputError::InputError;
 };
 
 // What all pictures of a stream have in common.
 struct PictureFormat {
-    int width = 0;              // pixels
-    int height = 0;             // rows
-    AVRational time_base{};     // seconds of a tick: the unit of time stamps and durations
-    AVRational frame_rate{};    // pictures per second, the average where it varies; 0/1: unknown
-    AVRational nominal_rate{};  // of the clock that they keep even where some are left out; or 0/1
+    int width = 0;                  // pixels
+    int height = 0;                 // rows
+    AVRational time_base{};         // seconds per tick, the unit of time stamps and durations
+    AVRational frame_rate{};        // pictures per second, average where it varies; 0/1: unknown
+    AVRational nominal_rate{};      // the same as if no picture were missing; 0/1: unknown
     AVRational pixel_aspect{1, 1};  // width : height of a pixel; 0/1: unknown
     AVColorRange range = AVCOL_RANGE_UNSPECIFIED;
     AVColorPrimaries primaries = AVCOL_PRI_UNSPECIFIED;
@@ -50,14 +52,14 @@ class PictureSource {
 
     virtual const PictureFormat& format() const = 0;
 
-    // Reads the next picture. Returns false at the end. Throws InputError when the stream breaks
-    // off or goes bad; `to` may then hold part of a picture.
-    virtual bool read(const Planes& to, PictureTag& tag) = 0;
+    // Reads the next picture. Returns false at the end. Throws InputError when the stream is cut
+    // short or damaged; `to` may then hold part of a picture.
+    virtual bool read(const video_io::Planes& to, PictureTag& tag) = 0;
 
-    // Pictures to come, as far as the input tells; -1 if it does not.
+    // Number of pictures according to the input; -1: unknown.
     virtual std::int64_t expected_pictures() const { return -1; }
 
-    // What was wrong with the input although it came to its end: a sentence, or "".
+    // Damage that did not end the stream early: a message for the user, or "".
     virtual std::string damage() const { return ""; }
 };
 
@@ -65,14 +67,21 @@ class PictureSink {
   public:
     virtual ~PictureSink() = default;
 
-    // Takes the next picture. Throws OutputError.
-    virtual void write(const Planes& picture, const PictureTag& tag) = 0;
+    // Writes the next picture. Throws OutputError.
+    virtual void write(const video_io::Planes& picture, const PictureTag& tag) = 0;
 
-    // Writes all that is still held back. Nothing is written afterwards. Throws OutputError.
+    // Writes everything that is still buffered; the last write. Throws OutputError.
     virtual void finish() = 0;
+
+    // After finish: gives the file its name. Throws OutputError, ExistsError.
+    virtual void commit() = 0;
+
+    // The same for an incomplete file, see PendingFile. Returns the name, or "" for a direct output.
+    // Throws OutputError.
+    virtual std::string keep_partial() = 0;
 };
 
-// Sentences for the user about what is done to the stream on its way.
+// Messages for the user about changes to the stream.
 using Notes = std::vector<std::string>;
 
 }  // namespace apps

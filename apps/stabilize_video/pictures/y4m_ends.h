@@ -1,52 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <atomic>
 #include <memory>
 #include <string>
 
-#include "apps/output_file.h"
-#include "apps/stabilize_video/video_io.h"
+#include "apps/stabilize_video/pictures/picture_stream.h"
+#include "common/video_io/output_file.h"
 
-// YUV4MPEG2 at either end of the program.
+// YUV4MPEG2 as input and output of the program.
 
 namespace apps {
 
 class Y4mSource : public PictureSource {
   public:
     // Reads the header. Throws InputError, Y4mError.
-    explicit Y4mSource(std::unique_ptr<FdSource> stream);
+    explicit Y4mSource(std::unique_ptr<video_io::FdSource> stream);
 
     const PictureFormat& format() const override { return format_; }
     const std::string& header_line() const { return reader_.header().line; }
-    bool read(const Planes& to, PictureTag& tag) override;
+    bool read(const video_io::Planes& to, PictureTag& tag) override;
     std::int64_t expected_pictures() const override;
 
-    // Whether the stream begins with the header of a YUV4MPEG2 stream that can be read here: 8-bit
-    // 4:2:0. Nothing is taken from it.
-    static bool recognises(FdSource& stream);
+    // Whether the stream begins with a YUV4MPEG2 header of 8-bit 4:2:0. Consumes nothing.
+    static bool recognises(video_io::FdSource& stream);
 
   private:
-    std::unique_ptr<FdSource> stream_;
-    Y4mReader reader_;
+    std::unique_ptr<video_io::FdSource> stream_;
+    video_io::Y4mReader reader_;
     PictureFormat format_;
 };
 
 class Y4mSink : public PictureSink {
   public:
-    // header_line  of the stream that the pictures come from, to be repeated; "": made from the
-    //              format. Throws OutputError, ExistsError.
+    // header_line  of the input, to be copied; "": made from the format
+    // Throws OutputError, ExistsError.
     Y4mSink(const std::string& path, const PictureFormat& format, const std::string& header_line,
-            Existing existing, const std::atomic<bool>* stop);
+            video_io::Existing existing, const std::atomic<bool>* stop);
 
-    void write(const Planes& picture, const PictureTag& tag) override;
+    void write(const video_io::Planes& picture, const PictureTag& tag) override;
     void finish() override { file_.sink().flush(); }
 
-    void commit() { file_.commit(); }
-    std::string keep_partial() { return file_.keep_partial(); }
+    void commit() override { file_.commit(); }
+    std::string keep_partial() override { return file_.keep_partial(); }
 
   private:
-    OutputFile file_;
-    Y4mWriter writer_;
+    video_io::OutputFile file_;
+    video_io::Y4mWriter writer_;
 };
 
 }  // namespace apps

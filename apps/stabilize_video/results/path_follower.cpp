@@ -1,9 +1,12 @@
-#include "apps/stabilize_video/path_follower.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "apps/stabilize_video/results/path_follower.h"
 
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace apps {
 
@@ -17,68 +20,95 @@ constexpr const char* HEADING =
 
 }  // namespace
 
-// The point of a frame, made if the frame is the newest.
-FollowedFrame& PathFollower::point(std::int32_t frame) {
-    const auto index = static_cast<std::size_t>(frame - first_);
-    if (points_.size() <= index) points_.resize(index + 1);
-    return points_[index];
-}
+PathFollower::PathFollower(int width, int height)
+    : centre_{0.5 * (width - 1), 0.5 * (height - 1)}, stage_centre_{0.5 * width, 0.5 * height} {}
 
-// The view after `matrix` has carried positions of one picture to the next.
-CameraView PathFollower::moved(const CameraView& view, const float matrix[9]) const {
+// No motion for a matrix that collapses or mirrors the picture, as no camera does.
+PathFollower::Motion PathFollower::motion_of(const float matrix[9]) {
     const auto element = [matrix](int i) { return static_cast<double>(matrix[i]); };
-    const double a = element(0), b = element(1), c = element(2);
-    const double d = element(3), e = element(4), f = element(5);
-    const double det = a * e - b * d;
-    CameraView next = view;
-    if (!std::isnormal(det) || det < 0) return next;  // no camera moves like this
-    // The position of the earlier picture that arrives at the centre: there the camera looks now.
-    const double to_x = centre_x_ - c;
-    const double to_y = centre_y_ - f;
-    next.x += (e * to_x - b * to_y) / det - centre_x_;
-    next.y += (a * to_y - d * to_x) / det - centre_y_;
-    // The picture turns against the camera, and grows as the camera comes closer.
-    next.angle -= std::atan2(d - b, a + e);
-    next.zoom *= std::sqrt(det);
-    return next;
+    const Motion motion{element(0), element(1), element(2), element(3), element(4), element(5)};
+    const double det = motion.a * motion.e - motion.b * motion.d;
+    return std::isnormal(det) && det > 0 ? motion : Motion{};
 }
 
-void PathFollower::correct(std::int32_t frame, const float correction[9]) {
-    FollowedFrame& now = point(frame);
-    now.steady = moved(now.shaky, correction);
-    now.steady.x = now.shaky.x + shift_ratio_ * (now.steady.x - now.shaky.x);
-    now.steady.y = now.shaky.y + shift_ratio_ * (now.steady.y - now.shaky.y);
+PathFollower::Point PathFollower::mapped(const Motion& m, Point p) {
+    return {m.a * p.x + m.b * p.y + m.c, m.d * p.x + m.e * p.y + m.f};
+}
+
+PathFollower::Point PathFollower::mapped_back(const Motion& m, Point p) {
+    const double det = m.a * m.e - m.b * m.d;
+    const double x = p.x - m.c;
+    const double y = p.y - m.f;
+    return {(m.e * x - m.b * y) / det, (m.a * y - m.d * x) / det};
+}
+
+// The picture turns against the camera, and grows as the camera comes closer.
+void PathFollower::turn(const Motion& m, CameraView& view) {
+    view.angle -= std::atan2(m.d - m.b, m.a + m.e);
+    view.zoom *= std::sqrt(m.a * m.e - m.b * m.d);
+}
+
+// The whole transform of the picture, but for its enlargement. With crop ratio r the stage first
+// enlarges by 1 / r about its own centre k, then applies the correction, L p + t. Enlarged back by r
+// about the centre c, that is L p + r t + (1 - r) (c - L k).
+PathFollower::Motion PathFollower::shown(const float correction[9]) const {
+    Motion m = motion_of(correction);
+    const double r = stage_crop_ratio_;
+    const Point k = stage_centre_;
+    m.c = r * m.c + (1 - r) * (centre_.x - m.a * k.x - m.b * k.y);
+    m.f = r * m.f + (1 - r) * (centre_.y - m.d * k.x - m.e * k.y);
+    return m;
+}
+
+void PathFollower::move(const float matrix[9], const videostabilizer::MotionLog& log) {
+    motion_ = motion_of(matrix);
+    now_.log = log;
+    turn(motion_, now_.shaky);
+}
+
+void PathFollower::correct(const float correction[9]) {
+    const Motion before = std::exchange(correction_, shown(correction));
+    const Point shaky = mapped(correction_, centre_);  // the camera's view, in the steady picture
+    if (is_first_) {
+        now_.steady.x = centre_.x - shaky.x;
+        now_.steady.y = centre_.y - shaky.y;
+        is_first_ = false;
+    } else {
+        // The centre of this steady picture, in the last one.
+        const Point now = mapped(before, mapped_back(motion_, mapped_back(correction_, centre_)));
+        now_.steady.x += now.x - centre_.x;
+        now_.steady.y += now.y - centre_.y;
+    }
+    now_.shaky.x = now_.steady.x + shaky.x - centre_.x;
+    now_.shaky.y = now_.steady.y + shaky.y - centre_.y;
+    now_.steady.angle = now_.shaky.angle;
+    now_.steady.zoom = now_.shaky.zoom;
+    turn(correction_, now_.steady);
 }
 
 void PathFollower::report(const videostabilizer::VideoStabilizerReport& report) {
-    FollowedFrame& now = point(report.frame);
-    now.report = report;
+    now_.report = report;
     try {
         for (const Listener& listener : listeners_) {
-            listener(now);
+            listener(now_);
         }
     } catch (...) {  // nothing may be thrown through the library
-        if (!failure_) failure_ = std::current_exception();
-    }
-    for (; first_ < report.frame; ++first_) {
-        points_.pop_front();
+        if (!failure_) {
+            failure_ = std::current_exception();
+        }
     }
 }
 
-videostabilizer::VideoStabilizerObserver PathFollower::observer(double shift_ratio) {
-    shift_ratio_ = shift_ratio;
+videostabilizer::VideoStabilizerObserver PathFollower::observer(double stage_crop_ratio) {
+    stage_crop_ratio_ = stage_crop_ratio;
     videostabilizer::VideoStabilizerObserver observer{};
     observer.ctx = this;
-    observer.on_motion = [](void* ctx, std::int32_t frame, const float motion[9],
+    observer.on_motion = [](void* ctx, std::int32_t, const float motion[9],
                             const videostabilizer::MotionLog* log) {
-        auto& self = *static_cast<PathFollower*>(ctx);
-        const CameraView view = self.moved(self.point(frame).shaky, motion);
-        FollowedFrame& next = self.point(frame + 1);
-        next.shaky = view;
-        next.log = *log;
+        static_cast<PathFollower*>(ctx)->move(motion, *log);
     };
-    observer.on_correction = [](void* ctx, std::int32_t frame, const float correction[9]) {
-        static_cast<PathFollower*>(ctx)->correct(frame, correction);
+    observer.on_correction = [](void* ctx, std::int32_t, const float correction[9]) {
+        static_cast<PathFollower*>(ctx)->correct(correction);
     };
     observer.on_report = [](void* ctx, const videostabilizer::VideoStabilizerReport* report) {
         static_cast<PathFollower*>(ctx)->report(*report);
@@ -87,10 +117,12 @@ videostabilizer::VideoStabilizerObserver PathFollower::observer(double shift_rat
 }
 
 void PathFollower::check() const {
-    if (failure_) std::rethrow_exception(failure_);
+    if (failure_) {
+        std::rethrow_exception(failure_);
+    }
 }
 
-PathCsv::PathCsv(ByteSink& sink) : sink_(&sink) {
+PathCsv::PathCsv(video_io::ByteSink& sink) : sink_(&sink) {
     sink_->write(reinterpret_cast<const unsigned char*>(HEADING), std::strlen(HEADING));
 }
 

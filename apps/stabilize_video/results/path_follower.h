@@ -1,19 +1,20 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <videostabilizer/stabilizer.h>
 
 #include <cstdint>
-#include <deque>
 #include <exception>
 #include <functional>
 #include <vector>
 
-#include "apps/byte_io.h"
+#include "common/video_io/byte_io.h"
 
 namespace apps {
 
-// Where a camera looks: x and y to the right and down, in pixels of the picture; a positive angle
-// is a turn clockwise; a zoom above 1, that it has come closer.
+// Where a camera looks: x and y right and down, in pixels of the steady pictures; a positive angle
+// is a clockwise rotation; the zoom is relative to the start.
 struct CameraView {
     double x = 0;
     double y = 0;
@@ -29,58 +30,75 @@ struct FollowedFrame {
     videostabilizer::VideoStabilizerReport report{};  // of the correction
 };
 
-// Puts the motions that the stabilizer measures together to the path of the camera, and the
-// corrections to the steadier one. Positions are sums of the steps from frame to frame at the
-// picture centre, starting at 0. The steady path tells what the steady pictures show: where the
-// warp stage shortens the shift of a correction, so does the follower. The enlargement by the crop,
-// the same for all pictures, is left out of the zoom.
+// Builds two paths from what an observer is told: that of the camera, and the steady one of the
+// corrected pictures. The camera starts at 0.
 //
-// Threads: the observer's functions, and so the listeners, run on the stabilizer's worker; all else
-//          while the worker does not run.
+// The steady position is the sum of the motions from one steady picture to the next at the picture's
+// centre, which is what a viewer sees; the camera's is offset from it by the correction. So the two
+// never drift apart, and walks and turns of any length keep their scale and axes. Without
+// whole_shift the warp stage crops before it corrects, which is taken into account; the enlargement
+// by the crop, the same for all pictures, is left out.
+//
+// Threads: the observer's functions, and with them the listeners, run on the stabilizer's worker;
+//          everything else is owner only, while the worker does not run.
 class PathFollower {
   public:
     using Listener = std::function<void(const FollowedFrame&)>;
 
-    // The centre is that of the frames that the stabilizer sees.
-    PathFollower(double centre_x, double centre_y) : centre_x_(centre_x), centre_y_(centre_y) {}
+    // The size of the picture that the stabilizer corrects, pixels.
+    PathFollower(int width, int height);
 
-    // Has every point told to `listener`, in the order of the frames.
+    // Passes every frame, in order, to `listener`.
     void add(Listener listener) { listeners_.push_back(std::move(listener)); }
 
-    // To be given to video_stabilizer_set_observer; valid as long as the follower. `shift_ratio` is
-    // the part of a correction's shift that the warp stage makes: its crop ratio.
-    videostabilizer::VideoStabilizerObserver observer(double shift_ratio);
+    // For video_stabilizer_set_observer; valid as long as the follower. `stage_crop_ratio` is the
+    // crop ratio of the warp stage: 1 with whole_shift.
+    videostabilizer::VideoStabilizerObserver observer(double stage_crop_ratio);
 
-    // Throws the first exception that a listener has thrown, if any.
+    // Rethrows the first exception of a listener, if any.
     void check() const;
 
   private:
-    CameraView moved(const CameraView& view, const float matrix[9]) const;
-    FollowedFrame& point(std::int32_t frame);
-    void correct(std::int32_t frame, const float correction[9]);
+    // (x, y) -> (a x + b y + c, d x + e y + f), in pixels.
+    struct Motion {
+        double a = 1, b = 0, c = 0;
+        double d = 0, e = 1, f = 0;
+    };
+    struct Point {
+        double x, y;
+    };
+
+    static Motion motion_of(const float matrix[9]);
+    static Point mapped(const Motion& motion, Point p);
+    static Point mapped_back(const Motion& motion, Point p);
+    static void turn(const Motion& motion, CameraView& view);
+
+    Motion shown(const float correction[9]) const;
+    void move(const float matrix[9], const videostabilizer::MotionLog& log);
+    void correct(const float correction[9]);
     void report(const videostabilizer::VideoStabilizerReport& report);
 
-    double centre_x_;
-    double centre_y_;
-    double shift_ratio_ = 1;
-    // Frames whose motion is known but whose correction is not; the first has the number first_.
-    std::deque<FollowedFrame> points_{FollowedFrame{}};
-    std::int32_t first_ = 0;
+    Point centre_;        // between the centres of the outermost pixels
+    Point stage_centre_;  // about which the warp stage crops
+    double stage_crop_ratio_ = 1;
+    bool is_first_ = true;
+    FollowedFrame now_;
+    Motion motion_;      // from the frame before
+    Motion correction_;  // of the frame before, then of this one
     std::vector<Listener> listeners_;
     std::exception_ptr failure_;
 };
 
-// Writes the path as CSV, one line per frame: angles in degrees, status 0 where the motion from the
-// frame before was found. `sink` outlives the object.
+// Writes the path as CSV, one line per frame, angles in degrees. `sink` outlives the object.
 class PathCsv {
   public:
     // Writes the heading. Throws OutputError.
-    explicit PathCsv(ByteSink& sink);
+    explicit PathCsv(video_io::ByteSink& sink);
 
     void write(const FollowedFrame& point);
 
   private:
-    ByteSink* sink_;
+    video_io::ByteSink* sink_;
 };
 
 }  // namespace apps

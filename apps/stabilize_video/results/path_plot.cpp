@@ -1,11 +1,12 @@
-#include "apps/stabilize_video/path_plot.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "apps/stabilize_video/results/path_plot.h"
 
 #include <plplot/plplot.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cctype>
-#include <functional>
 
 namespace apps {
 
@@ -13,7 +14,7 @@ namespace {
 
 constexpr double DEGREES = 180 / 3.14159265358979323846;
 
-// Colours of PLplot's palette 0, as set below.
+// PLplot's palette 0, as set below.
 enum Colour { BACKGROUND, INK, GRID, SHAKY, STEADY, COLOURS };
 constexpr PLINT RED[COLOURS] = {255, 40, 215, 213, 0};
 constexpr PLINT GREEN[COLOURS] = {255, 40, 215, 94, 114};
@@ -32,20 +33,31 @@ std::string ending(const std::string& path) {
     return text;
 }
 
-// PLplot reads # as the start of an escape.
+// # starts an escape sequence of PLplot.
 std::string escaped(const std::string& text) {
     std::string result;
     for (const char c : text) {
-        if (c == '#') result += '#';
+        if (c == '#') {
+            result += '#';
+        }
         result += c;
     }
     return result;
 }
 
+// Margins of the panels, in parts of the page.
+constexpr double LEFT = 0.10, RIGHT = 0.97, TOP = 0.885, BOTTOM = 0.07, GAP = 0.025;
+
 struct Panel {
     const char* label;
-    std::function<double(const CameraView&)> value;
+    double (*value)(const CameraView&);
 };
+constexpr Panel PANELS[] = {
+    {"to the right [pixels]", [](const CameraView& view) { return view.x; }},
+    {"down [pixels]", [](const CameraView& view) { return view.y; }},
+    {"turned clockwise [degrees]", [](const CameraView& view) { return view.angle * DEGREES; }},
+};
+constexpr int PANEL_COUNT = 3;
 
 std::vector<PLFLT> values(const std::vector<CameraView>& views, const Panel& panel) {
     std::vector<PLFLT> result;
@@ -63,7 +75,7 @@ void draw_line(const std::vector<PLFLT>& times, const std::vector<PLFLT>& line, 
     plline(static_cast<PLINT>(times.size()), times.data(), line.data());
 }
 
-// An entry of the legend, from x on in parts of the drawing's width.
+// An entry of the legend at x, in parts of the page's width.
 void draw_sample(double x, const char* text, Colour colour, double width) {
     constexpr double Y = 0.907;
     const PLFLT xs[2] = {x, x + 0.035};
@@ -95,36 +107,26 @@ void PathPlot::check_available(const std::string& path) {
     int count = MOST;
     plgDevs(&menu_address, &names_address, &count);
     const std::string wanted = device_for(ending(path));
-    // The library ends the program when it is asked for a device that it does not have.
+    // PLplot exits when it is asked for a device that it does not have.
     if (std::find(names, names + std::min(count, MOST), wanted) == names + std::min(count, MOST)) {
-        throw OutputError("cannot draw " + path + ": PLplot has no device " + wanted +
-                          " (Debian: plplot-driver-cairo)");
+        throw video_io::OutputError("cannot draw " + path + ": PLplot has no device " + wanted +
+                                    " (Debian: plplot-driver-cairo)");
     }
 }
 
-void PathPlot::draw(const std::string& to, const std::string& name) const {
-    const Panel panels[] = {
-        {"to the right [pixels]", [](const CameraView& view) { return view.x; }},
-        {"down [pixels]", [](const CameraView& view) { return view.y; }},
-        {"turned clockwise [degrees]", [](const CameraView& view) { return view.angle * DEGREES; }},
-    };
-    std::vector<PLFLT> times;
+std::vector<double> PathPlot::times() const {
+    std::vector<double> times;
     for (std::size_t i = 0; i < shaky_.size(); ++i) {
         times.push_back(static_cast<double>(i) / (frame_rate_ > 0 ? frame_rate_ : 1));
     }
-    const double last = times.size() > 1 ? times.back() : 1;
+    return times;
+}
 
-    plsdev(device_for(ending(name)));
-    plsfnam(to.c_str());
-    plspage(0, 0, 1200, 1050, 0, 0);
-    plscmap0(RED, GREEN, BLUE, COLOURS);
-    plsfont(PL_FCI_SANS, PL_FCI_UPRIGHT, PL_FCI_MEDIUM);
-    plinit();
-    pladv(0);
-    constexpr double LEFT = 0.10, RIGHT = 0.97, TOP = 0.885, BOTTOM = 0.07, GAP = 0.025;
-    const double height = (TOP - BOTTOM - 2 * GAP) / 3;
-    for (int i = 0; i < 3; ++i) {
-        const Panel& panel = panels[i];
+void PathPlot::draw_panels(const std::vector<double>& times) const {
+    const double last = times.size() > 1 ? times.back() : 1;
+    const double height = (TOP - BOTTOM - (PANEL_COUNT - 1) * GAP) / PANEL_COUNT;
+    for (int i = 0; i < PANEL_COUNT; ++i) {
+        const Panel& panel = PANELS[i];
         const std::vector<PLFLT> shaky = values(shaky_, panel);
         const std::vector<PLFLT> steady = values(steady_, panel);
         double low = 0;
@@ -137,6 +139,7 @@ void PathPlot::draw(const std::string& to, const std::string& name) const {
         }
         const double margin = std::max(0.05 * (high - low), 1e-3);
         const double top = TOP - i * (height + GAP);
+        const bool lowest = i == PANEL_COUNT - 1;
         plvpor(LEFT, RIGHT, top - height, top);
         plwind(0, last, low - margin, high + margin);
         plschr(0, 0.65);
@@ -144,13 +147,17 @@ void PathPlot::draw(const std::string& to, const std::string& name) const {
         plcol0(GRID);
         plbox("g", 0, 0, "g", 0, 0);
         plcol0(INK);
-        plbox(i == 2 ? "bcnst" : "bcst", 0, 0, "bcnstv", 0, 0);
+        plbox(lowest ? "bcnst" : "bcst", 0, 0, "bcnstv", 0, 0);
         plmtex("l", 5.0, 0.5, 0.5, panel.label);
-        if (i == 2) plmtex("b", 3.0, 0.5, 0.5, frame_rate_ > 0 ? "time [seconds]" : "frame");
+        if (lowest) {
+            plmtex("b", 3.0, 0.5, 0.5, frame_rate_ > 0 ? "time [seconds]" : "frame");
+        }
         draw_line(times, shaky, SHAKY, 1.2);
         draw_line(times, steady, STEADY, 2.5);
     }
+}
 
+void PathPlot::draw_texts() const {
     plvpor(0, 1, 0, 1);
     plwind(0, 1, 0, 1);
     plcol0(INK);
@@ -161,11 +168,24 @@ void PathPlot::draw(const std::string& to, const std::string& name) const {
     plschr(0, 0.65);
     draw_sample(0.56, "shaky, as filmed", SHAKY, 1.2);
     draw_sample(0.76, "steady, as corrected", STEADY, 2.5);
+}
+
+void PathPlot::draw(const std::string& to, const std::string& name) const {
+    const std::vector<double> times = this->times();
+    plsdev(device_for(ending(name)));
+    plsfnam(to.c_str());
+    plspage(0, 0, 1200, 1050, 0, 0);
+    plscmap0(RED, GREEN, BLUE, COLOURS);
+    plsfont(PL_FCI_SANS, PL_FCI_UPRIGHT, PL_FCI_MEDIUM);
+    plinit();
+    pladv(0);
+    draw_panels(times);
+    draw_texts();
     plend();
 
     struct stat info {};
     if (stat(to.c_str(), &info) != 0 || info.st_size == 0) {
-        throw OutputError("cannot write " + name + ": the plot cannot be drawn");
+        throw video_io::OutputError("cannot write " + name + ": the plot cannot be drawn");
     }
 }
 

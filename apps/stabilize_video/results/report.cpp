@@ -1,10 +1,12 @@
-#include "apps/stabilize_video/report.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "apps/stabilize_video/results/report.h"
 
 #include <algorithm>
 #include <cmath>
-#include <initializer_list>
 #include <nlohmann/json.hpp>
-#include <utility>
+#include <string>
+#include <vector>
 
 namespace apps {
 
@@ -20,13 +22,9 @@ void ShakeReport::Track::add(const CameraView& view, std::int64_t frames) {
     y[1] = view.y;
 }
 
-void ShakeReport::add(const FollowedFrame& point) {
+void ShakeReport::add(const FollowedFrame& point) noexcept {
     shaky_.add(point.shaky, frames_);
     steady_.add(point.steady, frames_);
-    if (with_path_) {
-        shaky_path_.push_back({point.shaky.x, point.shaky.y, point.shaky.angle});
-        steady_path_.push_back({point.steady.x, point.steady.y, point.steady.angle});
-    }
     if (frames_ > 0) {
         ++motions_;
         if (point.log.status != 0) {
@@ -39,8 +37,12 @@ void ShakeReport::add(const FollowedFrame& point) {
         ++guarded_;
         granted_ += static_cast<double>(point.report.granted);
     }
-    if (point.report.scene_start != 0 && frames_ > 0) ++scene_starts_;
-    if (point.report.repaired != 0) ++repaired_;
+    if (point.report.scene_start != 0 && frames_ > 0) {
+        ++scene_starts_;
+    }
+    if (point.report.repaired != 0) {
+        ++repaired_;
+    }
     ++frames_;
 }
 
@@ -66,74 +68,119 @@ double ShakeReport::residual_db() const {
     return 20 * std::log10(std::max(shake_after(), NOTHING) / std::max(shake_before(), NOTHING));
 }
 
-Shake ShakeReport::reduction(double frames_per_second) const {
-    return reduction_db(shake_of(shaky_path_, frames_per_second),
-                        shake_of(steady_path_, frames_per_second));
-}
-
 double ShakeReport::mean_granted() const {
     return guarded_ > 0 ? granted_ / static_cast<double>(guarded_) : 1;
 }
 
+void PathRecord::add(const FollowedFrame& point) {
+    shaky_.push_back({point.shaky.x, point.shaky.y, point.shaky.angle});
+    steady_.push_back({point.steady.x, point.steady.y, point.steady.angle});
+}
+
+synthetic::Shake PathRecord::reduction(double frames_per_second) const {
+    return synthetic::reduction_db(synthetic::shake_of(shaky_, frames_per_second),
+                                   synthetic::shake_of(steady_, frames_per_second));
+}
+
 namespace {
 
-using Json = nlohmann::ordered_json;
+using Json = nlohmann::json;
 
-// The library's own way from such a list to an object loses memory when there is no more of it.
-Json object(std::initializer_list<std::pair<const char*, Json>> entries) {
-    Json object = Json::object();
-    for (const auto& [name, value] : entries) {
-        object[name] = value;
+// File names may hold any bytes.
+std::string text_of(const Json& value) {
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// Text of an object, entry by entry. Objects of the JSON library allocate in their destructors, which
+// ends the program when memory runs out.
+class JsonObject {
+  public:
+    explicit JsonObject(int depth) : indent_(static_cast<std::size_t>(2 * depth), ' ') {}
+
+    // `value` is a number, a string, a bool or null; NaN becomes null.
+    void add(const char* name, const Json& value) { add_text(name, text_of(value)); }
+    void add(const char* name, const JsonObject& object) { add_text(name, object.text()); }
+    void add(const char* name, const std::vector<std::string>& strings) {
+        std::string text;
+        for (const std::string& string : strings) {
+            text += (text.empty() ? "" : ", ") + text_of(string);
+        }
+        add_text(name, "[" + text + "]");
     }
-    return object;
+
+    std::string text() const { return "{\n" + entries_ + "\n" + indent_ + "}"; }
+
+  private:
+    void add_text(const char* name, const std::string& text) {
+        entries_ += (entries_.empty() ? "" : ",\n") + indent_ + "  \"" + name + "\": " + text;
+    }
+
+    std::string indent_;
+    std::string entries_;
+};
+
+void add_shake(JsonObject& json, const ShakeReport& report, const PathRecord& path, double rate) {
+    JsonObject shake(1);
+    shake.add("before_px_rms", report.shake_before());
+    shake.add("after_px_rms", report.shake_after());
+    shake.add("residual_db", report.residual_db());
+    json.add("shake", shake);
+    if (rate > 0) {
+        const synthetic::Shake db = path.reduction(rate);
+        JsonObject reduction(1);
+        reduction.add("jitter", db.jitter);
+        reduction.add("rotation", db.rotation);
+        reduction.add("fast_jitter", db.fast);
+        reduction.add("change_of_speed", db.shake);
+        json.add("reduction_db", reduction);
+    }
+    JsonObject guard(1);
+    guard.add("frames", report.guarded());
+    guard.add("mean_granted", report.mean_granted());
+    json.add("edge_guard", guard);
+}
+
+void add_seconds(JsonObject& json, const StreamSeconds& seconds, std::int64_t frames) {
+    JsonObject times(1);
+    times.add("total", seconds.total);
+    times.add("reading_and_decoding", seconds.reading);
+    times.add("waiting_to_push", seconds.pushing);
+    times.add("waiting_to_pop", seconds.popping);
+    times.add("encoding_and_writing", seconds.writing);
+    json.add("seconds", times);
+    json.add("frames_per_second",
+             seconds.total > 0 ? static_cast<double>(frames) / seconds.total : 0);
 }
 
 }  // namespace
 
-void write_json(ByteSink& sink, const ShakeReport& report, const JobFacts& facts) {
+void write_json(video_io::ByteSink& sink, const ShakeReport& report, const PathRecord& path,
+                const JobFacts& facts) {
     const PictureFormat& format = facts.format;
     const double rate = format.frame_rate.num > 0 ? av_q2d(format.frame_rate) : 0;
-    const StreamSeconds& seconds = facts.result.seconds;
-    const auto frames = static_cast<double>(facts.result.frames);
-
-    Json json = Json::object();
-    json["input"] = facts.input;
-    json["output"] = facts.output;
-    json["width"] = format.width;
-    json["height"] = format.height;
-    json["frame_rate"] = rate;
-    json["frames"] = facts.result.frames;
-    json["input_complete"] = facts.damage.empty();
-    if (!facts.damage.empty()) json["input_damage"] = facts.damage;
-    json["strength"] = facts.strength;
-    json["delay_frames"] = facts.options.look_ahead;
-    json["delay_ms"] = rate > 0 ? Json(1000 * facts.options.look_ahead / rate) : Json();
-    json["crop_ratio"] = static_cast<double>(facts.options.crop_ratio);
-    json["mean_track_ratio"] = report.mean_track_ratio();
-    json["failed_motions"] = report.failed_motions();
-    json["repaired_motions"] = report.repaired();
-    json["scene_cuts"] = report.scene_starts();
-    json["shake"] = object({{"before_px_rms", report.shake_before()},
-                            {"after_px_rms", report.shake_after()},
-                            {"residual_db", report.residual_db()}});
-    if (rate > 0) {
-        const Shake reduction = report.reduction(rate);  // NaN becomes null
-        json["reduction_db"] = object({{"jitter", reduction.jitter},
-                                       {"rotation", reduction.rotation},
-                                       {"fast_jitter", reduction.fast},
-                                       {"change_of_speed", reduction.shake}});
+    JsonObject json(0);
+    json.add("input", facts.input);
+    json.add("output", facts.output);
+    json.add("width", format.width);
+    json.add("height", format.height);
+    json.add("frame_rate", rate);
+    json.add("frames", facts.frames);
+    json.add("input_complete", facts.damage.empty());
+    if (!facts.damage.empty()) {
+        json.add("input_damage", facts.damage);
     }
-    json["edge_guard"] =
-        object({{"frames", report.guarded()}, {"mean_granted", report.mean_granted()}});
-    json["seconds"] = object({{"total", seconds.total},
-                              {"reading_and_decoding", seconds.reading},
-                              {"waiting_to_push", seconds.pushing},
-                              {"waiting_to_pop", seconds.popping},
-                              {"encoding_and_writing", seconds.writing}});
-    json["frames_per_second"] = seconds.total > 0 ? frames / seconds.total : 0;
-    json["notes"] = facts.notes;
-    // Names of files may be any bytes.
-    const std::string text = json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+    json.add("strength", facts.strength);
+    json.add("delay_frames", facts.options.look_ahead);
+    json.add("delay_ms", rate > 0 ? Json(1000 * facts.options.look_ahead / rate) : Json());
+    json.add("crop_ratio", static_cast<double>(facts.options.crop_ratio));
+    json.add("mean_track_ratio", report.mean_track_ratio());
+    json.add("failed_motions", report.failed_motions());
+    json.add("repaired_motions", report.repaired());
+    json.add("scene_cuts", report.scene_starts());
+    add_shake(json, report, path, rate);
+    add_seconds(json, facts.seconds, facts.frames);
+    json.add("notes", facts.notes);
+    const std::string text = json.text() + "\n";
     sink.write(reinterpret_cast<const unsigned char*>(text.data()), text.size());
 }
 

@@ -1,37 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
+
+#include <videostabilizer/stabilizer_options.h>
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "apps/byte_io.h"
-#include "apps/shake_metrics.h"
-#include "apps/stabilize_video/path_follower.h"
-#include "apps/stabilize_video/stabilize_stream.h"
-#include "apps/stabilize_video/video_io.h"
+#include "apps/stabilize_video/pictures/picture_stream.h"
+#include "apps/stabilize_video/results/path_follower.h"
+#include "common/synthetic/shake_metrics.h"
+#include "common/video_io/byte_io.h"
 
 namespace apps {
 
-// Gathers how well it went, frame by frame.
+// Statistics of a stream, gathered frame by frame in constant memory.
 //
-// Shake is the change of the camera's speed from frame to frame: the second difference of the path
-// of the picture centre, in pixels, as root mean square over the stream.
+// Shake is the root mean square of the second difference of the path of the picture centre, pixels.
 class ShakeReport {
   public:
-    // with_path  keep the whole path (48 bytes a frame), for reduction(); else memory is constant
-    explicit ShakeReport(bool with_path) : with_path_(with_path) {}
-
-    void add(const FollowedFrame& point);
+    void add(const FollowedFrame& point) noexcept;
 
     double mean_track_ratio() const;  // of the motions found, 0 to 1; 0 if there is none
     std::int64_t failed_motions() const { return failed_; }
-    double shake_before() const;  // pixels
-    double shake_after() const;   // pixels
-    double residual_db() const;   // of what is left; negative where it is steadier
-    // By how much less the steady path shakes, see shake_metrics.h; NaN for short streams.
-    Shake reduction(double frames_per_second) const;
-    std::int64_t guarded() const { return guarded_; }  // frames that the edge guard held back
-    double mean_granted() const;  // part of the correction made in these; 1 if none
+    double shake_before() const;                       // pixels
+    double shake_after() const;                        // pixels
+    double residual_db() const;                        // shake_after relative to shake_before
+    std::int64_t guarded() const { return guarded_; }  // frames limited by the edge guard
+    double mean_granted() const;  // share of the correction in these frames; 1 if none
     std::int64_t scene_starts() const { return scene_starts_; }
     std::int64_t repaired() const { return repaired_; }
 
@@ -44,9 +41,6 @@ class ShakeReport {
     };
     double rms(const Track& track) const;
 
-    bool with_path_;
-    std::vector<PathPoint> shaky_path_;
-    std::vector<PathPoint> steady_path_;
     std::int64_t frames_ = 0;
     std::int64_t motions_ = 0;
     std::int64_t failed_ = 0;
@@ -59,19 +53,43 @@ class ShakeReport {
     Track steady_;
 };
 
-// What else is told about a job.
+// The whole path, 48 bytes per frame, for what constant memory cannot measure.
+class PathRecord {
+  public:
+    void add(const FollowedFrame& point);
+
+    // Reduction of the shake, see shake_metrics.h; NaN for short streams.
+    synthetic::Shake reduction(double frames_per_second) const;
+
+  private:
+    std::vector<synthetic::PathPoint> shaky_;
+    std::vector<synthetic::PathPoint> steady_;
+};
+
+// Where the time of the reading and the writing thread goes, seconds.
+struct StreamSeconds {
+    double reading = 0;  // and decoding, on the reading thread
+    double pushing = 0;  // waiting for the stabilizer to take a frame
+    double popping = 0;  // waiting for the stabilizer to return one, on the writing thread
+    double writing = 0;  // and encoding
+    double total = 0;
+};
+
+// What else the figures of a job include.
 struct JobFacts {
     std::string input;
     std::string output;
     std::string strength;
     const PictureFormat& format;
     const videostabilizer::VideoStabilizerOptions& options;
-    const StreamResult& result;
     const Notes& notes;
-    std::string damage;  // "" for an input that is whole
+    std::int64_t frames;
+    StreamSeconds seconds;
+    std::string damage;  // "" for an intact input
 };
 
-// Writes both as a JSON object. Throws OutputError.
-void write_json(ByteSink& sink, const ShakeReport& report, const JobFacts& facts);
+// Writes everything as a JSON object. Throws OutputError.
+void write_json(video_io::ByteSink& sink, const ShakeReport& report, const PathRecord& path,
+                const JobFacts& facts);
 
 }  // namespace apps

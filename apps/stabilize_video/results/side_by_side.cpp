@@ -1,4 +1,6 @@
-#include "apps/stabilize_video/side_by_side.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "apps/stabilize_video/results/side_by_side.h"
 
 extern "C" {
 #include <libavfilter/buffersink.h>
@@ -20,9 +22,12 @@ int even(int value) {
 }
 
 void check(int result) {
-    if (result == AVERROR(ENOMEM)) throw std::bad_alloc();
+    if (result == AVERROR(ENOMEM)) {
+        throw std::bad_alloc();
+    }
     if (result < 0) {
-        throw OutputError("the pictures cannot be put side by side: " + av_reason(result));
+        throw video_io::OutputError("the pictures cannot be put side by side: " +
+                                    av_reason(result));
     }
 }
 
@@ -42,8 +47,8 @@ SideBySide::SideBySide(const std::string& path, const PictureFormat& format,
         static_cast<int>(std::int64_t{format.height} * side_width_ / std::max(format.width, 1)));
     try {
         make_graph(true);
-    } catch (const OutputError&) {
-        make_graph(false);  // there is no font
+    } catch (const video_io::OutputError&) {
+        make_graph(false);  // no font was found
     }
     PictureFormat wide = format;
     wide.width = 2 * side_width_;
@@ -53,15 +58,19 @@ SideBySide::SideBySide(const std::string& path, const PictureFormat& format,
 
 void SideBySide::make_graph(bool labelled) {
     graph_.reset(avfilter_graph_alloc());
-    if (!graph_) throw std::bad_alloc();
+    if (!graph_) {
+        throw std::bad_alloc();
+    }
     const std::string in = "buffer=video_size=" + size_text(format_.width, format_.height) +
                            ":pix_fmt=yuv420p:time_base=" + std::to_string(format_.time_base.num) +
                            "/" + std::to_string(format_.time_base.den);
     const std::string fit =
         ",scale=" + std::to_string(side_width_) + ":" + std::to_string(side_height_);
-    const std::string description = in + fit + (labelled ? label("shaky", side_height_) : "") +
-                                    "[l];" + in + fit + label("steady", labelled) +
-                                    "[r];[l][r]hstack,buffersink";
+    const auto side = [&](const char* text) {
+        return in + fit + (labelled ? label(text, side_height_) : "");
+    };
+    const std::string description =
+        side("shaky") + "[l];" + side("steady") + "[r];[l][r]hstack,buffersink";
     AVFilterInOut* inputs = nullptr;
     AVFilterInOut* outputs = nullptr;
     const int parsed = avfilter_graph_parse2(graph_.get(), description.c_str(), &inputs, &outputs);
@@ -73,12 +82,16 @@ void SideBySide::make_graph(bool labelled) {
     for (unsigned i = 0; i < graph_->nb_filters; ++i) {
         AVFilterContext* filter = graph_->filters[i];
         const std::string kind = filter->filter->name;
-        if (kind == "buffersink") both_ = filter;
-        if (kind == "buffer") (left_ == nullptr ? left_ : right_) = filter;
+        if (kind == "buffersink") {
+            both_ = filter;
+        }
+        if (kind == "buffer") {
+            (left_ == nullptr ? left_ : right_) = filter;
+        }
     }
 }
 
-AvFramePtr SideBySide::copied(const Planes& picture) const {
+AvFramePtr SideBySide::copied(const video_io::Planes& picture) const {
     AvFramePtr frame = make_picture(AV_PIX_FMT_YUV420P, format_.width, format_.height);
     const int chroma_width = (format_.width + 1) / 2;
     const int chroma_height = (format_.height + 1) / 2;
@@ -91,13 +104,13 @@ AvFramePtr SideBySide::copied(const Planes& picture) const {
     return frame;
 }
 
-void SideBySide::add_shaky(const Planes& picture) {
+void SideBySide::add_shaky(const video_io::Planes& picture) {
     AvFramePtr frame = copied(picture);
     const std::lock_guard<std::mutex> lock(mutex_);
     shaky_.push_back(std::move(frame));
 }
 
-void SideBySide::add_steady(const Planes& picture, const PictureTag& tag) {
+void SideBySide::add_steady(const video_io::Planes& picture, const PictureTag& tag) {
     const AvFramePtr steady = copied(picture);
     AvFramePtr shaky;
     {
@@ -118,16 +131,20 @@ void SideBySide::finish() {
     sink_->finish();
 }
 
-// Writes what the filter gives out, which is a pair once it knows that neither side has an earlier
-// picture to come.
+// Writes the pairs that the filter graph has completed.
 void SideBySide::write_pairs(std::int64_t duration) {
     const AvFramePtr both = make_av_frame();
-    while (av_buffersink_get_frame(both_, both.get()) >= 0) {
+    for (;;) {
+        const int result = av_buffersink_get_frame(both_, both.get());
+        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
+            return;
+        }
+        check(result);
         PictureTag tag;
         tag.time = av_rescale_q(both->pts, av_buffersink_get_time_base(both_), format_.time_base);
         tag.duration = duration;
-        const Planes planes{both->data[0], both->data[1], both->data[2], both->linesize[0],
-                            both->linesize[1]};
+        const video_io::Planes planes{both->data[0], both->data[1], both->data[2],
+                                      both->linesize[0], both->linesize[1]};
         sink_->write(planes, tag);
         av_frame_unref(both.get());
     }

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <deque>
@@ -5,30 +7,32 @@
 #include <mutex>
 #include <string>
 
-#include "apps/stabilize_video/ffmpeg.h"
-#include "apps/stabilize_video/media_sink.h"
-#include "apps/stabilize_video/video_io.h"
+#include "apps/stabilize_video/media/media_sink.h"
+#include "apps/stabilize_video/pictures/ffmpeg.h"
+#include "apps/stabilize_video/pictures/picture_stream.h"
 
 namespace apps {
 
-// A video that shows the shaky pictures on the left and the steady ones on the right.
+// A video with the shaky pictures on the left and the steady ones on the right.
 //
-// Threads: add_shaky on one thread, the rest on another.
+// Threads: owner only, except add_shaky: thread-safe.
 class SideBySide {
   public:
     // Throws OutputError, ExistsError.
     SideBySide(const std::string& path, const PictureFormat& format, const EncoderOptions& options,
                const std::atomic<bool>* stop);
 
-    // Keeps a copy until the steady picture of the same frame comes.
-    void add_shaky(const Planes& picture);
-    void add_steady(const Planes& picture, const PictureTag& tag);
+    // Keeps a copy until the steady picture of the same frame arrives. Throws std::bad_alloc.
+    void add_shaky(const video_io::Planes& picture);
+    // Throws OutputError.
+    void add_steady(const video_io::Planes& picture, const PictureTag& tag);
 
+    // As PictureSink.
     void finish();
     void commit() { sink_->commit(); }
 
   private:
-    AvFramePtr copied(const Planes& picture) const;
+    AvFramePtr copied(const video_io::Planes& picture) const;
     void make_graph(bool labelled);
     void write_pairs(std::int64_t duration);
 
@@ -36,12 +40,12 @@ class SideBySide {
     int side_width_;  // of each half, at most 1280
     int side_height_;
     FilterGraphPtr graph_;
-    AVFilterContext* left_ = nullptr;  // belong to the graph
+    AVFilterContext* left_ = nullptr;  // owned by the graph
     AVFilterContext* right_ = nullptr;
     AVFilterContext* both_ = nullptr;
     std::unique_ptr<MediaSink> sink_;
-    std::mutex mutex_;              // guards the pictures below
-    std::deque<AvFramePtr> shaky_;  // whose steady picture has not come
+    std::mutex mutex_;              // guards shaky_
+    std::deque<AvFramePtr> shaky_;  // that wait for their steady pictures
 };
 
 }  // namespace apps

@@ -1,22 +1,30 @@
-#include "apps/stabilize_video/batch.h"
+// SPDX-License-Identifier: Apache-2.0
 
+#include "apps/stabilize_video/run/batch.h"
+
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "apps/stabilize_video/ffmpeg.h"
-#include "apps/stabilize_video/interruption.h"
-#include "apps/stabilize_video/job.h"
+#include "apps/stabilize_video/cli/interruption.h"
+#include "apps/stabilize_video/pictures/ffmpeg.h"
+#include "apps/stabilize_video/run/job.h"
 
 namespace apps {
 
@@ -24,17 +32,21 @@ namespace {
 
 namespace fs = std::filesystem;
 
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 struct File {
     std::string input;
     std::string output;
-    pid_t process = -1;
+    pid_t process = -1;  // and its process group; -1: does not run
     int messages = -1;   // read end of the process's standard error
-    std::string said;    // so far
+    std::string said;    // incomplete line from there
     int status = -1;     // exit status once it has ended
-    std::string reason;  // why it failed: its last words
+    std::string reason;  // of a failure: its last message
 };
 
-// Under its own name, or as MP4 where files of its kind cannot be written.
+// The same name, or .mp4 where files of its kind cannot be written.
 std::string output_name(const Options& options, const std::string& input) {
     const fs::path path(input);
     std::string ending = path.extension().string();
@@ -43,192 +55,314 @@ std::string output_name(const Options& options, const std::string& input) {
             av_guess_format(options.output_format.c_str(), nullptr, nullptr);
         const std::string endings =
             format != nullptr && format->extensions != nullptr ? format->extensions : "";
-        if (!endings.empty()) ending = "." + endings.substr(0, endings.find(','));
+        if (!endings.empty()) {
+            ending = "." + endings.substr(0, endings.find(','));
+        }
     } else if (ending != ".y4m") {
         const AVOutputFormat* format = av_guess_format(nullptr, input.c_str(), nullptr);
-        if (format == nullptr || format->video_codec == AV_CODEC_ID_NONE) ending = ".mp4";
+        if (format == nullptr || format->video_codec == AV_CODEC_ID_NONE) {
+            ending = ".mp4";
+        }
     }
     return (fs::path(options.output_dir) / path.stem()).string() + ending;
 }
 
-int tell_usage(const std::string& what) {
-    std::fprintf(stderr, "stabilize-video: %s\n", what.c_str());
-    return EXIT_USAGE;
+// The files of the batch. Throws UsageError where two would get the same name.
+std::vector<File> plan(const Options& options) {
+    std::vector<File> files;
+    std::map<std::string, std::string> inputs;  // by output
+    for (const std::string& input : options.inputs) {
+        if (input == "-") {
+            throw UsageError("--output-dir needs input files; - has no name");
+        }
+        File file;
+        file.input = input;
+        file.output = output_name(options, input);
+        const auto [other, is_new] = inputs.emplace(file.output, input);
+        if (!is_new) {
+            throw UsageError(input + " and " + other->second + " would both become " + file.output);
+        }
+        files.push_back(file);
+    }
+    return files;
 }
 
-// Starts the process of one file. Returns false when the system has no more.
-bool start(const Options& options, File& file) {
-    int ends[2];
-    if (pipe(ends) != 0) return false;
+std::atomic<bool> suspend_requested{false};
+
+void on_suspend(int) {
+    suspend_requested = true;
+}
+
+// Processes are in groups of their own, so only this one gets the terminal's signals, and passes them
+// on.
+void watch_terminal() {
+    watch_signals(OnSignal::COUNT);
+    struct sigaction present {};
+    sigaction(SIGTSTP, nullptr, &present);
+    if (present.sa_handler != SIG_IGN) {
+        struct sigaction handler {};
+        handler.sa_handler = on_suspend;
+        sigaction(SIGTSTP, &handler, nullptr);
+    }
+}
+
+// The process of one file, from its fork on.
+[[noreturn]] void run_child(const Options& options, const File& file, int messages,
+                            pid_t parent) noexcept {
+    setpgid(0, 0);
+    // In case the parent is killed.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != parent) {
+        _exit(EXIT_INTERRUPTED);
+    }
+    // The terminal belongs to the parent's group: using it is an error, but must not stop the process.
+    std::signal(SIGTTIN, SIG_IGN);
+    std::signal(SIGTTOU, SIG_IGN);
+    std::signal(SIGTSTP, SIG_DFL);
+    dup2(messages, STDERR_FILENO);
+    Options one = options;
+    one.inputs = {file.input};
+    one.output = file.output;
+    one.output_dir.clear();
+    one.progress = false;
+    const int status = run_job(one);
     std::fflush(nullptr);
+    _exit(status);
+}
+
+class Batch {
+  public:
+    Batch(const Options& options, std::vector<File> files)
+        : options_(options), files_(std::move(files)) {}
+    ~Batch() { end_all(); }
+    Batch(const Batch&) = delete;
+    Batch& operator=(const Batch&) = delete;
+
+    int run();
+
+  private:
+    void start_next();
+    bool start(File& file);
+    void pass_signals_on();
+    void signal_all(int number) const;
+    void suspend() const;
+    void wait_for_messages();
+    void read_messages(File& file);
+    void tell_lines(File& file) const;
+    void take_status(File& file, int status);
+    void end_all();
+    int conclude() const;
+
+    const Options& options_;
+    std::vector<File> files_;
+    std::size_t next_ = 0;  // not started yet
+    std::vector<File*> running_;
+    int passed_on_ = 0;  // signals
+};
+
+bool Batch::start(File& file) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        return false;
+    }
+    std::fflush(nullptr);
+    const pid_t parent = getpid();
     const pid_t process = fork();
     if (process == 0) {
-        close(ends[0]);
-        dup2(ends[1], STDERR_FILENO);
-        close(ends[1]);
-        Options one = options;
-        one.inputs = {file.input};
-        one.output = file.output;
-        one.output_dir.clear();
-        one.progress = false;
-        const int status = run_job(one);
-        std::fflush(nullptr);
-        _exit(status);
+        run_child(options_, file, ends[1], parent);
     }
     close(ends[1]);
     if (process < 0) {
         close(ends[0]);
         return false;
     }
+    setpgid(process, process);  // either process may be the first
     file.process = process;
     file.messages = ends[0];
+    running_.push_back(&file);
     return true;
 }
 
-void tell_lines(const Options& options, File& file) {
+// Starts as many files as may run at once.
+void Batch::start_next() {
+    const std::size_t cores = std::max(1U, std::thread::hardware_concurrency());
+    const std::size_t at_once = options_.jobs > 0 ? static_cast<std::size_t>(options_.jobs) : cores;
+    while (next_ < files_.size() && running_.size() < at_once && !interruption().signalled()) {
+        File& file = files_[next_];
+        if (!start(file)) {
+            if (!running_.empty()) {
+                return;  // again when one of these has ended
+            }
+            file.reason = "no process can be started";
+        }
+        ++next_;
+    }
+}
+
+void Batch::signal_all(int number) const {
+    for (const File* file : running_) {
+        kill(-file->process, number);
+    }
+}
+
+// The first signal lets the processes end by themselves, the second one ends them.
+void Batch::pass_signals_on() {
+    const int received = interruption().signals;
+    if (received > 1) {
+        end_all();
+    } else if (received > passed_on_) {
+        signal_all(SIGTERM);
+    }
+    passed_on_ = received;
+    if (suspend_requested.exchange(false)) {
+        suspend();
+    }
+}
+
+void Batch::suspend() const {
+    signal_all(SIGSTOP);
+    raise(SIGSTOP);
+    signal_all(SIGCONT);
+}
+
+void Batch::wait_for_messages() {
+    std::vector<pollfd> entries;
+    entries.reserve(running_.size());
+    for (const File* file : running_) {
+        entries.push_back({file->messages, POLLIN, 0});
+    }
+    constexpr int LONGEST_MS = 200;  // in case a signal came just before
+    if (poll(entries.data(), entries.size(), LONGEST_MS) <= 0) {
+        return;
+    }
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        if (entries[i].revents != 0) {
+            read_messages(*running_[i]);
+        }
+    }
+    running_.erase(std::remove_if(running_.begin(), running_.end(),
+                                  [](const File* file) { return file->process < 0; }),
+                   running_.end());
+}
+
+void Batch::tell_lines(File& file) const {
     constexpr const char* PREFIX = "stabilize-video: ";
     for (std::size_t end = 0; (end = file.said.find('\n')) != std::string::npos;) {
         std::string line = file.said.substr(0, end);
         file.said.erase(0, end + 1);
-        if (line.rfind(PREFIX, 0) == 0) line.erase(0, std::char_traits<char>::length(PREFIX));
+        if (line.rfind(PREFIX, 0) == 0) {
+            line.erase(0, std::char_traits<char>::length(PREFIX));
+        }
         file.reason = line;
-        if (!options.quiet) std::fprintf(stderr, "%s: %s\n", file.input.c_str(), line.c_str());
+        if (!options_.quiet) {
+            std::fprintf(stderr, "%s: %s\n", file.input.c_str(), line.c_str());
+        }
     }
 }
 
-// Reads what the process says. Returns false once it has ended.
-bool attend(const Options& options, File& file) {
+// Reads what the process has written, and its status at the end.
+void Batch::read_messages(File& file) {
     char buffer[4096];
     const ssize_t got = read(file.messages, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) return true;
     if (got > 0) {
         file.said.append(buffer, static_cast<std::size_t>(got));
-        tell_lines(options, file);
-        return true;
+        tell_lines(file);
+    } else if (got == 0 || errno != EINTR) {
+        int status = SIGKILL;
+        while (waitpid(file.process, &status, 0) < 0 && errno == EINTR) {
+        }
+        take_status(file, status);
     }
+}
+
+void Batch::take_status(File& file, int status) {
     close(file.messages);
     file.messages = -1;
-    int status = 0;
-    while (waitpid(file.process, &status, 0) < 0 && errno == EINTR) {
-    }
+    file.process = -1;
     if (WIFEXITED(status)) {
         file.status = WEXITSTATUS(status);
     } else {
         file.status = EXIT_LIBRARY;
-        file.reason = "the program broke down (signal " + std::to_string(WTERMSIG(status)) + ")";
+        file.reason = "the program crashed (signal " + std::to_string(WTERMSIG(status)) + ")";
     }
-    return false;
 }
 
-// Waits until one of the processes has something to say, and passes an interruption on to them.
-void wait_for_any(const std::vector<File*>& running, bool& passed_on) {
-    if (interruption().signalled && !passed_on) {
-        // From a terminal the signal has reached them already: a second one would end them at once.
-        if (isatty(STDIN_FILENO) == 0) {
-            for (const File* file : running) {
-                kill(file->process, SIGTERM);
+// Ends the processes that still run, and waits for them. They remove their temporary files unless they
+// do not react.
+void Batch::end_all() {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(5);
+    while (!running_.empty()) {
+        signal_all(Clock::now() < deadline ? SIGTERM : SIGKILL);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        for (File*& file : running_) {
+            int status = SIGKILL;
+            if (waitpid(file->process, &status, WNOHANG) != 0) {
+                take_status(*file, status);
+                file = nullptr;
             }
         }
-        passed_on = true;
+        running_.erase(std::remove(running_.begin(), running_.end(), nullptr), running_.end());
     }
-    std::vector<pollfd> entries;
-    entries.reserve(running.size());
-    for (const File* file : running) {
-        entries.push_back({file->messages, POLLIN, 0});
-    }
-    constexpr int LONGEST_MS = 200;
-    poll(entries.data(), entries.size(), LONGEST_MS);
 }
 
-bool can_be_read(const File& file) {
-    pollfd entry{file.messages, POLLIN, 0};
-    return poll(&entry, 1, 0) > 0;
-}
-
-int conclude(const std::vector<File>& files) {
+int Batch::conclude() const {
     std::size_t done = 0;
-    for (const File& file : files) {
-        if (file.status == EXIT_DONE) ++done;
+    for (const File& file : files_) {
+        if (file.status == EXIT_DONE) {
+            ++done;
+        }
     }
-    if (interruption().signalled) {
+    if (interruption().signalled()) {
         std::fprintf(stderr, "stabilize-video: interrupted; %zu of %zu files done\n", done,
-                     files.size());
+                     files_.size());
         return EXIT_INTERRUPTED;
     }
-    if (done == files.size()) {
+    if (done == files_.size()) {
+        if (!options_.quiet) {
+            std::fprintf(stderr, "stabilize-video: all %zu files are in %s\n", files_.size(),
+                         options_.output_dir.c_str());
+        }
         return EXIT_DONE;
     }
-    std::fprintf(stderr, "stabilize-video: %zu of %zu files done; not so:\n", done, files.size());
-    for (const File& file : files) {
-        if (file.status == EXIT_DONE) continue;
-        std::fprintf(stderr, "  %s: %s\n", file.input.c_str(), file.reason.c_str());
+    std::fprintf(stderr, "stabilize-video: %zu of %zu files done; failed:\n", done, files_.size());
+    for (const File& file : files_) {
+        if (file.status != EXIT_DONE) {
+            std::fprintf(stderr, "  %s: %s\n", file.input.c_str(), file.reason.c_str());
+        }
     }
     return EXIT_BATCH;
+}
+
+int Batch::run() {
+    for (;;) {
+        pass_signals_on();
+        start_next();
+        if (running_.empty()) {
+            return conclude();
+        }
+        wait_for_messages();
+    }
 }
 
 }  // namespace
 
 int run_batch(const Options& options) {
-    std::vector<File> files;
-    std::map<std::string, std::string> inputs;  // by output
-    for (const std::string& input : options.inputs) {
-        if (input == "-") return tell_usage("--output-dir needs names; - has none");
-        File file;
-        file.input = input;
-        file.output = output_name(options, input);
-        const auto [other, is_new] = inputs.emplace(file.output, input);
-        if (!is_new) {
-            return tell_usage(input + " and " + other->second + " would both become " +
-                              file.output);
+    try {
+        watch_terminal();
+        std::vector<File> files = plan(options);
+        std::error_code error;
+        fs::create_directories(options.output_dir, error);
+        if (!fs::is_directory(options.output_dir)) {
+            std::fprintf(stderr, "stabilize-video: cannot create the folder %s: %s\n",
+                         options.output_dir.c_str(), error.message().c_str());
+            return EXIT_OUTPUT;
         }
-        files.push_back(file);
+        return Batch(options, std::move(files)).run();
+    } catch (const UsageError& error) {
+        std::fprintf(stderr, "stabilize-video: %s\n", error.what());
+        return EXIT_USAGE;
     }
-    std::error_code error;
-    fs::create_directories(options.output_dir, error);
-    if (!fs::is_directory(options.output_dir)) {
-        std::fprintf(stderr, "stabilize-video: there is no folder %s, and it cannot be made: %s\n",
-                     options.output_dir.c_str(), error.message().c_str());
-        return EXIT_OUTPUT;
-    }
-
-    const std::size_t cores = std::max(1U, std::thread::hardware_concurrency());
-    const std::size_t at_once = options.jobs > 0 ? static_cast<std::size_t>(options.jobs) : cores;
-    std::vector<File*> running;
-    std::size_t next = 0;
-    bool passed_on = false;
-    while (next < files.size() || !running.empty()) {
-        const bool room = running.size() < at_once && next < files.size();
-        if (room && !interruption().signalled) {
-            File& file = files[next];
-            if (start(options, file)) {
-                running.push_back(&file);
-                ++next;
-                continue;
-            }
-            if (running.empty()) {
-                file.reason = "the system gives no process for it";
-                ++next;
-                continue;
-            }
-        } else if (interruption().signalled) {
-            for (; next < files.size(); ++next) {
-                files[next].reason = "not begun";
-            }
-            if (running.empty()) break;
-        }
-        wait_for_any(running, passed_on);
-        running.erase(std::remove_if(running.begin(), running.end(),
-                                     [&](File* file) {
-                                         return can_be_read(*file) && !attend(options, *file);
-                                     }),
-                      running.end());
-    }
-    const int status = conclude(files);
-    if (status == EXIT_DONE && !options.quiet) {
-        std::fprintf(stderr, "stabilize-video: all %zu files are in %s\n", files.size(),
-                     options.output_dir.c_str());
-    }
-    return status;
 }
 
 }  // namespace apps

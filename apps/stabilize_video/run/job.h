@@ -1,11 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
-#include "apps/stabilize_video/options.h"
+#include "apps/stabilize_video/cli/options.h"
 
 namespace apps {
 
-// Steadies options.inputs[0] into options.output. Problems are told on standard error, as is what
-// has been done unless options.quiet. Returns the exit status.
+// Stabilises options.inputs[0] into options.output, until a signal ends it. Reports errors on standard
+// error, and the result unless options.quiet. Returns the exit status.
 int run_job(const Options& options);
 
 }  // namespace apps

@@ -1,4 +1,6 @@
-#include "apps/stabilize_video/stabilize_stream.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "apps/stabilize_video/run/stabilize_stream.h"
 
 #include <videostabilizer/videostabilizer.h>
 
@@ -7,23 +9,19 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "apps/stabilize_video/library_log.h"
+#include "apps/stabilize_video/cli/library_log.h"
 
 namespace apps {
 
 namespace vs = videostabilizer;
 
 namespace {
-
-// How often the watch looks, and how long a stream may stand still while both ends wait for the
-// library before it counts as dead. A frame takes seconds at the very worst.
-constexpr std::chrono::milliseconds WATCH_INTERVAL{200};
-constexpr std::chrono::seconds LONGEST_STANDSTILL{120};
 
 LibraryError library_error(const std::string& what) {
     const std::string reported = library_errors();
@@ -47,7 +45,9 @@ StabilizerPtr make_stabilizer(const StreamParts& parts) {
     StabilizerPtr stabilizer(vs::video_stabilizer_create_with_options(
         width, parts.layout.frame_height(), width, width / 2, vs::PIX_FMT_YUV420P, 1, nullptr,
         &parts.options));
-    if (!stabilizer) throw library_error("the stabilizer cannot be made");
+    if (!stabilizer) {
+        throw library_error("the stabilizer cannot be created");
+    }
     if (parts.path != nullptr) {
         const vs::VideoStabilizerObserver observer =
             parts.path->observer(static_cast<double>(stabilizer->transformer->crop_ratio));
@@ -56,7 +56,7 @@ StabilizerPtr make_stabilizer(const StreamParts& parts) {
     return stabilizer;
 }
 
-// Adds the time of its life to `seconds`.
+// Adds its lifetime to `seconds`.
 class Stopwatch {
   public:
     explicit Stopwatch(double& seconds) : seconds_(seconds) {}
@@ -71,66 +71,7 @@ class Stopwatch {
     Clock::time_point start_ = Clock::now();
 };
 
-// Stops the stabilizer, which releases whoever waits in it, when the library has failed: a pop
-// would otherwise wait for ever.
-class Watch {
-  public:
-    explicit Watch(vs::VideoStabilizer* stabilizer) : stabilizer_(stabilizer) {
-        thread_ = std::thread([this] { run(); });
-    }
-    ~Watch() { end(); }
-    Watch(const Watch&) = delete;
-    Watch& operator=(const Watch&) = delete;
-
-    // Brackets a call that waits for the library; `waiting` counts those that do.
-    void enter() { ++waiting_; }
-    void leave() {
-        --waiting_;
-        ++passed_;
-    }
-
-    // From then on nobody but the caller stops the stabilizer.
-    void end() {
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            ended_ = true;
-        }
-        wake_.notify_all();
-        if (thread_.joinable()) thread_.join();
-    }
-
-  private:
-    void run() {
-        using Clock = std::chrono::steady_clock;
-        Clock::time_point last_progress = Clock::now();
-        std::uint64_t last_passed = 0;
-        std::unique_lock<std::mutex> lock(mutex_);
-        while (!wake_.wait_for(lock, WATCH_INTERVAL, [this] { return ended_; })) {
-            const std::uint64_t passed = passed_;
-            // Who does not wait is busy with the disk, a pipe or the end.
-            if (passed != last_passed || waiting_ < THREADS) {
-                last_passed = passed;
-                last_progress = Clock::now();
-            }
-            if (library_thread_failed() || Clock::now() - last_progress > LONGEST_STANDSTILL) {
-                vs::video_stabilizer_stop(stabilizer_);
-                return;
-            }
-        }
-    }
-
-    static constexpr int THREADS = 3;  // that read and push, pop, and write
-
-    vs::VideoStabilizer* stabilizer_;
-    std::atomic<int> waiting_{0};
-    std::atomic<std::uint64_t> passed_{0};
-    std::mutex mutex_;  // guards ended_
-    std::condition_variable wake_;
-    bool ended_ = false;
-    std::thread thread_;
-};
-
-// What the reading and the writing thread share.
+// Reads and writes pictures in the stabilizer's frames. Threads: read on one thread, write on another.
 class Stream {
   public:
     explicit Stream(const StreamParts& parts) : parts_(parts) {}
@@ -139,10 +80,12 @@ class Stream {
     FramePtr read() {
         const Stopwatch stopwatch(reading_seconds_);
         FramePtr frame = take_spare();
-        const Planes picture = parts_.layout.picture(*frame);
+        const video_io::Planes picture = parts_.layout.picture(*frame);
         PictureTag tag;
-        if (!parts_.source.read(picture, tag)) return nullptr;
-        if (parts_.comparison != nullptr) parts_.comparison->add_shaky(picture);
+        if (!parts_.source.read(picture, tag)) {
+            return nullptr;
+        }
+        parts_.extras.add_shaky(picture);
         parts_.layout.fill_border(*frame);
         frame->timestamp = tag.time;
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -150,19 +93,19 @@ class Stream {
         return frame;
     }
 
-    // Writes a steady picture and keeps its frame for another one.
+    // Writes a steady picture and keeps its frame for reuse.
     void write(FramePtr frame) {
         const Stopwatch stopwatch(writing_seconds_);
         PictureTag tag = next_tag();
         tag.time = frame->timestamp;
-        const Planes picture = parts_.layout.picture(*frame);
+        const video_io::Planes picture = parts_.layout.picture(*frame);
         parts_.sink.write(picture, tag);
-        if (parts_.comparison != nullptr) parts_.comparison->add_steady(picture, tag);
+        parts_.extras.add_steady(picture, tag);
         const std::lock_guard<std::mutex> lock(mutex_);
         spare_.push_back(std::move(frame));
     }
 
-    // Of the threads that read and write, after they have ended.
+    // For use after the threads have ended.
     double reading_seconds() const { return reading_seconds_; }
     double writing_seconds() const { return writing_seconds_; }
 
@@ -177,11 +120,13 @@ class Stream {
             }
         }
         FramePtr frame = parts_.layout.make_frame();
-        if (!frame) throw LibraryError("no memory for another frame");
+        if (!frame) {
+            throw std::bad_alloc();
+        }
         return frame;
     }
 
-    // Frames keep their order, so what belongs to them does.
+    // Frames keep their order, so a queue is enough.
     PictureTag next_tag() {
         const std::lock_guard<std::mutex> lock(mutex_);
         PictureTag tag = std::move(tags_.front());
@@ -197,14 +142,16 @@ class Stream {
     std::deque<PictureTag> tags_;
 };
 
-// The frames between the reading and the writing thread. A full queue of the stabilizer makes whoever
-// waits for it look 20,000 times a second, which costs when the writer is an encoder that wants both
-// cores. So no more frames are let in than it can hold without that, and they leave it at once.
-class Passage {
+// Bounds the frames in flight and hands the steady ones to the writing thread.
+//
+// A full output queue of the stabilizer makes its threads poll every 50 microseconds, which costs
+// when the writer is an encoder that needs all cores. With no more frames in flight than its queues
+// hold, and frames taken out at once, that does not happen.
+class FramesInFlight {
   public:
-    explicit Passage(int look_ahead) : room_(look_ahead + CIRCULATING) {}
+    explicit FramesInFlight(int look_ahead) : room_(look_ahead + CIRCULATING) {}
 
-    // Waits for room for one frame more. Returns false when closed.
+    // Waits for room for one more frame. Returns false when closed.
     bool enter() {
         std::unique_lock<std::mutex> lock(mutex_);
         changed_.wait(lock, [this] { return room_ > 0 || closed_; });
@@ -220,17 +167,19 @@ class Passage {
         changed_.notify_all();
     }
 
-    // The next steady frame; null when closed and there is none.
+    // Waits for the next steady frame; null when closed and empty.
     FramePtr take() {
         std::unique_lock<std::mutex> lock(mutex_);
         changed_.wait(lock, [this] { return !steady_.empty() || closed_; });
-        if (steady_.empty()) return nullptr;
+        if (steady_.empty()) {
+            return nullptr;
+        }
         FramePtr frame = std::move(steady_.front());
         steady_.pop_front();
         return frame;
     }
 
-    // A frame that was taken is done with.
+    // Makes room for another frame.
     void leave() {
         {
             const std::lock_guard<std::mutex> lock(mutex_);
@@ -239,7 +188,7 @@ class Passage {
         changed_.notify_all();
     }
 
-    // No frame will be put any more, and none let in.
+    // Ends all waits; no frame may enter any more.
     void close() {
         {
             const std::lock_guard<std::mutex> lock(mutex_);
@@ -249,8 +198,8 @@ class Passage {
     }
 
   private:
-    // Besides those that the look-ahead holds back: one each being read, analysed, warped and
-    // written, and one or two on the way.
+    // Besides the look-ahead: one frame each being read, analysed, warped and written, and two in
+    // queues.
     static constexpr int CIRCULATING = 6;
 
     std::mutex mutex_;  // guards the rest
@@ -268,13 +217,12 @@ class Run {
           stabilizer_(stabilizer),
           seconds_(seconds),
           stream_(parts),
-          passage_(parts.options.look_ahead),
-          watch_(stabilizer) {}
+          in_flight_(parts.options.look_ahead) {}
 
     Stream& stream() { return stream_; }
 
-    // Passes `first` and all that follow through the stabilizer. Returns the number of frames
-    // written; what stopped the reading is left in `read_failure`.
+    // Passes `first` and all following frames through the stabilizer. Returns the number of frames
+    // written; `read_failure` receives what stopped the reading thread.
     std::int64_t pass_all(FramePtr first, std::exception_ptr& read_failure) {
         std::exception_ptr pop_failure;
         std::exception_ptr write_failure;
@@ -288,16 +236,22 @@ class Run {
         } catch (...) {
             write_failure = std::current_exception();
         }
-        // Lets go of the others, wherever they wait, if this is not the end of the stream. The
-        // order matters: only when the watch has ended may this thread stop the stabilizer.
-        if (write_failure || pop_failure) parts_.cancelled = true;
-        passage_.close();
-        watch_.end();
+        // Releases the other threads wherever they wait. Without a write failure the popping thread
+        // is done: it has closed in_flight_.
+        if (write_failure || pop_failure) {
+            parts_.cancelled = true;
+        }
+        in_flight_.close();
         vs::video_stabilizer_stop(stabilizer_);
-        if (pusher.joinable()) pusher.join();
-        if (popper.joinable()) popper.join();
+        for (std::thread* thread : {&pusher, &popper}) {
+            if (thread->joinable()) {
+                thread->join();
+            }
+        }
         for (const auto& failure : {write_failure, pop_failure}) {
-            if (failure) std::rethrow_exception(failure);
+            if (failure) {
+                std::rethrow_exception(failure);
+            }
         }
         return frames;
     }
@@ -307,75 +261,77 @@ class Run {
     void push_all(FramePtr frame, std::exception_ptr& failure) {
         try {
             while (frame) {
-                watch_.enter();
                 const int result = push(std::move(frame));
-                watch_.leave();
-                if (result == vs::RESULT_STOPPING) return;
-                if (result != vs::RESULT_OK) throw library_error("the stabilizer refuses a frame");
+                if (result == vs::RESULT_STOPPING) {
+                    return;  // pop_all reports why
+                }
+                if (result != vs::RESULT_OK) {
+                    throw library_error("the stabilizer rejects a frame");
+                }
                 frame = stream_.read();
             }
         } catch (...) {
             failure = std::current_exception();
         }
         vs::video_stabilizer_signal_eos(stabilizer_);
-        watch_.enter();  // there is nothing left but to wait for the others
     }
 
     int push(FramePtr frame) {
         const Stopwatch stopwatch(seconds_.pushing);
-        if (!passage_.enter()) return vs::RESULT_STOPPING;
+        if (!in_flight_.enter()) {
+            return vs::RESULT_STOPPING;
+        }
         return vs::video_stabilizer_push_frame(stabilizer_, frame.release());
     }
 
-    // Body of the thread that takes steady frames from the stabilizer until there are no more.
+    // Body of the thread that takes steady frames from the stabilizer.
     void pop_all(std::exception_ptr& failure) {
         try {
             for (;;) {
                 vs::Frame* frame = nullptr;
-                watch_.enter();
                 const int result = vs::video_stabilizer_pop_frame(stabilizer_, &frame);
-                watch_.leave();
-                if (result == vs::RESULT_END_OF_STREAM) break;
-                if (result != vs::RESULT_OK) throw library_error("the stabilizer has failed");
-                passage_.put(FramePtr(frame));
+                if (result == vs::RESULT_END_OF_STREAM) {
+                    break;
+                }
+                if (result != vs::RESULT_OK) {
+                    throw library_error("the stabilizer has failed");
+                }
+                in_flight_.put(FramePtr(frame));
             }
         } catch (...) {
             failure = std::current_exception();
         }
-        watch_.enter();
-        passage_.close();
+        in_flight_.close();
     }
 
     std::int64_t write_all() {
         for (std::int64_t frames = 0;; ++frames) {
             FramePtr frame = take();
-            if (!frame) return frames;
+            if (!frame) {
+                return frames;
+            }
             stream_.write(std::move(frame));
-            passage_.leave();
+            in_flight_.leave();
             parts_.progress.show(frames + 1);
         }
     }
 
     FramePtr take() {
         const Stopwatch stopwatch(seconds_.popping);
-        watch_.enter();
-        FramePtr frame = passage_.take();
-        watch_.leave();
-        return frame;
+        return in_flight_.take();
     }
 
     const StreamParts& parts_;
     vs::VideoStabilizer* stabilizer_;
     StreamSeconds& seconds_;
     Stream stream_;
-    Passage passage_;
-    Watch watch_;
+    FramesInFlight in_flight_;
 };
 
 bool is_input_failure(const std::exception_ptr& failure) {
     try {
         std::rethrow_exception(failure);
-    } catch (const InputError&) {
+    } catch (const video_io::InputError&) {
         return true;
     } catch (...) {
         return false;
@@ -390,27 +346,33 @@ StreamResult stabilize_stream(const StreamParts& parts) {
     const auto start = std::chrono::steady_clock::now();
     Run run(parts, stabilizer.get(), result.seconds);
 
-    // A stream without frames is a special case to the stabilizer, so it never gets to see one.
+    // The stabilizer is not started for a stream without frames.
     FramePtr first;
     try {
         first = run.stream().read();
-    } catch (const InputError&) {
+    } catch (const video_io::InputError&) {
         result.input_failure = std::current_exception();
     }
-    if (!first) return result;
+    if (!first) {
+        return result;
+    }
 
     if (vs::video_stabilizer_start(stabilizer.get()) != vs::RESULT_OK) {
         throw LibraryError("the stabilizer cannot start its thread");
     }
     std::exception_ptr read_failure;
     result.frames = run.pass_all(std::move(first), read_failure);
-    if (read_failure && !is_input_failure(read_failure)) std::rethrow_exception(read_failure);
+    if (read_failure && !is_input_failure(read_failure)) {
+        std::rethrow_exception(read_failure);
+    }
     result.input_failure = read_failure;
     result.seconds.reading = run.stream().reading_seconds();
     result.seconds.writing = run.stream().writing_seconds();
     result.seconds.total =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    if (parts.path != nullptr) parts.path->check();
+    if (parts.path != nullptr) {
+        parts.path->check();
+    }
     return result;
 }
 

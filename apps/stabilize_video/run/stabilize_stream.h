@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <videostabilizer/stabilizer.h>
@@ -7,56 +9,47 @@
 #include <exception>
 #include <stdexcept>
 
-#include "apps/stabilize_video/path_follower.h"
-#include "apps/stabilize_video/picture_layout.h"
-#include "apps/stabilize_video/progress.h"
-#include "apps/stabilize_video/side_by_side.h"
-#include "apps/stabilize_video/video_io.h"
+#include "apps/stabilize_video/cli/progress.h"
+#include "apps/stabilize_video/pictures/picture_layout.h"
+#include "apps/stabilize_video/pictures/picture_stream.h"
+#include "apps/stabilize_video/results/path_follower.h"
+#include "apps/stabilize_video/results/report.h"
+#include "apps/stabilize_video/run/extras.h"
 
 namespace apps {
 
-// OpenCL is missing or fails, or memory runs out inside the library. what() says why.
+// OpenCL or the stabilizer cannot be used or has failed. what() is a message for the user.
 struct LibraryError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// What takes part in one stream. All of it outlives the call.
+// What takes part in one stream. All of it must outlive the call.
 struct StreamParts {
     PictureSource& source;
     PictureSink& sink;
     const PictureLayout& layout;
     const videostabilizer::VideoStabilizerOptions& options;
-    PathFollower* path;      // receives the camera path; may be null
-    SideBySide* comparison;  // may be null
+    PathFollower* path;  // receives the camera path; may be null
+    Extras& extras;      // receives the pictures
     Progress& progress;
-    // The flag that source and sink also watch. Set from outside, it ends the work soon with an
-    // error; it is set here when the work fails.
+    // The flag that the source watches. Set from outside, it ends the input; set here when the
+    // stream fails.
     std::atomic<bool>& cancelled;
-};
-
-// Where the time of the reading and the writing thread goes, seconds.
-struct StreamSeconds {
-    double reading = 0;  // and decoding, on the reading thread
-    double pushing = 0;  // waiting for the stabilizer to take a frame
-    double popping = 0;  // waiting for the stabilizer to give one, on the writing thread
-    double writing = 0;  // and encoding
-    double total = 0;
 };
 
 struct StreamResult {
     std::int64_t frames = 0;  // delivered to the sink
-    // Why the input broke off (InputError): every whole frame before has been delivered. Null when
-    // it came to its end.
+    // Why the input ended early (InputError), after its complete frames were delivered; else null.
     std::exception_ptr input_failure;
     StreamSeconds seconds;
 };
 
-// Reads all pictures, has them stabilised and writes them, in order, one steady picture for each
-// shaky one; finishing the sink is the caller's. Another thread reads ahead, so that reading,
-// analysis, warping and writing overlap; the frames in flight are bounded, and reused.
+// Reads all pictures, stabilises them and writes them in order, one steady picture for each shaky
+// one; the caller finishes the sink. Reading, analysis, warping and writing overlap on threads of
+// their own; the frames in flight are bounded and reused.
 //
-// Throws LibraryError, OutputError. No thread of the stabilizer is running any more when it returns
-// or throws.
+// Throws LibraryError, OutputError. No thread of the stabilizer runs any more when it returns or
+// throws.
 StreamResult stabilize_stream(const StreamParts& parts);
 
 }  // namespace apps
