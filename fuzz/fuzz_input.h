@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstddef>
@@ -7,15 +9,15 @@
 #include <cstring>
 #include <vector>
 
-// A target is one function that does what its input says and checks what comes of it. It is linked
-// either with the fuzzing engine or with replay.cpp, which runs files.
+// A target is a function that does what its input says and checks the results. It is linked either
+// with the fuzzing engine or with replay.cpp.
 
-// Engine and replay call it; the result is always 0.
+// Called by engine and replay; the result is always 0.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace fuzz {
 
-// Ends the process, whatever the build: an engine takes that for a finding.
+// Ends the process in every kind of build, which an engine counts as a finding.
 inline void require(bool condition, const char* what) {
     if (!condition) {
         std::fprintf(stderr, "violated: %s\n", what);
@@ -23,7 +25,7 @@ inline void require(bool condition, const char* what) {
     }
 }
 
-// Draws values from the input. Beyond its end everything is 0.
+// Draws values from the input; 0 once it has ended.
 class Input {
   public:
     Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
@@ -48,7 +50,12 @@ class Input {
         const int count = last - first + 1;
         return first + (count > 256 ? take<std::uint16_t>() : byte()) % count;
     }
-    // Mostly a number of everyday size, in sixteenths; sometimes any bits at all.
+    // Mostly 0 to last, sometimes any int.
+    std::int32_t mostly(int last) {
+        const int kind = byte();
+        return kind >= 250 ? take<std::int32_t>() : kind % (last + 1);
+    }
+    // Mostly a number of ordinary size, in sixteenths; sometimes any bits.
     float number() {
         const int kind = byte();
         if (kind >= 240) {
@@ -56,9 +63,15 @@ class Input {
         }
         return static_cast<float>(take<std::int16_t>()) / 16.0F;
     }
+    // Mostly from first to last, in sixteenths; sometimes any bits.
+    float between(int first, int last) {
+        const int kind = byte();
+        return kind >= 250 ? take<float>()
+                           : static_cast<float>(in_range(16 * first, 16 * last)) / 16.0F;
+    }
 
-    // A picture of exactly so many bytes on the heap, so that every overread shows: what is left of
-    // the input, over and over, with noise in the bits of a mask.
+    // A picture of exactly so many bytes on the heap, so that every overread is detected: the rest
+    // of the input, repeated, with noise in the bits of a mask.
     std::vector<unsigned char> picture(std::size_t bytes) {
         const int mask = byte();
         std::uint32_t noise = take<std::uint8_t>();
@@ -70,7 +83,7 @@ class Input {
         }
         return result;
     }
-    // `bytes` of what is left, for a picture of its own.
+    // The next `bytes` of the input, or what is left.
     Input split(std::size_t bytes) {
         const std::size_t count = size_ < bytes ? size_ : bytes;
         const Input part(data_, count);

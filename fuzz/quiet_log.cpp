@@ -1,4 +1,6 @@
-// A log that drops its lines: lost points alone would fill a disk.
+// SPDX-License-Identifier: Apache-2.0
+
+// A log that drops its lines: those of lost points would fill a disk.
 
 #include "videostabilizer/log.h"
 

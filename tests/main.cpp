@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The library exports a main of its own, which would satisfy the linker before a test-main archive
 // does; so the test programs bring this object.
 

@@ -1,95 +1,79 @@
-#include "apps/stabilize_video/path_follower.h"
+// SPDX-License-Identifier: Apache-2.0
+
+#include "apps/stabilize_video/results/path_follower.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <sstream>
 #include <string>
+#include <vector>
 
-#include "apps/camera_path.h"
-#include "tests/apps/memory_io.h"
+#include "common/synthetic/camera_path.h"
+#include "common/video_io/output_file.h"
+#include "tests/apps/run_program.h"
 
 namespace {
 
-constexpr double DEGREES = 180 / 3.14159265358979323846;
-
-void to_matrix(const apps::Affine& m, float matrix[9]) {
+void to_matrix(const synthetic::Affine& m, float matrix[9]) {
     const double values[9] = {m.a, m.b, m.c, m.d, m.e, m.f, 0, 0, 1};
     std::copy(values, values + 9, matrix);
 }
 
-// Shown the true motions of a known path and corrections onto its steady path, the follower
-// tells of these two paths.
-TEST(PathFollower, WritesThePathThatTheMotionsComeFrom) {
-    apps::CameraSettings settings;
-    settings.width = 640;
-    settings.height = 480;
-    const apps::CameraPath path(settings);
-    constexpr int FRAMES = 60;
-    constexpr int DELAY = 10;
+void expect_view(const apps::CameraView& view, const synthetic::Pose& pose,
+                 const synthetic::Pose& start) {
+    // The poses are those of a point half a pixel beside the centre that is followed.
+    EXPECT_NEAR(view.x, pose.x - start.x, 0.1);
+    EXPECT_NEAR(view.y, pose.y - start.y, 0.1);
+    EXPECT_NEAR(view.angle, pose.angle - start.angle, 2e-5);
+    EXPECT_NEAR(view.zoom, pose.zoom / start.zoom, 1e-4);
+}
+
+// Given the true motions of a known path and corrections onto its steady path, it finds both.
+TEST(PathFollower, FollowsTheCameraAndTheSteadyPictures) {
+    const synthetic::CameraPath path({640, 480});
     constexpr double CROP = 0.9;
-
-    MemorySink sink;
-    apps::PathCsv csv(sink);
-    apps::PathFollower follower(320, 240);
-    follower.add([&](const apps::FollowedFrame& point) { csv.write(point); });
+    std::vector<apps::FollowedFrame> frames;
+    apps::PathFollower follower(640, 480);
+    follower.add([&](const apps::FollowedFrame& frame) { frames.push_back(frame); });
     const videostabilizer::VideoStabilizerObserver observer = follower.observer(CROP);
-    for (int newest = 0; newest < FRAMES + DELAY; ++newest) {
+    const synthetic::Pose start = path.shaky(0);
+    for (int i = 0; i < 60; ++i) {
+        SCOPED_TRACE(i);
+        const synthetic::Pose shaky = path.shaky(i);
+        synthetic::Pose steady = path.steady(i);
         float matrix[9];
-        if (newest > 0 && newest < FRAMES) {
-            const videostabilizer::MotionLog log = {100 + newest, 90, 0.5F, 0};
-            to_matrix(apps::true_motion(path.shaky(newest - 1), path.shaky(newest), 640, 480),
-                      matrix);
-            observer.on_motion(observer.ctx, newest - 1, matrix, &log);
+        if (i > 0) {
+            const videostabilizer::MotionLog log = {100 + i, 90, 0.5F, 0};
+            to_matrix(synthetic::true_motion(path.shaky(i - 1), shaky, 640, 480), matrix);
+            observer.on_motion(observer.ctx, i - 1, matrix, &log);
         }
-        if (newest >= DELAY) {
-            const int frame = newest - DELAY;
-            to_matrix(apps::true_motion(path.shaky(frame), path.steady(frame), 640, 480), matrix);
-            observer.on_correction(observer.ctx, frame, matrix);
-            videostabilizer::VideoStabilizerReport report{};
-            report.frame = frame;
-            observer.on_report(observer.ctx, &report);
-        }
-    }
-    follower.check();
+        to_matrix(synthetic::true_motion(shaky, steady, 640, 480), matrix);
+        observer.on_correction(observer.ctx, i, matrix);
+        videostabilizer::VideoStabilizerReport report{};
+        report.frame = i;
+        observer.on_report(observer.ctx, &report);
 
-    std::istringstream lines(sink.bytes);
-    std::string line;
-    std::getline(lines, line);
-    const apps::Pose start = path.shaky(0);
-    int frame = 0;
-    for (; std::getline(lines, line); ++frame) {
-        SCOPED_TRACE(line);
-        apps::Pose shaky;
-        apps::Pose steady;
-        int number = -1, inliers = -1, points = -1, status = -1;
-        double ratio = -1;
-        ASSERT_EQ(
-            std::sscanf(line.c_str(), "%d,%lf,%lf,%lf,%lf,%lf,%lf,%lf,%lf,%d,%d,%lf,%d", &number,
-                        &shaky.x, &shaky.y, &shaky.angle, &shaky.zoom, &steady.x, &steady.y,
-                        &steady.angle, &steady.zoom, &inliers, &points, &ratio, &status),
-            13);
-        EXPECT_EQ(number, frame);
-        EXPECT_EQ(points, frame == 0 ? 0 : 100 + frame);
-        EXPECT_EQ(inliers, frame == 0 ? 0 : 90);
-        // Steps are summed in the pixels of pictures that are turned a little each way.
-        constexpr double PIXELS = 0.5;
-        const apps::Pose true_shaky = path.shaky(frame);
-        const apps::Pose true_steady = path.steady(frame);
-        EXPECT_NEAR(shaky.x, true_shaky.x - start.x, PIXELS);
-        EXPECT_NEAR(shaky.y, true_shaky.y - start.y, PIXELS);
-        EXPECT_NEAR(shaky.angle, (true_shaky.angle - start.angle) * DEGREES, 1e-3);
-        EXPECT_NEAR(shaky.zoom, true_shaky.zoom / start.zoom, 1e-4);
-        // The crop takes its share of the shift.
-        const double shown_x = true_shaky.x + CROP * (true_steady.x - true_shaky.x);
-        const double shown_y = true_shaky.y + CROP * (true_steady.y - true_shaky.y);
-        EXPECT_NEAR(steady.x, shown_x - start.x, PIXELS);
-        EXPECT_NEAR(steady.y, shown_y - start.y, PIXELS);
-        EXPECT_NEAR(steady.angle, -start.angle * DEGREES, 1e-3);
-        EXPECT_NEAR(steady.zoom, 1 / start.zoom, 1e-4);
+        const apps::FollowedFrame& frame = frames.at(static_cast<std::size_t>(i));
+        EXPECT_EQ(frame.report.frame, i);
+        EXPECT_EQ(frame.log.npoints, i == 0 ? 0 : 100 + i);
+        expect_view(frame.shaky, shaky, start);
+        // The crop reduces the shift.
+        steady.x = shaky.x + CROP * (steady.x - shaky.x);
+        steady.y = shaky.y + CROP * (steady.y - shaky.y);
+        expect_view(frame.steady, steady, start);
     }
-    EXPECT_EQ(frame, FRAMES);
+}
+
+TEST(PathFollower, WritesCsv) {
+    const Folder folder;
+    video_io::OutputFile file(folder.file("path.csv"));
+    apps::PathCsv csv(file.sink());
+    csv.write({{1.5, -2, 0.5, 1}, {0, 0, 0, 1.25}, {100, 90, 0.5F, 1}, {}});
+    file.commit();
+    const std::string text = read_file(folder.file("path.csv"));
+    EXPECT_EQ(text.substr(text.find('\n') + 1),
+              "0,1.5000,-2.0000,28.647890,1.00000000,0.0000,0.0000,0.000000,1.25000000,90,100,"
+              "0.5000,1\n");
 }
 
 }  // namespace

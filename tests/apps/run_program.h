@@ -1,11 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "apps/scene.h"
+#include "common/video_io/y4m.h"
 
-// Running the built stabilize-video on files in a folder of the test's own.
+// Runs the built stabilize-video on files in a folder of the test's own.
 
 // A temporary folder, removed with its files at the end.
 class Folder {
@@ -28,20 +30,29 @@ struct Outcome {
     std::string errors;  // what it wrote to standard error
 };
 
-// Runs a shell command line in which $PROGRAM is the built stabilize-video.
+// Runs a shell command line in the folder; $PROGRAM is the built stabilize-video.
 Outcome run_shell(const Folder& folder, const std::string& command);
 
-// Runs the program with the given arguments.
-Outcome run_program(const Folder& folder, const std::vector<std::string>& arguments);
+// Runs the program in the folder.
+Outcome run_program(const Folder& folder, const std::string& arguments);
 
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
 
-// Writes the first `frames` pictures of the clip.
-void write_clip(const std::string& path, const apps::ShakyClip& clip, int frames);
+// The packed pixels of one picture.
+struct PictureBuffer {
+    explicit PictureBuffer(const video_io::Y4mHeader& header)
+        : pixels(static_cast<std::size_t>(header.frame_bytes())) {
+        unsigned char* u = pixels.data() + header.width * header.height;
+        planes = {pixels.data(), u, u + header.chroma_width() * header.chroma_height(),
+                  header.width, header.chroma_width()};
+    }
+    PictureBuffer(const PictureBuffer&) = delete;
+    PictureBuffer& operator=(const PictureBuffer&) = delete;
 
-// The luma of every picture in a YUV4MPEG2 file.
-std::vector<std::vector<unsigned char>> read_luma(const std::string& path);
+    std::vector<unsigned char> pixels;
+    video_io::Planes planes{};
+};
 
-// The numbers of a CSV file, without its heading.
-std::vector<std::vector<double>> read_csv(const std::string& path);
+// Writes the first pictures of the shaky clip, as YUV4MPEG2.
+void write_clip(const std::string& path, int width, int height, int frames);

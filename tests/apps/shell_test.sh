@@ -1,4 +1,6 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
+#
 # Checks that the completion for bash offers what the program knows, and that the manual page tells
 # of it.
 #   shell_test.sh PROGRAM COMPLETION MANUAL

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "tests/cpu_warp/warp_variants.h"
 
 #include <array>
@@ -9,19 +11,17 @@ using namespace videostabilizer;
 
 namespace {
 
-// warp_affine_neon as a caller of his own right would use it.
+// warp_affine_neon as a caller in its own right uses it.
 void inner_routine(unsigned char* source, unsigned char* destination, float* matrix, int width,
                    int height) {
+    const auto w = static_cast<float>(width);
+    const auto h = static_cast<float>(height);
+    const float limits[] = {w - 1.0F, w - 1.001F, h - 1.0F, h - 1.001F};
     std::array<float, 32> constants{};
-    for (std::size_t i = 0; i < 4; ++i) {
-        constants[i] = static_cast<float>(i);
-        constants[4 + i] = static_cast<float>(4 + i);
-        constants[8 + i] = static_cast<float>(width) - 1.0F;
-        constants[12 + i] = static_cast<float>(width) - 1.001F;
-        constants[16 + i] = static_cast<float>(height) - 1.0F;
-        constants[20 + i] = static_cast<float>(height) - 1.001F;
-        constants[24 + i] = static_cast<float>(2 * i);
-        constants[28 + i] = static_cast<float>(8 + 2 * i);
+    for (std::size_t i = 0; i < constants.size(); ++i) {
+        constants[i] = i < 8    ? static_cast<float>(i)
+                       : i < 24 ? limits[(i - 8) / 4]
+                                : static_cast<float>(2 * (i - 24));
     }
     float wp[6];
     SimpleLA::invert_affine(matrix, wp);
@@ -31,41 +31,31 @@ void inner_routine(unsigned char* source, unsigned char* destination, float* mat
 }  // namespace
 
 const WarpVariant warp_variants[5] = {
-    // name              run              layout                 vector any size  plain tolerance
-    {"warpAffine", warpAffine, Layout::SEMI_PLANAR, false, true, warpAffine, 0},
-    {"warpAffine_420p", warpAffine_420p, Layout::PLANAR, false, true, warpAffine_420p, 0},
-    {"warpAffine_rgb", warpAffine_rgb, Layout::FOUR_CHANNELS, false, true, warpAffine_rgb, 0},
-    {"warpAffine_neon", warpAffine_neon, Layout::SEMI_PLANAR, true, true, warpAffine, 1},
-    {"warp_affine_neon", inner_routine, Layout::SEMI_PLANAR, true, false, warpAffine, 1},
+    // name              run              layout                 vector any size
+    {"warpAffine", warpAffine, Layout::SEMI_PLANAR, false, true},
+    {"warpAffine_420p", warpAffine_420p, Layout::PLANAR, false, true},
+    {"warpAffine_rgb", warpAffine_rgb, Layout::FOUR_CHANNELS, false, true},
+    {"warpAffine_neon", warpAffine_neon, Layout::SEMI_PLANAR, true, true},
+    {"warp_affine_neon", inner_routine, Layout::SEMI_PLANAR, true, false},
 };
 
-bool runs_vector_code(const WarpVariant& variant, int width, int height) {
-    return variant.vector && width > 0 && width % 16 == 0 && width <= 32768 && height > 0 &&
-           height % 2 == 0 && height <= 32768;
-}
-
-std::size_t picture_bytes(Layout layout, int width, int height) {
+PictureLayout packed_picture(Layout layout, int width, int height) {
     if (width < 1 || height < 1) {
-        return 0;
+        return {};
     }
-    const auto w = static_cast<std::size_t>(width);
-    const auto h = static_cast<std::size_t>(height);
-    switch (layout) {
-        case Layout::SEMI_PLANAR:
-            return w * h + w * (h / 2);
-        case Layout::PLANAR:
-            return w * h + w * h / 4 + (w / 2) * (h / 2);
-        case Layout::FOUR_CHANNELS:
-            return w * h * 4;
+    const std::size_t luma = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+    if (layout == Layout::FOUR_CHANNELS) {
+        return {4 * luma, width, height, width, 4, 4 * width, {}};
     }
-    return 0;
-}
-
-std::vector<unsigned char> noise_picture(std::size_t bytes, std::uint32_t seed) {
-    std::vector<unsigned char> picture(bytes);
-    for (unsigned char& byte : picture) {
-        seed = seed * 1664525U + 1013904223U;
-        byte = static_cast<unsigned char>(seed >> 24U);
-    }
-    return picture;
+    const bool pairs = layout == Layout::SEMI_PLANAR;
+    const int row = pairs ? width : width / 2;
+    const std::size_t v = luma + (pairs ? 1 : luma / 4);
+    const auto chroma = static_cast<std::size_t>(row) * static_cast<std::size_t>(height / 2);
+    return {(pairs ? luma : v) + chroma,
+            width,
+            height,
+            width,
+            1,
+            width,
+            {row, pairs ? 2 : 1, width / 2, luma, v}};
 }

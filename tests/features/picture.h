@@ -1,10 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
+#include <cmath>
 #include <cstddef>
 #include <functional>
 #include <vector>
 
-// An image of exactly width x height bytes on the heap, so that AddressSanitizer sees any overread.
+// An image of exactly width x height bytes on the heap, so that AddressSanitizer detects overreads.
 struct Picture {
     Picture(int w, int h, const std::function<int(int x, int y)>& level)
         : width(w), height(h), pixels(static_cast<std::size_t>(w) * static_cast<std::size_t>(h)) {
@@ -24,3 +27,16 @@ struct Picture {
     int height;
     std::vector<unsigned char> pixels;
 };
+
+// Waves of several lengths and directions, with texture for every level of the tracker and smooth
+// enough to be tracked. What is at (x, y) without a shift is at (x + dx, y + dy).
+inline Picture waves(int width, int height, double dx = 0, double dy = 0) {
+    return Picture(width, height, [=](int column, int row) {
+        const double x = column - dx;
+        const double y = row - dy;
+        return static_cast<int>(128.5 + 34 * std::sin(x * 0.051 + y * 0.017 + 1) +
+                                34 * std::sin(y * 0.047 - x * 0.013) +
+                                22 * std::sin(x * 0.11 + y * 0.09 + 2) +
+                                22 * std::sin(y * 0.13 - x * 0.08 + 3));
+    });
+}

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <gtest/gtest.h>
@@ -5,10 +7,11 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <memory>
+#include <deque>
 #include <random>
 #include <vector>
 
+#include "motion/camera_pose.h"
 #include "videostabilizer/keypoint.h"
 #include "videostabilizer/mat.h"
 
@@ -20,21 +23,28 @@ using SimpleLA::Mat;
 using Affine = std::array<float, 6>;
 
 constexpr Affine IDENTITY = {1, 0, 0, 0, 1, 0};
+constexpr float LAST_ROW[] = {0, 0, 1};
 
-// True when m is [affine; 0 0 1] to within the tolerance: `linear`, and `pixels` for the
-// translation.
-inline testing::AssertionResult is_motion(const Mat<float>& m, const Affine& affine, float linear,
-                                          float pixels) {
-    constexpr float LAST_ROW[] = {0, 0, 1};
-    for (int i = 0; i < 9; ++i) {
-        const float wanted = i < 6 ? affine[static_cast<std::size_t>(i)] : LAST_ROW[i - 6];
-        const float tolerance = i == 2 || i == 5 ? pixels : linear;
-        if (!(std::abs(m.data[i] - wanted) <= tolerance)) {  // a NaN is wrong, too
-            return testing::AssertionFailure()
-                   << "element " << i << " is " << m.data[i] << ", not " << wanted;
-        }
+// The tolerances: `linear`, and `pixels` for the translation.
+inline void expect_motion(const Mat<float>& m, const Affine& affine, float linear, float pixels) {
+    for (std::size_t i = 0; i < 6; ++i) {
+        EXPECT_NEAR(m.data[i], affine[i], i % 3 == 2 ? pixels : linear) << "element " << i;
     }
-    return testing::AssertionSuccess();
+    EXPECT_TRUE(std::equal(LAST_ROW, LAST_ROW + 3, m.row(2)));
+}
+
+inline void expect_pose(const CameraPose& pose, const CameraPose& wanted, double pixels,
+                        double turn) {
+    EXPECT_NEAR(pose.x, wanted.x, pixels);
+    EXPECT_NEAR(pose.y, wanted.y, pixels);
+    EXPECT_NEAR(pose.angle, wanted.angle, turn);
+    EXPECT_NEAR(pose.zoom, wanted.zoom, turn);
+}
+
+inline Affine affine_of(const CameraPose& pose, PictureCentre centre) {
+    float motion[9];
+    motion_of_pose(pose, centre, motion);
+    return {motion[0], motion[1], motion[2], motion[3], motion[4], motion[5]};
 }
 
 inline KeyPoint move_point(const Affine& affine, const KeyPoint& p) {
@@ -58,13 +68,12 @@ inline std::vector<KeyPoint> spread_points(int n) {
 struct History {
     explicit History(const std::vector<Affine>& affines) {
         for (const Affine& affine : affines) {
-            owned.push_back(std::make_unique<Mat<float>>(3, 3));
-            motions.push_back(owned.back().get());
+            motions.push_back(&matrices.emplace_back(3, 3));
             std::copy(affine.begin(), affine.end(), motions.back()->data);
-            std::copy_n(std::array<float, 3>{0, 0, 1}.data(), 3, motions.back()->row(2));
+            std::copy_n(LAST_ROW, 3, motions.back()->row(2));
         }
     }
-    std::vector<std::unique_ptr<Mat<float>>> owned;
+    std::deque<Mat<float>> matrices;
     std::vector<Mat<float>*> motions;
 };
 

@@ -1,138 +1,203 @@
-// What a stabilizer is made of for each picture size, and what is refused at creation and at push.
+// SPDX-License-Identifier: Apache-2.0
+
+// What a stabilizer is made of, and what is refused at creation and at push.
 
 #include <gtest/gtest.h>
 
-#include "tests/pipeline/stream_helpers.h"
-#include "tests/support/frame_ledger.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/opencl_ledger.h"
+#include <array>
+#include <cmath>
+#include <cstddef>
+#include <limits>
+
+#include "tests/faults/leak_test.h"
 
 using namespace videostabilizer;
 using namespace test_support;
 
 namespace {
 
-TEST(Creation, ScalesTheAnalysisWithThePicture) {
-    struct Case {
-        int width, height, scale, cell_size, border;
-        float max_disp;
-    };
-    const Case cases[] = {
-        {640, 480, 1, 64, 32, 72.0F},   {1440, 1080, 1, 64, 32, 72.0F},
-        {480, 2000, 1, 64, 32, 72.0F},  {1280, 720, 2, 64, 32, 75.0F},
-        {752, 500, 2, 64, 32, 75.0F},   {750, 500, 1, 64, 32, 72.0F},
-        {1920, 1080, 4, 32, 16, 64.0F}, {1080, 1920, 4, 32, 16, 64.0F},
-        {3840, 2160, 4, 32, 16, 64.0F},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.width << " x " << c.height);
-        const StabilizerPtr s = make_stabilizer(c.width, c.height);
+class Creation : public LeakTest {
+  protected:
+    void expect_refused(const Geometry& geometry, const VideoStabilizerOptions* options = nullptr,
+                        std::size_t lines = 1) const {
+        clear_log();
+        EXPECT_EQ(make_stabilizer(geometry, true, options), nullptr);
+        ASSERT_EQ(log_lines().size(), lines);
+        EXPECT_EQ(log_lines().back().tag, "video_stabilizer");
+        EXPECT_EQ(log_lines().back().priority, 6);
+        expect_nothing_left();
+    }
+};
+using Options = Creation;
+using Push = Creation;
+
+TEST_F(Creation, ScalesTheAnalysisWithThePicture) {
+    const int cases[][3] = {{640, 480, 1},   {1440, 1080, 1}, {480, 2000, 1},
+                            {750, 500, 1},   {752, 500, 2},   {1280, 720, 2},
+                            {1920, 1080, 4}, {1080, 1920, 4}, {3840, 2160, 4}};
+    for (const auto& [width, height, scale] : cases) {
+        SCOPED_TRACE(testing::Message() << width << " x " << height);
+        const StabilizerPtr s = make_stabilizer(packed(width, height));
         ASSERT_NE(s, nullptr);
-        EXPECT_EQ(s->scale, c.scale);
-        EXPECT_EQ(s->fast_params.cell_size, c.cell_size);
-        EXPECT_EQ(s->fast_params.border_x, c.border);
-        EXPECT_EQ(s->fast_params.border_y, c.border);
-        EXPECT_EQ(s->fast_params.width, c.width / c.scale);
-        EXPECT_EQ(s->lk_params.border_x, c.border);
-        EXPECT_EQ(s->lk_params.max_disp_x, c.max_disp);
-        EXPECT_EQ(s->lk_params.max_disp_y, c.max_disp);
-        EXPECT_EQ(s->cur_luma - s->prev_luma, (c.width / c.scale) * (c.height / c.scale));
+        EXPECT_EQ(s->scale, scale);
+        const int border = scale == 4 ? 16 : 32;
+        EXPECT_EQ(s->fast_params.cell_size, 2 * border);
+        EXPECT_EQ(s->fast_params.border_x, border);
+        EXPECT_EQ(s->fast_params.border_y, border);
+        EXPECT_EQ(s->fast_params.width, width / scale);
+        EXPECT_EQ(s->lk_params.border_x, border);
+        const float max_disp = scale == 1 ? 72.0F : (scale == 2 ? 75.0F : 64.0F);
+        EXPECT_EQ(s->lk_params.max_disp_x, max_disp);
+        EXPECT_EQ(s->lk_params.max_disp_y, max_disp);
+        EXPECT_EQ(s->cur_luma - s->prev_luma, (width / scale) * (height / scale));
     }
 }
 
-TEST(Creation, RefusesWhatItCannotWorkOn) {
-    struct Case {
+TEST_F(Creation, RefusesWhatItCannotWorkOn) {
+    constexpr int MOST = std::numeric_limits<int>::max();
+    const struct {
         const char* name;
-        int width, height, stride_y, stride_uv, format;
+        Geometry geometry;
+    } cases[] = {
+        {"odd width", packed(65, 48)},
+        {"odd height", packed(64, 47)},
+        {"zero", packed(0, 0)},
+        {"negative", {-64, 48, 64, 32, PIX_FMT_YUV420P}},
+        {"below sixteen", packed(64, 14)},
+        {"larger than any plane", packed(MOST - 1, MOST - 1)},
+        {"luma stride below width", {64, 48, 62, 32, PIX_FMT_YUV420P}},
+        {"planar chroma stride too small", {64, 48, 64, 31, PIX_FMT_YUV420P}},
+        {"semi-planar chroma area too small", {72, 48, 80, 39, PIX_FMT_YUV420SP_0}},
+        {"negative chroma stride", {64, 48, 64, -32, PIX_FMT_YUV420P}},
+        {"luma just beyond the largest plane", {16, 16, (8 << 20) + 1, 8, PIX_FMT_YUV420P}},
+        {"chroma beyond the largest plane", {64, 48, 64, MOST, PIX_FMT_YUV420P}},
     };
-    const Case cases[] = {
-        {"odd width", 65, 48, 65, 33, 2},
-        {"odd height", 64, 47, 64, 32, 2},
-        {"zero", 0, 0, 0, 0, 2},
-        {"negative", -64, 48, 64, 32, 2},
-        {"below sixteen", 64, 14, 64, 32, 2},
-        {"luma stride below width", 64, 48, 62, 32, 2},
-        {"planar chroma stride too small", 64, 48, 64, 31, 2},
-        {"semi-planar chroma area too small", 72, 48, 80, 39, 0},
-        {"negative chroma stride", 64, 48, 64, -32, 2},
-        {"luma beyond the largest plane", 65536, 65536, 65536, 32768, 2},
-        {"chroma beyond the largest plane", 64, 48, 64, 2147483647, 2},
-    };
-    make_stabilizer();
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        clear_log();
-        EXPECT_EQ(video_stabilizer_create(c.width, c.height, c.stride_y, c.stride_uv,
-                                          static_cast<PixFmt>(c.format), 0, 1, nullptr),
-                  nullptr);
-        ASSERT_EQ(log_lines().size(), 1U);
-        EXPECT_EQ(log_lines()[0].tag, "video_stabilizer");
-        EXPECT_EQ(log_lines()[0].priority, 6);
+        expect_refused(c.geometry);
     }
     for (const int format : {-1, 3, 5, 6}) {
         SCOPED_TRACE(format);
-        clear_log();
-        EXPECT_EQ(
-            video_stabilizer_create(64, 48, 64, 32, static_cast<PixFmt>(format), 0, 1, nullptr),
-            nullptr);
+        expect_refused(packed(64, 48, static_cast<PixFmt>(format)), nullptr, 2);
         EXPECT_EQ(count_log("Un-supported pixel format!!"), 1);
         EXPECT_EQ(count_log("Failed to init AffineTransformer!!"), 1);
     }
-    EXPECT_EQ(live_opencl_objects(), 0);
 }
 
-TEST(Creation, NeedsTheModule) {
-    if (module_was_set_up()) {
-        GTEST_SKIP() << "needs a process of its own, which ctest gives it";
-    }
-    clear_log();
-    EXPECT_EQ(video_stabilizer_create(64, 48, 64, 32, PIX_FMT_YUV420P, 0, 1, nullptr), nullptr);
-    EXPECT_EQ(count_log("OUT OF MEMORY!!!"), 1);
-}
-
-TEST(Creation, TakesAUserRecordOnlyWhole) {
-    int context = 0;
-    VideoStabilizerUser no_maker{&context, nullptr};
-    VideoStabilizerUser no_context{nullptr, [](void*) -> Frame* { return nullptr; }};
-    for (VideoStabilizerUser* user : {&no_maker, &no_context}) {
-        const StabilizerPtr s = make_stabilizer(WIDTH, HEIGHT, false, user);
-        ASSERT_EQ(video_stabilizer_start(s.get()), 0);
-        EXPECT_EQ(run_stream(s.get(), 3), numbers_up_to(3));
-    }
-}
-
-TEST(Push, RefusesFramesThatAreNotOfTheStream) {
-    struct Case {
-        const char* name;
-        int width, height, stride_y, stride_uv, format;
+TEST_F(Options, AreRefusedOutsideTheirRanges) {
+    using Change = void (*)(VideoStabilizerOptions&, bool good);
+    const Change changes[] = {
+        [](auto& o, bool good) { o.look_ahead = good ? 1 : 0; },
+        [](auto& o, bool good) { o.look_ahead = good ? 120 : 121; },
+        [](auto& o, bool good) { o.sigma = good ? 0.25F : 0.2F; },
+        [](auto& o, bool good) { o.sigma = good ? 1000.0F : 1001.0F; },
+        [](auto& o, bool good) { o.sigma = good ? 0.0F : std::nanf(""); },
+        [](auto& o, bool good) { o.crop_ratio = good ? 0.5F : 0.49F; },
+        [](auto& o, bool good) { o.crop_ratio = good ? 1.0F : 1.01F; },
+        [](auto& o, bool good) { o.edge_guard = 1, o.whole_shift = good ? 1 : 0; },
+        [](auto& o, bool good) { o.scene_cuts = good ? 1 : 2; },
+        [](auto& o, bool good) { o.repair_motions = good ? 1 : -1; },
+        [](auto& o, bool good) { o.picture_width = o.picture_height = good ? 16 : 15; },
+        [](auto& o, bool good) { o.picture_width = WIDTH, o.picture_height = good ? HEIGHT : 0; },
+        [](auto& o, bool good) { o.picture_width = WIDTH + !good, o.picture_height = HEIGHT; },
+        [](auto& o, bool good) { o.size = good ? o.size : 0; },
     };
-    const Case cases[] = {
-        {"narrower", WIDTH - 32, HEIGHT, WIDTH, WIDTH / 2, 2},
-        {"wider", WIDTH + 32, HEIGHT, WIDTH + 32, WIDTH / 2 + 16, 2},
-        {"higher", WIDTH, HEIGHT + 2, WIDTH, WIDTH / 2, 2},
-        {"larger luma plane", WIDTH, HEIGHT, WIDTH + 16, WIDTH / 2, 2},
-        {"larger chroma area", WIDTH, HEIGHT, WIDTH, WIDTH, 2},
-        {"rows that do not hold the picture", WIDTH, HEIGHT, WIDTH - 1, WIDTH / 2, 2},
-        {"other chroma layout", WIDTH, HEIGHT, WIDTH, WIDTH / 2, 0},
-        {"no chroma", WIDTH, HEIGHT, WIDTH, WIDTH / 2, 5},
+    for (const Change& change : changes) {
+        SCOPED_TRACE(&change - changes);
+        VideoStabilizerOptions options = options_for(STABILIZER_GENTLE);
+        change(options, true);
+        EXPECT_NE(make_stabilizer(packed(), true, &options), nullptr);
+        change(options, false);
+        expect_refused(packed(), &options);
+    }
+    for (const int strength : {STABILIZER_STANDARD, STABILIZER_STRONG, STABILIZER_MAXIMUM}) {
+        const VideoStabilizerOptions options = options_for(strength);
+        EXPECT_NE(make_stabilizer(packed(), true, &options), nullptr);
+    }
+    VideoStabilizerOptions options;
+    constexpr auto UNKNOWN = static_cast<VideoStabilizerStrength>(9);
+    EXPECT_EQ(video_stabilizer_options_for_strength(&options, UNKNOWN), -1);
+    EXPECT_EQ(options.look_ahead, 10);
+}
+
+// A program may have been built with another version of the record.
+TEST_F(Options, AreReadFromRecordsOfOtherVersions) {
+    alignas(VideoStabilizerOptions) std::array<unsigned char, 4097> bytes{};
+    bytes.fill(0x55);
+    const auto untouched = bytes;
+    auto* const record = reinterpret_cast<VideoStabilizerOptions*>(bytes.data());
+    for (const std::int32_t size : {-1, 0, 39, 4097}) {  // no record's
+        EXPECT_EQ(video_stabilizer_options_for_strength(record, STABILIZER_STRONG, size), -1);
+        video_stabilizer_options_init(record, size);
+        EXPECT_EQ(bytes, untouched) << size;
+    }
+    constexpr std::size_t NEWER = sizeof(VideoStabilizerOptions) + 4;
+    video_stabilizer_options_init(record, NEWER);
+    EXPECT_EQ(record->size, static_cast<std::int32_t>(NEWER));
+    EXPECT_EQ(bytes[NEWER - 1], 0);
+    EXPECT_EQ(bytes[NEWER], 0x55);
+    EXPECT_NE(make_stabilizer(packed(), true, record), nullptr);
+    bytes[NEWER - 1] = 1;  // asks for what the library does not know
+    expect_refused(packed(), record);
+}
+
+// Against the formula in the documentation.
+TEST_F(Options, TakeTheMemoryThatIsDocumented) {
+    const auto bytes_of = [](int look_ahead, int repair, int guard) {
+        VideoStabilizerOptions options = options_for(STABILIZER_GENTLE);
+        options.look_ahead = look_ahead;
+        options.repair_motions = options.scene_cuts = repair;
+        options.edge_guard = options.whole_shift = guard;
+        const long before = live_bytes();
+        const StabilizerPtr s = make_stabilizer(packed(), true, &options);
+        return live_bytes() - before;
+    };
+    const long least = bytes_of(1, 0, 0);
+    EXPECT_LE(bytes_of(120, 0, 0) - least, 300 * 119);
+    EXPECT_LE(bytes_of(120, 1, 0) - least, 300 * 119 + 320 * 120);
+    EXPECT_LE(bytes_of(120, 0, 1) - least, 300 * 119 + 320 * 120 + 200'000);
+}
+
+TEST_F(Push, RefusesFramesThatAreNotOfTheStream) {
+    const struct {
+        const char* name;
+        Geometry geometry;
+        bool has_chroma = true;
+    } cases[] = {
+        {"narrower", {WIDTH - 32, HEIGHT, WIDTH, WIDTH / 2, PIX_FMT_YUV420P}},
+        {"wider", packed(WIDTH + 32, HEIGHT)},
+        {"higher", packed(WIDTH, HEIGHT + 2)},
+        {"larger luma plane", {WIDTH, HEIGHT, WIDTH + 16, WIDTH / 2, PIX_FMT_YUV420P}},
+        {"larger chroma area", {WIDTH, HEIGHT, WIDTH, WIDTH, PIX_FMT_YUV420P}},
+        {"rows too short for the picture", {WIDTH, HEIGHT, WIDTH - 1, WIDTH / 2, PIX_FMT_YUV420P}},
+        {"other chroma layout", packed(WIDTH, HEIGHT, PIX_FMT_YUV420SP_0)},
+        {"no chroma", packed(WIDTH, HEIGHT, PIX_FMT_LUMA_ONLY)},
+        {"null chroma", packed(), false},
     };
     const StabilizerPtr s = make_stabilizer();
-    ASSERT_EQ(video_stabilizer_start(s.get()), 0);
-    for (const Case& c : cases) {
+    const int blocks = live_blocks();
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         clear_log();
-        Frame* const frame = frame_create(c.width, c.height, c.stride_y, c.stride_uv,
-                                          static_cast<PixFmt>(c.format), nullptr);
+        const Geometry& g = c.geometry;
+        Frame* const frame =
+            frame_create(g.width, g.height, g.stride_y, g.stride_uv, g.format, nullptr);
+        if (!c.has_chroma) {
+            frame->plane_uv = nullptr;
+        }
         EXPECT_EQ(video_stabilizer_push_frame(s.get(), frame), RESULT_FAILED);
         EXPECT_EQ(log_lines().size(), 1U);
-        EXPECT_EQ(live_frames(), 0);
+        EXPECT_EQ(live_blocks(), blocks);
     }
-    Frame* const hollow = make_frame(0);
-    hollow->plane_uv = nullptr;
-    EXPECT_EQ(video_stabilizer_push_frame(s.get(), hollow), RESULT_FAILED);
     EXPECT_EQ(video_stabilizer_push_frame(s.get(), nullptr), RESULT_NO_FRAME);
-    // The stream is none the worse for it.
-    EXPECT_EQ(run_stream(s.get(), 12), numbers_up_to(12));
+    EXPECT_EQ(run_stream(s.get(), 12).popped, 12);  // undisturbed
+    const StabilizerPtr over = make_stabilizer();
+    const auto push = [&] { return video_stabilizer_push_frame(over.get(), make_frame(0, SMALL)); };
+    EXPECT_EQ(push(), RESULT_FAILED);
+    video_stabilizer_stop(over.get());
+    EXPECT_EQ(push(), RESULT_STOPPING);
+    video_stabilizer_signal_eos(over.get());
+    EXPECT_EQ(push(), RESULT_END_OF_STREAM);
 }
 
 }  // namespace

@@ -1,27 +1,86 @@
-#include "frames/frame_fifo.h"
+// SPDX-License-Identifier: Apache-2.0
+
+// Frames and the queue that passes them from thread to thread.
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <thread>
 
 #include "frames/deadline.h"
+#include "frames/frame_fifo.h"
+#include "tests/support/log_capture.h"
 #include "videostabilizer/result.h"
 
 using namespace videostabilizer;
 
 namespace {
 
+TEST(Frame, OwnsLumaAndTheChromaAreaOfItsFormat) {
+    for (int value = PIX_FMT_YUV420SP_0; value <= PIX_FMT_LUMA_ONLY; ++value) {
+        SCOPED_TRACE(value);
+        const auto format = static_cast<PixFmt>(value);
+        Frame* const frame = frame_create(30, 20, 32, 16, format, nullptr);
+        ASSERT_NE(frame, nullptr);
+        EXPECT_EQ(frame->plane_uv, frame->plane_y + 32 * 20);
+        EXPECT_EQ(frame->contiguous, 1);
+        EXPECT_EQ(frame->format, format);
+        EXPECT_EQ(frame->timestamp, 0);
+        EXPECT_EQ(frame->opaque, nullptr);
+        EXPECT_EQ(frame->next, nullptr);
+        EXPECT_EQ(frame->prev, nullptr);
+        // The sanitizers see planes that are too short.
+        const std::size_t chroma = static_cast<std::size_t>(chroma_planes_factor[value]) * 16 * 20;
+        std::memset(frame->plane_y, 1, 32 * 20 + chroma);
+        frame_delete(frame);
+    }
+}
+
+TEST(Frame, LeavesTheBuffersOfTheHostAlone) {
+    std::array<unsigned char, 16 * 8 * 3 / 2> pixels{};
+    unsigned char* const y = pixels.data();
+    Frame* const joined = frame_create(16, 8, 16, 8, PIX_FMT_YUV420P, y);
+    EXPECT_EQ(joined->plane_y, y);
+    EXPECT_EQ(joined->plane_uv, y + 16 * 8);
+    frame_delete(joined);
+    Frame* const split = frame_create(16, 8, 16, 8, PIX_FMT_YUV420P, y + 64, y);
+    EXPECT_EQ(split->plane_y, y + 64);
+    EXPECT_EQ(split->plane_uv, y);
+    EXPECT_EQ(split->contiguous, 0);
+    frame_delete(split);
+    EXPECT_EQ(pixels, decltype(pixels){});
+}
+
+TEST(Frame, RefusesWhatCannotBeMade) {
+    constexpr int MOST = 2147483647;
+    // Format below and above the range; negative height and stride; more than memory holds.
+    const int cases[][5] = {{16, 16, 16, 8, -1},
+                            {16, 16, 16, 8, 6},
+                            {16, -16, 16, 8, 2},
+                            {16, 16, -16, 8, 2},
+                            {16, MOST, MOST, MOST, 3}};
+    for (const auto& c : cases) {
+        test_support::clear_log();
+        EXPECT_EQ(frame_create(c[0], c[1], c[2], c[3], static_cast<PixFmt>(c[4]), nullptr),
+                  nullptr);
+        ASSERT_EQ(test_support::log_lines().size(), 1U);
+        EXPECT_EQ(test_support::log_lines()[0].tag, "log_utils");
+        EXPECT_EQ(test_support::log_lines()[0].priority, 6);
+    }
+    EXPECT_EQ(test_support::count_log("OUT OF MEMORY!!!"), 1);
+}
+
 // A queue with its state, as the objects of the library hold it.
 struct Queue {
     Frame sentinel{};
-    std::atomic<std::int32_t> count{0};
+    std::atomic<std::int32_t> count{0}, quit{0}, eos{0};
     std::int32_t capacity = 2;
+    std::int32_t timeout_ms = 600'000;  // a lost wake-up hangs the test
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
-    std::atomic<std::int32_t> quit{0};
-    std::atomic<std::int32_t> eos{0};
-    std::int32_t timeout_ms = 60'000;  // a lost wake-up hangs the test instead of slowing it
     FrameFifo fifo{sentinel, count, capacity, mutex, cond, quit, eos, timeout_ms};
 
     Queue() { fifo_reset(fifo); }
@@ -36,14 +95,11 @@ struct Queue {
     }
 
     // The number of the frame taken, or the code.
-    std::int64_t take() {
+    std::int64_t take(void (*on_taken)(void*, Frame*) = nullptr) {
         Frame* frame = nullptr;
-        const int code = fifo_take(fifo, &frame);
-        if (code != RESULT_OK) {
-            EXPECT_EQ(frame, nullptr);
-            return code;
-        }
-        const std::int64_t number = frame->timestamp;
+        const int code = fifo_take(fifo, &frame, on_taken, this);
+        EXPECT_EQ(frame != nullptr, code == RESULT_OK);
+        const std::int64_t number = frame != nullptr ? frame->timestamp : code;
         frame_delete(frame);
         return number;
     }
@@ -54,37 +110,21 @@ struct Queue {
     }
 };
 
-TEST(FrameFifo, HandsOutInOrderAndKnowsEmptyAndFull) {
-    Queue queue;
-    for (std::int64_t round = 0; round < 3; ++round) {
-        EXPECT_EQ(fifo_is_empty(queue.sentinel), 1);
-        EXPECT_EQ(queue.put(10 * round), RESULT_OK);
-        EXPECT_EQ(fifo_is_empty(queue.sentinel), 0);
-        EXPECT_EQ(fifo_is_full(queue.count, queue.capacity), 0);
-        EXPECT_EQ(queue.put(10 * round + 1), RESULT_OK);
-        EXPECT_EQ(fifo_is_full(queue.count, queue.capacity), 1);
-        EXPECT_EQ(queue.take(), 10 * round);
-        EXPECT_EQ(queue.take(), 10 * round + 1);
-    }
-}
-
 TEST(FrameFifo, TellsEndAndStopApartAndDeliversWhatIsQueuedFirst) {
-    struct Case {
-        const char* name;
-        bool ended, stopped;
+    const struct {
+        int ended, stopped;
         int put_refusing, put_accepting, take;
+    } cases[] = {
+        {1, 0, RESULT_END_OF_STREAM, RESULT_OK, RESULT_END_OF_STREAM},
+        {0, 1, RESULT_STOPPING, RESULT_STOPPING, RESULT_STOPPING},
+        {1, 1, RESULT_END_OF_STREAM, RESULT_STOPPING, RESULT_STOPPING},
     };
-    const Case cases[] = {
-        {"ended", true, false, RESULT_END_OF_STREAM, RESULT_OK, RESULT_END_OF_STREAM},
-        {"stopped", false, true, RESULT_STOPPING, RESULT_STOPPING, RESULT_STOPPING},
-        {"ended and stopped", true, true, RESULT_END_OF_STREAM, RESULT_STOPPING, RESULT_STOPPING},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "ended " << c.ended << ", stopped " << c.stopped);
         Queue queue;
         queue.put(1);
-        queue.eos = c.ended ? 1 : 0;
-        queue.quit = c.stopped ? 1 : 0;
+        queue.eos = c.ended;
+        queue.quit = c.stopped;
         EXPECT_EQ(queue.put(2), c.put_refusing);
         EXPECT_EQ(queue.put(3, WhenEnded::ACCEPT), c.put_accepting);
         EXPECT_EQ(queue.take(), 1);
@@ -95,92 +135,34 @@ TEST(FrameFifo, TellsEndAndStopApartAndDeliversWhatIsQueuedFirst) {
     }
 }
 
-TEST(FrameFifo, FlushEmptiesIt) {
-    Queue queue;
-    queue.put(1);
-    queue.put(2);
-    fifo_flush(queue.fifo);
-    EXPECT_EQ(queue.count.load(), 0);
-    EXPECT_EQ(fifo_is_empty(queue.sentinel), 1);
-    EXPECT_EQ(queue.put(3), RESULT_OK);
-    EXPECT_EQ(queue.take(), 3);
-}
-
 // Flags raised at any moment reach a waiter: no wake-up falls between its look at the flags and its
-// sleep. The waits are a minute long, so one lost wake-up in the many rounds shows.
-TEST(FrameFifo, NoWakeUpIsLost) {
+// sleep.
+TEST(FrameFifo, LosesNoWakeUp) {
+    const struct {
+        void (*wake)(Queue&);
+        std::int64_t taken;
+    } cases[] = {{[](Queue& queue) { queue.put(5); }, 5},
+                 {[](Queue& queue) { queue.raise(queue.quit); }, RESULT_STOPPING},
+                 {[](Queue& queue) { queue.raise(queue.eos); }, RESULT_END_OF_STREAM}};
     for (int round = 0; round < 2000; ++round) {
         Queue queue;
         std::int64_t taken = 0;
         std::thread consumer([&] { taken = queue.take(); });
-        switch (round % 3) {
-            case 0:
-                queue.put(5);
-                break;
-            case 1:
-                queue.raise(queue.quit);
-                break;
-            default:
-                queue.raise(queue.eos);
-        }
+        cases[round % 3].wake(queue);
         consumer.join();
-        const std::int64_t expected[] = {5, RESULT_STOPPING, RESULT_END_OF_STREAM};
-        ASSERT_EQ(taken, expected[round % 3]) << "round " << round;
+        ASSERT_EQ(taken, cases[round % 3].taken) << "round " << round;
     }
 }
 
-TEST(FrameFifo, ProducerWaitsForRoomAndIsReleasedByStop) {
+// Nobody can put into the room that a frame leaves before the hook has seen the frame.
+TEST(FrameFifo, RunsTheHookUnderItsMutex) {
     Queue queue;
-    std::atomic<int> accepted{0};
-    int last = 0;
-    std::thread producer([&] {
-        for (int i = 0; i < 100 && last == 0; ++i) {
-            last = queue.put(i);
-            accepted += last == 0 ? 1 : 0;
-        }
-    });
-    for (int i = 0; i < 50; ++i) {
-        ASSERT_EQ(queue.take(), i);
-    }
-    while (accepted.load() < 52) {
-        std::this_thread::yield();
-    }
-    queue.raise(queue.quit);
-    producer.join();
-    EXPECT_EQ(last, RESULT_STOPPING);
-    EXPECT_EQ(accepted.load(), 52);
-}
-
-// The hook sees the frame before a producer can learn that there is room again.
-TEST(FrameFifo, HookRunsBeforeTheRoomIsVisible) {
-    Queue queue;
-    queue.capacity = 1;
-    queue.put(0);
-    std::atomic<std::int64_t> newest{0};  // number of the last frame that was accepted
-    std::thread producer([&] {
-        for (std::int64_t i = 1; i <= 500; ++i) {
-            queue.put(i);
-            newest = i;
-        }
-    });
-    struct Context {
-        std::atomic<std::int64_t>& newest;
-        bool early = true;
-    } context{newest};
-    for (int i = 0; i <= 500; ++i) {
-        Frame* frame = nullptr;
-        const int code = fifo_take(
-            queue.fifo, &frame,
-            [](void* opaque, Frame* taken) {
-                auto* const c = static_cast<Context*>(opaque);
-                c->early = c->early && c->newest.load() <= taken->timestamp;
-            },
-            &context);
-        ASSERT_EQ(code, RESULT_OK);
-        frame_delete(frame);
-    }
-    producer.join();
-    EXPECT_TRUE(context.early);
+    queue.put(7);
+    const auto hook = [](void* context, Frame* frame) {
+        EXPECT_EQ(pthread_mutex_trylock(&static_cast<Queue*>(context)->mutex), EBUSY);
+        frame->timestamp += 1;
+    };
+    EXPECT_EQ(queue.take(hook), 8);
 }
 
 TEST(Deadline, CarriesOverWholeSeconds) {

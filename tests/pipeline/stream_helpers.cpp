@@ -1,97 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "tests/pipeline/stream_helpers.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
-#include <numeric>
 #include <thread>
-
-using namespace videostabilizer;
-
-namespace {
-
-unsigned lattice(int x, int y) {
-    auto hash = static_cast<unsigned>(x) * 0x9E3779B1U ^ static_cast<unsigned>(y) * 0x85EBCA77U;
-    hash = (hash ^ hash >> 15) * 0x2C1B3C6DU;
-    return hash >> 24;
-}
-
-// Random grey levels on a lattice of 8 pixels, bilinear in between: corners all over, which can be
-// followed.
-unsigned char texture(int x, int y) {
-    constexpr unsigned SPACING = 8;
-    const unsigned fx = static_cast<unsigned>(x) % SPACING;
-    const unsigned fy = static_cast<unsigned>(y) % SPACING;
-    const int cx = x / static_cast<int>(SPACING);
-    const int cy = y / static_cast<int>(SPACING);
-    const unsigned top = lattice(cx, cy) * (SPACING - fx) + lattice(cx + 1, cy) * fx;
-    const unsigned bottom = lattice(cx, cy + 1) * (SPACING - fx) + lattice(cx + 1, cy + 1) * fx;
-    return static_cast<unsigned char>((top * (SPACING - fy) + bottom * fy) / (SPACING * SPACING));
-}
-
-bool module_used = false;
-
-}  // namespace
 
 namespace test_support {
 
-bool module_was_set_up() {
-    return module_used;
-}
-
-StabilizerPtr make_stabilizer(int width, int height, bool in_place, VideoStabilizerUser* user) {
-    module_used = true;
+StabilizerPtr make_stabilizer(const Geometry& g, bool in_place,
+                              const VideoStabilizerOptions* options, VideoStabilizerUser* user) {
     EXPECT_EQ(video_stabilizer_module_init(), 0);
-    return StabilizerPtr(video_stabilizer_create(width, height, width, width / 2, PIX_FMT_YUV420P,
-                                                 0, in_place ? 1 : 0, user));
+    StabilizerPtr s(video_stabilizer_create_with_options(
+        g.width, g.height, g.stride_y, g.stride_uv, g.format, in_place ? 1 : 0, user, options));
+    if (s != nullptr) {
+        s->timeout_ms = 600'000;
+    }
+    return s;
 }
 
-Frame* make_frame(std::int64_t number, int width, int height) {
-    Frame* const frame = frame_create(width, height, width, width / 2, PIX_FMT_YUV420P, nullptr);
-    const int shift_x = static_cast<int>((number * 2) % 5);
-    const int shift_y = static_cast<int>((number * 3) % 4);
-    for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-            frame->plane_y[y * width + x] = texture(x + shift_x, y + shift_y);
+VideoStabilizerOptions options_for(int strength) {
+    VideoStabilizerOptions options;
+    EXPECT_EQ(video_stabilizer_options_for_strength(&options,
+                                                    static_cast<VideoStabilizerStrength>(strength)),
+              0);
+    return options;
+}
+
+int texture(int x, int y, int scene) {
+    constexpr int SPACING = 8;
+    constexpr int FAR = SPACING << 12;  // keeps positions positive
+    const int fx = (x + FAR) % SPACING;
+    const int fy = (y + FAR) % SPACING;
+    const auto row = [&](int lattice_y) {
+        const auto at = [&](int lattice_x) {
+            std::uint32_t h = static_cast<std::uint32_t>(lattice_x) * 0x9E3779B1U ^
+                              static_cast<std::uint32_t>(lattice_y) * 0x85EBCA77U ^
+                              static_cast<std::uint32_t>(scene) * 0xC2B2AE3DU;
+            h = (h ^ h >> 15) * 0x2C1B3C6DU;
+            return static_cast<int>((h ^ h >> 13) * 0x297A2D39U >> 24);
+        };
+        const int column = (x + FAR) / SPACING;
+        return at(column) * (SPACING - fx) + at(column + 1) * fx;
+    };
+    const int above = (y + FAR) / SPACING;
+    return (row(above) * (SPACING - fy) + row(above + 1) * fy) / (SPACING * SPACING);
+}
+
+int shaking_texture(int x, int y, int frame) {
+    return texture(x + frame * 2 % 5, y + frame * 3 % 4, 0);
+}
+
+Frame* make_frame(int number, const Geometry& g, Pixel pixel) {
+    Frame* const frame =
+        frame_create(g.width, g.height, g.stride_y, g.stride_uv, g.format, nullptr);
+    std::memset(frame->plane_y, 0, g.luma_bytes());
+    for (int y = 0; y < g.height; ++y) {
+        unsigned char* const row = frame->plane_y + static_cast<std::ptrdiff_t>(y) * g.stride_y;
+        for (int x = 0; x < g.width; ++x) {
+            row[x] = static_cast<unsigned char>(pixel(x, y, number));
         }
     }
-    std::memset(frame->plane_uv, 128,
-                static_cast<std::size_t>(frame->stride_uv) * static_cast<std::size_t>(height));
+    std::memset(frame->plane_uv, 100, g.chroma_bytes());
     frame->timestamp = number;
     return frame;
 }
 
-std::vector<std::int64_t> run_stream(VideoStabilizer* s, int count, int* last_code,
-                                     const std::function<void(const Frame*)>& visit) {
-    const int width = s->width;
-    const int height = s->height;
+namespace {
+
+struct Record : Ending {
+    const VideoStabilizer* stabilizer;
+    int frames;  // of the whole stream
+    std::int64_t first;
+
+    // Of frame i, as hosts see it.
+    std::int32_t number(std::int64_t i) const {
+        return static_cast<std::int32_t>((first + i) & INT32_MAX);
+    }
+    static void on_motion(void* ctx, std::int32_t frame, const float m[9], const MotionLog* log) {
+        auto& record = *static_cast<Record*>(ctx);
+        // The first motion leads to the first frame that has one before it.
+        const int i = static_cast<int>(record.motions.size()) - (record.first == 0 ? 0 : 1);
+        EXPECT_EQ(frame, record.number(i));
+        std::copy_n(m, 9, record.motions.emplace_back().begin());
+        record.estimated += log->status == 0 ? 1 : 0;
+    }
+    static void on_correction(void* ctx, std::int32_t frame, const float m[9]) {
+        auto& record = *static_cast<Record*>(ctx);
+        EXPECT_EQ(frame, record.number(static_cast<int>(record.corrections.size())));
+        std::copy_n(m, 9, record.corrections.emplace_back().begin());
+    }
+    static void on_report(void* ctx, const VideoStabilizerReport* report) {
+        auto& record = *static_cast<Record*>(ctx);
+        const int i = static_cast<int>(record.reports.size());
+        record.reports.push_back(*report);
+        EXPECT_EQ(report->frame, record.number(i));
+        EXPECT_EQ(record.motions.size(), record.first == 0 ? i : i + 1);
+        EXPECT_EQ(record.stabilizer->frame_index,
+                  record.number(std::min(i + report->look_ahead, record.frames - 1)));
+    }
+};
+
+}  // namespace
+
+Ending run_stream(VideoStabilizer* s, int count, const std::function<Frame*(int)>& make,
+                  const std::function<void(Frame*)>& visit, std::int64_t first) {
+    Record record{{}, s, count, first};
+    const VideoStabilizerObserver observer{&record, Record::on_motion, Record::on_correction,
+                                           Record::on_report};
+    video_stabilizer_set_observer(s, &observer);
+    EXPECT_EQ(video_stabilizer_start(s), RESULT_OK);
+    if (first != 0) {
+        s->newest_frame = s->sent_frame = first - 1;  // the worker waits for its first frame
+    }
+    const Geometry geometry = {s->width, s->height, s->stride_y, s->stride_uv, s->format};
     std::thread producer([&] {
         for (int i = 0; i < count; ++i) {
-            EXPECT_EQ(video_stabilizer_push_frame(s, make_frame(i, width, height)), 0);
+            video_stabilizer_push_frame(s, make ? make(i) : make_frame(i, geometry));
         }
-        EXPECT_EQ(video_stabilizer_signal_eos(s), 0);
+        video_stabilizer_signal_eos(s);
     });
-    std::vector<std::int64_t> numbers;
     Frame* frame = nullptr;
-    int code = 0;
-    while ((code = video_stabilizer_pop_frame(s, &frame)) == 0) {
-        numbers.push_back(frame->timestamp);
+    while ((record.code = video_stabilizer_pop_frame(s, &frame)) == RESULT_OK) {
+        EXPECT_EQ(frame->timestamp, record.popped++);
         if (visit) {
             visit(frame);
         }
         frame_delete(frame);
     }
-    producer.join();
-    if (last_code != nullptr) {
-        *last_code = code;
+    if (count > 0 && record.code != RESULT_END_OF_STREAM) {
+        EXPECT_EQ(video_stabilizer_stop(s), 0);  // the observer's record is ours from here on
     }
-    return numbers;
-}
-
-std::vector<std::int64_t> numbers_up_to(int count) {
-    std::vector<std::int64_t> numbers(static_cast<std::size_t>(count));
-    std::iota(numbers.begin(), numbers.end(), 0);
-    return numbers;
+    producer.join();
+    return record;
 }
 
 }  // namespace test_support

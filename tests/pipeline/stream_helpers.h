@@ -1,5 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -11,37 +15,70 @@
 
 namespace test_support {
 
+using namespace videostabilizer;
+
+struct Geometry {
+    int width, height, stride_y, stride_uv;
+    PixFmt format;
+
+    std::size_t luma_bytes() const { return static_cast<std::size_t>(stride_y) * rows(); }
+    std::size_t chroma_bytes() const { return static_cast<std::size_t>(stride_uv) * rows(); }
+
+  private:
+    std::size_t rows() const { return static_cast<std::size_t>(height); }
+};
+
 constexpr int WIDTH = 192;
 constexpr int HEIGHT = 144;
+
+constexpr Geometry packed(int width = WIDTH, int height = HEIGHT, PixFmt format = PIX_FMT_YUV420P) {
+    return {width, height, width, width / 2, format};
+}
+constexpr Geometry SMALL = packed(64, 48);
 
 // What a pipeline holds that nobody pops from: 3 frames in the input queue, 11 with the worker, 2
 // with the warp stage, 2 in the output queue.
 constexpr int FRAMES_INSIDE = 3 + 11 + 2 + 2;
 
 struct StabilizerDeleter {
-    void operator()(videostabilizer::VideoStabilizer* s) const {
-        videostabilizer::video_stabilizer_delete(s);
-    }
+    void operator()(VideoStabilizer* s) const { video_stabilizer_delete(s); }
 };
-using StabilizerPtr = std::unique_ptr<videostabilizer::VideoStabilizer, StabilizerDeleter>;
+using StabilizerPtr = std::unique_ptr<VideoStabilizer, StabilizerDeleter>;
 
-// A stabilizer for packed planar pictures, not started. Sets the module up.
-StabilizerPtr make_stabilizer(int width = WIDTH, int height = HEIGHT, bool in_place = true,
-                              videostabilizer::VideoStabilizerUser* user = nullptr);
+// Not started, and with waits so long that a lost wake-up hangs the test; null when the library
+// gives none. Sets the module up.
+StabilizerPtr make_stabilizer(const Geometry& geometry = packed(), bool in_place = true,
+                              const VideoStabilizerOptions* options = nullptr,
+                              VideoStabilizerUser* user = nullptr);
 
-// Whether make_stabilizer was called in this process.
-bool module_was_set_up();
+VideoStabilizerOptions options_for(int strength);
 
-// An owning frame with a textured picture that shakes with its number, which is its timestamp.
-videostabilizer::Frame* make_frame(std::int64_t number, int width = WIDTH, int height = HEIGHT);
+// Grey levels at a position of frame `frame`, which may be negative.
+using Pixel = int (*)(int x, int y, int frame);
+// Random on a lattice of 8 pixels, bilinear in between: corners all over, which can be tracked.
+int texture(int x, int y, int scene);
+int shaking_texture(int x, int y, int frame);
 
-// Pushes frames 0 to count - 1 and the end of the input from a thread of its own, pops until the
-// end, and returns the numbers of the popped frames in order. `visit`, if given, sees each of them.
-// The code of the pop that ended it goes to *last_code.
-std::vector<std::int64_t> run_stream(
-    videostabilizer::VideoStabilizer* s, int count, int* last_code = nullptr,
-    const std::function<void(const videostabilizer::Frame*)>& visit = {});
+// A frame that owns its pixels, with its number as timestamp.
+Frame* make_frame(int number, const Geometry& geometry = packed(), Pixel pixel = shaking_texture);
 
-std::vector<std::int64_t> numbers_up_to(int count);
+using Matrix = std::array<float, 9>;
+
+struct Ending {
+    int popped = 0;  // frames
+    int code = 0;    // of the pop that ended the stream
+    // What the observer was told.
+    std::vector<Matrix> motions;
+    int estimated = 0;  // motions
+    std::vector<Matrix> corrections;
+    std::vector<VideoStabilizerReport> reports;
+};
+
+// Starts the stabilizer, pushes frames 0 to count - 1 and the end of the input from a thread of its
+// own, and pops until a pop fails. Then it stops a stream that has not reached its end. `make` makes
+// the frames, `visit` sees each that is popped; the library counts them from `first`. Frames and
+// reports must come in order, and reports once the look-ahead is known.
+Ending run_stream(VideoStabilizer* s, int count, const std::function<Frame*(int)>& make = {},
+                  const std::function<void(Frame*)>& visit = {}, std::int64_t first = 0);
 
 }  // namespace test_support

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <gtest/gtest.h>
@@ -6,7 +8,6 @@
 #include <cmath>
 #include <cstddef>
 #include <initializer_list>
-#include <random>
 #include <vector>
 
 #include "videostabilizer/mat.h"
@@ -16,8 +17,8 @@ namespace test_matrices {
 using SimpleLA::Mat;
 using Rows = std::initializer_list<std::initializer_list<float>>;
 
-// A matrix in memory of the test's own: `gap` guard elements behind each row and a row of them
-// before and after, which nothing may write. (Views of gap 0 are continuous.)
+// A matrix with `gap` guard elements behind each row and a row of them before and after, which
+// show what was written. (Views of gap 0 are continuous.)
 class Guarded {
   public:
     Guarded(int rows, int cols, int gap)
@@ -31,26 +32,14 @@ class Guarded {
             std::copy(row.begin(), row.end(), view.row(i++));
         }
     }
-    Guarded(const Guarded& other)
-        : Guarded(other.view.rows, other.view.cols, other.width_ - other.view.cols) {
-        std::copy(other.memory_.begin(), other.memory_.end(), memory_.begin());
-    }
+    Guarded(const Guarded&) = delete;
     Guarded& operator=(const Guarded&) = delete;
-    ~Guarded() = default;
 
-    // Uniform in [-1, 1), the same for the same seed.
-    Guarded& randomize(unsigned seed) {
-        std::mt19937 bits(seed);
-        for (int n = 0; n < view.rows * view.cols; ++n) {
-            view.at(n / view.cols, n % view.cols) =
-                static_cast<float>(static_cast<int>(bits() >> 8U) - (1 << 23)) / (1 << 23);
-        }
-        return *this;
-    }
-
-    bool guards_intact() const {  // no element that was written looks like a guard
+    // Whether all guards are left, those of the gaps included unless they were to be cleared.
+    bool guards_intact(bool gaps_cleared = false) const {
+        const int written = view.rows * (gaps_cleared ? width_ : view.cols);
         return std::count(memory_.begin(), memory_.end(), GUARD) ==
-               static_cast<std::ptrdiff_t>(memory_.size()) - view.rows * view.cols;
+               static_cast<std::ptrdiff_t>(memory_.size()) - written;
     }
 
   private:
@@ -62,65 +51,21 @@ class Guarded {
     Mat<float> view;
 };
 
-inline testing::AssertionResult near(const Mat<float>& m, const Mat<float>& wanted,
-                                     float tolerance = 0.0F) {
-    if (m.rows != wanted.rows || m.cols != wanted.cols) {
+// To the bit, for values that are no NaN.
+inline testing::AssertionResult holds(const Mat<float>& m, const Rows& values) {
+    const Guarded wanted(values, 0);
+    if (m.rows != wanted.view.rows || m.cols != wanted.view.cols) {
         return testing::AssertionFailure() << "shape is " << m.rows << " x " << m.cols;
     }
-    for (int i = 0; i < m.rows; ++i) {
-        for (int j = 0; j < m.cols; ++j) {
-            if (!(std::abs(m.at(i, j) - wanted.at(i, j)) <= tolerance)) {
-                return testing::AssertionFailure() << "(" << i << ", " << j << ") is " << m.at(i, j)
-                                                   << ", not " << wanted.at(i, j);
-            }
+    for (int n = 0; n < m.rows * m.cols; ++n) {
+        const float value = m.at(n / m.cols, n % m.cols);
+        const float expected = wanted.view.at(n / m.cols, n % m.cols);
+        if (value != expected || std::signbit(value) != std::signbit(expected)) {
+            return testing::AssertionFailure() << "(" << n / m.cols << ", " << n % m.cols << ") is "
+                                               << value << ", not " << expected;
         }
     }
     return testing::AssertionSuccess();
-}
-
-inline testing::AssertionResult holds(const Mat<float>& m, const Rows& values,
-                                      float tolerance = 0.0F) {
-    return near(m, Guarded(values, 0).view, tolerance);
-}
-
-// Element (i, j) of m, or of its transpose, in double.
-inline auto elements(const Mat<float>& m, bool transposed = false) {
-    return [&m, transposed](int i, int j) {
-        return static_cast<double>(transposed ? m.at(j, i) : m.at(i, j));
-    };
-}
-
-// Compares D with alpha A B + beta C, summed in double over len terms: to one rounding to float,
-// and `sum_error` per unit of what is summed. A, B and C give an element for (i, j).
-template <typename A, typename B, typename C>
-testing::AssertionResult is_product(const Mat<float>& D, double alpha, const A& a, const B& b,
-                                    int len, double beta, const C& c, double sum_error) {
-    for (int i = 0; i < D.rows; ++i) {
-        for (int j = 0; j < D.cols; ++j) {
-            const double added = beta != 0 ? beta * c(i, j) : 0;
-            double expected = added;
-            double magnitude = std::abs(added);
-            for (int k = 0; k < len; ++k) {
-                const double term = alpha * a(i, k) * b(k, j);
-                expected += term;
-                magnitude += std::abs(term);
-            }
-            const double tolerance =
-                std::ldexp(std::abs(expected), -24) * 1.001 + sum_error * magnitude;
-            const double got = static_cast<double>(D.at(i, j));
-            if (!(std::abs(got - expected) <= tolerance)) {
-                return testing::AssertionFailure()
-                       << "(" << i << ", " << j << ") is " << got << ", not " << expected;
-            }
-        }
-    }
-    return testing::AssertionSuccess();
-}
-
-template <typename A, typename B>
-testing::AssertionResult is_product(const Mat<float>& D, const A& a, const B& b, int len,
-                                    double sum_error) {
-    return is_product(D, 1.0, a, b, len, 0.0, a, sum_error);
 }
 
 }  // namespace test_matrices

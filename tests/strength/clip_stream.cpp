@@ -1,41 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "tests/strength/clip_stream.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <memory>
-#include <thread>
-
-using namespace videostabilizer;
 
 namespace test_support {
 
 namespace {
 
-apps::Affine inverse(const apps::Affine& m) {
-    const double det = m.a * m.e - m.b * m.d;
-    apps::Affine result;
-    result.a = m.e / det;
-    result.b = -m.b / det;
-    result.d = -m.d / det;
-    result.e = m.a / det;
-    result.c = -(result.a * m.c + result.b * m.f);
-    result.f = -(result.d * m.c + result.e * m.f);
-    return result;
+synthetic::Affine inverse(const Matrix& m) {
+    const auto at = [&m](std::size_t i) { return static_cast<double>(m[i]); };
+    const double det = at(0) * at(4) - at(1) * at(3);
+    return {at(4) / det,  -at(1) / det, (at(1) * at(5) - at(2) * at(4)) / det,
+            -at(3) / det, at(0) / det,  (at(2) * at(3) - at(0) * at(5)) / det};
 }
 
-Frame* make_frame(int number, int width, int height, const Renderer& render) {
-    Frame* const frame = frame_create(width, height, width, width / 2, PIX_FMT_YUV420P, nullptr);
-    apps::Planes planes{};
-    planes.y = frame->plane_y;
-    planes.u = frame->plane_uv;
-    planes.v = frame->plane_uv + width * height / 4;
-    planes.stride_y = width;
-    planes.stride_uv = width / 2;
-    render(number, planes);
-    frame->timestamp = number;
-    return frame;
+synthetic::Affine product(const synthetic::Affine& m, const synthetic::Affine& n) {
+    return {m.a * n.a + m.b * n.d, m.a * n.b + m.b * n.e, m.map_x(n.c, n.f),
+            m.d * n.a + m.e * n.d, m.d * n.b + m.e * n.e, m.map_y(n.c, n.f)};
+}
+
+// Where a steady picture looks; `view` maps positions of its shaky one, which `back` leads to.
+synthetic::PathPoint steady_point(const Stabilized& stabilized, const synthetic::Affine& view,
+                                  const synthetic::Affine& back) {
+    const double centre_x = 0.5 * stabilized.width;
+    const double centre_y = 0.5 * stabilized.height;
+    const double shift = stabilized.options.whole_shift != 0
+                             ? 1
+                             : static_cast<double>(stabilized.options.crop_ratio);
+    // The position of the shaky picture that becomes the centre of the steady one.
+    const double x = centre_x + shift * (back.map_x(centre_x, centre_y) - centre_x);
+    const double y = centre_y + shift * (back.map_y(centre_x, centre_y) - centre_y);
+    return {view.map_x(x, y), view.map_y(x, y),
+            std::atan2(view.d - view.b, view.a + view.e) +
+                std::atan2(back.d - back.b, back.a + back.e)};
 }
 
 }  // namespace
@@ -45,92 +46,68 @@ int Stabilized::count(std::int32_t VideoStabilizerReport::*flag) const {
                                           [flag](const auto& r) { return r.*flag != 0; }));
 }
 
-VideoStabilizerOptions strength(VideoStabilizerStrength strength) {
-    VideoStabilizerOptions options;
-    EXPECT_EQ(video_stabilizer_options_for_strength(&options, strength), 0);
-    return options;
+synthetic::ClipSettings clip_settings(int width, int height) {
+    synthetic::ClipSettings settings;
+    settings.camera.width = width;
+    settings.camera.height = height;
+    return settings;
 }
 
 Stabilized stabilize(int width, int height, int frames, const VideoStabilizerOptions& options,
                      const Renderer& render) {
-    Stabilized result{options, width, height, {}, {}};
-    EXPECT_EQ(video_stabilizer_module_init(), 0);
-    const std::unique_ptr<VideoStabilizer, void (*)(VideoStabilizer*)> s(
-        video_stabilizer_create_with_options(width, height, width, width / 2, PIX_FMT_YUV420P, 1,
-                                             nullptr, &options),
-        video_stabilizer_delete);
-    if (s == nullptr) {
-        ADD_FAILURE() << "no stabilizer";
-        return result;
-    }
-    VideoStabilizerObserver observer{};
-    observer.ctx = &result;
-    observer.on_correction = [](void* ctx, std::int32_t, const float m[9]) {
-        apps::Affine correction;
-        correction.a = static_cast<double>(m[0]);
-        correction.b = static_cast<double>(m[1]);
-        correction.c = static_cast<double>(m[2]);
-        correction.d = static_cast<double>(m[3]);
-        correction.e = static_cast<double>(m[4]);
-        correction.f = static_cast<double>(m[5]);
-        static_cast<Stabilized*>(ctx)->corrections.push_back(correction);
+    const StabilizerPtr s = make_stabilizer(packed(width, height), true, &options);
+    const auto make = [&](int number) {
+        Frame* const frame =
+            frame_create(width, height, width, width / 2, PIX_FMT_YUV420P, nullptr);
+        unsigned char* const v = frame->plane_uv + width * height / 4;
+        render(number, {frame->plane_y, frame->plane_uv, v, width, width / 2});
+        frame->timestamp = number;
+        return frame;
     };
-    observer.on_report = [](void* ctx, const VideoStabilizerReport* report) {
-        static_cast<Stabilized*>(ctx)->reports.push_back(*report);
-    };
-    video_stabilizer_set_observer(s.get(), &observer);
-    EXPECT_EQ(video_stabilizer_start(s.get()), 0);
-    std::thread producer([&] {
-        for (int frame = 0; frame < frames; ++frame) {
-            video_stabilizer_push_frame(s.get(), make_frame(frame, width, height, render));
-        }
-        video_stabilizer_signal_eos(s.get());
-    });
-    Frame* frame = nullptr;
-    while (video_stabilizer_pop_frame(s.get(), &frame) == 0) {
-        frame_delete(frame);
+    const Ending ending = run_stream(s.get(), frames, make);
+    EXPECT_EQ(ending.popped, frames);
+    Stabilized result{options, width, height, {}, {}, ending.reports};
+    for (const Matrix& motion : ending.motions) {
+        result.steps.push_back(inverse(motion));
     }
-    producer.join();
-    EXPECT_EQ(result.corrections.size(), static_cast<std::size_t>(frames));
+    for (const Matrix& correction : ending.corrections) {
+        result.origins.push_back(inverse(correction));
+    }
     return result;
 }
 
-Stabilized stabilize(const apps::ShakyClip& clip, int frames,
+Stabilized stabilize(const synthetic::ShakyClip& clip, int frames,
                      const VideoStabilizerOptions& options) {
     return stabilize(
         clip.width(), clip.height(), frames, options,
-        [&clip](int frame, const apps::Planes& planes) { clip.render(frame, planes); });
+        [&clip](int frame, const video_io::Planes& planes) { clip.render(frame, planes); });
 }
 
-std::vector<apps::PathPoint> true_path(const apps::ShakyClip& clip, int frames) {
-    std::vector<apps::PathPoint> path;
-    for (int frame = 0; frame < frames; ++frame) {
-        const apps::Pose pose = clip.path().shaky(frame);
-        path.push_back({pose.x, pose.y, pose.angle});
+Path steady_path(const synthetic::ShakyClip& clip, const Stabilized& stabilized) {
+    Path path;
+    for (const synthetic::Affine& back : stabilized.origins) {
+        const synthetic::Pose pose = clip.path().shaky(static_cast<int>(path.size()));
+        path.push_back(steady_point(
+            stabilized, synthetic::picture_to_scene(pose, clip.width(), clip.height()), back));
     }
     return path;
 }
 
-std::vector<apps::PathPoint> steady_path(const apps::ShakyClip& clip,
-                                         const Stabilized& stabilized) {
-    std::vector<apps::PathPoint> path;
-    const double centre_x = 0.5 * clip.width();
-    const double centre_y = 0.5 * clip.height();
-    const double shift = stabilized.options.whole_shift != 0
-                             ? 1
-                             : static_cast<double>(stabilized.options.crop_ratio);
-    for (const apps::Affine& correction : stabilized.corrections) {
-        const apps::Pose pose = clip.path().shaky(static_cast<int>(path.size()));
-        // The position of the shaky picture that becomes the centre of the steady one.
-        const apps::Affine back = inverse(correction);
-        const double x = centre_x + shift * (back.map_x(centre_x, centre_y) - centre_x);
-        const double y = centre_y + shift * (back.map_y(centre_x, centre_y) - centre_y);
-        const apps::Affine view = apps::picture_to_scene(pose, clip.width(), clip.height());
-        path.push_back(
-            {view.map_x(x, y), view.map_y(x, y),
-             pose.angle - std::atan2(correction.d - correction.b, correction.a + correction.e)});
+Path told_path(const Stabilized& stabilized) {
+    Path path;
+    synthetic::Affine view;  // to positions of the first picture
+    for (const synthetic::Affine& back : stabilized.origins) {
+        if (!path.empty()) {
+            view = product(view, stabilized.steps[path.size() - 1]);
+        }
+        path.push_back(steady_point(stabilized, view, back));
     }
     return path;
+}
+
+Path true_path(const synthetic::ShakyClip& clip, int frames) {
+    const std::vector<synthetic::Affine> uncorrected(static_cast<std::size_t>(frames));
+    return steady_path(clip, {{}, clip.width(), clip.height(), {}, uncorrected, {}});
 }
 
 double outside(const Stabilized& stabilized) {
@@ -138,12 +115,11 @@ double outside(const Stabilized& stabilized) {
     const double last_x = stabilized.width - 1;
     const double last_y = stabilized.height - 1;
     double most = 0;
-    for (const apps::Affine& correction : stabilized.corrections) {
-        const apps::Affine back = inverse(correction);
-        for (const double corner_x : {0.0, last_x}) {
-            for (const double corner_y : {0.0, last_y}) {
-                const double x = 0.5 * last_x + ratio * (corner_x - 0.5 * last_x);
-                const double y = 0.5 * last_y + ratio * (corner_y - 0.5 * last_y);
+    for (const synthetic::Affine& back : stabilized.origins) {
+        for (const double side_x : {-0.5, 0.5}) {
+            for (const double side_y : {-0.5, 0.5}) {
+                const double x = last_x * (0.5 + ratio * side_x);
+                const double y = last_y * (0.5 + ratio * side_y);
                 const double from_x = back.map_x(x, y);
                 const double from_y = back.map_y(x, y);
                 most = std::max({most, -from_x, -from_y, from_x - last_x, from_y - last_y});

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "tests/support/frame_ledger.h"
 
 #include <gtest/gtest.h>
@@ -34,17 +36,10 @@ Frame* frame_create(int width, int height, int stride_y, int stride_uv, PixFmt f
     const std::size_t chroma = static_cast<std::size_t>(chroma_planes_factor[format]) *
                                static_cast<std::size_t>(stride_uv) *
                                static_cast<std::size_t>(height);
-    void* const block =
-        std::calloc(1, sizeof(Frame) + (data == nullptr ? luma + chroma : std::size_t{0}));
-    auto* const frame = new (block) Frame{};
-    frame->width = width;
-    frame->height = height;
-    frame->stride_y = stride_y;
-    frame->stride_uv = stride_uv;
-    frame->format = format;
-    frame->contiguous = 1;
-    frame->plane_y = data != nullptr ? data : reinterpret_cast<unsigned char*>(frame + 1);
-    frame->plane_uv = frame->plane_y + luma;
+    auto* const block = static_cast<unsigned char*>(std::calloc(1, sizeof(Frame) + luma + chroma));
+    unsigned char* const pixels = data != nullptr ? data : block + sizeof(Frame);
+    auto* const frame = new (block) Frame{width,  height,        stride_y, stride_uv, format, 0, 1,
+                                          pixels, pixels + luma, nullptr,  nullptr,   nullptr};
     const std::lock_guard<std::mutex> lock(ledger_mutex);
     frames.insert(frame);
     return frame;

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 // A test program that links frame_ledger.cpp knows every frame that exists: its frame_create and

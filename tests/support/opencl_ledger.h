@@ -1,14 +1,15 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
-// A test program that links opencl_ledger.cpp counts the per-stream OpenCL objects, and the calls
-// that cost time: its functions of these names stand before the loader's and call them on.
+#include "tests/faults/library_calls.h"
 
 namespace test_support {
 
-int live_opencl_objects();  // kernels, command queues and buffers made and not yet released
+inline const bool library_is_watched = watch_library();
 
-// Calls so far of clBuildProgram, clCreateKernel, clCreateCommandQueue, clCreateBuffer,
-// clEnqueueWriteBuffer, clEnqueueReadBuffer or clEnqueueNDRangeKernel.
-int opencl_calls(const char* name);
+inline int opencl_calls(const char* name) {
+    return calls(name);
+}
 
 }  // namespace test_support

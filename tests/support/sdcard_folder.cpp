@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "tests/support/sdcard_folder.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 // The folder with the fixed files of the file-driven test. It is made where there is none, and
@@ -20,6 +22,11 @@ class SdcardFolder {
   private:
     bool made_;
 };
+
+#define SKIP_UNLESS_MADE(folder)                                  \
+    if (!(folder).made()) {                                       \
+        GTEST_SKIP() << "needs to make " << SdcardFolder::FOLDER; \
+    }
 
 // Writes the first `bytes` bytes of a moving sample clip as the input file.
 void write_sdcard_input(long bytes);

@@ -1,0 +1,197 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// The planned path, and what it is planned from.
+
+#include <functional>
+#include <random>
+#include <string>
+
+#include "path/crop.h"
+#include "path/motion_history.h"
+#include "path/path_planner.h"
+#include "tests/motion/test_support.h"
+
+namespace videostabilizer {
+namespace {
+
+constexpr double PI = 3.14159265358979323846;
+
+using Poses = std::vector<CameraPose>;
+
+// How far the outermost samples of a steady picture lie outside its source, pixels.
+double outside(const PathPlannerSettings& s, const CameraPose& pose) {
+    const PictureCentre half = picture_centre(s.width, s.height);
+    double most = 0;
+    for (const double x : {-half.x, half.x}) {
+        for (const double y : {-half.y, half.y}) {
+            const CameraPose from = pose_after(pose, {s.crop_ratio * x, s.crop_ratio * y, 0, 0});
+            most = std::max({most, std::abs(from.x) - half.x, std::abs(from.y) - half.y});
+        }
+    }
+    return most;
+}
+
+struct Planned {
+    Poses shaky, path;   // relative to the first frame
+    double outside = 0;  // pixels
+    int guarded = 0;
+};
+
+Planned plan(const PathPlannerSettings& settings, std::size_t frames,
+             const std::function<CameraPose(int)>& pose) {
+    PathPlanner planner(settings);
+    Planned result;
+    Poses& shaky = result.shaky;
+    for (std::size_t n = 0; n < frames; ++n) {
+        shaky.push_back(pose(static_cast<int>(n)));
+    }
+    for (std::size_t n = 0; n < frames; ++n) {
+        Poses camera;
+        const auto end = n + static_cast<std::size_t>(settings.look_ahead) + 1;
+        for (std::size_t k = n; k < std::min(end, frames); ++k) {
+            camera.push_back(pose_seen_from(shaky[k], shaky[n]));
+        }
+        const PlannedPose planned = planner.plan(camera.data(), static_cast<int>(camera.size()));
+        result.outside = std::max(result.outside, outside(settings, planned.pose));
+        result.guarded += planned.guarded ? 1 : 0;
+        EXPECT_TRUE(planned.granted >= 0 && planned.granted <= 1);
+        result.path.push_back(pose_after(shaky[n], planned.pose));
+        if (camera.size() > 1) {
+            planner.advance(camera[1]);
+        }
+    }
+    return result;
+}
+
+// The largest change of speed, pixels.
+double jerk(const Poses& path) {
+    double most = 0;
+    for (std::size_t n = 2; n < path.size(); ++n) {
+        most = std::max(most, std::hypot(path[n].x - 2 * path[n - 1].x + path[n - 2].x,
+                                         path[n].y - 2 * path[n - 1].y + path[n - 2].y));
+    }
+    return most;
+}
+
+TEST(PathPlanner, StaysWithinTheSourceWhateverTheCameraDoes) {
+    std::mt19937 generator(7);
+    const auto random = [&generator] {  // -1..1
+        return static_cast<double>(generator()) / 2147483647.5 - 1;
+    };
+    const auto pose = [&random](int path, int n) -> CameraPose {
+        switch (path) {
+            case 0:
+                return {200 * random(), 150 * random(), 0.3 * random(), 0.2 * random()};
+            case 1:
+                return {25.0 * n, -9.0 * n, 0.35 * std::sin(2 * PI * n / 40), 0};
+            case 2:
+                return {0, 0, 0, 0.5 * std::sin(2 * PI * n / 50)};
+            default:
+                return {30.0 * n + 20 * random(), 40 * std::sin(n / 3.0),
+                        0.3 * std::sin(n / 9.0) + 0.02 * random(), 0.01 * n};
+        }
+    };
+    const PathPlannerSettings settings[] = {
+        {1280, 720, 10, 10, 0.9}, {270, 480, 20, 14, 0.9},    {640, 360, 1, 3, 0.95},
+        {640, 360, 60, 30, 0.6},  {1280, 720, 30, 1000, 0.9}, {640, 360, 10, 0.25, 0.8},
+    };
+    for (const PathPlannerSettings& s : settings) {
+        for (int path = 0; path < 4; ++path) {
+            SCOPED_TRACE(testing::Message() << s.width << " x " << s.height << ", look-ahead "
+                                            << s.look_ahead << ", path " << path);
+            EXPECT_EQ(plan(s, 90, [&](int n) { return pose(path, n); }).outside, 0);
+        }
+    }
+}
+
+// With more shake than room the limits are met all the time. Clamping at the limits would pass every
+// knock on; the planned path must not.
+TEST(PathPlanner, MeetsTheLimitsWithoutJerks) {
+    const Planned planned = plan({1280, 720, 20, 14, 0.9}, 200, [](int n) {
+        return CameraPose{90 * std::sin(2 * PI * n / 35) + 12 * std::sin(2 * PI * n / 7),
+                          60 * std::sin(2 * PI * n / 28) + 8 * std::sin(2 * PI * n / 5), 0, 0};
+    });
+    EXPECT_GT(planned.guarded, 150);
+    EXPECT_LT(jerk(planned.path), jerk(planned.shaky) / 6);
+}
+
+// From standing still to a fast pan: the picture starts to move gently, and then keeps up.
+TEST(PathPlanner, FollowsAPanInsteadOfHangingAtTheLimit) {
+    constexpr double SPEED = 12;  // pixels per frame
+    for (const int look_ahead : {10, 20, 30}) {
+        SCOPED_TRACE(look_ahead);
+        const PathPlannerSettings settings = {1280, 720, look_ahead, 1.0 * look_ahead, 0.9};
+        const Poses path = plan(settings, 200, [](int n) {
+                               return CameraPose{SPEED * std::max(0, n - 60), 0, 0, 0};
+                           }).path;
+        double fastest = 0;
+        for (std::size_t n = 1; n < path.size(); ++n) {
+            fastest = std::max(fastest, path[n].x - path[n - 1].x);
+        }
+        EXPECT_LT(jerk(path), SPEED / 4);
+        EXPECT_LT(fastest, 1.25 * SPEED);
+        EXPECT_NEAR(path[150].x - path[149].x, SPEED, 0.05);
+    }
+}
+
+// Steps of a shift right each: 'x' is not found, 'X' not found with hardly any inliers.
+TEST(MotionHistory, ClosesGapsAndTellsThemFromSceneCuts) {
+    const struct {
+        const char* steps;  // shifts in pixels
+        int k;
+        double shift;  // wanted for step k
+        bool repaired, cut;
+    } cases[] = {
+        {"2222", 2, 2, false, false},  {"222x66", 3, 4, true, false},
+        {"222xx8", 3, 4, true, false}, {"222xx8", 4, 6, true, false},
+        {"24x", 2, 3, true, false},    {"x46", 0, 5, true, false},
+        {"222X22", 3, 0, false, true}, {"X2", 0, 0, false, true},
+        {"22XX22", 2, 2, true, false}, {"22X922", 2, 2 + (13 / 3.0 - 2) / 2, true, false},
+        {"222X", 3, 2, true, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.steps << ", step " << c.k);
+        MotionHistory history(100, 100, 10, true, true);  // 7 pixels are a large step
+        std::int64_t k = 0;
+        for (const char* step = c.steps; *step != '\0'; ++step, ++k) {
+            const bool found = *step >= '0' && *step <= '9';
+            const float shift = found ? static_cast<float>(*step - '0') : 0.0F;
+            const float motion[9] = {1, 0, -shift, 0, 1, 0, 0, 0, 1};
+            const MotionLog log = {50, *step == 'X' ? 4 : 40, 1, found ? 0 : 1};
+            EXPECT_EQ(history.add(k, motion, log, 50) != nullptr, found);
+        }
+        expect_pose(history.step(c.k), {c.shift, 0, 0, 0}, 1e-5, 0);
+        EXPECT_EQ(history.is_repaired(c.k), c.repaired);
+        EXPECT_EQ(history.is_cut(c.k), c.cut);
+        EXPECT_EQ(history.scene_around(c.k + 1).first, c.cut ? c.k + 1 : 0);
+        EXPECT_EQ(history.scene_around(c.k).end, c.cut ? c.k + 1 : k + 1);
+    }
+}
+
+TEST(CameraPose, ConvertsToMotionsAndBack) {
+    const PictureCentre centre = picture_centre(640, 480);
+    const CameraPose first = {12, -7, 0.2, 0.1};
+    const CameraPose second = {-30, 4, -0.35, -0.2};
+    for (const CameraPose& pose : {first, second, pose_after(first, second)}) {
+        float motion[9];
+        motion_of_pose(pose, centre, motion);
+        CameraPose back;
+        ASSERT_TRUE(pose_of_motion(motion, centre, back));
+        expect_pose(back, pose, 1e-3, 1e-6);
+    }
+    expect_pose(pose_seen_from(pose_after(first, second), first), second, 1e-9, 1e-12);
+    CameraPose none;
+    const float mirrored[9] = {-1, 0, 0, 0, 1, 0, 0, 0, 1};
+    EXPECT_FALSE(pose_of_motion(mirrored, centre, none));
+}
+
+TEST(Crop, EnlargesTheCorrectedPictureAboutItsCentre) {
+    Mat<float> correction(3, 3);
+    const float shifted[9] = {1, 0, 10, 0, 1, -4, 0, 0, 1};
+    std::copy_n(shifted, 9, correction.data);
+    fold_in_crop(picture_centre(101, 51), 0.5, correction);
+    expect_motion(correction, {2, 0, 20 - 50, 0, 2, -8 - 25}, 0, 0);
+}
+
+}  // namespace
+}  // namespace videostabilizer
