@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # shellcheck shell=bash
 # What the scripts of this folder share. Source it; it changes no directory.
 #
@@ -5,6 +7,7 @@
 #   build_packages  the Debian packages that building everything but the tests takes
 #   say TEXT        tells the user what happens now
 #   die TEXT        one sentence on standard error, and the end
+#   usage           prints the comment at the head of the script
 #   need_packages   installs the Debian packages among its arguments that are missing
 #   hand_over PATH  gives files to the user who called the script through sudo
 
@@ -26,6 +29,13 @@ say() {
 die() {
   printf '%s: %s\n' "$(basename "$0")" "$*" >&2
   exit 1
+}
+
+usage() {
+  awk 'NR == 1 || /^# SPDX-/ { next }
+    !begun && /^#?$/ { next }
+    !/^#/ { exit }
+    { begun = 1; sub(/^# ?/, ""); print }' "$0"
 }
 
 is_installed() {
