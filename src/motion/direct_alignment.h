@@ -44,7 +44,7 @@ class DirectAlignment {
                 const std::vector<KeyPoint>& to, CameraPose& step);
 
   private:
-    static constexpr int SIDE = 12;  // pixels of a patch
+    static constexpr int SIDE = 12;  // pixels of a patch; measured: see docs/strength.md
     static constexpr int AREA = SIDE * SIDE;
 
     struct Patch {

@@ -11,7 +11,7 @@ namespace videostabilizer {
 
 namespace {
 
-// "Measured": see the table in docs/strength.md.
+// "Measured": the effect of half and twice the value is in docs/strength.md.
 
 // Distance of the outermost samples from the source's edges, pixels. The warp clamps positions at
 // size - 1.001, and computes them in single precision: some ten roundings of 2^-24 of up to 8192
@@ -19,24 +19,25 @@ namespace {
 constexpr double SAFETY = 0.02;
 
 // A rotation costs as much as the shift that it makes at this many half diagonals from the centre.
-// More removes more rotation and less shift where the crop limits both; measured.
+// Where the crop limits both, a larger weight removes more rotation and less shift; measured.
 constexpr double TURN_WEIGHT = 2.5;
 
 // The part of the crop margin that corrections of the zoom may use; measured.
 constexpr double ZOOM_SHARE = 0.15;
 
 // B / A^2. The smoothing is a second-order low-pass applied forwards and backwards, with
-// B / A^2 = 1 / (4 d^2 - 2)^2 for a damping ratio d: 1/8 is d = 1.1, just no overshoot (d = 1 is
-// 1/4).
+// B / A^2 = 1 / (4 d^2 - 2)^2 for a damping ratio d: 1/8 is d = 1.1, slightly more than critical
+// damping (1/4), so that the path does not overshoot.
 constexpr double CHANGE_SHARE = 0.125;
 
-// Of the alternating direction method: they decide how soon it converges, to the same path.
-constexpr double PENALTY = 120;        // measured
+// Of the alternating direction method. They decide how many iterations a plan takes, and how far from
+// the optimal path it may end.
+constexpr double PENALTY = 120;        // of 30, 60, 120 and 240 the fewest iterations; measured
 constexpr double RELAXATION = 1.6;     // 1.5 to 1.8 is usual (S. Boyd et al., 3.4.3); measured
 constexpr int MOST_ITERATIONS = 100;   // measured
 constexpr double CLOSE_ENOUGH = 0.02;  // pixels; measured
 
-// Pixels: smaller differences from the unlimited path are not reported; they cannot be seen.
+// Pixels: smaller differences from the path without limits are invisible, and not reported.
 constexpr double NOTICEABLE = 0.1;
 
 // Of points of the path, in pixels.
