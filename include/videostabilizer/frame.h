@@ -22,7 +22,7 @@ enum PixFmt : std::int32_t {
 // Bytes of the chroma area, in units of stride_uv * height, by PixFmt.
 inline constexpr std::int32_t chroma_planes_factor[6] = {1, 1, 1, 2, 1, 0};
 
-// One picture. Whoever holds a Frame* outside a queue owns the record: push passes ownership on,
+// One picture. The holder of a Frame* outside a queue owns the record: push passes ownership on,
 // whether it succeeds or not, and pop returns it. Pixel memory supplied by the host stays the
 // host's.
 //

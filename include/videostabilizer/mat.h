@@ -8,7 +8,7 @@
 
 namespace SimpleLA {
 
-// A dense row-major matrix of floats, a header whose elements are its own or somebody else's.
+// A dense row-major matrix of floats: a header that owns its elements or is a view on others'.
 // Element (i, j) is at byte i * step + j * sizeof(T) from `data`. T is always float.
 //
 // Ownership: elements are freed once, by the header that allocated them, when it is destroyed or

@@ -29,7 +29,7 @@
 //          from a callback (frame maker, observer) of the same stabilizer: the pipeline waits
 //          for the callback to return.
 //
-// Ownership: push passes a frame to the stabilizer for good. Refused frames, and frames inside
+// Ownership: push transfers a frame to the stabilizer. Refused frames, and frames inside
 // when the stream is stopped, are released (the record, and the pixels if the frame owns them). At
 // most look_ahead + 8 frames are inside, 18 by default: 3 in the input queue, look_ahead + 1 in the
 // worker, 2 in the warp stage, 2 in the output queue.

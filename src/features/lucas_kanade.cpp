@@ -31,11 +31,11 @@ int sample_spacing(int level) {
 // those whose neighbours one spacing away on either side are in 0 .. size - 1. So the loops over a
 // window need no bounds checks for samples and gradients.
 Samples usable_samples(float centre, int win_radius, int level, int size) {
-    constexpr Samples none = {0, 0, 0};
+    constexpr Samples NONE = {0, 0, 0};
     const int spacing = sample_spacing(level);
     // Also catches NaN. Beyond the range of int no window reaches an image.
     if (!(std::fabs(centre) < 0x1p31F) || spacing == 0) {
-        return none;
+        return NONE;
     }
     const std::int64_t whole = static_cast<int>(centre);
     const std::int64_t radius = std::int64_t{win_radius} * spacing;
@@ -45,7 +45,7 @@ Samples usable_samples(float centre, int win_radius, int level, int size) {
     }
     const std::int64_t last = std::min(whole + radius, std::int64_t{size} - 1 - spacing);
     if (last < first) {
-        return none;
+        return NONE;
     }
     const std::int64_t steps = (last - first) >> level;
     return {static_cast<int>(first), static_cast<int>(first + steps * spacing),

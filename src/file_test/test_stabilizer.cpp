@@ -136,7 +136,7 @@ void run_stream(std::FILE* output, VideoStabilizer* stabilizer) {
     const std::int64_t start_ms = time_ms();
     const int popped = pop_frames(output, stabilizer);
     if (popped < FRAMES) {
-        // Nobody pops any more, and the producer may be blocked in push.
+        // No thread pops any more, and the producer may be blocked in push.
         video_stabilizer_stop(stabilizer);
     }
     pthread_join(producer, nullptr);

@@ -88,7 +88,7 @@ void fitAffine(Mat<float>& motion, std::vector<KeyPoint>& src, std::vector<KeyPo
     }
 
     // p is the upper two rows of Mn. The solver's result is ignored: where the points do not
-    // determine a motion the model has hardly an inlier.
+    // determine a motion the model has hardly any inliers.
     std::array<float, 9> mn_elements{0, 0, 0, 0, 0, 0, 0, 0, 1};
     Mat<float> p(UNKNOWNS, 1, mn_elements.data(), FLOAT_BYTES);
     SimpleLA::solveLuNormal(a, b, p);

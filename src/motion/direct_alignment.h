@@ -37,7 +37,7 @@ class DirectAlignment {
     DirectAlignment(int width, int height, double pixel);
 
     // from, to: tracked pairs, in pixels, lists of the same length; `from` has whole coordinates.
-    // `step` is the initial step, right to about a pixel, and receives the refined one. Returns
+    // `step` is the initial step, accurate to about a pixel, and receives the refined one. Returns
     // false and leaves it as it is where too few patches have texture, the pictures do not match
     // better than before, or the change is too large.
     bool refine(const LumaPair& pictures, const std::vector<KeyPoint>& from,

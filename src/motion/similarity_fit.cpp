@@ -18,8 +18,8 @@ constexpr std::size_t FEWEST_PAIRS = 12;  // as many as the affine estimate need
 // With half the pairs wrong one sample in four is good: some 37, of which the best is taken;
 // uncritical.
 constexpr int SAMPLES = 150;
-// Larger errors count as this one. 0.75 to 1.5 give the same; from 2 on a large moving object draws
-// the model along; measured.
+// Larger errors count as this one. 0.75 to 1.5 give the same; from 2 on a large moving object biases
+// the model; measured.
 constexpr double CAP = 1.5;
 constexpr double SOFTNESS = 1.5;  // errors with a weight of 1/4; measured
 // Sampling is skipped below this share of the largest cost. This saves time only: 0 gives the same

@@ -10,7 +10,7 @@
 namespace videostabilizer {
 
 // Fits a step of the camera to tracked pairs as a similarity, more precisely than the affine
-// estimate it starts from: with two parameters less and a tolerance of about a pixel of the analysis
+// estimate it starts from: with two parameters fewer and a tolerance of about a pixel of the analysis
 // image it is robust against noise and against moving objects that are inliers of that estimate.
 //
 // Where the estimate leaves a large error, samples of two pairs are drawn, and the model with the

@@ -11,19 +11,19 @@ namespace videostabilizer {
 
 namespace {
 
-// Half and twice the values change no result in the clips of docs/strength.md, in which the ranges
-// in the comments were measured.
+// Except for SPEED_STEPS, half and twice the values change no result in the clips of docs/strength.md,
+// in which the ranges in the comments were measured.
 
 // Four samples, from where on the estimate has its wide tolerance.
 constexpr std::size_t ENOUGH_CORNERS = 24;
 // Corners per inlier. Found steps have 2.2 at most, steps between unrelated scenes 16 at least.
 constexpr std::size_t STRANGE_SHARE = 10;
 
-// Of the picture's diagonal; the largest step by a shaking or walking hand is 0.03 of it.
+// Of the picture's diagonal; the largest step of a handheld camera, also while walking, is 0.03 of it.
 constexpr double CALM_SHARE = 0.05;
 
-// A hand turns by 0.03 radians from frame to frame, and walking zooms by 0.025, at most. A fit to
-// too few points can give anything.
+// A handheld camera turns by at most 0.03 radians from frame to frame, and zooms by 0.025 while
+// walking. A fit to too few points can give any value.
 constexpr double LARGEST_TURN = 0.5;  // radians
 constexpr double LARGEST_ZOOM = 0.4;  // logarithm
 

@@ -189,7 +189,7 @@ void PathPlanner::find_path(std::size_t count, const std::array<Point, 2>& befor
     }
 }
 
-// The zoom is planned first and separately: the room of the other corrections depends on it.
+// The zoom is planned first and separately: the limits of the other corrections depend on it.
 void PathPlanner::plan_zoom(const CameraPose* camera, std::size_t count) {
     // In pixels at the corner, for CLOSE_ENOUGH.
     const double unit = std::hypot(half_width_, half_height_);

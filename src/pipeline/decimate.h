@@ -15,7 +15,7 @@ inline void decimate_row(const unsigned char* row, int step, unsigned char* targ
 }
 
 // The same for a step known at compile time, which the compiler vectorises: for 2 and 4, the steps
-// of usual pictures, the speed is that of memory.
+// of usual pictures, it is limited by memory bandwidth.
 template <int STEP>
 void decimate_row_by(const unsigned char* __restrict row, unsigned char* __restrict target,
                      int count) {

@@ -12,8 +12,8 @@
 namespace {
 
 char priority_letter(int priority) {
-    constexpr char letters[] = "??VDIWEF";  // index 2 (verbose) to 7 (fatal), as in logcat
-    return priority >= 2 && priority <= 7 ? letters[priority] : '?';
+    constexpr char LETTERS[] = "??VDIWEF";  // index 2 (verbose) to 7 (fatal), as in logcat
+    return priority >= 2 && priority <= 7 ? LETTERS[priority] : '?';
 }
 
 }  // namespace

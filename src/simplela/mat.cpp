@@ -25,9 +25,9 @@ constexpr int TILE = 4;  // a tile of 4x4 floats touches 4 + 4 cache lines, what
 // Whether the step fits an int and the size a ptrdiff_t.
 template <typename T>
 bool fits_memory(int rows, int cols) {
-    constexpr int element = static_cast<int>(sizeof(T));
-    return rows >= 0 && cols >= 0 && cols <= std::numeric_limits<int>::max() / element &&
-           static_cast<long long>(rows) * cols <= PTRDIFF_MAX / element;
+    constexpr int ELEMENT = static_cast<int>(sizeof(T));
+    return rows >= 0 && cols >= 0 && cols <= std::numeric_limits<int>::max() / ELEMENT &&
+           static_cast<long long>(rows) * cols <= PTRDIFF_MAX / ELEMENT;
 }
 
 // Copies each row of src, all of it, to where that row begins in dst, even if the rows of dst are

@@ -146,7 +146,7 @@ bool build_program(cl_program program, cl_device_id device) {
 }
 
 // A failure leaves context and program unreleased: this runs once per process, and releasing after
-// an error is what drivers get wrong.
+// an error is where drivers are unreliable.
 void ocl_runtime_setup() {
     const HeapArray<cl_platform_id> platforms = get_platforms();
     if (platforms == nullptr) {
