@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/cpu_level.h"
 #include "tests/features/picture.h"
 #include "tests/support/log_capture.h"
 
@@ -82,6 +83,12 @@ TEST(Fast16, OffsetsGoRoundACircleFromBelow) {
             EXPECT_EQ(pixel[k - size], pixel[k]) << k;
         }
     }
+}
+
+TEST(CpuLevel, LeavesOutWhatTheProcessorLacks) {
+    const CpuLevel lacking = cpu_supports(CpuLevel::NEON) ? CpuLevel::AVX2 : CpuLevel::NEON;
+    const struct { CpuLevel level; } table[] = {{CpuLevel::PLAIN}, {lacking}};
+    EXPECT_EQ(&fastest_variant(table), &table[0]);
 }
 
 }  // namespace

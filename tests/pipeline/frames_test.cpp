@@ -26,12 +26,8 @@ TEST(Frame, OwnsLumaAndTheChromaAreaOfItsFormat) {
         Frame* const frame = frame_create(30, 20, 32, 16, format, nullptr);
         ASSERT_NE(frame, nullptr);
         EXPECT_EQ(frame->plane_uv, frame->plane_y + 32 * 20);
-        EXPECT_EQ(frame->contiguous, 1);
-        EXPECT_EQ(frame->format, format);
-        EXPECT_EQ(frame->timestamp, 0);
-        EXPECT_EQ(frame->opaque, nullptr);
-        EXPECT_EQ(frame->next, nullptr);
-        EXPECT_EQ(frame->prev, nullptr);
+        EXPECT_TRUE(frame->contiguous == 1 && frame->format == format && frame->timestamp == 0);
+        EXPECT_TRUE(!frame->opaque && !frame->next && !frame->prev);
         // The sanitizers see planes that are too short.
         const std::size_t chroma = static_cast<std::size_t>(chroma_planes_factor[value]) * 16 * 20;
         std::memset(frame->plane_y, 1, 32 * 20 + chroma);

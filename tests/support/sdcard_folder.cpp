@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
 #include <vector>
 
 SdcardFolder::SdcardFolder() : made_(mkdir(FOLDER, 0755) == 0) {}
@@ -22,25 +24,15 @@ SdcardFolder::~SdcardFolder() {
 }
 
 void write_sdcard_input(long bytes) {
-    std::FILE* const file = std::fopen(SdcardFolder::INPUT, "wb");
-    ASSERT_NE(file, nullptr);
-    std::vector<unsigned char> frame(SdcardFolder::FRAME_BYTES, 128);
-    for (long done = 0, number = 0; done < bytes; ++number) {
-        for (long i = 0; i < 1280L * 720; ++i) {
-            const auto x = static_cast<unsigned>(i % 1280 + 3 * number);
-            const auto y = static_cast<unsigned>(i / 1280 + number % 5);
-            frame[static_cast<std::size_t>(i)] =
-                static_cast<unsigned char>((x / 20 * 31 + y / 20 * 57) * 2654435761U >> 24);
-        }
-        const long part = std::min(bytes - done, SdcardFolder::FRAME_BYTES);
-        ASSERT_EQ(std::fwrite(frame.data(), 1, static_cast<std::size_t>(part), file),
-                  static_cast<std::size_t>(part));
-        done += part;
+    const std::vector<char> grey(SdcardFolder::FRAME_BYTES, 100);
+    std::ofstream file(SdcardFolder::INPUT, std::ios::binary);
+    for (long done = 0; done < bytes; done += SdcardFolder::FRAME_BYTES) {
+        file.write(grey.data(), std::min(bytes - done, SdcardFolder::FRAME_BYTES));
     }
-    std::fclose(file);
+    ASSERT_TRUE(file.flush());
 }
 
 long size_of_file(const char* path) {
-    struct stat info {};
-    return stat(path, &info) == 0 ? static_cast<long>(info.st_size) : -1;
+    std::error_code none;
+    return static_cast<long>(std::filesystem::file_size(path, none));
 }

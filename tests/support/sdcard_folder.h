@@ -28,7 +28,7 @@ class SdcardFolder {
         GTEST_SKIP() << "needs to make " << SdcardFolder::FOLDER; \
     }
 
-// Writes the first `bytes` bytes of a moving sample clip as the input file.
+// Writes `bytes` bytes of grey pictures as the input file.
 void write_sdcard_input(long bytes);
 
 // -1 if there is no such file.
