@@ -2,8 +2,6 @@
 
 // Pictures, options and geometry at the edge of what the numbers can hold.
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdint>

@@ -4,7 +4,6 @@
 // looks finished. Some positions are tried; with EVERY_ALLOCATION in the environment all of them.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>

@@ -203,9 +203,7 @@ void add_matrices(Checksum& sum) {
     }
 }
 
-template <int VARIANT>
-void add_warp(Checksum& sum) {
-    const WarpVariant& variant = warp_variants[VARIANT];
+void add_warp(Checksum& sum, const WarpVariant& variant) {
     const std::array<float, 6> matrices[] = {{1, 0, 0, 0, 1, 0},
                                              {1, 0, 2.5F, 0, 1, -1.25F},
                                              {0.98F, -0.03F, 7.0F, 0.03F, 0.98F, -4.0F},
@@ -226,18 +224,18 @@ TEST(Golden, ResultsAreTheSameOnEveryProcessor) {
         {"estimated motion", add_motion, 0x133c4b7ca10bb065},
         {"smoothed path", add_smoothed_path, 0xfa2107302a34bf63},
         {"matrices", add_matrices, 0xcbc913410f4b39e3},
-        {"warpAffine", add_warp<0>, 0x076f4d83617cee04},
-        {"warpAffine_420p", add_warp<1>, 0xf3a401d5edb07c32},
-        {"warpAffine_rgb", add_warp<2>, 0xb499abee1787b9b3},
-#if VECTOR_WARP
-        {"warpAffine_neon", add_warp<3>, 0x8cb1a0d8d84c537d},
-        {"warp_affine_neon", add_warp<4>, 0x8cb1a0d8d84c537d},
-#endif
     };
     for (const auto& [name, add, checksum] : rows) {
         Checksum sum;
         add(sum);
         EXPECT_EQ(sum.value(), checksum) << name << " has 0x" << std::hex << sum.value();
+    }
+    constexpr std::uint64_t warps[] = {0x076f4d83617cee04, 0xf3a401d5edb07c32, 0xb499abee1787b9b3,
+                                       0x8cb1a0d8d84c537d, 0x8cb1a0d8d84c537d};
+    for (std::size_t i = 0; i < (VECTOR_WARP ? 5 : 3); ++i) {
+        Checksum sum;
+        add_warp(sum, warp_variants[i]);
+        EXPECT_EQ(sum.value(), warps[i]) << i << " has 0x" << std::hex << sum.value();
     }
 }
 

@@ -4,7 +4,6 @@
 // runs in a process of its own.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <future>
 #include <string>

@@ -2,8 +2,6 @@
 
 // What a stabilizer is made of, and what is refused at creation and at push.
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <cmath>
 #include <cstddef>

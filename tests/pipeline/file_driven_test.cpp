@@ -3,7 +3,6 @@
 // The file-driven test of the library, as a host sees it: standard output and the output file.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -57,20 +57,15 @@ class Guarded {
 };
 
 // To the bit, for values that are no NaN.
-testing::AssertionResult holds(const Mat<float>& m, const Rows& values) {
+bool holds(const Mat<float>& m, const Rows& values) {
     const Guarded wanted(values, 0);
-    if (m.rows != wanted.view.rows || m.cols != wanted.view.cols) {
-        return testing::AssertionFailure() << "shape is " << m.rows << " x " << m.cols;
-    }
-    for (int n = 0; n < m.rows * m.cols; ++n) {
+    bool same = m.rows == wanted.view.rows && m.cols == wanted.view.cols;
+    for (int n = 0; same && n < m.rows * m.cols; ++n) {
         const float value = m.at(n / m.cols, n % m.cols);
         const float expected = wanted.view.at(n / m.cols, n % m.cols);
-        if (value != expected || std::signbit(value) != std::signbit(expected)) {
-            return testing::AssertionFailure() << "(" << n / m.cols << ", " << n % m.cols << ") is "
-                                               << value << ", not " << expected;
-        }
+        same = value == expected && std::signbit(value) == std::signbit(expected);
     }
-    return testing::AssertionSuccess();
+    return same;
 }
 
 // AddressSanitizer detects a block that is freed twice or never.

@@ -14,22 +14,12 @@ using namespace videostabilizer;
 
 namespace {
 
+using test_support::logged_errors;
 using testing::ElementsAre;
 using WarpStage = test_support::LeakTest;
 
-// What the warp subsystem logged, as (priority, text): warnings and errors, since most info lines
-// depend on the device.
-using LogEntry = std::pair<int, std::string>;
-
-std::vector<LogEntry> warp_log() {
-    std::vector<LogEntry> entries;
-    for (const test_support::LogLine& line : test_support::log_lines()) {
-        if (line.priority >= 5 && line.tag == "warp_affine_ocl") {
-            entries.emplace_back(line.priority, line.text);
-        }
-    }
-    return entries;
-}
+const std::string TAG = "warp_affine_ocl: ";
+constexpr int WARNINGS = 5;
 
 // wp of a stage that shows the centred part of the picture.
 Affine cropped(const Affine& transform, float part, const Geometry& geometry) {
@@ -83,8 +73,9 @@ TEST_F(WarpStage, DeliversEveryFrameWarpedAndInOrderAndThenTheEnd) {
         EXPECT_EQ(stage.fini(), 0);
         EXPECT_EQ(stage.fini(), 0);
         EXPECT_EQ(affine_transformer_ocl_reach_eos(stage.t), 1);
-        EXPECT_THAT(warp_log(), ElementsAre(LogEntry{5, "Meet End of Input Stream..."},
-                                            LogEntry{5, "thread meet EOS, and return"}));
+        EXPECT_TRUE(logged_errors().empty());
+        EXPECT_THAT(logged_errors(WARNINGS), ElementsAre(TAG + "Meet End of Input Stream...",
+                                                         TAG + "thread meet EOS, and return"));
         EXPECT_THAT(stage.frames_at_end, ElementsAre(FRAMES));
         EXPECT_EQ(stage.live_frames(), FRAMES);
         EXPECT_EQ(test_support::live_opencl_objects(), 0);
@@ -129,10 +120,10 @@ TEST_F(WarpStage, StopsIdleAndBusyAndOnlyOnce) {
         EXPECT_EQ(stage.send(), RESULT_STOPPING);
         EXPECT_EQ(stage.live_frames(), stage.delivered.load());
         // A thread that sees the stop between two frames logs nothing.
-        EXPECT_THAT(
-            warp_log(),
-            testing::AnyOf(ElementsAre(), ElementsAre(LogEntry{5, "AffineTransformerOcl quit"},
-                                                      LogEntry{5, "thread quited, and return"})));
+        EXPECT_TRUE(logged_errors().empty());
+        EXPECT_THAT(logged_errors(WARNINGS),
+                    testing::AnyOf(ElementsAre(), ElementsAre(TAG + "AffineTransformerOcl quit",
+                                                              TAG + "thread quited, and return")));
     }
 }
 
@@ -155,7 +146,7 @@ TEST_F(WarpStage, RefusesFormatsAndGeometryThatItCannotHoldAndCanTryAgain) {
         EXPECT_EQ(affine_transformer_ocl_init(stage.t, static_cast<PixFmt>(format), 48, 12,
                                               stride_y, stride_uv, 1.0F),
                   RESULT_FAILED);
-        EXPECT_THAT(warp_log(), ElementsAre(LogEntry{6, text}));
+        EXPECT_THAT(logged_errors(), ElementsAre(TAG + text));
     }
     EXPECT_EQ(stage.init(), RESULT_OK);
     EXPECT_EQ(stage.init(), RESULT_FAILED) << "the stage is running";
@@ -192,7 +183,7 @@ TEST_F(WarpStage, EndsWithAnErrorThatFiniClearsUp) {
         EXPECT_EQ(stage.live_frames(), 0);
         EXPECT_EQ(stage.delivered.load(), 0);
         EXPECT_THAT(stage.frames_at_end, ElementsAre());
-        EXPECT_THAT(warp_log(), ElementsAre(LogEntry{6, text}, LogEntry{6, ending}));
+        EXPECT_THAT(logged_errors(), ElementsAre(TAG + text, TAG + ending));
     }
 }
 
