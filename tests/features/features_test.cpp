@@ -53,19 +53,6 @@ TEST(Decimate, TakesEveryStepthPixelOfEveryStepthRow) {
     }
 }
 
-TEST(Fast16, ScoreOfADotIsTheLargestPassingThreshold) {
-    for (const auto& [level, score] : {std::pair(160, 59), {40, 59}, {126, 25}, {125, 24}}) {
-        const Picture dot(9, 9,
-                          [grey = level](int x, int y) { return x == 4 && y == 4 ? grey : 100; });
-        int pixel[25];
-        makeOffsets(pixel, 9, 16);
-        for (int threshold : {0, 25, 59, 60, 80}) {
-            EXPECT_EQ(std::max(score, threshold - 1),
-                      cornerScore16(&dot.pixels[dot.index(4, 4)], pixel, threshold));
-        }
-    }
-}
-
 TEST(Fast16, InitFillsEveryFieldAndReportsNoMemory) {
     FastParams p;
     ASSERT_EQ(0, fast16_init(&p, 300, 7, 12, 6, 4, 5, 33, 44));

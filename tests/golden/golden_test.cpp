@@ -16,7 +16,6 @@
 
 #include "tests/cpu_warp/warp_variants.h"
 #include "tests/features/picture.h"
-#include "tests/support/texture.h"
 #include "videostabilizer/fast16.h"
 #include "videostabilizer/gaussian_motion_filter.h"
 #include "videostabilizer/gemm.h"
@@ -87,7 +86,7 @@ class Checksum {
 // Shifted by sixteenths of a pixel.
 Picture picture(int shift_x, int shift_y) {
     return Picture(WIDTH, HEIGHT, [=](int x, int y) {
-        return test_support::texture(16 * x + shift_x, 16 * y + shift_y, 0, 16 * 9);
+        return texture(16 * x + shift_x, 16 * y + shift_y, 0, 16 * 9);
     });
 }
 

@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-#include "tests/support/texture.h"
+#include "tests/features/picture.h"
 #include "videostabilizer/videostabilizer.h"
 
 // Streams of small pictures through the stabilizer.
