@@ -178,9 +178,7 @@ TEST_F(Push, RefusesFramesThatAreNotOfTheStream) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         clear_log();
-        const Geometry& g = c.geometry;
-        Frame* const frame =
-            frame_create(g.width, g.height, g.stride_y, g.stride_uv, g.format, nullptr);
+        Frame* const frame = blank_frame(c.geometry);
         if (!c.has_chroma) {
             frame->plane_uv = nullptr;
         }

@@ -34,8 +34,7 @@ int shaking_texture(int x, int y, int frame) {
 }
 
 Frame* make_frame(int number, const Geometry& g, Pixel pixel) {
-    Frame* const frame =
-        frame_create(g.width, g.height, g.stride_y, g.stride_uv, g.format, nullptr);
+    Frame* const frame = blank_frame(g);
     std::memset(frame->plane_y, 0, g.luma_bytes());
     for (int y = 0; y < g.height; ++y) {
         unsigned char* const row = frame->plane_y + static_cast<std::ptrdiff_t>(y) * g.stride_y;

@@ -58,7 +58,11 @@ VideoStabilizerOptions options_for(int strength);
 using Pixel = int (*)(int x, int y, int frame);
 int shaking_texture(int x, int y, int frame);
 
-// A frame that owns its pixels, with its number as timestamp.
+// A frame that owns its pixels.
+inline Frame* blank_frame(const Geometry& g) {
+    return frame_create(g.width, g.height, g.stride_y, g.stride_uv, g.format, nullptr);
+}
+// One with its number as timestamp.
 Frame* make_frame(int number, const Geometry& geometry = packed(), Pixel pixel = shaking_texture);
 
 using Matrix = std::array<float, 9>;

@@ -75,8 +75,7 @@ inline void expect_warped(const Geometry& geometry, std::uint32_t seed, const Af
 }
 
 inline Frame* noise_frame(const Geometry& g = SEMI_PLANAR, std::uint32_t seed = 1) {
-    Frame* const frame =
-        frame_create(g.width, g.height, g.stride_y, g.stride_uv, g.format, nullptr);
+    Frame* const frame = test_support::blank_frame(g);
     const Bytes content = noise_picture(layout_of(g).bytes, seed);
     std::copy(content.begin(), content.end(), frame->plane_y);
     return frame;
