@@ -48,6 +48,9 @@ constexpr const char* SOUND =
     " -f lavfi -i sine=440:duration=1.5 -f lavfi -i sine=660:duration=1.5 ";
 
 TEST(Media, KeepsEverythingButTheShake) {
+    constexpr const char* STREAMS =
+        "-show_entries stream=codec_type,width,height,sample_aspect_ratio,color_range,color_space,"
+        "color_transfer,color_primaries,avg_frame_rate:stream_tags=language";
     const Studio studio;
     write_file(
         studio.file("words.srt"),
@@ -80,9 +83,7 @@ TEST(Media, KeepsEverythingButTheShake) {
              {"-select_streams v:0 -show_entries frame=pts_time,pkt_duration_time",
               "-select_streams a -show_entries packet=pts_time,data_hash -show_data_hash md5",
               "-select_streams s -show_entries packet=pts_time,data_hash -show_data_hash md5",
-              "-show_entries stream=codec_type,width,height,sample_aspect_ratio,color_range,"
-              "color_space,color_transfer,color_primaries,avg_frame_rate:stream_tags=language",
-              "-show_entries stream_side_data=rotation", "-show_entries format_tags=title",
+              STREAMS, "-show_entries stream_side_data=rotation", "-show_entries format_tags=title",
               "-show_entries chapter=start_time,end_time:chapter_tags=title"}) {
             EXPECT_EQ(studio.probe(steady, what), studio.probe(c.file, what)) << what;
         }

@@ -27,7 +27,6 @@ using testing::EndsWith;
 
 constexpr char NO_MEMORY[] = "OUT OF MEMORY!!!";
 constexpr char NO_STAGE[] = "video_stabilizer: Failed to init AffineTransformer!!";
-
 constexpr char STAGE_ENDED[] = "warp_affine_ocl: AffineTransformerOcl met an error: -1";
 
 using WithoutMemory = LeakTest;
@@ -83,14 +82,14 @@ TEST_F(WithoutMemory, AStreamGoesOnOrEndsWithACode) {
             options_for(in_place ? STABILIZER_MAXIMUM : STABILIZER_GENTLE);
         const auto run = [&](int n) {
             const StabilizerPtr s = make_stabilizer(WITH_MOTION, in_place, &options);
-            std::vector<Frame*> frames;
-            for (int i = 0; i < FRAMES; ++i) {
-                frames.push_back(make_frame(i, WITH_MOTION));
+            std::vector<Frame*> frames(FRAMES);
+            for (std::size_t i = 0; i < frames.size(); ++i) {
+                frames[i] = make_frame(static_cast<int>(i), WITH_MOTION);
             }
             clear_log();
             fail({ALLOCATION, n, n});
-            const Ending ending = run_stream(
-                s.get(), FRAMES, [&](int i) { return frames[static_cast<std::size_t>(i)]; });
+            Ending ending = run_stream(s.get(), FRAMES,
+                                       [&](int i) { return frames[static_cast<std::size_t>(i)]; });
             let_all_succeed();
             EXPECT_EQ(s->output_eos.load(), ending.code == RESULT_END_OF_STREAM ? 1 : 0);
             return ending;
@@ -163,7 +162,7 @@ Ending run_with(const Fault& fault, bool in_place) {
     const StabilizerPtr s = make_stabilizer(SMALL, in_place);
     clear_log();
     fail(fault);
-    const Ending ending = run_stream(s.get(), FRAMES);
+    Ending ending = run_stream(s.get(), FRAMES);
     const int whole = ending.code == RESULT_END_OF_STREAM ? 1 : 0;
     EXPECT_EQ(video_stabilizer_reached_eos(s.get()), whole);
     EXPECT_EQ(affine_transformer_ocl_reach_eos(s->transformer), whole);

@@ -19,12 +19,11 @@ using testing::HasSubstr;
 
 constexpr int EXIT_WITHOUT_FILE = 3;
 constexpr int EXIT_WITHOUT_MEMORY = 4;
-constexpr int FRAMES = 14;
 
 // With the n-th allocation failing; 0: none.
 Outcome run(const Folder& folder, long n, const std::string& arguments) {
     // Large enough for the corners that a motion is estimated from.
-    write_clip(folder.file("in.y4m"), 256, 192, FRAMES);
+    write_clip(folder.file("in.y4m"), 256, 192, 14);
     return run_shell(folder, "cd '" + folder.file("") +
                                  "' && LD_PRELOAD='" PRELOADED
                                  "' COUNT_FILE=count FAIL_ALLOCATION=" +

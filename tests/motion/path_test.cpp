@@ -292,16 +292,16 @@ TEST(PathPlanner, FollowsAPanInsteadOfHangingAtTheLimit) {
 TEST(MotionHistory, ClosesGapsAndTellsThemFromSceneCuts) {
     const struct {
         const char* steps;  // shifts in pixels
+        double shift;       // wanted for step k
         int k;
-        double shift;  // wanted for step k
         bool repaired, cut;
     } cases[] = {
-        {"2222", 2, 2, false, false},  {"222x66", 3, 4, true, false},
-        {"222xx8", 3, 4, true, false}, {"222xx8", 4, 6, true, false},
-        {"24x", 2, 3, true, false},    {"x46", 0, 5, true, false},
-        {"222X22", 3, 0, false, true}, {"X2", 0, 0, false, true},
-        {"22XX22", 2, 2, true, false}, {"22X922", 2, 2 + (13 / 3.0 - 2) / 2, true, false},
-        {"222X", 3, 2, true, false},
+        {"2222", 2, 2, false, false},  {"222x66", 4, 3, true, false},
+        {"222xx8", 4, 3, true, false}, {"222xx8", 6, 4, true, false},
+        {"24x", 3, 2, true, false},    {"x46", 5, 0, true, false},
+        {"222X22", 0, 3, false, true}, {"X2", 0, 0, false, true},
+        {"22XX22", 2, 2, true, false}, {"22X922", 2 + (13 / 3.0 - 2) / 2, 2, true, false},
+        {"222X", 2, 3, true, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.steps << ", step " << c.k);

@@ -79,16 +79,13 @@ class Watch {
         if (static_cast<long>(count) * TENTHS / total_ <= static_cast<long>(usages_.size())) {
             return;
         }
-        const std::chrono::duration<double> seconds = Clock::now() - start_;
         const Usage& usage = usages_.emplace_back(usage_now());
-        std::printf("%d %s, %.1f a second", count, what_, (count - counted_) / seconds.count());
+        std::printf("%d %s", count, what_);
         for (std::size_t i = 0; i < usage.size(); ++i) {
             std::printf(", %.2f %s", usage[i], MEASURES[i]);
         }
         std::puts("");
         std::fflush(stdout);
-        counted_ = count;
-        start_ = Clock::now();
     }
 
     void judge() const {
@@ -100,12 +97,9 @@ class Watch {
     }
 
   private:
-    using Clock = std::chrono::steady_clock;
     const char* what_;
     int total_;
     Usage margins_;
-    Clock::time_point start_ = Clock::now();
-    int counted_ = 0;
     std::vector<Usage> usages_;
 };
 
