@@ -60,6 +60,9 @@ std::vector<KeyPoint> corners_by_definition(const std::vector<unsigned char>& pi
         while (passes(at(picture, index), width, threshold)) {
             *at(scores, index) = threshold++;
         }
+        fuzz::require(
+            cornerScore16(at(picture, index), params.pixel, params.threshold) == threshold - 1,
+            "the score of the definition");
     });
     for_each_pixel([&](int x, int y, int index) {
         const int score = *at(scores, index);

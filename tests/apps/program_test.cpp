@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <string>
@@ -53,7 +52,8 @@ TEST(StabilizeVideo, DeliversEveryFrameAtTheSameSize) {
 // Flat enough to have no motions: the estimator draws new samples every second.
 TEST(StabilizeVideo, GivesTheSameThroughPipesAsWithFiles) {
     const Clip clip(98, 50, 30);
-    ASSERT_EQ(run_program(clip, "in.y4m out.y4m --look-ahead 10").status, 0);
+    const Outcome outcome = run_program(clip, "in.y4m out.y4m --look-ahead 10 --verbose");
+    EXPECT_THAT(outcome.errors, HasSubstr("warning video_stabilizer: Met output EOS."));
     run_shell(clip, "cat in.y4m | \"$PROGRAM\" - - --look-ahead 10 | cat > piped.y4m");
     EXPECT_EQ(clip.read("piped.y4m"), clip.read("out.y4m"));
 }
@@ -141,12 +141,6 @@ TEST(StabilizeVideo, EndsWhenItsReaderGoesAwayWhileItsInputIsSilent) {
             wait; })");
     EXPECT_THAT(outcome.errors, HasSubstr("the reader has closed it"));
     EXPECT_THAT(outcome.errors, HasSubstr("status 3"));
-}
-
-TEST(StabilizeVideo, ShowsTheLibrarysLogOnRequest) {
-    const Clip clip(64, 48, 12);
-    const Outcome outcome = run_program(clip, "in.y4m out.y4m --verbose");
-    EXPECT_THAT(outcome.errors, HasSubstr("warning video_stabilizer: Met output EOS."));
 }
 
 }  // namespace

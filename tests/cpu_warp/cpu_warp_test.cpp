@@ -9,19 +9,14 @@
 
 namespace {
 
-constexpr Affine IDENTITY = {1, 0, 0, 0, 1, 0};
 constexpr Affine SLIGHT_TURN = {0.9998F, -0.0175F, 3.3F, 0.0175F, 0.9998F, -2.6F};
 constexpr Affine FAR_RIGHT_AND_BELOW = {1, 0, -1e6F, 0, 1, -1e6F};
 
+// Any matrix and size are tried by fuzz/warp_fuzz.cpp; these are what it hardly meets.
 constexpr Affine MATRICES[] = {
-    IDENTITY,
     SLIGHT_TURN,
     FAR_RIGHT_AND_BELOW,
-    {1, 0, -3, 0, 1, 2},
-    {1, 0, 0.5F, 0, 1, -0.5F},
-    {1.7F, 0, -4.2F, 0, 1.6F, -3.1F},
     {0.3F, 0.01F, 5.1F, -0.02F, 0.4F, 1.7F},
-    {1.1F, 0.3F, -6.0F, -0.2F, 0.95F, 2.0F},
     {-1, 0, 30, 0, -1, 20},
     // Singular; elements, determinants and inverses that overflow or are denormal; offsets that cancel.
     {1, 2, 3, 2, 4, 5},
@@ -34,15 +29,11 @@ constexpr Affine MATRICES[] = {
 
 // Each in place of each element of the identity.
 constexpr float INFINITE = std::numeric_limits<float>::infinity();
-constexpr float EXTREMES[] = {1e6F,     1e9F,      -1e30F,
-                              INFINITE, -INFINITE, std::numeric_limits<float>::quiet_NaN()};
+constexpr float EXTREMES[] = {1e9F, -1e30F, INFINITE, -INFINITE,
+                              std::numeric_limits<float>::quiet_NaN()};
 
-// Around the width of vectors and of blocks, and around everything that is halved. Each differs
-// from the one before, for the routine that remembers its first.
-constexpr std::pair<int, int> SIZES[] = {
-    {0, 4},  {16, 0},  {-16, 4}, {16, -2}, {1, 1},   {1, 6},  {2, 1},  {2, 2},    {3, 5},   {7, 4},
-    {8, 8},  {15, 6},  {16, 1},  {16, 2},  {16, 3},  {17, 4}, {18, 2}, {24, 6},   {30, 7},  {31, 5},
-    {32, 2}, {32, 18}, {33, 9},  {48, 10}, {50, 12}, {63, 3}, {64, 4}, {80, 130}, {130, 66}};
+// Each differs from the one before, for the routine that remembers its first.
+constexpr std::pair<int, int> SIZES[] = {{2, 2}, {15, 6}, {32, 18}, {80, 130}, {130, 66}};
 
 void expect_reference(const Affine& matrix, int width, int height) {
     for (const WarpVariant& variant : warp_variants) {
@@ -58,9 +49,9 @@ TEST(CpuWarp, ComputesTheDefinedBytesForEverySizeAndMatrix) {
         for (const Affine& matrix : MATRICES) {
             expect_reference(matrix, width, height);
         }
-        for (std::size_t i = 0; i < IDENTITY.size(); ++i) {
+        for (std::size_t i = 0; i < 6; ++i) {
             for (const float extreme : EXTREMES) {
-                Affine matrix = IDENTITY;
+                Affine matrix = {1, 0, 0, 0, 1, 0};
                 matrix[i] = extreme;
                 expect_reference(matrix, width, height);
             }

@@ -2,8 +2,6 @@
 
 // Pictures, options and geometry at the edge of what the numbers can hold.
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -61,8 +59,7 @@ bool is_finite(const Matrix& m) {
 // Makes an output frame in which nothing is written yet.
 Frame* make_untouched(void* geometry) {
     const Geometry& g = *static_cast<Geometry*>(geometry);
-    Frame* const frame =
-        frame_create(g.width, g.height, g.stride_y, g.stride_uv, g.format, nullptr);
+    Frame* const frame = blank_frame(g);
     std::memset(frame->plane_y, UNTOUCHED, g.luma_bytes() + g.chroma_bytes());
     return frame;
 }

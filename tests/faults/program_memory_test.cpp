@@ -4,7 +4,6 @@
 // looks finished. Some positions are tried; with EVERY_ALLOCATION in the environment all of them.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -20,71 +19,57 @@ using testing::HasSubstr;
 
 constexpr int EXIT_WITHOUT_FILE = 3;
 constexpr int EXIT_WITHOUT_MEMORY = 4;
-constexpr int FRAMES = 14;
 
-class ProgramWithoutMemory : public testing::Test {
-  protected:
-    ProgramWithoutMemory() {
-        // Large enough for the corners that a motion is estimated from.
-        write_clip(folder_.file("in.y4m"), 256, 192, FRAMES);
+// With the n-th allocation failing; 0: none.
+Outcome run(const Folder& folder, long n, const std::string& arguments) {
+    // Large enough for the corners that a motion is estimated from.
+    write_clip(folder.file("in.y4m"), 256, 192, 14);
+    return run_shell(folder, "cd '" + folder.file("") +
+                                 "' && LD_PRELOAD='" PRELOADED
+                                 "' COUNT_FILE=count FAIL_ALLOCATION=" +
+                                 std::to_string(n) + " \"$PROGRAM\" in.y4m -q " + arguments);
+}
+
+void expect_no_crash(const std::string& arguments, long positions) {
+    const Folder whole;
+    ASSERT_EQ(run(whole, 0, arguments).status, 0);
+    const long count = std::stol(read_file(whole.file("count")));
+    ASSERT_GT(count, 100) << "are the program's allocations seen at all?";
+    std::vector<long> failing;
+    if (std::getenv("EVERY_ALLOCATION") != nullptr) {  // NOLINT(concurrency-mt-unsafe)
+        positions = 2 * count;
     }
-
-    // With the n-th allocation failing; 0: none.
-    Outcome run(long n, const std::string& arguments) const {
-        return run_shell(folder_, "cd '" + folder_.file("") +
-                                      "' && LD_PRELOAD='" PRELOADED
-                                      "' COUNT_FILE=count FAIL_ALLOCATION=" +
-                                      std::to_string(n) + " \"$PROGRAM\" in.y4m -q " + arguments);
+    // The first ones are of the program's start, where most differ from each other.
+    for (long i = 0; i < positions / 2; ++i) {
+        failing.push_back(i + 1);
+        failing.push_back(count * i * 2 / positions);
     }
-
-    void expect_no_crash(const std::string& arguments, long positions) const {
-        ASSERT_EQ(run(0, arguments).status, 0);
-        const std::vector<std::string> whole = folder_.names();
-        const long count = std::stol(read_file(folder_.file("count")));
-        ASSERT_GT(count, 100) << "are the program's allocations seen at all?";
-        std::vector<long> failing;
-        if (std::getenv("EVERY_ALLOCATION") != nullptr) {  // NOLINT(concurrency-mt-unsafe)
-            positions = 2 * count;
-        }
-        // The first ones are of the program's start, where most differ from each other.
-        for (long i = 0; i < positions / 2; ++i) {
-            failing.push_back(i + 1);
-            failing.push_back(count * i * 2 / positions);
-        }
-        std::size_t failed = 0;
-        for (const long n : failing) {
-            SCOPED_TRACE("allocation " + std::to_string(n) + " of " + std::to_string(count));
-            for (const std::string& name : whole) {
-                if (name != "in.y4m") {
-                    std::remove(folder_.file(name).c_str());
-                }
-            }
-            const Outcome outcome = run(n, arguments);
-            std::remove(folder_.file("count").c_str());
-            if (outcome.status != 0) {  // else the program managed without
-                ++failed;
-                EXPECT_THAT(outcome.errors, HasSubstr("stabilize-video: "));
-                // A failure after the video costs only the file that it concerns.
-                if (outcome.status != EXIT_WITHOUT_FILE) {
-                    EXPECT_EQ(outcome.status, EXIT_WITHOUT_MEMORY) << outcome.errors;
-                    EXPECT_THAT(folder_.names(), ElementsAre("in.y4m"));
-                } else {
-                    EXPECT_THAT(outcome.errors, HasSubstr("the video itself is complete"));
-                }
+    std::size_t failed = 0;
+    for (const long n : failing) {
+        SCOPED_TRACE("allocation " + std::to_string(n) + " of " + std::to_string(count));
+        const Folder folder;
+        const Outcome outcome = run(folder, n, arguments);
+        std::remove(folder.file("count").c_str());
+        if (outcome.status != 0) {  // else the program managed without
+            ++failed;
+            EXPECT_THAT(outcome.errors, HasSubstr("stabilize-video: "));
+            // A failure after the video costs only the file that it concerns.
+            if (outcome.status != EXIT_WITHOUT_FILE) {
+                EXPECT_EQ(outcome.status, EXIT_WITHOUT_MEMORY) << outcome.errors;
+                EXPECT_THAT(folder.names(), ElementsAre("in.y4m"));
+            } else {
+                EXPECT_THAT(outcome.errors, HasSubstr("the video itself is complete"));
             }
         }
-        EXPECT_GT(failed, failing.size() / 3);
     }
+    EXPECT_GT(failed, failing.size() / 3);
+}
 
-  private:
-    Folder folder_;
-};
-
-TEST_F(ProgramWithoutMemory, MakingAStreamOfPictures) {
+TEST(ProgramWithoutMemory, MakingAStreamOfPictures) {
     expect_no_crash("out.y4m --path path.csv --json report.json", 24);
 }
 
-TEST_F(ProgramWithoutMemory, MakingAFilm) {
+TEST(ProgramWithoutMemory, MakingAFilm) {
     expect_no_crash("out.mkv --codec ffv1", 10);
 }
 

@@ -2,8 +2,6 @@
 
 // What a stabilizer is made of, and what is refused at creation and at push.
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <cmath>
 #include <cstddef>
@@ -97,7 +95,8 @@ TEST_F(Options, AreRefusedOutsideTheirRanges) {
         [](auto& o, bool good) { o.edge_guard = 1, o.whole_shift = good ? 1 : 0; },
         [](auto& o, bool good) { o.scene_cuts = good ? 1 : 2; },
         [](auto& o, bool good) { o.repair_motions = good ? 1 : -1; },
-        [](auto& o, bool good) { o.picture_width = o.picture_height = good ? 16 : 15; },
+        [](auto& o, bool good) { o.picture_width = good ? 16 : 15, o.picture_height = 16; },
+        [](auto& o, bool good) { o.picture_width = 16, o.picture_height = good ? 16 : 15; },
         [](auto& o, bool good) { o.picture_width = WIDTH, o.picture_height = good ? HEIGHT : 0; },
         [](auto& o, bool good) { o.picture_width = WIDTH + !good, o.picture_height = HEIGHT; },
         [](auto& o, bool good) { o.size = good ? o.size : 0; },
@@ -179,9 +178,7 @@ TEST_F(Push, RefusesFramesThatAreNotOfTheStream) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         clear_log();
-        const Geometry& g = c.geometry;
-        Frame* const frame =
-            frame_create(g.width, g.height, g.stride_y, g.stride_uv, g.format, nullptr);
+        Frame* const frame = blank_frame(c.geometry);
         if (!c.has_chroma) {
             frame->plane_uv = nullptr;
         }

@@ -29,33 +29,12 @@ VideoStabilizerOptions options_for(int strength) {
     return options;
 }
 
-int texture(int x, int y, int scene) {
-    constexpr int SPACING = 8;
-    constexpr int FAR = SPACING << 12;  // keeps positions positive
-    const int fx = (x + FAR) % SPACING;
-    const int fy = (y + FAR) % SPACING;
-    const auto row = [&](int lattice_y) {
-        const auto at = [&](int lattice_x) {
-            std::uint32_t h = static_cast<std::uint32_t>(lattice_x) * 0x9E3779B1U ^
-                              static_cast<std::uint32_t>(lattice_y) * 0x85EBCA77U ^
-                              static_cast<std::uint32_t>(scene) * 0xC2B2AE3DU;
-            h = (h ^ h >> 15) * 0x2C1B3C6DU;
-            return static_cast<int>((h ^ h >> 13) * 0x297A2D39U >> 24);
-        };
-        const int column = (x + FAR) / SPACING;
-        return at(column) * (SPACING - fx) + at(column + 1) * fx;
-    };
-    const int above = (y + FAR) / SPACING;
-    return (row(above) * (SPACING - fy) + row(above + 1) * fy) / (SPACING * SPACING);
-}
-
 int shaking_texture(int x, int y, int frame) {
     return texture(x + frame * 2 % 5, y + frame * 3 % 4, 0);
 }
 
 Frame* make_frame(int number, const Geometry& g, Pixel pixel) {
-    Frame* const frame =
-        frame_create(g.width, g.height, g.stride_y, g.stride_uv, g.format, nullptr);
+    Frame* const frame = blank_frame(g);
     std::memset(frame->plane_y, 0, g.luma_bytes());
     for (int y = 0; y < g.height; ++y) {
         unsigned char* const row = frame->plane_y + static_cast<std::ptrdiff_t>(y) * g.stride_y;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <vector>
 
+#include "tests/features/picture.h"
 #include "videostabilizer/videostabilizer.h"
 
 // Streams of small pictures through the stabilizer.
@@ -55,11 +56,13 @@ VideoStabilizerOptions options_for(int strength);
 
 // Grey levels at a position of frame `frame`, which may be negative.
 using Pixel = int (*)(int x, int y, int frame);
-// Random on a lattice of 8 pixels, bilinear in between: corners all over, which can be tracked.
-int texture(int x, int y, int scene);
 int shaking_texture(int x, int y, int frame);
 
-// A frame that owns its pixels, with its number as timestamp.
+// A frame that owns its pixels.
+inline Frame* blank_frame(const Geometry& g) {
+    return frame_create(g.width, g.height, g.stride_y, g.stride_uv, g.format, nullptr);
+}
+// One with its number as timestamp.
 Frame* make_frame(int number, const Geometry& geometry = packed(), Pixel pixel = shaking_texture);
 
 using Matrix = std::array<float, 9>;

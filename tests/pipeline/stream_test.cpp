@@ -3,8 +3,6 @@
 // Whole streams: order, number and identity of the frames, end of stream, back-pressure, delay, and
 // what the pictures show. Stops in the middle are in tests/faults.
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <cmath>

@@ -18,7 +18,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -73,30 +72,20 @@ Usage usage_now() {
 // The usage of every tenth of a run, printed as it goes. The first one is the warm-up.
 class Watch {
   public:
-    Watch(const char* what, int total, const Usage& margins) : total_(total), margins_(margins) {
-        std::printf("%10s %12s %12s", what, "per second", "cpu ms");
-        for (const char* name : MEASURES) {
-            std::printf(" %12s", name);
-        }
-        std::puts("");
-    }
+    Watch(const char* what, int total, const Usage& margins)
+        : what_(what), total_(total), margins_(margins) {}
 
     void done(int count) {
         if (static_cast<long>(count) * TENTHS / total_ <= static_cast<long>(usages_.size())) {
             return;
         }
-        const std::chrono::duration<double> seconds = Clock::now() - start_;
-        const double cpu_ms = 1e3 * static_cast<double>(std::clock() - cpu_start_) / CLOCKS_PER_SEC;
-        std::printf("%10d %12.1f %12.2f", count, (count - counted_) / seconds.count(),
-                    cpu_ms / (count - counted_));
-        for (const double value : usages_.emplace_back(usage_now())) {
-            std::printf(" %12.2f", value);
+        const Usage& usage = usages_.emplace_back(usage_now());
+        std::printf("%d %s", count, what_);
+        for (std::size_t i = 0; i < usage.size(); ++i) {
+            std::printf(", %.2f %s", usage[i], MEASURES[i]);
         }
         std::puts("");
         std::fflush(stdout);
-        counted_ = count;
-        start_ = Clock::now();
-        cpu_start_ = std::clock();
     }
 
     void judge() const {
@@ -108,12 +97,9 @@ class Watch {
     }
 
   private:
-    using Clock = std::chrono::steady_clock;
+    const char* what_;
     int total_;
     Usage margins_;
-    Clock::time_point start_ = Clock::now();
-    std::clock_t cpu_start_ = std::clock();
-    int counted_ = 0;
     std::vector<Usage> usages_;
 };
 

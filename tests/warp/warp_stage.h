@@ -8,31 +8,25 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <string>
 #include <thread>
 
 #include "tests/cpu_warp/reference_warp.h"
-#include "tests/support/frame_ledger.h"
+#include "tests/faults/library_calls.h"
+#include "tests/pipeline/stream_helpers.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/opencl_ledger.h"
-#include "videostabilizer/affine_transformer_ocl.h"
 
 // A warp stage with callbacks for the tests, and the check of its pictures.
 
 namespace videostabilizer {
 
-struct Geometry {
-    int width;
-    int height;
-    int stride_y;
-    int stride_uv;
-    bool planar;
-};
-constexpr Geometry SEMI_PLANAR = {48, 12, 48, 24, false};
+using test_support::Geometry;
+
+constexpr Geometry SEMI_PLANAR = {48, 12, 48, 24, PIX_FMT_YUV420SP_0};
 
 // As the kernels take it: rows are packed if the width is a multiple of 32.
 inline PictureLayout layout_of(const Geometry& geometry) {
-    const auto& [width, height, stride_y, stride_uv, planar] = geometry;
+    const auto& [width, height, stride_y, stride_uv, format] = geometry;
+    const bool planar = format == PIX_FMT_YUV420P;
     const bool packed = width % 32 == 0;
     const int row = packed ? width : stride_y;
     const int chroma_row = !planar ? row : packed ? width / 2 : stride_uv;
@@ -40,14 +34,18 @@ inline PictureLayout layout_of(const Geometry& geometry) {
     // An odd width ends in half a sample, which only a longer row holds.
     const int chroma_columns = std::min((width + 1) / 2, chroma_row / step);
     const auto rows = static_cast<std::size_t>(height);
-    const std::size_t luma = static_cast<std::size_t>(stride_y) * rows;
+    const std::size_t luma = geometry.luma_bytes();
     const std::size_t v = luma + (planar ? static_cast<std::size_t>(chroma_row) * rows / 2 : 1);
-    const std::size_t bytes = luma + static_cast<std::size_t>(stride_uv) * rows;
-    return {
-        bytes, width, height, width / 16 * 16, 1, row, {chroma_row, step, chroma_columns, luma, v}};
+    return {luma + geometry.chroma_bytes(),
+            width,
+            height,
+            width / 16 * 16,
+            1,
+            row,
+            {chroma_row, step, chroma_columns, luma, v}};
 }
 
-// Fails the current test unless `actual` is a frame of make_frame, warped. Luma may differ by a grey
+// Fails the current test unless `actual` is a frame of noise_frame, warped. Luma may differ by a grey
 // level in one byte of a hundred (the kernels' relaxed maths); chroma may be that of positions a
 // thousandth to either side.
 inline void expect_warped(const Geometry& geometry, std::uint32_t seed, const Affine& wp,
@@ -76,11 +74,9 @@ inline void expect_warped(const Geometry& geometry, std::uint32_t seed, const Af
     EXPECT_LE(off_by_one, luma / 100) << "luma bytes a grey level off";
 }
 
-inline Frame* make_frame(const Geometry& geometry = SEMI_PLANAR, std::uint32_t seed = 1) {
-    const auto& [width, height, stride_y, stride_uv, planar] = geometry;
-    Frame* const frame = frame_create(width, height, stride_y, stride_uv,
-                                      planar ? PIX_FMT_YUV420P : PIX_FMT_YUV420SP_0, nullptr);
-    const Bytes content = noise_picture(layout_of(geometry).bytes, seed);
+inline Frame* noise_frame(const Geometry& g = SEMI_PLANAR, std::uint32_t seed = 1) {
+    Frame* const frame = test_support::blank_frame(g);
+    const Bytes content = noise_picture(layout_of(g).bytes, seed);
     std::copy(content.begin(), content.end(), frame->plane_y);
     return frame;
 }
@@ -94,8 +90,7 @@ void wait_until(Condition met) {
     EXPECT_TRUE(met());
 }
 
-// A stage whose callback keeps the frames and can block. The destructor fails the test if a frame or
-// an OpenCL object is left.
+// A stage whose callback keeps the frames and can block.
 struct Stage {
     explicit Stage(int in_place = 1, int capacity = 1, Frame* (*create_frame)(void*) = nullptr) {
         EXPECT_EQ(affine_transformer_ocl_module_init(), 1);
@@ -103,26 +98,26 @@ struct Stage {
         t = affine_transformer_ocl_create(
             in_place, this,
             {on_frame, on_eos, create_frame != nullptr ? this : nullptr, create_frame}, capacity);
+        blocks = test_support::live_blocks();
     }
     ~Stage() {
         affine_transformer_ocl_delete(t);
         for (Frame* frame : frames) {
             frame_delete(frame);
         }
-        EXPECT_EQ(test_support::live_frames(), 0);
-        EXPECT_EQ(test_support::live_opencl_objects(), 0);
     }
     Stage(const Stage&) = delete;
     Stage& operator=(const Stage&) = delete;
 
     int init(const Geometry& geometry = SEMI_PLANAR, float crop_ratio = 1.0F) const {
-        const auto& [width, height, stride_y, stride_uv, planar] = geometry;
-        return affine_transformer_ocl_init(t, planar ? PIX_FMT_YUV420P : PIX_FMT_YUV420SP_4, width,
-                                           height, stride_y, stride_uv, crop_ratio);
+        const auto& [width, height, stride_y, stride_uv, format] = geometry;
+        return affine_transformer_ocl_init(t, format, width, height, stride_y, stride_uv,
+                                           crop_ratio);
     }
-    int send(Frame* frame = make_frame()) const {
+    int send(Frame* frame = noise_frame()) const {
         return affine_transformer_ocl_send_frame(t, frame);
     }
+    int live_frames() const { return test_support::live_blocks() - blocks; }
     int fini() const { return affine_transformer_ocl_fini(t); }
     void wait_for_frames(int count) const {
         wait_until([&] { return delivered.load() >= count; });
@@ -143,24 +138,11 @@ struct Stage {
     }
 
     AffineTransformerOcl* t = nullptr;
+    int blocks;  // without frames
     std::atomic<bool> held{false};
     std::atomic<int> delivered{0};
     std::vector<Frame*> frames;  // this and the next belong to the stage's thread until fini
     std::vector<int> frames_at_end;
 };
-
-// What the warp subsystem logged, as (priority, text): warnings and errors unless info lines are
-// asked for, since most of those depend on the device.
-using LogEntry = std::pair<int, std::string>;
-
-inline std::vector<LogEntry> warp_log(int least_priority = 5) {
-    std::vector<LogEntry> entries;
-    for (const test_support::LogLine& line : test_support::log_lines()) {
-        if (line.priority >= least_priority && line.tag == "warp_affine_ocl") {
-            entries.emplace_back(line.priority, line.text);
-        }
-    }
-    return entries;
-}
 
 }  // namespace videostabilizer

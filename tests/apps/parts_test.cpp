@@ -1,0 +1,222 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// Parts of the program: pictures on their way in (made-up ones, YUV4MPEG2, FFmpeg's, their place in a
+// frame), and the path that is told of them.
+
+#include <gmock/gmock.h>
+#include <malloc.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "apps/stabilize_video/media/media_source.h"
+#include "apps/stabilize_video/pictures/picture_layout.h"
+#include "apps/stabilize_video/results/path_follower.h"
+#include "common/synthetic/camera_path.h"
+#include "common/synthetic/scene.h"
+#include "common/video_io/output_file.h"
+#include "tests/apps/run_program.h"
+
+namespace {
+
+using apps::PictureLayout;
+using testing::HasSubstr;
+
+// Results on different machines are compared, so every machine must make the same clip. Other values
+// mean another clip: then results before and after cannot be compared.
+TEST(ShakyClip, IsTheSameEverywhere) {
+    synthetic::ClipSettings settings;
+    settings.camera.width = 97;
+    settings.camera.height = 61;
+    settings.noise = 3;
+    const synthetic::ShakyClip clip(settings);
+    const PictureBuffer picture(video_io::make_y4m_header(clip.width(), clip.height(), "30:1"));
+    clip.render(100, picture.planes);
+    const auto fnv_1a = [](std::uint64_t hash, unsigned char byte) {
+        return (hash ^ byte) * 0x100000001b3U;
+    };
+    EXPECT_EQ(std::accumulate(picture.pixels.begin(), picture.pixels.end(),
+                              std::uint64_t{0xcbf29ce484222325U}, fnv_1a),
+              10219615497223829076U);
+}
+
+// That frames come back as they were read is shown by fuzz/y4m_fuzz.cpp.
+
+TEST(Y4m, TellsWhatIsWrongWithAStream) {
+    const Folder folder;
+    const std::string magic = "YUV4MPEG2 ";
+    const std::string small = magic + "W2 H2\n";
+    const std::string endless(video_io::Y4M_LONGEST_LINE, 'x');
+    const struct {
+        std::string stream;
+        const char* message;
+    } cases[] = {
+        {"", "empty"},
+        {"YUV4MPEG22 W2 H2\n", "not YUV4MPEG2"},
+        {std::string("\0\x01\x7f\xff", 4) + endless, "begins with '????xxxxx'"},
+        {magic + "W2 H2", "cut short"},
+        {magic + "H2\n", "no width"},
+        {magic + "W2x H2\n", "the width as '2x'"},
+        {magic + "W2 H0\n", "the height '0' is not in 1 to"},
+        {magic + "W99999999999999999999 H2\n", "is not in 1 to 16384"},
+        {magic + "W16384 H16384\n", "too large"},
+        {magic + "W2 H2 C420p10\n", "'420p10', but only 8-bit 4:2:0"},
+        {magic + "W2 H2 XYSCSS=422\n", "'422'"},
+        {magic + "W2 H2 X" + endless + "\n", "longer than"},
+        {small + "FRAMES\n", "frame 0 begins with 'FRAMES' instead of FRAME"},
+        {small + "FRAME " + endless + "\n", "line is longer than"},
+        {small + "FRAME X\n123456FRA", "frame 1 is cut short"},
+        {small + "FRAME\n123456FRAME\n12345", "frame 1 is cut short: 5 of 6 bytes"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.stream.substr(0, 60));
+        write_file(folder.file("stream"), c.stream);
+        try {
+            video_io::FdSource source(folder.file("stream"));
+            video_io::Y4mReader reader(source);
+            const PictureBuffer picture(reader.header());
+            while (reader.read_frame(picture.planes)) {
+            }
+            ADD_FAILURE() << "accepted";
+        } catch (const video_io::Y4mError& error) {
+            EXPECT_THAT(error.what(), HasSubstr(c.message));
+        }
+    }
+}
+
+// A sanitizer, which has its own allocator, reports leaks at the end.
+TEST(MediaSource, LosesNoMemoryOnAStreamThatCannotBeUsed) {
+    constexpr char WAV[] =
+        "RIFF\x64\x1f\0\0WAVEfmt \x10\0\0\0\1\0\1\0\x40\x1f\0\0\x40\x1f\0\0\1\0\x8\0data\x40\x1f\0";
+    const Folder folder;
+    apps::show_ffmpeg_log(false);
+    for (const std::string& bytes :
+         {std::string(WAV, sizeof WAV) + std::string(8000, '\x80'), std::string("some text\n")}) {
+        write_file(folder.file("in"), bytes);
+        const auto open = [&] {
+            auto stream = std::make_unique<video_io::FdSource>(folder.file("in"));
+            EXPECT_THROW(apps::MediaSource(std::move(stream), {}), video_io::InputError);
+        };
+        open();  // FFmpeg's own allocations
+        const std::size_t before = mallinfo2().uordblks;
+        for (int i = 0; i < 20; ++i) {
+            open();
+        }
+        EXPECT_LT(mallinfo2().uordblks, before + 100000);
+    }
+}
+
+unsigned char sample(int x, int y) {
+    return static_cast<unsigned char>(x * 7 + y * 13);
+}
+
+TEST(PictureLayout, PlacesAnyPictureInAFrameAndExtendsItsEdges) {
+    const int sizes[][4] = {{1, 1, 16, 16},   {15, 9, 16, 16},      {16, 16, 16, 16},
+                            {17, 17, 32, 18}, {321, 243, 336, 244}, {1080, 1920, 1088, 1920}};
+    for (const auto& [width, height, frame_width, frame_height] : sizes) {
+        for (const auto place : {PictureLayout::MIDDLE, PictureLayout::TOP_LEFT}) {
+            SCOPED_TRACE(std::to_string(width) + " x " + std::to_string(height));
+            const PictureLayout layout(width, height, place);
+            ASSERT_EQ(layout.frame_width(), frame_width);
+            ASSERT_EQ(layout.frame_height(), frame_height);
+            const apps::FramePtr frame = layout.make_frame();
+            const video_io::Planes picture = layout.picture(*frame);
+            for (int y = 0; y < height; ++y) {
+                for (int x = 0; x < width; ++x) {
+                    picture.y[y * frame_width + x] = sample(x, y);
+                    picture.v[y / 2 * frame_width / 2 + x / 2] = sample(x / 2, y / 2);
+                }
+            }
+            layout.fill_border(*frame);
+
+            const int left = static_cast<int>(picture.y - frame->plane_y) % frame_width;
+            const int top = static_cast<int>(picture.y - frame->plane_y) / frame_width;
+            const unsigned char* v = frame->plane_uv + frame_width * frame_height / 4;
+            int wrong = 0;
+            for (int y = 0; y < frame_height; ++y) {
+                for (int x = 0; x < frame_width; ++x) {
+                    const int px = std::clamp(x - left, 0, width - 1);
+                    const int py = std::clamp(y - top, 0, height - 1);
+                    wrong += frame->plane_y[y * frame_width + x] != sample(px, py) ? 1 : 0;
+                    wrong += v[y / 2 * frame_width / 2 + x / 2] != sample(px / 2, py / 2) ? 1 : 0;
+                }
+            }
+            EXPECT_EQ(wrong, 0);
+            EXPECT_EQ(picture.u - frame->plane_uv, top / 2 * frame_width / 2 + left / 2);
+            EXPECT_EQ(left % 2 + top % 2, 0);
+            // Twice the distance between the centres of picture and frame.
+            const int off = std::max(std::abs(2 * left + width - frame_width),
+                                     std::abs(2 * top + height - frame_height));
+            EXPECT_TRUE(place == PictureLayout::MIDDLE ? off <= 3 : left + top == 0);
+        }
+    }
+}
+
+void to_matrix(const synthetic::Affine& m, float matrix[9]) {
+    const double values[9] = {m.a, m.b, m.c, m.d, m.e, m.f, 0, 0, 1};
+    std::copy(values, values + 9, matrix);
+}
+
+void expect_view(const apps::CameraView& view, const synthetic::Pose& pose,
+                 const synthetic::Pose& start) {
+    // The poses are those of a point half a pixel beside the centre that is followed.
+    EXPECT_NEAR(view.x, pose.x - start.x, 0.1);
+    EXPECT_NEAR(view.y, pose.y - start.y, 0.1);
+    EXPECT_NEAR(view.angle, pose.angle - start.angle, 2e-5);
+    EXPECT_NEAR(view.zoom, pose.zoom / start.zoom, 1e-4);
+}
+
+// Given the true motions of a known path and corrections onto its steady path, it finds both.
+TEST(PathFollower, FollowsTheCameraAndTheSteadyPictures) {
+    const synthetic::CameraPath path({640, 480});
+    constexpr double CROP = 0.9;
+    std::vector<apps::FollowedFrame> frames;
+    apps::PathFollower follower(640, 480);
+    follower.add([&](const apps::FollowedFrame& frame) { frames.push_back(frame); });
+    const videostabilizer::VideoStabilizerObserver observer = follower.observer(CROP);
+    const synthetic::Pose start = path.shaky(0);
+    for (int i = 0; i < 60; ++i) {
+        SCOPED_TRACE(i);
+        const synthetic::Pose shaky = path.shaky(i);
+        synthetic::Pose steady = path.steady(i);
+        float matrix[9];
+        if (i > 0) {
+            const videostabilizer::MotionLog log = {100 + i, 90, 0.5F, 0};
+            to_matrix(synthetic::true_motion(path.shaky(i - 1), shaky, 640, 480), matrix);
+            observer.on_motion(observer.ctx, i - 1, matrix, &log);
+        }
+        to_matrix(synthetic::true_motion(shaky, steady, 640, 480), matrix);
+        observer.on_correction(observer.ctx, i, matrix);
+        videostabilizer::VideoStabilizerReport report{};
+        report.frame = i;
+        observer.on_report(observer.ctx, &report);
+
+        const apps::FollowedFrame& frame = frames.at(static_cast<std::size_t>(i));
+        EXPECT_EQ(frame.report.frame, i);
+        EXPECT_EQ(frame.log.npoints, i == 0 ? 0 : 100 + i);
+        expect_view(frame.shaky, shaky, start);
+        // The crop reduces the shift.
+        steady.x = shaky.x + CROP * (steady.x - shaky.x);
+        steady.y = shaky.y + CROP * (steady.y - shaky.y);
+        expect_view(frame.steady, steady, start);
+    }
+}
+
+TEST(PathFollower, WritesCsv) {
+    const Folder folder;
+    video_io::OutputFile file(folder.file("path.csv"));
+    apps::PathCsv csv(file.sink());
+    csv.write({{1.5, -2, 0.5, 1}, {0, 0, 0, 1.25}, {100, 90, 0.5F, 1}, {}});
+    file.commit();
+    const std::string text = read_file(folder.file("path.csv"));
+    EXPECT_EQ(text.substr(text.find('\n') + 1),
+              "0,1.5000,-2.0000,28.647890,1.00000000,0.0000,0.0000,0.000000,1.25000000,90,100,"
+              "0.5000,1\n");
+}
+
+}  // namespace
