@@ -83,13 +83,13 @@ check_cxx_source_compiles("#include <arm_neon.h>
 #endif
 int main() { return 0; }" VIDEOSTABILIZER_HAS_NEON)
 if(VIDEOSTABILIZER_IS_X86)
-  set(vs_vector_levels sse2 avx2)
+  set(vs_vector_levels sse2 sse41 avx2)
 elseif(VIDEOSTABILIZER_HAS_NEON)
   set(vs_vector_levels neon)
 else()
   set(vs_vector_levels "")
 endif()
-foreach(level IN ITEMS sse2 avx2 neon)  # for the tables of variants
+foreach(level IN ITEMS sse2 sse41 avx2 neon)  # for the tables of variants
   string(TOUPPER ${level} LEVEL)
   if(level IN_LIST vs_vector_levels)
     target_compile_definitions(vs_options INTERFACE VS_HAS_${LEVEL}=1)
@@ -100,15 +100,22 @@ endforeach()
 
 # vs_add_vector_variants(NAME PREFIX)
 #
-# Adds PREFIX_<level>.cpp to the subsystem NAME for each of the levels, built with the instructions
-# of that level. Only those files may hold such instructions, and nothing but functions of a
+# Adds each PREFIX_<level>.cpp that there is to the subsystem NAME, built with the instructions of that
+# level. Only those files may hold such instructions, and nothing but functions of a
 # namespace of their own: an inline function shared with other sources could be kept in the wide form
 # and run anywhere.
 function(vs_add_vector_variants name prefix)
+  set(option_sse2 -msse2)
+  set(option_sse41 -msse4.1)
+  set(option_avx2 -mavx2)
   foreach(level IN LISTS vs_vector_levels)
+    if(NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${prefix}_${level}.cpp)
+      continue()
+    endif()
     target_sources(vs_${name} PRIVATE ${prefix}_${level}.cpp)
     if(VIDEOSTABILIZER_IS_X86)
-      set_source_files_properties(${prefix}_${level}.cpp PROPERTIES COMPILE_OPTIONS -m${level})
+      set_source_files_properties(${prefix}_${level}.cpp PROPERTIES
+        COMPILE_OPTIONS ${option_${level}})
     endif()
   endforeach()
 endfunction()

@@ -12,6 +12,7 @@ enum class CpuLevel {
     PLAIN,   // none
     SCALAR,  // none; faster than the plain variant, same result
     SSE2,
+    SSE41,  // SSE4.1
     AVX2,
     NEON,
 };

@@ -1,0 +1,7 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// The block filters with AVX2 instructions, for which the build sets the options of this file..
+
+#define VS_LEVEL avx2
+
+#include "native_warp/block_filters_vector.h"

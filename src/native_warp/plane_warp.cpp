@@ -1,0 +1,380 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "native_warp/plane_warp.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstring>
+
+namespace videostabilizer {
+
+namespace {
+
+// The plane is computed in strips, whose intermediate rows fit the first-level cache.
+constexpr int STRIP_BLOCKS = 16;
+constexpr int STRIP = STRIP_BLOCKS * BLOCK;  // samples
+constexpr int MOST_ROWS = 128;               // intermediate rows of a strip
+constexpr int SPARE_ROWS = 8;
+
+// Limits of the two passes.
+constexpr double SMALLEST_STEP = 0.25;
+constexpr double LARGEST_STEP = 2;
+constexpr double LARGEST_SLOPE = 0.25;
+constexpr double FARTHEST = 1e6;  // samples
+
+std::int64_t fixed_point(double position) {
+    return std::llround(position * (std::int64_t{1} << POSITION_BITS));
+}
+
+bool between(double value, double low, double high) {
+    return value >= low && value <= high;  // false for NaN
+}
+
+bool two_passes_do_transform(const Affine2& t) {
+    return between(t.e, SMALLEST_STEP, LARGEST_STEP) &&
+           between(t.a - t.b * t.d / t.e, SMALLEST_STEP, LARGEST_STEP) &&
+           between(t.b, -2 * LARGEST_SLOPE, 2 * LARGEST_SLOPE) &&
+           between(t.d, -LARGEST_SLOPE, LARGEST_SLOPE) && between(t.c, -FARTHEST, FARTHEST) &&
+           between(t.f, -FARTHEST, FARTHEST);
+}
+
+// Copies `pixels` pixels from pixel `first` on, clamped to the row.
+void copy_clamped(const unsigned char* row, int width, std::size_t pixel_bytes, int first,
+                  int pixels, unsigned char* out) {
+    for (int i = 0; i < pixels; ++i) {
+        const auto pixel = static_cast<std::size_t>(std::clamp(first + i, 0, width - 1));
+        std::memcpy(out + static_cast<std::size_t>(i) * pixel_bytes, row + pixel * pixel_bytes,
+                    pixel_bytes);
+    }
+}
+
+int sample_of(const unsigned char* row, int index, const SampleFormat& format) {
+    if (format.bytes == 1) {
+        return row[index];
+    }
+    std::uint16_t value = 0;
+    std::memcpy(&value, row + static_cast<std::ptrdiff_t>(2) * index, 2);
+    return value >> format.shift;
+}
+
+void store_sample(unsigned char* row, int index, std::int64_t value, const SampleFormat& format) {
+    const auto limited = std::clamp<std::int64_t>(value, 0, (1 << format.depth) - 1);
+    if (format.bytes == 1) {
+        row[index] = static_cast<unsigned char>(limited);
+        return;
+    }
+    const auto moved = static_cast<std::uint16_t>(limited << format.shift);
+    std::memcpy(row + static_cast<std::ptrdiff_t>(2) * index, &moved, 2);
+}
+
+// A position that is a number and not farther away than whole numbers can count.
+double bounded(double position) {
+    return position > -FARTHEST ? std::min(position, FARTHEST) : -FARTHEST;
+}
+
+}  // namespace
+
+const ResamplingWeights& ResamplingKernels::for_step(double step) {
+    const double stretch = bounded(step);
+    const double level = std::clamp((stretch - 1) * STRETCHES_PER_OCTAVE, 0.0,
+                                    static_cast<double>(MAX_STRETCH_STEP));
+    const long nearest = std::lround(level);
+    std::unique_ptr<ResamplingWeights>& kernel = kernels_[static_cast<std::size_t>(nearest)];
+    if (kernel == nullptr) {
+        kernel = std::make_unique<ResamplingWeights>(
+            resampling_, 1 + static_cast<double>(nearest) / STRETCHES_PER_OCTAVE);
+    }
+    return *kernel;
+}
+
+WarpScratch::WarpScratch() : rows_(static_cast<std::size_t>(MOST_ROWS) * STRIP) {}
+
+bool PlaneWarp::two_passes_do() const {
+    const std::vector<Affine2>& transforms = map_.transforms;
+    if (!std::all_of(transforms.begin(), transforms.end(), two_passes_do_transform)) {
+        return false;
+    }
+    // Going down the output must go down the source, by about as much as the transforms say that
+    // hold for the rows.
+    for (std::size_t k = 0; k + 1 < transforms.size(); ++k) {
+        const Affine2& p = transforms[k];
+        const Affine2& q = transforms[k + 1];
+        const double row = map_.first_row + static_cast<double>(k) * map_.rows_apart;
+        for (const double y : {row, row + map_.rows_apart}) {
+            for (const double x : {0.0, static_cast<double>(shape_.width)}) {
+                const double drift =
+                    ((q.d - p.d) * x + (q.e - p.e) * y + q.f - p.f) / map_.rows_apart / p.e;
+                if (!between(drift, -0.5, 0.5)) {
+                    return false;
+                }
+            }
+        }
+    }
+    return true;
+}
+
+void PlaneWarp::prepare(const PlaneShape& shape, const WarpMap& map, ResamplingKernels& kernels) {
+    shape_ = shape;
+    map_ = map;
+    middle_ = map.at(0.5 * (shape.height - 1));
+    two_passes_ = two_passes_do();
+    if (!two_passes_) {
+        x_kernel_ = &kernels.for_step(std::hypot(middle_.a, middle_.d));
+        y_kernel_ = &kernels.for_step(std::hypot(middle_.b, middle_.e));
+        return;
+    }
+    x_kernel_ = &kernels.for_step(middle_.a - middle_.b * middle_.d / middle_.e);
+    y_kernel_ = &kernels.for_step(middle_.e);
+    intervals_ = std::max<std::size_t>(1, map.transforms.size() - 1);
+    if (tables_.size() < intervals_) {
+        tables_.resize(intervals_);
+    }
+    const double strip_width = static_cast<double>(STRIP) / shape.format.channels;
+    int most = 0;
+    for (std::size_t k = 0; k < intervals_; ++k) {
+        const Affine2 t = map.at(map.first_row + (static_cast<double>(k) + 0.5) * map.rows_apart);
+        Tables& tables = tables_[k];
+        tables.step = t.a - t.b * t.d / t.e;
+        tables.slope = t.d;
+        tables.across.make(shape.format, *x_kernel_, tables.step);
+        tables.down.make(shape.format, *y_kernel_, tables.slope);
+        const int rows = tables.down.end - tables.down.begin +
+                         static_cast<int>(std::abs(t.d) * strip_width) + SPARE_ROWS;
+        most = std::max(most, rows);
+    }
+    int ring = 16;
+    while (ring < most) {
+        ring *= 2;
+    }
+    row_mask_ = ring - 1;
+}
+
+const PlaneWarp::Tables& PlaneWarp::tables(double row) const {
+    const double place = std::floor((row - map_.first_row) / map_.rows_apart);
+    return tables_[static_cast<std::size_t>(
+        std::clamp(place, 0.0, static_cast<double>(intervals_ - 1)))];
+}
+
+// The row of the output in which column x shows a row of the source.
+double PlaneWarp::output_row(double x, double source_row) const {
+    double y = (source_row - middle_.d * x - middle_.f) / middle_.e;
+    if (map_.transforms.size() > 1) {
+        constexpr int STEPS = 6;
+        for (int i = 0; i < STEPS; ++i) {
+            const Affine2 t = map_.at(y);
+            y += (source_row - (t.d * x + t.e * y + t.f)) / middle_.e;
+        }
+    }
+    return y;
+}
+
+// A strip of the output while it is computed from top to bottom.
+class PlaneWarp::Strip {
+  public:
+    Strip(const PlaneWarp& warp, const WarpVariant& variant, const SourcePlane& source,
+          WarpScratch& scratch, int first_sample)
+        : warp_(warp),
+          variant_(variant),
+          source_(source),
+          scratch_(scratch),
+          first_sample_(first_sample),
+          samples_(std::min(STRIP, samples(warp.shape_) - first_sample)),
+          block_width_(static_cast<double>(BLOCK) / warp.shape_.format.channels),
+          to_middle_(0.5 * (block_width_ - 1)),
+          left_(static_cast<double>(first_sample) / warp.shape_.format.channels) {}
+
+    static int samples(const PlaneShape& shape) { return shape.width * shape.format.channels; }
+
+    void make_row(const TargetPlane& target, int y) {
+        const PlaneShape& shape = warp_.shape_;
+        const Affine2 t = warp_.map_.at(y);
+        const Tables& tables = warp_.tables(y);
+        const DownTable& table = tables.down;
+        DownRun run{};
+        run.format = shape.format;
+        run.phases = table.phases;
+        run.weights = table.weights.data();
+        run.rows = scratch_.rows();
+        run.row_mask = warp_.row_mask_;
+        run.row_pitch = STRIP;
+        run.position =
+            fixed_point(t.d * (left_ + to_middle_) + t.e * y + t.f - tables.slope * to_middle_);
+        run.step = fixed_point(t.d * block_width_);
+        run.blocks = samples_ / BLOCK;
+        const int rest = samples_ % BLOCK;
+        const int blocks = run.blocks + (rest != 0 ? 1 : 0);
+
+        const int left_row = block_position(run.position).sample;
+        const int right_row = block_position(run.position + run.step * (blocks - 1)).sample;
+        const int end = std::max(left_row, right_row) + table.end;
+        for (int row = std::max(newest_, std::min(left_row, right_row) + table.begin); row < end;
+             ++row) {
+            make_intermediate_row(row, blocks);
+            newest_ = row + 1;
+        }
+        run.out = target.data + y * target.stride +
+                  static_cast<std::ptrdiff_t>(first_sample_) * shape.format.bytes;
+        variant_.down(run);
+        if (rest != 0) {
+            unsigned char last[2 * BLOCK];
+            unsigned char* const out =
+                run.out + static_cast<std::ptrdiff_t>(run.blocks) * BLOCK * shape.format.bytes;
+            run.rows += static_cast<std::ptrdiff_t>(run.blocks) * BLOCK;
+            run.position += run.step * run.blocks;
+            run.blocks = 1;
+            run.out = last;
+            variant_.down(run);
+            std::memcpy(out, last, static_cast<std::size_t>(rest * shape.format.bytes));
+        }
+    }
+
+  private:
+    void make_intermediate_row(int row, int blocks) {
+        const PlaneShape& shape = warp_.shape_;
+        AcrossRun run{};
+        run.format = shape.format;
+        run.row = source_.data + std::clamp(row, 0, shape.height - 1) * source_.stride;
+        run.out = scratch_.rows() + static_cast<std::ptrdiff_t>(row & warp_.row_mask_) * STRIP;
+
+        const Tables* tables[STRIP_BLOCKS];
+        std::int64_t positions[STRIP_BLOCKS];
+        place_blocks(row, blocks, tables, positions);
+        for (int begin = 0, end = 0; begin < blocks; begin = end) {
+            while (end < blocks && tables[end] == tables[begin]) {
+                ++end;
+            }
+            run.positions = positions + begin;
+            run.blocks = end - begin;
+            make_blocks(run, tables[begin]->across);
+            run.out += static_cast<std::ptrdiff_t>(run.blocks) * BLOCK;
+        }
+    }
+
+    // Where the blocks of an intermediate row begin in the source row, and the tables for them.
+    void place_blocks(int row, int blocks, const Tables** tables, std::int64_t* positions) const {
+        const WarpMap& map = warp_.map_;
+        const bool one_transform = map.transforms.size() == 1;
+        const double top = warp_.output_row(left_ + to_middle_, row);
+        const double down =
+            (warp_.output_row(left_ + to_middle_ + STRIP_BLOCKS * block_width_, row) - top) /
+            STRIP_BLOCKS;
+        for (int block = 0; block < blocks; ++block) {
+            const double x = left_ + to_middle_ + block * block_width_;
+            double y = top + block * down;
+            Affine2 t = warp_.middle_;
+            if (!one_transform) {
+                for (int i = 0; i < 2; ++i) {
+                    t = map.at(y);
+                    y += (row - (t.d * x + t.e * y + t.f)) / t.e;
+                }
+                t = map.at(y);
+            }
+            tables[block] = &warp_.tables(y);
+            positions[block] =
+                fixed_point(t.a * x + t.b * y + t.c - tables[block]->step * to_middle_);
+        }
+    }
+
+    void make_blocks(AcrossRun run, const AcrossTable& table) {
+        run.pairs = table.pairs;
+        run.phases = table.phases;
+        run.weights = table.weights.data();
+        const auto sample = [&](int block) {
+            return block_position(run.positions[block]).sample * run.format.channels;
+        };
+        int first = 0;  // the blocks that read inside of the row
+        while (first < run.blocks && sample(first) + table.begin < 0) {
+            make_edge_block(run, table, first);
+            ++first;
+        }
+        int last = run.blocks;
+        while (last > first && sample(last - 1) + table.end > samples(warp_.shape_)) {
+            --last;
+            make_edge_block(run, table, last);
+        }
+        run.positions += first;
+        run.out += static_cast<std::ptrdiff_t>(first) * BLOCK;
+        run.blocks = last - first;
+        variant_.across(run);
+    }
+
+    // A block that reads beyond the row, from a copy in which the row's ends repeat.
+    void make_edge_block(AcrossRun run, const AcrossTable& table, int block) {
+        const SampleFormat& format = run.format;
+        const int first_pixel =
+            block_position(run.positions[block]).sample + table.begin / format.channels;
+        const int pixels = (table.end - table.begin + format.channels - 1) / format.channels;
+        copy_clamped(run.row, warp_.shape_.width,
+                     static_cast<std::size_t>(format.bytes * format.channels), first_pixel, pixels,
+                     scratch_.window());
+        const std::int64_t position =
+            run.positions[block] -
+            static_cast<std::int64_t>(first_pixel) * (std::int64_t{1} << POSITION_BITS);
+        run.row = scratch_.window();
+        run.positions = &position;
+        run.out += static_cast<std::ptrdiff_t>(block) * BLOCK;
+        run.blocks = 1;
+        variant_.across(run);
+    }
+
+    const PlaneWarp& warp_;
+    const WarpVariant& variant_;
+    const SourcePlane& source_;
+    WarpScratch& scratch_;
+    int first_sample_;
+    int samples_;
+    double block_width_;    // pixels
+    double to_middle_;      // from the first pixel of a block
+    double left_;           // the first pixel of the strip
+    int newest_ = INT_MIN;  // behind the newest intermediate row
+};
+
+void PlaneWarp::warp_row_directly(const SourcePlane& source, const TargetPlane& target,
+                                  int row) const {
+    const SampleFormat& format = shape_.format;
+    const Affine2 t = map_.at(row);
+    unsigned char* const out = target.data + row * target.stride;
+    for (int x = 0; x < shape_.width; ++x) {
+        const double source_x = bounded(t.a * x + t.b * row + t.c);
+        const double source_y = bounded(t.d * x + t.e * row + t.f);
+        const int column = static_cast<int>(std::floor(source_x)) - (x_kernel_->taps() / 2 - 1);
+        const int line = static_cast<int>(std::floor(source_y)) - (y_kernel_->taps() / 2 - 1);
+        const std::int16_t* const x_weights = x_kernel_->at(source_x - std::floor(source_x));
+        const std::int16_t* const y_weights = y_kernel_->at(source_y - std::floor(source_y));
+        for (int channel = 0; channel < format.channels; ++channel) {
+            std::int64_t sum = std::int64_t{1} << (2 * WEIGHT_BITS - 1);
+            for (int i = 0; i < y_kernel_->taps(); ++i) {
+                const unsigned char* const from =
+                    source.data + std::clamp(line + i, 0, shape_.height - 1) * source.stride;
+                std::int64_t across = 0;
+                for (int k = 0; k < x_kernel_->taps(); ++k) {
+                    const int pixel = std::clamp(column + k, 0, shape_.width - 1);
+                    across +=
+                        x_weights[k] * sample_of(from, pixel * format.channels + channel, format);
+                }
+                sum += y_weights[i] * across;
+            }
+            store_sample(out, x * format.channels + channel, sum >> (2 * WEIGHT_BITS), format);
+        }
+    }
+}
+
+void PlaneWarp::warp_rows(const WarpVariant& variant, const SourcePlane& source,
+                          const TargetPlane& target, int first, int last,
+                          WarpScratch& scratch) const {
+    if (!two_passes_) {
+        for (int y = first; y < last; ++y) {
+            warp_row_directly(source, target, y);
+        }
+        return;
+    }
+    for (int sample = 0; sample < Strip::samples(shape_); sample += STRIP) {
+        Strip strip(*this, variant, source, scratch, sample);
+        for (int y = first; y < last; ++y) {
+            strip.make_row(target, y);
+        }
+    }
+}
+
+}  // namespace videostabilizer

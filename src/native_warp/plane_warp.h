@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "native_warp/block_filters.h"
+#include "native_warp/block_tables.h"
+#include "native_warp/resampling_kernel.h"
+#include "native_warp/warp_map.h"
+
+namespace videostabilizer {
+
+struct PlaneShape {
+    int width;  // pixels of the plane, of `format.channels` samples each; 1..32768
+    int height;
+    SampleFormat format;
+};
+
+struct SourcePlane {
+    const unsigned char* data;
+    std::ptrdiff_t stride;  // bytes; any
+};
+struct TargetPlane {
+    unsigned char* data;
+    std::ptrdiff_t stride;
+};
+
+// The kernels of one resampling method for all stretches, made when first needed.
+// Threads: owner only.
+class ResamplingKernels {
+  public:
+    explicit ResamplingKernels(Resampling resampling) : resampling_(resampling) {}
+
+    // The kernel for steps of `step` source samples per output sample.
+    const ResamplingWeights& for_step(double step);
+
+  private:
+    Resampling resampling_;
+    std::array<std::unique_ptr<ResamplingWeights>, MAX_STRETCH_STEP + 1> kernels_;
+};
+
+// Memory that a thread needs while it warps.
+// Threads: owner only.
+class WarpScratch {
+  public:
+    WarpScratch();
+
+    std::int16_t* rows() { return rows_.data(); }
+    unsigned char* window() { return window_.data(); }
+
+  private:
+    std::vector<std::int16_t> rows_;
+    std::array<unsigned char, 256> window_{};
+};
+
+// Warps one plane, in two passes: along source rows, with the rows of the result where the output
+// needs them, and then across them (E. Catmull, A. R. Smith, "3-D transformations of images in
+// scanline order", SIGGRAPH 1980). Weights of both passes have 14 bits. Positions are rounded to
+// 1/64 sample for the first of 16 samples and, from there, to 1/1024. Positions outside of the source
+// show its nearest sample. Transforms that the two passes cannot do (turns beyond 14 degrees,
+// reductions to less than half the size) are resampled sample by sample, slowly.
+class PlaneWarp {
+  public:
+    // Prepares for a frame. map: of the plane's samples. kernels: must outlive the warp.
+    // Throws std::bad_alloc. Threads: owner only.
+    void prepare(const PlaneShape& shape, const WarpMap& map, ResamplingKernels& kernels);
+
+    // Computes rows first..last - 1 of the output, whatever the other rows are. The planes must not
+    // overlap.
+    // Threads: thread-safe, each with scratch memory of its own, while nobody prepares.
+    void warp_rows(const WarpVariant& variant, const SourcePlane& source, const TargetPlane& target,
+                   int first, int last, WarpScratch& scratch) const;
+
+  private:
+    struct Tables {
+        double step = 0;   // see AcrossTable::make
+        double slope = 0;  // see DownTable::make
+        AcrossTable across;
+        DownTable down;
+    };
+    class Strip;
+
+    bool two_passes_do() const;
+    const Tables& tables(double row) const;
+    double output_row(double x, double source_row) const;
+    void warp_row_directly(const SourcePlane& source, const TargetPlane& target, int row) const;
+
+    PlaneShape shape_{};
+    WarpMap map_;
+    Affine2 middle_;
+    bool two_passes_ = false;
+    int row_mask_ = 0;
+    std::vector<Tables> tables_;  // one for each interval between two transforms
+    std::size_t intervals_ = 0;
+    const ResamplingWeights* x_kernel_ = nullptr;
+    const ResamplingWeights* y_kernel_ = nullptr;
+};
+
+}  // namespace videostabilizer

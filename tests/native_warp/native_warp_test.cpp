@@ -1,0 +1,223 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "native_warp/plane_warp.h"
+
+using namespace videostabilizer;
+
+namespace {
+
+constexpr SampleFormat FORMATS[] = {
+    {1, 8, 0, 1},                  // every 8-bit plane
+    {1, 8, 0, 2},                  // NV12
+    {2, 10, 0, 1},                 // 10 bits, planar
+    {2, 10, 6, 2},                 // P010
+    {2, 12, 0, 1}, {2, 16, 0, 2},  // P016
+};
+
+// A plane with bytes between its rows, which must stay what they are.
+struct Plane {
+    static constexpr unsigned char BETWEEN = 0xA5;
+
+    Plane(int width, int height, const SampleFormat& samples)
+        : shape{width, height, samples},
+          stride(static_cast<std::ptrdiff_t>(width) * samples.channels * samples.bytes + 6),
+          bytes(static_cast<std::size_t>(stride * height), BETWEEN) {}
+
+    int get(int x, int y, int channel) const {
+        const SampleFormat& f = shape.format;
+        const unsigned char* const at = place(x, y, channel);
+        return f.bytes == 1 ? *at : (at[0] + 256 * at[1]) >> f.shift;
+    }
+    void set(int x, int y, int channel, int value) {
+        const int moved = value << shape.format.shift;
+        auto* const at = const_cast<unsigned char*>(place(x, y, channel));
+        at[0] = static_cast<unsigned char>(moved);
+        if (shape.format.bytes == 2) {
+            at[1] = static_cast<unsigned char>(moved >> 8);
+        }
+    }
+    const unsigned char* place(int x, int y, int channel) const {
+        const SampleFormat& f = shape.format;
+        return bytes.data() + y * stride +
+               static_cast<std::ptrdiff_t>(x * f.channels + channel) * f.bytes;
+    }
+    template <typename Value>
+    void fill(Value value) {
+        for (int y = 0; y < shape.height; ++y) {
+            for (int x = 0; x < shape.width; ++x) {
+                for (int c = 0; c < shape.format.channels; ++c) {
+                    set(x, y, c, value(x, y, c));
+                }
+            }
+        }
+    }
+
+    PlaneShape shape;
+    std::ptrdiff_t stride;
+    std::vector<unsigned char> bytes;
+};
+
+void warp(const WarpVariant& variant, Resampling resampling, const WarpMap& map,
+          const Plane& source, Plane& target, int bands = 1) {
+    ResamplingKernels kernels(resampling);
+    PlaneWarp plane_warp;
+    plane_warp.prepare(source.shape, map, kernels);
+    WarpScratch scratch;
+    for (int band = bands - 1; band >= 0; --band) {
+        plane_warp.warp_rows(
+            variant, {source.bytes.data(), source.stride}, {target.bytes.data(), target.stride},
+            source.shape.height * band / bands, source.shape.height * (band + 1) / bands, scratch);
+    }
+}
+
+Affine2 turned(double degrees, double zoom, double x, double y) {
+    const double angle = degrees * 3.14159265358979323846 / 180;
+    const double c = zoom * std::cos(angle);
+    const double s = zoom * std::sin(angle);
+    return {c, -s, x, s, c, y};
+}
+
+// Transforms of all kinds, also those that only the direct way can do.
+std::vector<WarpMap> maps() {
+    const Affine2 leaning[] = {turned(1, 0.9, 5, 4), turned(1.4, 0.91, 7, 2),
+                               turned(0.8, 0.9, 3, 5.5)};
+    const double nan = std::nan("");
+    return {
+        {{turned(0.7, 0.9, 9.3, 4.1)}},
+        {{turned(-5, 0.85, 3, 12)}},
+        {{turned(3, 1.3, -20, -14)}},                      // reduced: stretched kernels
+        {{turned(0, 1, 400, -300)}},                       // beyond the picture
+        {{turned(0, 1.98, -0.5, -0.25)}},                  // the limit of two passes
+        {{turned(40, 0.7, 30, -20)}},                      // direct
+        {{turned(0, 2.4, -8, -3)}},                        // direct
+        {{{0, 0, 3, 0, 0, 2}}},                            // one colour
+        {{{nan, nan, nan, nan, nan, nan}}},                // anything, but inside
+        {{leaning[0], leaning[1], leaning[2]}, 20, 0.25},  // a strong rolling shutter
+    };
+}
+
+TEST(NativeWarp, VariantsAndBandsGiveTheSameBytes) {
+    std::mt19937 random(7);
+    for (const SampleFormat& format : FORMATS) {
+        for (const auto& [width, height] : {std::pair{133, 61}, {16, 2}, {1, 9}, {530, 40}}) {
+            Plane source(width, height, format);
+            source.fill([&](int, int, int) {
+                return static_cast<int>(random() & ((1U << format.depth) - 1));
+            });
+            for (const WarpMap& map : maps()) {
+                for (const Resampling resampling : {Resampling::BILINEAR, Resampling::LANCZOS3}) {
+                    Plane expected(width, height, format);
+                    warp(warp_variants[0], resampling, map, source, expected);
+                    for (const WarpVariant& variant : warp_variants) {
+                        Plane actual(width, height, format);
+                        if (cpu_supports(variant.level)) {
+                            warp(variant, resampling, map, source, actual, 1 + height / 20);
+                            ASSERT_EQ(actual.bytes, expected.bytes)
+                                << variant.name << ", " << width << " x " << height << ", "
+                                << format.depth << " bits, " << format.channels << " channels";
+                        }
+                    }
+                }
+            }
+        }
+    }
+}
+
+double lanczos(double x) {
+    constexpr double PI = 3.14159265358979323846;
+    return x == 0
+               ? 1
+               : (std::abs(x) < 3 ? 3 * std::sin(PI * x) * std::sin(PI * x / 3) / (PI * PI * x * x)
+                                  : 0);
+}
+
+// The sample at a position, by the definition of the kernel in two dimensions.
+double defined(const Plane& source, double x, double y, int channel) {
+    const int column = static_cast<int>(std::floor(x));
+    const int row = static_cast<int>(std::floor(y));
+    double sum = 0;
+    double weights = 0;
+    for (int i = row - 2; i <= row + 3; ++i) {
+        for (int k = column - 2; k <= column + 3; ++k) {
+            const double weight = lanczos(y - i) * lanczos(x - k);
+            weights += weight;
+            sum += weight * source.get(std::clamp(k, 0, source.shape.width - 1),
+                                       std::clamp(i, 0, source.shape.height - 1), channel);
+        }
+    }
+    return sum / weights;
+}
+
+TEST(NativeWarp, ShowsWhatTheDefinitionShows) {
+    for (const SampleFormat& format : FORMATS) {
+        Plane source(200, 90, format);
+        const double unit = (1 << format.depth) / 256.0;
+        source.fill([&](int x, int y, int c) {
+            return static_cast<int>(unit * (128 + 60 * std::sin(0.5 * x + 0.3 * y + c) +
+                                            50 * std::cos(0.2 * x - 0.6 * y)));
+        });
+        const WarpMap rolling_shutter{
+            {turned(1, 0.9, 5, 4), turned(1.1, 0.9, 6, 3.5), turned(1.05, 0.9, 5.5, 4)}, 20, 0.25};
+        for (const WarpMap& map : {maps()[0], maps()[1], rolling_shutter}) {
+            Plane target(200, 90, format);
+            warp(fastest_variant(warp_variants), Resampling::LANCZOS3, map, source, target);
+            double squares = 0;
+            double worst = 0;
+            target.fill([&](int x, int y, int c) {
+                const Affine2 t = map.at(y);
+                const int value = target.get(x, y, c);
+                const double error =
+                    value - defined(source, t.a * x + t.b * y + t.c, t.d * x + t.e * y + t.f, c);
+                squares += error * error;
+                worst = std::max(worst, std::abs(error));
+                return value;
+            });
+            const double mean = std::sqrt(squares / (200 * 90 * format.channels));
+            EXPECT_LT(mean, 0.35 + 0.2 * unit) << format.depth << " bits";
+            EXPECT_LT(worst, 0.5 + unit) << format.depth << " bits";
+        }
+    }
+}
+
+TEST(NativeWarp, LeavesWhatIsNotMovedAlone) {
+    for (const SampleFormat& format : FORMATS) {
+        Plane source(75, 33, format);
+        std::mt19937 random(3);
+        source.fill(
+            [&](int, int, int) { return static_cast<int>(random() & ((1U << format.depth) - 1)); });
+        Plane same(75, 33, format);
+        warp(fastest_variant(warp_variants), Resampling::LANCZOS3, {{{}}}, source, same);
+        EXPECT_EQ(same.bytes, source.bytes) << format.depth << " bits";
+    }
+}
+
+// A luma position that a plane's sample shows, and the same of its source, are one point of the
+// scene: they go through the map of luma.
+TEST(NativeWarp, PlanesMoveWithTheirLuma) {
+    const WarpMap luma{{turned(2, 0.9, 8, 5), turned(2.5, 0.92, 9, 3)}, 40, 3};
+    for (const PlaneGrid& grid : {PlaneGrid{2, 2, 0, 0.5}, {2, 1, 0.5, 0}, {1, 1, 0, 0}}) {
+        const WarpMap chroma = plane_map(luma, grid);
+        for (const double row : {0.0, 7.0, 31.0}) {
+            const double x = 11 * grid.x_step + grid.x_first;
+            const double y = row * grid.y_step + grid.y_first;
+            const Affine2 c = chroma.at(row);
+            const Affine2 l = luma.at(y);
+            EXPECT_NEAR((c.a * 11 + c.b * row + c.c) * grid.x_step + grid.x_first,
+                        l.a * x + l.b * y + l.c, 1e-9);
+            EXPECT_NEAR((c.d * 11 + c.e * row + c.f) * grid.y_step + grid.y_first,
+                        l.d * x + l.e * y + l.f, 1e-9);
+        }
+    }
+}
+
+}  // namespace
