@@ -254,25 +254,33 @@ class PlaneWarp::Strip {
     // Where the blocks of an intermediate row begin in the source row, and the tables for them.
     void place_blocks(int row, int blocks, const Tables** tables, std::int64_t* positions) const {
         const WarpMap& map = warp_.map_;
-        const bool one_transform = map.transforms.size() == 1;
-        const double top = warp_.output_row(left_ + to_middle_, row);
+        const double x = left_ + to_middle_;
+        const double top = warp_.output_row(x, row);
+        if (map.transforms.size() == 1) {
+            const Tables& only = warp_.tables_.front();
+            const Affine2& t = warp_.middle_;
+            const std::int64_t first =
+                fixed_point(t.a * x + t.b * top + t.c - only.step * to_middle_);
+            const std::int64_t step = fixed_point(only.step * block_width_);
+            for (int block = 0; block < blocks; ++block) {
+                tables[block] = &only;
+                positions[block] = first + block * step;
+            }
+            return;
+        }
         const double down =
-            (warp_.output_row(left_ + to_middle_ + STRIP_BLOCKS * block_width_, row) - top) /
-            STRIP_BLOCKS;
+            (warp_.output_row(x + STRIP_BLOCKS * block_width_, row) - top) / STRIP_BLOCKS;
         for (int block = 0; block < blocks; ++block) {
-            const double x = left_ + to_middle_ + block * block_width_;
+            const double middle = x + block * block_width_;
             double y = top + block * down;
-            Affine2 t = warp_.middle_;
-            if (!one_transform) {
-                for (int i = 0; i < 2; ++i) {
-                    t = map.at(y);
-                    y += (row - (t.d * x + t.e * y + t.f)) / t.e;
-                }
+            Affine2 t = map.at(y);
+            for (int i = 0; i < 2; ++i) {
+                y += (row - (t.d * middle + t.e * y + t.f)) / t.e;
                 t = map.at(y);
             }
             tables[block] = &warp_.tables(y);
             positions[block] =
-                fixed_point(t.a * x + t.b * y + t.c - tables[block]->step * to_middle_);
+                fixed_point(t.a * middle + t.b * y + t.c - tables[block]->step * to_middle_);
         }
     }
 
