@@ -3,7 +3,6 @@
 #include "native_warp/plane_warp.h"
 
 #include <algorithm>
-#include <climits>
 #include <cmath>
 #include <cstring>
 
@@ -90,9 +89,15 @@ const ResamplingWeights& ResamplingKernels::for_step(double step) {
 
 WarpScratch::WarpScratch() : rows_(static_cast<std::size_t>(MOST_ROWS) * STRIP) {}
 
+// What the tables of an interval are made for.
+Affine2 PlaneWarp::interval_middle(std::size_t k) const {
+    return map_.at(map_.first_row + (static_cast<double>(k) + 0.5) * map_.rows_apart);
+}
+
 bool PlaneWarp::two_passes_do() const {
     const std::vector<Affine2>& transforms = map_.transforms;
-    if (!std::all_of(transforms.begin(), transforms.end(), two_passes_do_transform)) {
+    if (!two_passes_do_transform(middle_) ||
+        !std::all_of(transforms.begin(), transforms.end(), two_passes_do_transform)) {
         return false;
     }
     // Going down the output must go down the source, by about as much as the transforms say that
@@ -101,6 +106,9 @@ bool PlaneWarp::two_passes_do() const {
         const Affine2& p = transforms[k];
         const Affine2& q = transforms[k + 1];
         const double row = map_.first_row + static_cast<double>(k) * map_.rows_apart;
+        if (!two_passes_do_transform(interval_middle(k))) {
+            return false;
+        }
         for (const double y : {row, row + map_.rows_apart}) {
             for (const double x : {0.0, static_cast<double>(shape_.width)}) {
                 const double drift =
@@ -131,16 +139,20 @@ void PlaneWarp::prepare(const PlaneShape& shape, const WarpMap& map, ResamplingK
         tables_.resize(intervals_);
     }
     const double strip_width = static_cast<double>(STRIP) / shape.format.channels;
+    double steepest = 0;
+    for (const Affine2& t : map.transforms) {
+        steepest = std::max(steepest, std::abs(t.d));
+    }
     int most = 0;
     for (std::size_t k = 0; k < intervals_; ++k) {
-        const Affine2 t = map.at(map.first_row + (static_cast<double>(k) + 0.5) * map.rows_apart);
+        const Affine2 t = interval_middle(k);
         Tables& tables = tables_[k];
         tables.step = t.a - t.b * t.d / t.e;
         tables.slope = t.d;
         tables.across.make(shape.format, *x_kernel_, tables.step);
         tables.down.make(shape.format, *y_kernel_, tables.slope);
         const int rows = tables.down.end - tables.down.begin +
-                         static_cast<int>(std::abs(t.d) * strip_width) + SPARE_ROWS;
+                         static_cast<int>(steepest * strip_width) + SPARE_ROWS;
         most = std::max(most, rows);
     }
     int ring = 16;
@@ -207,12 +219,8 @@ class PlaneWarp::Strip {
 
         const int left_row = block_position(run.position).sample;
         const int right_row = block_position(run.position + run.step * (blocks - 1)).sample;
-        const int end = std::max(left_row, right_row) + table.end;
-        for (int row = std::max(newest_, std::min(left_row, right_row) + table.begin); row < end;
-             ++row) {
-            make_intermediate_row(row, blocks);
-            newest_ = row + 1;
-        }
+        make_intermediate_rows(std::min(left_row, right_row) + table.begin,
+                               std::max(left_row, right_row) + table.end, blocks);
         run.out = target.data + y * target.stride +
                   static_cast<std::ptrdiff_t>(first_sample_) * shape.format.bytes;
         variant_.down(run);
@@ -230,6 +238,17 @@ class PlaneWarp::Strip {
     }
 
   private:
+    // Makes those of the intermediate rows begin..end - 1 that are not there yet.
+    void make_intermediate_rows(int begin, int end, int blocks) {
+        if (begin < rows_begin_ || begin > rows_end_) {
+            rows_begin_ = rows_end_ = begin;
+        }
+        for (; rows_end_ < end; ++rows_end_) {
+            make_intermediate_row(rows_end_, blocks);
+        }
+        rows_begin_ = std::max(rows_begin_, rows_end_ - (warp_.row_mask_ + 1));
+    }
+
     void make_intermediate_row(int row, int blocks) {
         const PlaneShape& shape = warp_.shape_;
         AcrossRun run{};
@@ -332,10 +351,11 @@ class PlaneWarp::Strip {
     WarpScratch& scratch_;
     int first_sample_;
     int samples_;
-    double block_width_;    // pixels
-    double to_middle_;      // from the first pixel of a block
-    double left_;           // the first pixel of the strip
-    int newest_ = INT_MIN;  // behind the newest intermediate row
+    double block_width_;  // pixels
+    double to_middle_;    // from the first pixel of a block
+    double left_;         // the first pixel of the strip
+    int rows_begin_ = 0;  // the intermediate rows that are there
+    int rows_end_ = 0;
 };
 
 void PlaneWarp::warp_row_directly(const SourcePlane& source, const TargetPlane& target,

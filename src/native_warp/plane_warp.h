@@ -85,6 +85,7 @@ class PlaneWarp {
     };
     class Strip;
 
+    Affine2 interval_middle(std::size_t k) const;
     bool two_passes_do() const;
     const Tables& tables(double row) const;
     double output_row(double x, double source_row) const;
