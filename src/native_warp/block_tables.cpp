@@ -80,7 +80,8 @@ void DownTable::make(const SampleFormat& samples, const ResamplingWeights& kerne
     begin = end = 0;
     weights.clear();
     for (int p = 0; p < PHASES; ++p) {
-        const double end_of_block = slope * ((BLOCK - 1) / format.channels);
+        const int last_pixel = (BLOCK - 1) / format.channels;
+        const double end_of_block = slope * last_pixel;
         const double position = static_cast<double>(p) / PHASES;
         const int lowest = static_cast<int>(std::floor(position + std::min(0.0, end_of_block)));
         const int highest = static_cast<int>(std::floor(position + std::max(0.0, end_of_block)));

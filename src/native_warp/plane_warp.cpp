@@ -233,7 +233,9 @@ class PlaneWarp::Strip {
             run.blocks = 1;
             run.out = last;
             variant_.down(run);
-            std::memcpy(out, last, static_cast<std::size_t>(rest * shape.format.bytes));
+            std::memcpy(
+                out, last,
+                static_cast<std::size_t>(rest) * static_cast<std::size_t>(shape.format.bytes));
         }
     }
 
@@ -332,9 +334,10 @@ class PlaneWarp::Strip {
         const int first_pixel =
             block_position(run.positions[block]).sample + table.begin / format.channels;
         const int pixels = (table.end - table.begin + format.channels - 1) / format.channels;
-        copy_clamped(run.row, warp_.shape_.width,
-                     static_cast<std::size_t>(format.bytes * format.channels), first_pixel, pixels,
-                     scratch_.window());
+        copy_clamped(
+            run.row, warp_.shape_.width,
+            static_cast<std::size_t>(format.bytes) * static_cast<std::size_t>(format.channels),
+            first_pixel, pixels, scratch_.window());
         const std::int64_t position =
             run.positions[block] -
             static_cast<std::int64_t>(first_pixel) * (std::int64_t{1} << POSITION_BITS);

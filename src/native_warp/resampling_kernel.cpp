@@ -60,7 +60,8 @@ ResamplingWeights::ResamplingWeights(Resampling resampling, double stretch)
         std::array<double, MAX_TAPS> exact{};
         double sum = 0;
         for (int t = 0; t < taps_; ++t) {
-            const double distance = std::abs(t - (taps_ / 2 - 1) - fraction);
+            const int sample = t - (taps_ / 2 - 1);
+            const double distance = std::abs(sample - fraction);
             const auto tap = static_cast<std::size_t>(t);
             exact[tap] = value(resampling, distance / stretch);
             sum += exact[tap];
