@@ -256,7 +256,11 @@ TEST(PathPlanner, MeetsTheLimitsWithoutJerks) {
              return {90 * wave(n, 35) + 12 * wave(n, 7), 60 * wave(n, 28) + 8 * wave(n, 5), 0, 0};
          },
          1.0 / 6},
-        // Quick turns take room away from a shift that could be followed.
+        // Turns, slow or quick, take room away from a shift that could be followed.
+        {[&](int n) -> CameraPose {
+             return {0, 60 * wave(n, 28), 0.01 * wave(n, 31), 0};
+         },
+         0.7},
         {[&](int n) -> CameraPose {
              return {0, 60 * wave(n, 28), 0.04 * wave(n, 7), 0};
          },
