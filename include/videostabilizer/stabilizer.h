@@ -36,7 +36,8 @@
 
 namespace videostabilizer {
 
-class SteadyPath;  // internal
+class NativeStage;  // internal
+class SteadyPath;   // internal
 
 // The host's allocator of output frames; used only when in_place is 0.
 struct VideoStabilizerUser {
@@ -115,7 +116,7 @@ struct VideoStabilizer {
     std::vector<MotionLog> motion_logs;  // ring; belongs to `motions`
     GaussianMotionFilter* filter;
     std::int32_t in_place;
-    AffineTransformerOcl* transformer;     // the warp stage
+    AffineTransformerOcl* transformer;     // the warp stage with OpenCL; else null
     VideoStabilizerUser* user;             // the host's; may be null
     std::atomic<std::int32_t> quit;        // stop flag
     std::atomic<std::int32_t> input_eos;   // the host signalled the end of its input
@@ -135,6 +136,7 @@ struct VideoStabilizer {
     SteadyPath* steady_path;    // null: the filter alone is used
     std::int64_t newest_frame;  // frame_index, unbounded
     std::int64_t sent_frame;    // output_index, unbounded
+    NativeStage* native_stage;  // the warp stage where `transformer` is null
 };
 
 // Sets up OpenCL, once per process.

@@ -8,6 +8,20 @@
 
 namespace videostabilizer {
 
+// What warps the pictures of a stream.
+enum VideoStabilizerEngine : std::int32_t {
+    STABILIZER_ENGINE_OPENCL,  // needs video_stabilizer_module_init
+    STABILIZER_ENGINE_NATIVE,  // the processor; needs no OpenCL, and reads rows with their strides
+    STABILIZER_ENGINE_AUTO,    // at present native, unless sampling is stated
+};
+
+// How the samples of the output are computed.
+enum VideoStabilizerSampling : std::int32_t {
+    STABILIZER_SAMPLING_STATED,    // the OpenCL kernels: luma bilinear, nearest chroma
+    STABILIZER_SAMPLING_BILINEAR,  // luma and chroma bilinear; native engine only
+    STABILIZER_SAMPLING_SHARP,     // Lanczos, six taps, which keeps fine detail; native engine only
+};
+
 // Options of one stream. Fill a record with video_stabilizer_options_init or
 // video_stabilizer_options_for_strength, change fields, and pass it to
 // video_stabilizer_create_with_options. Comments give range and default; switches are 0 or 1.
@@ -28,8 +42,10 @@ struct VideoStabilizerOptions {
     std::int32_t scene_cuts;      // 1: smoothing stops at scene cuts; 0
     // The top left part of each frame that is picture; 0, 0 means all of it. The rest is padding:
     // whole_shift crops, and edge_guard guards, the picture only.
-    std::int32_t picture_width;   // pixels; 16..frame width
-    std::int32_t picture_height;  // pixels; 16..frame height
+    std::int32_t picture_width;        // pixels; 16..frame width
+    std::int32_t picture_height;       // pixels; 16..frame height
+    VideoStabilizerEngine engine;      // opencl; native needs another sampling than stated
+    VideoStabilizerSampling sampling;  // stated; the others need an engine other than opencl
 };
 
 // Predefined options, all with a crop ratio of 0.9. All but gentle apply the full shift, guard the

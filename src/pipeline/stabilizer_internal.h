@@ -21,6 +21,10 @@ void wake_output_waiters(VideoStabilizer* stabilizer);
 // The worker's blocking take. Returns 0, -10001 (ended and empty), -10002 (stopping) or -10003.
 int take_input_frame(VideoStabilizer* stabilizer, Frame** out);
 
+// The warp stage's input, with either engine.
+void send_to_stage(VideoStabilizer* stabilizer, Frame* frame);
+void signal_eos_to_stage(VideoStabilizer* stabilizer);
+
 // Callbacks of the warp stage, called on its thread; `owner` is the stabilizer.
 int stabilizer_on_frame(void* owner, Frame* frame);
 void stabilizer_on_eos(void* owner);

@@ -27,15 +27,32 @@ constexpr float SMALLEST_CROP = 0.5F;
 constexpr int SMALLEST_PICTURE = 16;  // pixels
 
 //                                        size     ahead sigma crop  shift guard repair cuts picture
-constexpr VideoStabilizerOptions DEFAULTS{OUR_SIZE, 10, 0.0F, 0.9F, 0, 0, 0, 0, 0, 0};
+constexpr VideoStabilizerOptions DEFAULTS{OUR_SIZE,
+                                          10,
+                                          0.0F,
+                                          0.9F,
+                                          0,
+                                          0,
+                                          0,
+                                          0,
+                                          0,
+                                          0,
+                                          STABILIZER_ENGINE_OPENCL,
+                                          STABILIZER_SAMPLING_STATED};
+
+constexpr VideoStabilizerOptions stronger_options(std::int32_t look_ahead, float sigma) {
+    VideoStabilizerOptions options = DEFAULTS;
+    options.look_ahead = look_ahead;
+    options.sigma = sigma;
+    options.whole_shift = options.edge_guard = 1;
+    options.repair_motions = options.scene_cuts = 1;
+    return options;
+}
 
 // By strength.
-constexpr VideoStabilizerOptions STRENGTHS[] = {
-    DEFAULTS,
-    {OUR_SIZE, 10, 10.0F, 0.9F, 1, 1, 1, 1, 0, 0},
-    {OUR_SIZE, 20, 14.0F, 0.9F, 1, 1, 1, 1, 0, 0},
-    {OUR_SIZE, 30, 20.0F, 0.9F, 1, 1, 1, 1, 0, 0},
-};
+constexpr VideoStabilizerOptions STRENGTHS[] = {DEFAULTS, stronger_options(10, 10.0F),
+                                                stronger_options(20, 14.0F),
+                                                stronger_options(30, 20.0F)};
 
 bool is_switch(std::int32_t value) {
     return value == 0 || value == 1;
@@ -71,6 +88,16 @@ const char* options_fault(const VideoStabilizerOptions& o, int frame_width, int 
     }
     if (!is_picture(o.picture_width, o.picture_height, frame_width, frame_height)) {
         return "the picture is not a part of the frames";
+    }
+    if (o.engine < STABILIZER_ENGINE_OPENCL || o.engine > STABILIZER_ENGINE_AUTO) {
+        return "engine is none of opencl, native and auto";
+    }
+    if (o.sampling < STABILIZER_SAMPLING_STATED || o.sampling > STABILIZER_SAMPLING_SHARP) {
+        return "sampling is none of stated, bilinear and sharp";
+    }
+    if (o.sampling == STABILIZER_SAMPLING_STATED ? o.engine == STABILIZER_ENGINE_NATIVE
+                                                 : o.engine == STABILIZER_ENGINE_OPENCL) {
+        return "the engine has no such sampling";
     }
     if (o.edge_guard != 0 && o.whole_shift == 0) {
         return "edge_guard needs whole_shift";

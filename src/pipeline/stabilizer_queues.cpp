@@ -4,9 +4,11 @@
 // (callbacks).
 
 #include "frames/deadline.h"
+#include "native_stage/native_stage.h"
 #include "pipeline/geometry.h"
 #include "pipeline/stabilizer_internal.h"
 #include "platform/log.h"
+#include "warp/stage_internal.h"
 
 namespace videostabilizer {
 
@@ -140,6 +142,24 @@ void wake_output_waiters(VideoStabilizer* stabilizer) {
 
 int take_input_frame(VideoStabilizer* stabilizer, Frame** out) {
     return fifo_take(input_fifo(stabilizer), out);
+}
+
+void send_to_stage(VideoStabilizer* stabilizer, Frame* frame) {
+    if (stabilizer->native_stage != nullptr) {
+        stabilizer->native_stage->send(frame);
+    } else {
+        affine_transformer_ocl_send_frame(stabilizer->transformer, frame);
+    }
+}
+
+void signal_eos_to_stage(VideoStabilizer* stabilizer) {
+    if (stabilizer->native_stage != nullptr) {
+        stabilizer->native_stage->signal_eos();
+    } else {
+        affine_transformer_ocl_signal_eos(stabilizer->transformer);
+        // The stage may already be waiting for input and would see the flag up to a second later.
+        wake_stage(stabilizer->transformer);
+    }
 }
 
 int stabilizer_on_frame(void* owner, Frame* frame) {

@@ -16,7 +16,6 @@
 #include "pipeline/stabilizer_internal.h"
 #include "platform/log.h"
 #include "simplela/mat_util.h"
-#include "warp/stage_internal.h"
 
 namespace videostabilizer {
 
@@ -146,16 +145,14 @@ void send_corrected(VideoStabilizer* s, std::int64_t n) {
     Frame* const frame = slot;
     slot = nullptr;  // owned by the stage from here on
     frame->opaque = correction.data;
-    affine_transformer_ocl_send_frame(s->transformer, frame);
+    send_to_stage(s, frame);
 }
 
 void drain(VideoStabilizer* s) {
     while (s->sent_frame < s->newest_frame) {
         send_corrected(s, s->sent_frame + 1);
     }
-    affine_transformer_ocl_signal_eos(s->transformer);
-    // The stage may already be waiting for input and would see the flag up to a second later.
-    wake_stage(s->transformer);
+    signal_eos_to_stage(s);
 }
 
 void log_error(int code) {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "native_stage/native_stage.h"
 #include "path/steady_path.h"
 #include "pipeline/geometry.h"
 #include "pipeline/stabilizer_internal.h"
@@ -167,24 +168,58 @@ void create_history(VideoStabilizer* s) {
     }
 }
 
-bool create_warp_stage(VideoStabilizer* s) {
-    AffineTransformerCallbacks callbacks{};
-    callbacks.on_frame = stabilizer_on_frame;
-    callbacks.on_eos = stabilizer_on_eos;
-    if (s->user != nullptr && s->user->ctx != nullptr && s->user->create_frame != nullptr) {
+bool has_frame_pool(const VideoStabilizer* s) {
+    return s->user != nullptr && s->user->ctx != nullptr && s->user->create_frame != nullptr;
+}
+
+// Capacity of the stage's queue, and the shown part that it is to crop to: with whole_shift, the
+// worker folds the crop into the transforms.
+int stage_capacity(const VideoStabilizer* s) {
+    return static_cast<int>(s->warp_pool.size()) - 1;
+}
+float stage_crop(const VideoStabilizer* s) {
+    return s->options.whole_shift != 0 ? 1.0F : s->options.crop_ratio;
+}
+
+bool create_native_stage(VideoStabilizer* s) {
+    if (!can_be_warped(s->format)) {
+        __android_log_print(LOG_ERROR, STABILIZER_TAG, "Un-supported pixel format!!");
+        return false;
+    }
+    const NativeStageSettings settings = {s->format, stage_crop(s),
+                                          s->options.sampling == STABILIZER_SAMPLING_SHARP
+                                              ? Resampling::LANCZOS3
+                                              : Resampling::BILINEAR,
+                                          s->in_place != 0, stage_capacity(s)};
+    NativeStageCallbacks callbacks{
+        s, stabilizer_on_frame, stabilizer_on_eos, stabilizer_on_failure, nullptr, nullptr};
+    if (has_frame_pool(s)) {
         callbacks.ctx = s->user->ctx;
         callbacks.create_frame = s->user->create_frame;
     }
-    const int capacity = static_cast<int>(s->warp_pool.size()) - 1;
-    s->transformer = affine_transformer_ocl_create(s->in_place, s, callbacks, capacity);
+    s->native_stage = new NativeStage(settings, callbacks);
+    if (s->native_stage->start() != RESULT_OK) {
+        __android_log_print(LOG_ERROR, STABILIZER_TAG, "no thread for the warp stage");
+        return false;
+    }
+    return true;
+}
+
+bool create_opencl_stage(VideoStabilizer* s) {
+    AffineTransformerCallbacks callbacks{};
+    callbacks.on_frame = stabilizer_on_frame;
+    callbacks.on_eos = stabilizer_on_eos;
+    if (has_frame_pool(s)) {
+        callbacks.ctx = s->user->ctx;
+        callbacks.create_frame = s->user->create_frame;
+    }
+    s->transformer = affine_transformer_ocl_create(s->in_place, s, callbacks, stage_capacity(s));
     if (s->transformer == nullptr) {
         throw std::bad_alloc();
     }
     set_failure_callback(s->transformer, stabilizer_on_failure);
-    // With whole_shift, the worker folds the crop into the transforms.
-    const float stage_crop = s->options.whole_shift != 0 ? 1.0F : s->options.crop_ratio;
     if (affine_transformer_ocl_init(s->transformer, s->format, s->width, s->height, s->stride_y,
-                                    s->stride_uv, stage_crop) < 0) {
+                                    s->stride_uv, stage_crop(s)) < 0) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, "Failed to init AffineTransformer!!");
         return false;
     }
@@ -197,7 +232,9 @@ bool build(VideoStabilizer* s) {
             return false;
         }
         create_history(s);
-        return create_warp_stage(s);
+        // What only the native engine can do.
+        const bool native = s->options.sampling != STABILIZER_SAMPLING_STATED;
+        return native ? create_native_stage(s) : create_opencl_stage(s);
     } catch (const std::bad_alloc&) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, OUT_OF_MEMORY_TEXT);
         return false;
@@ -224,6 +261,9 @@ void end_threads(VideoStabilizer* s) {
     wake_all(s);
     if (s->transformer != nullptr) {
         affine_transformer_ocl_fini(s->transformer);
+    }
+    if (s->native_stage != nullptr) {
+        s->native_stage->end();
     }
     video_stabilizer_flush(s);
     if (s->worker_joinable.exchange(0) != 0) {
@@ -349,6 +389,7 @@ void video_stabilizer_delete(VideoStabilizer* stabilizer) {
     if (s->transformer != nullptr) {
         affine_transformer_ocl_delete(s->transformer);
     }
+    delete s->native_stage;
     delete_matrices(s->motions);
     delete_matrices(s->warp_pool);
     pthread_cond_destroy(&s->eos_cond);

@@ -82,6 +82,11 @@ TEST_F(Creation, RefusesWhatItCannotWorkOn) {
     }
 }
 
+void set_engine(VideoStabilizerOptions& options, int engine, int sampling) {
+    options.engine = static_cast<VideoStabilizerEngine>(engine);
+    options.sampling = static_cast<VideoStabilizerSampling>(sampling);
+}
+
 TEST_F(Options, AreRefusedOutsideTheirRanges) {
     using Change = void (*)(VideoStabilizerOptions&, bool good);
     const Change changes[] = {
@@ -99,6 +104,10 @@ TEST_F(Options, AreRefusedOutsideTheirRanges) {
         [](auto& o, bool good) { o.picture_width = 16, o.picture_height = good ? 16 : 15; },
         [](auto& o, bool good) { o.picture_width = WIDTH, o.picture_height = good ? HEIGHT : 0; },
         [](auto& o, bool good) { o.picture_width = WIDTH + !good, o.picture_height = HEIGHT; },
+        [](auto& o, bool good) { set_engine(o, good ? 1 : 0, 2); },
+        [](auto& o, bool good) { set_engine(o, 2, good ? 1 : 3); },
+        [](auto& o, bool good) { set_engine(o, good ? 2 : 1, 0); },
+        [](auto& o, bool good) { set_engine(o, good ? 2 : 3, 2); },
         [](auto& o, bool good) { o.size = good ? o.size : 0; },
     };
     for (const Change& change : changes) {

@@ -187,9 +187,22 @@ TEST_F(Stream, WarpsEachFrameByItsOwnCorrection) {
     constexpr int FRAMES = 40;
     constexpr Geometry LARGE = packed(448, 320);  // room for enough corners to estimate motions
     const Pixel flat = [](int, int, int) { return 90; };
-    for (const Pixel pixel : {Pixel{shaking_texture}, flat}) {
-        SCOPED_TRACE(pixel == flat ? "flat" : "shaking");
-        const StabilizerPtr s = make_stabilizer(LARGE);
+    const struct {
+        const char* name;
+        Pixel pixel;
+        VideoStabilizerSampling sampling;
+        bool in_place;
+    } cases[] = {{"shaking", shaking_texture, STABILIZER_SAMPLING_STATED, true},
+                 {"flat", flat, STABILIZER_SAMPLING_STATED, true},
+                 {"native", shaking_texture, STABILIZER_SAMPLING_BILINEAR, true},
+                 {"native, own frames", shaking_texture, STABILIZER_SAMPLING_BILINEAR, false}};
+    for (const auto& [name, pixel, sampling, in_place] : cases) {
+        SCOPED_TRACE(name);
+        VideoStabilizerOptions options = options_for(STABILIZER_GENTLE);
+        options.engine = STABILIZER_ENGINE_AUTO;
+        options.sampling = sampling;
+        const StabilizerPtr s = make_stabilizer(LARGE, in_place, &options);
+        EXPECT_EQ(live_opencl_objects() > 0, sampling == STABILIZER_SAMPLING_STATED);
         const auto make = [&](int number) { return make_frame(number, LARGE, pixel); };
         std::vector<std::vector<unsigned char>> outputs;
         const Ending ending = run_stream(s.get(), FRAMES, make, [&](const Frame* frame) {
