@@ -242,7 +242,7 @@ void BM_Refine(benchmark::State& state) {
     analysis.track(track_variants[0]);
     const SimilarityFit fit(picture_centre(size.width, size.height), size.scale);
     DirectAlignment alignment(size.width, size.height, size.scale);
-    const LumaPair pictures = {analysis.pictures[0].data(), analysis.pictures[1].data(),
+    const LumaPair pictures = {analysis.pictures[0].data(), analysis.pictures[1].data(), size.width,
                                size.width};
     for (auto unused : state) {
         CameraPose step;

@@ -12,6 +12,10 @@ _stabilize_video() {
       mapfile -t COMPREPLY < <(compgen -W 'gentle standard strong maximum' -- "$cur")
       return
       ;;
+    --sampling)
+      mapfile -t COMPREPLY < <(compgen -W 'stated bilinear sharp' -- "$cur")
+      return
+      ;;
     --preset)
       mapfile -t COMPREPLY < <(compgen -W 'ultrafast superfast veryfast faster fast medium slow
         slower veryslow' -- "$cur")

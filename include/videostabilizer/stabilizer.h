@@ -180,12 +180,15 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create(int width, int heig
                                                              VideoStabilizerUser* user);
 
 // As above, with options; null means the defaults. `options` is read during the call only.
+// Streams whose sampling is not stated use the native engine: module_init is not needed, all rows are
+// read and written with the strides of the frames, and every column is warped.
 //
 // Memory per stream, in bytes, with s the decimation (1, 2 or 4) and a = look_ahead:
 //   host memory    2 (width / s) (height / s) + 300 a + 100,000
 //                  edge_guard, repair_motions or scene_cuts: 320 a more
 //                  edge_guard: 200,000 more
 //   OpenCL device  2 height (stride_y + stride_uv)
+//   native engine  200,000 instead; with in_place also height (stride_y + stride_uv)
 //   frames         at most a + 8 frames of the host
 //
 // Threads: thread-safe.

@@ -233,7 +233,7 @@ void DirectAlignment::make_patch(const LumaPair& pictures, int x, int y, Patch& 
     constexpr float MIDDLE = 0.5F * (SIDE - 1);
     p.x = x + static_cast<double>(MIDDLE) - centre_.x;
     p.y = y + static_cast<double>(MIDDLE) - centre_.y;
-    Window<SIDE>(pictures.earlier, pictures.pitch, x, y).in_place(p.grey, p.along, p.down);
+    Window<SIDE>(pictures.earlier, pictures.earlier_pitch, x, y).in_place(p.grey, p.along, p.down);
     float turn[AREA];
     float grow[AREA];
     for (int r = 0; r < SIDE; ++r) {
@@ -299,7 +299,7 @@ void DirectAlignment::measure(const LumaPair& pictures, const Similarity& motion
         return;
     }
     float later[AREA];
-    Window<SIDE>(pictures.later, pictures.pitch, left, top)
+    Window<SIDE>(pictures.later, pictures.later_pitch, left, top)
         .shifted(spline_at(static_cast<float>(x - left)), spline_at(static_cast<float>(y - top)),
                  later);
     take_mean_away(later);

@@ -11,11 +11,12 @@
 
 namespace videostabilizer {
 
-// The luma planes of two successive pictures, `pitch` bytes from row to row.
+// The luma planes of two successive pictures, and the bytes from row to row of each.
 struct LumaPair {
     const unsigned char* earlier;
     const unsigned char* later;
-    int pitch;
+    int earlier_pitch;
+    int later_pitch;
 };
 
 // Refines a step of the camera on the full-resolution pictures. Tracked pairs are good to a few

@@ -306,44 +306,45 @@ class PlaneWarp::Strip {
     }
 
     void make_blocks(AcrossRun run, const AcrossTable& table) {
+        const std::int64_t* const positions = run.positions;
+        const int blocks = run.blocks;
+        std::int16_t* const out = run.out;
         run.pairs = table.pairs;
         run.phases = table.phases;
         run.weights = table.weights.data();
-        const auto sample = [&](int block) {
-            return block_position(run.positions[block]).sample * run.format.channels;
+        const auto is_inside = [&](int block) {
+            const int sample = block_position(positions[block]).sample * run.format.channels;
+            return sample + table.begin >= 0 && sample + table.end <= samples(warp_.shape_);
         };
-        int first = 0;  // the blocks that read inside of the row
-        while (first < run.blocks && sample(first) + table.begin < 0) {
-            make_edge_block(run, table, first);
-            ++first;
+        for (int begin = 0; begin < blocks; ++begin) {
+            int end = begin;
+            while (end < blocks && is_inside(end)) {
+                ++end;
+            }
+            run.positions = positions + begin;
+            run.blocks = end - begin;
+            run.out = out + static_cast<std::ptrdiff_t>(begin) * BLOCK;
+            variant_.across(run);
+            if (end < blocks) {
+                run.out = out + static_cast<std::ptrdiff_t>(end) * BLOCK;
+                make_edge_block(run, table, positions[end]);
+            }
+            begin = end;
         }
-        int last = run.blocks;
-        while (last > first && sample(last - 1) + table.end > samples(warp_.shape_)) {
-            --last;
-            make_edge_block(run, table, last);
-        }
-        run.positions += first;
-        run.out += static_cast<std::ptrdiff_t>(first) * BLOCK;
-        run.blocks = last - first;
-        variant_.across(run);
     }
 
     // A block that reads beyond the row, from a copy in which the row's ends repeat.
-    void make_edge_block(AcrossRun run, const AcrossTable& table, int block) {
+    void make_edge_block(AcrossRun run, const AcrossTable& table, std::int64_t position) {
         const SampleFormat& format = run.format;
-        const int first_pixel =
-            block_position(run.positions[block]).sample + table.begin / format.channels;
+        const int first_pixel = block_position(position).sample + table.begin / format.channels;
         const int pixels = (table.end - table.begin + format.channels - 1) / format.channels;
         copy_clamped(
             run.row, warp_.shape_.width,
             static_cast<std::size_t>(format.bytes) * static_cast<std::size_t>(format.channels),
             first_pixel, pixels, scratch_.window());
-        const std::int64_t position =
-            run.positions[block] -
-            static_cast<std::int64_t>(first_pixel) * (std::int64_t{1} << POSITION_BITS);
+        position -= static_cast<std::int64_t>(first_pixel) * (std::int64_t{1} << POSITION_BITS);
         run.row = scratch_.window();
         run.positions = &position;
-        run.out += static_cast<std::ptrdiff_t>(block) * BLOCK;
         run.blocks = 1;
         variant_.across(run);
     }

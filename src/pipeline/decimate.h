@@ -25,15 +25,15 @@ void decimate_row_by(const unsigned char* __restrict row, unsigned char* __restr
 }
 
 // Computes the analysis image: every step-th pixel of every step-th row, unfiltered. `luma` has
-// packed rows of `width` bytes; `image` receives height / scale packed rows of width / scale bytes.
-inline void decimate_luma(const unsigned char* luma, int width, int height, int scale,
+// rows `pitch` bytes apart; `image` receives height / scale packed rows of width / scale bytes.
+inline void decimate_rows(const unsigned char* luma, int pitch, int width, int height, int scale,
                           unsigned char* image) {
     const int image_width = width / scale;
     const int image_height = height / scale;
     const int step_x = width / image_width;
     const int step_y = height / image_height;
     for (int r = 0; r < image_height; ++r) {
-        const unsigned char* const source = luma + static_cast<std::ptrdiff_t>(r) * step_y * width;
+        const unsigned char* const source = luma + static_cast<std::ptrdiff_t>(r) * step_y * pitch;
         unsigned char* const target = image + static_cast<std::ptrdiff_t>(r) * image_width;
         switch (step_x) {
             case 1:
@@ -50,6 +50,12 @@ inline void decimate_luma(const unsigned char* luma, int width, int height, int 
                 break;
         }
     }
+}
+
+// The same for packed rows of `width` bytes.
+inline void decimate_luma(const unsigned char* luma, int width, int height, int scale,
+                          unsigned char* image) {
+    decimate_rows(luma, width, width, height, scale, image);
 }
 
 }  // namespace videostabilizer

@@ -35,8 +35,15 @@ void set_sent_frame(VideoStabilizer* s, std::int64_t n) {
     s->output_index = public_number(n);
 }
 
+// Bytes between the luma rows that the analysis reads. Beside the OpenCL stage, whose wide kernels
+// take rows as packed, it does so as well.
+int luma_pitch(const VideoStabilizer* s, const Frame* frame) {
+    return s->native_stage != nullptr ? frame->stride_y : frame->width;
+}
+
 void decimate(const VideoStabilizer* s, const Frame* frame, unsigned char* image) {
-    decimate_luma(frame->plane_y, frame->width, frame->height, s->scale, image);
+    decimate_rows(frame->plane_y, luma_pitch(s, frame), frame->width, frame->height, s->scale,
+                  image);
 }
 
 // Detects corners in the previous image and tracks them into the current one.
@@ -85,8 +92,10 @@ void estimate_motion(VideoStabilizer* s) {
                                s->ransac_params);
     if (s->steady_path != nullptr) {
         // The previous frame is still in the ring: look_ahead is at least 1.
-        const LumaPair pictures = {s->ring_frames[slot]->plane_y,
-                                   s->ring_frames[slot_of(s, s->newest_frame)]->plane_y, s->width};
+        const Frame* const earlier = s->ring_frames[slot];
+        const Frame* const later = s->ring_frames[slot_of(s, s->newest_frame)];
+        const LumaPair pictures = {earlier->plane_y, later->plane_y, luma_pitch(s, earlier),
+                                   luma_pitch(s, later)};
         s->steady_path->add(from, s->motions[slot]->data, log, s->prev_points.size(),
                             s->matched_prev, s->matched_next, pictures);
     }

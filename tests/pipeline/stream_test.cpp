@@ -192,21 +192,27 @@ TEST_F(Stream, WarpsEachFrameByItsOwnCorrection) {
         Pixel pixel;
         VideoStabilizerSampling sampling;
         bool in_place;
-    } cases[] = {{"shaking", shaking_texture, STABILIZER_SAMPLING_STATED, true},
-                 {"flat", flat, STABILIZER_SAMPLING_STATED, true},
-                 {"native", shaking_texture, STABILIZER_SAMPLING_BILINEAR, true},
-                 {"native, own frames", shaking_texture, STABILIZER_SAMPLING_BILINEAR, false}};
-    for (const auto& [name, pixel, sampling, in_place] : cases) {
+        int stride;
+    } cases[] = {{"shaking", shaking_texture, STABILIZER_SAMPLING_STATED, true, 448},
+                 {"flat", flat, STABILIZER_SAMPLING_STATED, true, 448},
+                 {"native", shaking_texture, STABILIZER_SAMPLING_BILINEAR, true, 448},
+                 {"padded rows", shaking_texture, STABILIZER_SAMPLING_BILINEAR, false, 470}};
+    for (const auto& [name, pixel, sampling, in_place, stride] : cases) {
         SCOPED_TRACE(name);
         VideoStabilizerOptions options = options_for(STABILIZER_GENTLE);
         options.engine = STABILIZER_ENGINE_AUTO;
         options.sampling = sampling;
-        const StabilizerPtr s = make_stabilizer(LARGE, in_place, &options);
+        const Geometry geometry = {LARGE.width, LARGE.height, stride, stride / 2, LARGE.format};
+        const StabilizerPtr s = make_stabilizer(geometry, in_place, &options);
         EXPECT_EQ(live_opencl_objects() > 0, sampling == STABILIZER_SAMPLING_STATED);
-        const auto make = [&](int number) { return make_frame(number, LARGE, pixel); };
+        const auto make = [&](int number) { return make_frame(number, geometry, pixel); };
         std::vector<std::vector<unsigned char>> outputs;
         const Ending ending = run_stream(s.get(), FRAMES, make, [&](const Frame* frame) {
-            outputs.emplace_back(frame->plane_y, frame->plane_y + LARGE.luma_bytes());
+            auto& output = outputs.emplace_back();
+            for (int y = 0; y < LARGE.height; ++y) {
+                const unsigned char* const row = frame->plane_y + y * stride;
+                output.insert(output.end(), row, row + LARGE.width);
+            }
         });
         EXPECT_EQ(ending.estimated > FRAMES / 2, pixel != flat);
         ASSERT_EQ(ending.corrections.size(), static_cast<std::size_t>(FRAMES));
@@ -214,7 +220,7 @@ TEST_F(Stream, WarpsEachFrameByItsOwnCorrection) {
         for (int i = 0; i < FRAMES; ++i) {
             const auto& correction = ending.corrections[static_cast<std::size_t>(i)];
             const auto& output = outputs[static_cast<std::size_t>(i)];
-            Frame* const source = make(i);
+            Frame* const source = make_frame(i, LARGE, pixel);
             const std::vector<unsigned char> expected = warped_by_cpu(*source, correction);
             frame_delete(source);
             std::size_t wrong = 0;

@@ -173,6 +173,12 @@ void add_steadiness(CLI::App& app, Options& options) {
         "(0.5 to 1; default: 0.9)")
         ->type_name("RATIO")
         ->check(CLI::Range(0.5, 1.0));
+    add("--sampling", options.sampling,
+        "stated (the default): pictures are moved by OpenCL, luma bilinear, nearest chroma; "
+        "bilinear: both bilinear; sharp: Lanczos, which keeps fine detail. The last two run on the "
+        "processor and need no OpenCL")
+        ->type_name("METHOD")
+        ->check(CLI::IsMember({"stated", "bilinear", "sharp"}));
 }
 
 void add_output(CLI::App& app, Options& options, RawOptions& raw) {

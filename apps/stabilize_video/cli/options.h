@@ -45,6 +45,7 @@ struct Options {
     std::string strength = "standard";
     std::optional<int> look_ahead;  // frames
     std::optional<float> crop;
+    std::string sampling = "stated";
 
     // Files; "": none.
     std::string path_file;

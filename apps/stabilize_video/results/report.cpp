@@ -172,6 +172,7 @@ void write_json(video_io::ByteSink& sink, const ShakeReport& report, const PathR
     json.add("strength", facts.strength);
     json.add("delay_frames", facts.options.look_ahead);
     json.add("delay_ms", rate > 0 ? Json(1000 * facts.options.look_ahead / rate) : Json());
+    json.add("sampling", facts.sampling);
     json.add("crop_ratio", static_cast<double>(facts.options.crop_ratio));
     json.add("mean_track_ratio", report.mean_track_ratio());
     json.add("failed_motions", report.failed_motions());

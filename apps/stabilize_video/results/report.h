@@ -80,6 +80,7 @@ struct JobFacts {
     std::string input;
     std::string output;
     std::string strength;
+    std::string sampling;
     const PictureFormat& format;
     const videostabilizer::VideoStabilizerOptions& options;
     const Notes& notes;

@@ -150,6 +150,10 @@ vs::VideoStabilizerOptions stabilizer_options(const Options& options, bool is_of
     if (options.crop) {
         result.crop_ratio = *options.crop;
     }
+    result.engine = vs::STABILIZER_ENGINE_AUTO;
+    result.sampling = options.sampling == "sharp"      ? vs::STABILIZER_SAMPLING_SHARP
+                      : options.sampling == "bilinear" ? vs::STABILIZER_SAMPLING_BILINEAR
+                                                       : vs::STABILIZER_SAMPLING_STATED;
     return result;
 }
 
@@ -280,9 +284,16 @@ int Job::conclude(const StreamResult& result) {
     if (interrupted) {
         return keep_partial(result);
     }
-    const JobFacts facts{options_.inputs[0],      options_.output, options_.strength,
-                         input_.source->format(), settings_,       notes_,
-                         result.frames,           result.seconds,  damage_};
+    const JobFacts facts{options_.inputs[0],
+                         options_.output,
+                         options_.strength,
+                         options_.sampling,
+                         input_.source->format(),
+                         settings_,
+                         notes_,
+                         result.frames,
+                         result.seconds,
+                         damage_};
     // First, so that it is safe whatever happens to the rest.
     sink_->commit();
     const std::vector<std::string> failures = extras_->finish(facts);

@@ -37,7 +37,8 @@ using StabilizerPtr = std::unique_ptr<vs::VideoStabilizer, StabilizerDeleter>;
 
 StabilizerPtr make_stabilizer(const StreamParts& parts) {
     forget_library_errors();
-    if (vs::video_stabilizer_module_init() != 0) {
+    const bool needs_opencl = parts.options.sampling == vs::STABILIZER_SAMPLING_STATED;
+    if (needs_opencl && vs::video_stabilizer_module_init() != 0) {
         throw library_error("OpenCL cannot be used");
     }
     forget_library_errors();
@@ -49,8 +50,10 @@ StabilizerPtr make_stabilizer(const StreamParts& parts) {
         throw library_error("the stabilizer cannot be created");
     }
     if (parts.path != nullptr) {
+        // With whole_shift, the corrections that are told are those of the pictures.
+        const float crop = parts.options.whole_shift != 0 ? 1.0F : parts.options.crop_ratio;
         const vs::VideoStabilizerObserver observer =
-            parts.path->observer(static_cast<double>(stabilizer->transformer->crop_ratio));
+            parts.path->observer(static_cast<double>(crop));
         vs::video_stabilizer_set_observer(stabilizer.get(), &observer);
     }
     return stabilizer;
