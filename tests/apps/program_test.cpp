@@ -45,7 +45,13 @@ TEST(StabilizeVideo, DeliversEveryFrameAtTheSameSize) {
         EXPECT_EQ(out.substr(0, out.find('\n')), clip.bytes.substr(0, out.find('\n')));
         const std::string path = clip.read("path.csv");
         EXPECT_EQ(std::count(path.begin(), path.end(), '\n'), c.frames + 1);
-        EXPECT_THAT(clip.names(), ElementsAre("in.y4m", "out.y4m", "path.csv"));
+        const Outcome without_opencl =
+            run_shell(clip,
+                      "OCL_ICD_VENDORS=/nonexistent \"$PROGRAM\" in.y4m sharp.y4m -q "
+                      "--sampling sharp");
+        EXPECT_EQ(without_opencl.status, 0) << without_opencl.errors;
+        EXPECT_EQ(clip.read("sharp.y4m").size(), clip.bytes.size());
+        EXPECT_THAT(clip.names(), ElementsAre("in.y4m", "out.y4m", "path.csv", "sharp.y4m"));
     }
 }
 
