@@ -259,7 +259,8 @@ Pairs track(const CameraPose& step) {
 
 bool refine(const Luma& earlier, const Luma& later, const Pairs& pairs, CameraPose& step) {
     DirectAlignment alignment(WIDTH, HEIGHT, 1);
-    return alignment.refine({earlier.data(), later.data(), PITCH, PITCH}, pairs.from, pairs.to, step);
+    return alignment.refine({earlier.data(), later.data(), PITCH, PITCH}, pairs.from, pairs.to,
+                            step);
 }
 
 TEST(DirectAlignment, FindsMotionsToAFewThousandthsOfAPixel) {
