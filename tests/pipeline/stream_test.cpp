@@ -197,14 +197,16 @@ TEST_F(Stream, WarpsEachFrameByItsOwnCorrection) {
                  {"flat", flat, STABILIZER_SAMPLING_STATED, true, 448},
                  {"native", shaking_texture, STABILIZER_SAMPLING_BILINEAR, true, 448},
                  {"padded rows", shaking_texture, STABILIZER_SAMPLING_BILINEAR, false, 470}};
-    for (const auto& [name, pixel, sampling, in_place, stride] : cases) {
-        SCOPED_TRACE(name);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Pixel pixel = c.pixel;
+        const int stride = c.stride;
         VideoStabilizerOptions options = options_for(STABILIZER_GENTLE);
         options.engine = STABILIZER_ENGINE_AUTO;
-        options.sampling = sampling;
+        options.sampling = c.sampling;
         const Geometry geometry = {LARGE.width, LARGE.height, stride, stride / 2, LARGE.format};
-        const StabilizerPtr s = make_stabilizer(geometry, in_place, &options);
-        EXPECT_EQ(live_opencl_objects() > 0, sampling == STABILIZER_SAMPLING_STATED);
+        const StabilizerPtr s = make_stabilizer(geometry, c.in_place, &options);
+        EXPECT_EQ(live_opencl_objects() > 0, c.sampling == STABILIZER_SAMPLING_STATED);
         const auto make = [&](int number) { return make_frame(number, geometry, pixel); };
         std::vector<std::vector<unsigned char>> outputs;
         const Ending ending = run_stream(s.get(), FRAMES, make, [&](const Frame* frame) {
