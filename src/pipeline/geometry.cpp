@@ -10,12 +10,12 @@ namespace {
 
 constexpr int MIN_PICTURE_SIZE = 16;  // pixels per work item of the 16-pixel kernels
 
-const char* chroma_fault(const PictureGeometry& picture, PixFmt format) {
+const char* chroma_fault(const PictureGeometry& picture, PixFmt format, bool native) {
     if (plane_bytes(picture.stride_uv, picture.height) > LARGEST_PLANE_BYTES) {
         return "the chroma area is larger than 128 MiB";
     }
     const bool planar = format == PIX_FMT_YUV420P;
-    const bool packed = picture.width % 32 == 0;  // the 32-pixel kernels take packed rows
+    const bool packed = !native && picture.width % 32 == 0;
     return warp_stays_in_planes(picture, planar, packed) ? nullptr
                                                          : "stride_uv is too small for the chroma";
 }
@@ -27,7 +27,8 @@ bool can_be_warped(PixFmt format) {
            chroma_planes_factor[format] == 1;
 }
 
-const char* geometry_fault(int width, int height, int stride_y, int stride_uv, PixFmt format) {
+const char* geometry_fault(int width, int height, int stride_y, int stride_uv, PixFmt format,
+                           bool native) {
     if (width < MIN_PICTURE_SIZE || height < MIN_PICTURE_SIZE) {
         return "width and height must be at least 16";
     }
@@ -40,8 +41,9 @@ const char* geometry_fault(int width, int height, int stride_y, int stride_uv, P
     if (plane_bytes(stride_y, height) > LARGEST_PLANE_BYTES) {
         return "the luma plane is larger than 128 MiB";
     }
-    return can_be_warped(format) ? chroma_fault({width, height, stride_y, stride_uv}, format)
-                                 : nullptr;
+    return can_be_warped(format)
+               ? chroma_fault({width, height, stride_y, stride_uv}, format, native)
+               : nullptr;
 }
 
 }  // namespace videostabilizer

@@ -12,4 +12,9 @@ namespace videostabilizer {
 const char* read_options(const VideoStabilizerOptions* given, int width, int height,
                          VideoStabilizerOptions& out);
 
+// Whether the stream is warped by the native engine: the samplings that OpenCL has no kernels for.
+inline bool uses_native_engine(const VideoStabilizerOptions& options) {
+    return options.sampling != STABILIZER_SAMPLING_STATED;
+}
+
 }  // namespace videostabilizer

@@ -7,6 +7,7 @@
 #include "native_stage/native_stage.h"
 #include "pipeline/geometry.h"
 #include "pipeline/stabilizer_internal.h"
+#include "pipeline/stabilizer_options.h"
 #include "platform/log.h"
 #include "warp/stage_internal.h"
 
@@ -24,7 +25,7 @@ bool fits_stream(const VideoStabilizer* stabilizer, const Frame* frame) {
            can_be_warped(frame->format) &&
            (frame->format == PIX_FMT_YUV420P) == (stabilizer->format == PIX_FMT_YUV420P) &&
            geometry_fault(frame->width, frame->height, frame->stride_y, frame->stride_uv,
-                          frame->format) == nullptr &&
+                          frame->format, uses_native_engine(stabilizer->options)) == nullptr &&
            frame->plane_y != nullptr && frame->plane_uv != nullptr;
 }
 

@@ -232,9 +232,7 @@ bool build(VideoStabilizer* s) {
             return false;
         }
         create_history(s);
-        // What only the native engine can do.
-        const bool native = s->options.sampling != STABILIZER_SAMPLING_STATED;
-        return native ? create_native_stage(s) : create_opencl_stage(s);
+        return uses_native_engine(s->options) ? create_native_stage(s) : create_opencl_stage(s);
     } catch (const std::bad_alloc&) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, OUT_OF_MEMORY_TEXT);
         return false;
@@ -301,17 +299,18 @@ VideoStabilizer* video_stabilizer_create_with_options(int width, int height, int
                                                       int stride_uv, PixFmt format, int in_place,
                                                       VideoStabilizerUser* user,
                                                       const VideoStabilizerOptions* options) {
-    // Formats that cannot be warped are refused by the warp stage.
-    const char* const fault = geometry_fault(width, height, stride_y, stride_uv, format);
-    if (fault != nullptr) {
-        __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused %d x %d, strides %d and %d: %s",
-                            width, height, stride_y, stride_uv, fault);
-        return nullptr;
-    }
     VideoStabilizerOptions chosen{};
     const char* const option_fault = read_options(options, width, height, chosen);
     if (option_fault != nullptr) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused the options: %s", option_fault);
+        return nullptr;
+    }
+    // Formats that cannot be warped are refused by the warp stage.
+    const char* const fault =
+        geometry_fault(width, height, stride_y, stride_uv, format, uses_native_engine(chosen));
+    if (fault != nullptr) {
+        __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused %d x %d, strides %d and %d: %s",
+                            width, height, stride_y, stride_uv, fault);
         return nullptr;
     }
     VideoStabilizer* const s = new_record();
