@@ -65,12 +65,14 @@ void BM_NativeWarp(benchmark::State& state) {
     Picture target(width, height, format);
     const WarpMap map = usual_map(static_cast<int>(state.range(4)), height);
     ResamplingKernels kernels(state.range(3) != 0 ? Resampling::LANCZOS3 : Resampling::BILINEAR);
+    WarpMap plane;
     PlaneWarp warp;
     WarpScratch scratch;
     for (auto _ : state) {
         for (int p = 0; p < 3; ++p) {
             const PlaneGrid grid = p == 0 ? PlaneGrid{} : PlaneGrid{2, 2, 0, 0.5};
-            warp.prepare(source.shapes[p], plane_map(map, grid), kernels);
+            plane_map(map, grid, plane);
+            warp.prepare(source.shapes[p], plane, kernels);
             warp.warp_rows(variant, {source.planes[p].data(), source.stride(p)},
                            {target.planes[p].data(), target.stride(p)}, 0, source.shapes[p].height,
                            scratch);

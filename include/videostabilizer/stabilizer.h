@@ -188,7 +188,8 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create(int width, int heig
 //                  edge_guard, repair_motions or scene_cuts: 320 a more
 //                  edge_guard: 200,000 more
 //   OpenCL device  2 height (stride_y + stride_uv)
-//   native engine  200,000 instead; with in_place also height (stride_y + stride_uv)
+//   native engine  130,000 instead, and up to 370,000 more once pictures are reduced;
+//                  with in_place also height (stride_y + stride_uv)
 //   frames         at most a + 8 frames of the host
 //
 // Threads: thread-safe.

@@ -26,15 +26,18 @@ void copy_transform(void* to, Frame* frame) {
 
 // Output to source position, as the OpenCL stage has it: the inverse of the transform, restricted
 // to the centred part of the picture.
-WarpMap luma_map(const std::array<float, 6>& transform, float crop_ratio, const Frame& frame) {
+Affine2 source_position(const std::array<float, 6>& transform, float crop_ratio,
+                        const Frame& frame) {
     float inverse[6];
     SimpleLA::invert_affine(transform.data(), inverse);
     const auto r = static_cast<double>(crop_ratio);
     const double margin = 0.5 * (1 - r);
-    return {{{r * static_cast<double>(inverse[0]), r * static_cast<double>(inverse[1]),
-              r * static_cast<double>(inverse[2]) + margin * frame.width,
-              r * static_cast<double>(inverse[3]), r * static_cast<double>(inverse[4]),
-              r * static_cast<double>(inverse[5]) + margin * frame.height}}};
+    return {r * static_cast<double>(inverse[0]),
+            r * static_cast<double>(inverse[1]),
+            r * static_cast<double>(inverse[2]) + margin * frame.width,
+            r * static_cast<double>(inverse[3]),
+            r * static_cast<double>(inverse[4]),
+            r * static_cast<double>(inverse[5]) + margin * frame.height};
 }
 
 std::size_t bytes(int stride, int rows) {
@@ -175,30 +178,26 @@ Frame NativeStage::without_overlap(const Frame& input, const Frame& output) {
 void NativeStage::warp(const Frame& input, const Six& transform, Frame& output) {
     constexpr PlaneGrid CHROMA = {2, 2, 0, 0.5};
     const Frame source = without_overlap(input, output);
-    const WarpMap luma = luma_map(transform, settings_.crop_ratio, input);
-    warp_plane({input.width, input.height, {}}, luma, {source.plane_y, input.stride_y},
-               {output.plane_y, input.stride_y});
+    luma_map_.transforms.assign(1, source_position(transform, settings_.crop_ratio, input));
+    plane_warp_.prepare({input.width, input.height, {}}, luma_map_, kernels_);
+    warp_plane(input.height, {source.plane_y, input.stride_y}, {output.plane_y, input.stride_y});
 
-    const WarpMap chroma = plane_map(luma, CHROMA);
+    plane_map(luma_map_, CHROMA, chroma_map_);
+    const bool planar = settings_.format == PIX_FMT_YUV420P;
     PlaneShape shape{input.width / 2, input.height / 2, {}};
-    if (settings_.format == PIX_FMT_YUV420P) {
+    shape.format.channels = planar ? 1 : 2;
+    plane_warp_.prepare(shape, chroma_map_, kernels_);
+    const int stride = planar ? input.stride_uv : input.stride_y;
+    warp_plane(shape.height, {source.plane_uv, stride}, {output.plane_uv, stride});
+    if (planar) {
         const std::size_t to_v = bytes(input.stride_uv, input.height) / 2;
-        for (const std::size_t plane : {std::size_t{0}, to_v}) {
-            warp_plane(shape, chroma, {source.plane_uv + plane, input.stride_uv},
-                       {output.plane_uv + plane, input.stride_uv});
-        }
-    } else {
-        shape.format.channels = 2;
-        warp_plane(shape, chroma, {source.plane_uv, input.stride_y},
-                   {output.plane_uv, input.stride_y});
+        warp_plane(shape.height, {source.plane_uv + to_v, stride},
+                   {output.plane_uv + to_v, stride});
     }
 }
 
-void NativeStage::warp_plane(const PlaneShape& shape, const WarpMap& map, const SourcePlane& source,
-                             const TargetPlane& target) {
-    plane_warp_.prepare(shape, map, kernels_);
-    plane_warp_.warp_rows(fastest_variant(warp_variants), source, target, 0, shape.height,
-                          scratch_);
+void NativeStage::warp_plane(int height, const SourcePlane& source, const TargetPlane& target) {
+    plane_warp_.warp_rows(fastest_variant(warp_variants), source, target, 0, height, scratch_);
 }
 
 }  // namespace videostabilizer

@@ -68,13 +68,14 @@ class NativeStage {
     int make_output(const Frame& input, Frame** output);
     void warp(const Frame& input, const Six& transform, Frame& output);
     Frame without_overlap(const Frame& input, const Frame& output);
-    void warp_plane(const PlaneShape& shape, const WarpMap& map, const SourcePlane& source,
-                    const TargetPlane& target);
+    void warp_plane(int height, const SourcePlane& source, const TargetPlane& target);
 
     NativeStageSettings settings_;
     NativeStageCallbacks callbacks_;
     ResamplingKernels kernels_;
     PlaneWarp plane_warp_;
+    WarpMap luma_map_;  // of the frame in work, as the next
+    WarpMap chroma_map_;
     WarpScratch scratch_;
     std::vector<unsigned char> copy_;  // of a frame that is warped in place
 

@@ -5,32 +5,14 @@
 #include "native_warp/block_filters.h"
 
 #include <algorithm>
-#include <cstring>
+
+#include "native_warp/sample.h"
 
 namespace videostabilizer {
 
 namespace {
 
 constexpr int BIAS = 1 << 15;  // makes two-byte samples signed
-
-int load_sample(const unsigned char* row, int sample, const SampleFormat& format) {
-    if (format.bytes == 1) {
-        return row[sample];
-    }
-    std::uint16_t value = 0;
-    std::memcpy(&value, row + static_cast<std::ptrdiff_t>(2) * sample, 2);
-    return (value >> format.shift) - BIAS;
-}
-
-void store_sample(unsigned char* out, int lane, int value, const SampleFormat& format) {
-    const int limited = std::clamp(value, 0, (1 << format.depth) - 1);
-    if (format.bytes == 1) {
-        out[lane] = static_cast<unsigned char>(limited);
-        return;
-    }
-    const auto moved = static_cast<std::uint16_t>(limited << format.shift);
-    std::memcpy(out + static_cast<std::ptrdiff_t>(2) * lane, &moved, 2);
-}
 
 std::int16_t saturate(int value) {
     return static_cast<std::int16_t>(std::clamp(value, -BIAS, BIAS - 1));
@@ -41,6 +23,7 @@ std::int16_t saturate(int value) {
 void across_plain(const AcrossRun& run) {
     const SampleFormat format = run.format;
     const Rounding rounding = across_rounding(format);
+    const int bias = format.bytes == 2 ? BIAS : 0;
     for (int block = 0; block < run.blocks; ++block) {
         const BlockPosition at = block_position(run.positions[block]);
         const AcrossPhase& phase = run.phases[at.phase];
@@ -50,7 +33,8 @@ void across_plain(const AcrossRun& run) {
             int sum = rounding.add;
             for (int tap = 0; tap < 2 * run.pairs; ++tap) {
                 const int weight = weights[tap / 2 * PAIR_WEIGHTS + 2 * lane_slot(lane) + tap % 2];
-                sum += weight * load_sample(run.row, first + tap * format.channels, format);
+                sum +=
+                    weight * (load_sample(run.row, first + tap * format.channels, format) - bias);
             }
             run.out[block * BLOCK + lane] = saturate(sum >> rounding.shift);
         }

@@ -30,20 +30,20 @@ static constexpr BlockPosition block_position(std::int64_t position) {
 // Blocks of a row to be resampled along the row. All samples that the table reaches from the blocks
 // are in memory.
 struct AcrossRun {
-    SampleFormat format;            // as in the table, like the next three
-    int pairs;                      //
+    SampleFormat format;
+    int pairs;                      // of the table, like the next two
     const AcrossPhase* phases;      //
     const std::int16_t* weights;    //
     const unsigned char* row;       // the sample at position 0
     const std::int64_t* positions;  // of the first pixel of each block
     int blocks;
-    std::int16_t* out;  // 16 per block: intermediate samples, see SampleFormat
+    std::int16_t* out;  // 16 per block: intermediate samples, see guard_bits
 };
 
 // Blocks of a row to be resampled across rows of intermediate samples.
 struct DownRun {
-    SampleFormat format;          // as in the table, like the next two
-    const DownPhase* phases;      //
+    SampleFormat format;
+    const DownPhase* phases;      // of the table, like the weights
     const std::int16_t* weights;  //
     const std::int16_t* rows;     // row r at (r & row_mask) * row_pitch
     int row_mask;

@@ -46,8 +46,7 @@ void make_picks(AcrossPhase& phase, const SampleFormat& format) {
 
 }  // namespace
 
-void AcrossTable::make(const SampleFormat& samples, const ResamplingWeights& kernel, double step) {
-    format = samples;
+void AcrossTable::make(const SampleFormat& format, const ResamplingWeights& kernel, double step) {
     pairs = kernel.taps() / 2;
     begin = end = 0;
     weights.resize(index(PHASES * pairs * PAIR_WEIGHTS));
@@ -74,8 +73,7 @@ void AcrossTable::make(const SampleFormat& samples, const ResamplingWeights& ker
     }
 }
 
-void DownTable::make(const SampleFormat& samples, const ResamplingWeights& kernel, double slope) {
-    format = samples;
+void DownTable::make(const SampleFormat& format, const ResamplingWeights& kernel, double slope) {
     const int taps = kernel.taps();
     begin = end = 0;
     weights.clear();

@@ -48,15 +48,14 @@ struct alignas(16) AcrossPhase {
 
 // Weights along rows. Samples are counted from the block's own, `channels` a pixel.
 struct AcrossTable {
-    SampleFormat format;
     int pairs = 0;  // pairs of taps
     int begin = 0;  // no load begins before this sample
     int end = 0;    // nor ends behind this one
     AcrossPhase phases[PHASES];
     std::vector<std::int16_t> weights;  // [phase][pair][PAIR_WEIGHTS]
 
-    // step: source samples from one output pixel to the next, 0.25..2
-    void make(const SampleFormat& samples, const ResamplingWeights& kernel, double step);
+    // step: source pixels from one output pixel to the next, 0.25..2. Throws std::bad_alloc.
+    void make(const SampleFormat& format, const ResamplingWeights& kernel, double step);
 };
 
 struct DownPhase {
@@ -68,14 +67,13 @@ struct DownPhase {
 // Weights across rows. Lanes of a block may be at different rows; rows that a lane does not reach
 // have the weight 0.
 struct DownTable {
-    SampleFormat format;
     int begin = 0;  // no phase begins before this row
     int end = 0;    // nor ends behind this one
     DownPhase phases[PHASES];
     std::vector<std::int16_t> weights;  // [pair][PAIR_WEIGHTS] of each phase
 
-    // slope: source rows from one output pixel to the next, -0.5..0.5
-    void make(const SampleFormat& samples, const ResamplingWeights& kernel, double slope);
+    // slope: source rows from one output pixel to the next, -0.25..0.25. Throws std::bad_alloc.
+    void make(const SampleFormat& format, const ResamplingWeights& kernel, double slope);
 };
 
 }  // namespace videostabilizer

@@ -6,6 +6,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "native_warp/sample.h"
+
 namespace videostabilizer {
 
 namespace {
@@ -48,25 +50,6 @@ void copy_clamped(const unsigned char* row, int width, std::size_t pixel_bytes, 
     }
 }
 
-int sample_of(const unsigned char* row, int index, const SampleFormat& format) {
-    if (format.bytes == 1) {
-        return row[index];
-    }
-    std::uint16_t value = 0;
-    std::memcpy(&value, row + static_cast<std::ptrdiff_t>(2) * index, 2);
-    return value >> format.shift;
-}
-
-void store_sample(unsigned char* row, int index, std::int64_t value, const SampleFormat& format) {
-    const auto limited = std::clamp<std::int64_t>(value, 0, (1 << format.depth) - 1);
-    if (format.bytes == 1) {
-        row[index] = static_cast<unsigned char>(limited);
-        return;
-    }
-    const auto moved = static_cast<std::uint16_t>(limited << format.shift);
-    std::memcpy(row + static_cast<std::ptrdiff_t>(2) * index, &moved, 2);
-}
-
 // A position that is a number and not farther away than whole numbers can count.
 double bounded(double position) {
     return position > -FARTHEST ? std::min(position, FARTHEST) : -FARTHEST;
@@ -75,14 +58,13 @@ double bounded(double position) {
 }  // namespace
 
 const ResamplingWeights& ResamplingKernels::for_step(double step) {
-    const double stretch = bounded(step);
-    const double level = std::clamp((stretch - 1) * STRETCHES_PER_OCTAVE, 0.0,
-                                    static_cast<double>(MAX_STRETCH_STEP));
+    const double level =
+        std::clamp((bounded(step) - 1) * STRETCHES, 0.0, static_cast<double>(STRETCHES));
     const long nearest = std::lround(level);
     std::unique_ptr<ResamplingWeights>& kernel = kernels_[static_cast<std::size_t>(nearest)];
     if (kernel == nullptr) {
-        kernel = std::make_unique<ResamplingWeights>(
-            resampling_, 1 + static_cast<double>(nearest) / STRETCHES_PER_OCTAVE);
+        kernel = std::make_unique<ResamplingWeights>(resampling_,
+                                                     1 + static_cast<double>(nearest) / STRETCHES);
     }
     return *kernel;
 }
@@ -383,7 +365,7 @@ void PlaneWarp::warp_row_directly(const SourcePlane& source, const TargetPlane& 
                 for (int k = 0; k < x_kernel_->taps(); ++k) {
                     const int pixel = std::clamp(column + k, 0, shape_.width - 1);
                     across +=
-                        x_weights[k] * sample_of(from, pixel * format.channels + channel, format);
+                        x_weights[k] * load_sample(from, pixel * format.channels + channel, format);
                 }
                 sum += y_weights[i] * across;
             }

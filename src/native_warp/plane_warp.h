@@ -16,18 +16,19 @@
 namespace videostabilizer {
 
 struct PlaneShape {
-    int width;  // pixels of the plane, of `format.channels` samples each; 1..32768
-    int height;
+    int width;   // pixels of the plane, of `format.channels` samples each; 1..32768
+    int height;  // rows; 1..32768
     SampleFormat format;
 };
 
+// The caller's memory; the bytes between rows are neither read nor written.
 struct SourcePlane {
-    const unsigned char* data;
-    std::ptrdiff_t stride;  // bytes; any
+    const unsigned char* data;  // first row
+    std::ptrdiff_t stride;      // bytes; any
 };
 struct TargetPlane {
     unsigned char* data;
-    std::ptrdiff_t stride;
+    std::ptrdiff_t stride;  // bytes; any
 };
 
 // The kernels of one resampling method for all stretches, made when first needed.
@@ -36,12 +37,13 @@ class ResamplingKernels {
   public:
     explicit ResamplingKernels(Resampling resampling) : resampling_(resampling) {}
 
-    // The kernel for steps of `step` source samples per output sample.
+    // The kernel for steps of `step` source samples per output sample: stretched for steps from 1 to
+    // 2, for larger ones as for 2. Valid as long as this. Throws std::bad_alloc.
     const ResamplingWeights& for_step(double step);
 
   private:
     Resampling resampling_;
-    std::array<std::unique_ptr<ResamplingWeights>, MAX_STRETCH_STEP + 1> kernels_;
+    std::array<std::unique_ptr<ResamplingWeights>, STRETCHES + 1> kernels_;
 };
 
 // Memory that a thread needs while it warps.

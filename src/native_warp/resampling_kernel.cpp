@@ -14,17 +14,6 @@ namespace {
 constexpr int FRACTIONS = 1024;
 constexpr double PI = 3.14159265358979323846;
 
-double cubic(double x, double b, double c) {
-    if (x < 1) {
-        return ((12 - 9 * b - 6 * c) * x * x * x + (-18 + 12 * b + 6 * c) * x * x + (6 - 2 * b)) /
-               6;
-    }
-    return x < 2 ? ((-b - 6 * c) * x * x * x + (6 * b + 30 * c) * x * x + (-12 * b - 48 * c) * x +
-                    (8 * b + 24 * c)) /
-                       6
-                 : 0;
-}
-
 double lanczos3(double x) {
     if (x == 0) {
         return 1;
@@ -34,20 +23,11 @@ double lanczos3(double x) {
 
 // The kernel at a distance x, which is not negative.
 double value(Resampling resampling, double x) {
-    switch (resampling) {
-        case Resampling::CATMULL_ROM:
-            return cubic(x, 0, 0.5);
-        case Resampling::MITCHELL:
-            return cubic(x, 1.0 / 3, 1.0 / 3);
-        case Resampling::LANCZOS3:
-            return lanczos3(x);
-        default:
-            return std::max(0.0, 1 - x);
-    }
+    return resampling == Resampling::LANCZOS3 ? lanczos3(x) : std::max(0.0, 1 - x);
 }
 
 int radius(Resampling resampling) {
-    return resampling == Resampling::LANCZOS3 ? 3 : (resampling == Resampling::BILINEAR ? 1 : 2);
+    return resampling == Resampling::LANCZOS3 ? 3 : 1;
 }
 
 }  // namespace

@@ -22,19 +22,17 @@ Affine2 WarpMap::at(double row) const {
             p.d + t * (q.d - p.d), p.e + t * (q.e - p.e), p.f + t * (q.f - p.f)};
 }
 
-WarpMap plane_map(const WarpMap& luma, const PlaneGrid& grid) {
-    WarpMap map;
-    map.rows_apart = luma.rows_apart / grid.y_step;
-    map.first_row = (luma.first_row - grid.y_first) / grid.y_step;
-    map.transforms.reserve(luma.transforms.size());
+void plane_map(const WarpMap& luma, const PlaneGrid& grid, WarpMap& plane) {
+    plane.rows_apart = luma.rows_apart / grid.y_step;
+    plane.first_row = (luma.first_row - grid.y_first) / grid.y_step;
+    plane.transforms.clear();
     for (const Affine2& t : luma.transforms) {
-        map.transforms.push_back(
+        plane.transforms.push_back(
             {t.a, t.b * grid.y_step / grid.x_step,
              (t.a * grid.x_first + t.b * grid.y_first + t.c - grid.x_first) / grid.x_step,
              t.d * grid.x_step / grid.y_step, t.e,
              (t.d * grid.x_first + t.e * grid.y_first + t.f - grid.y_first) / grid.y_step});
     }
-    return map;
 }
 
 }  // namespace videostabilizer

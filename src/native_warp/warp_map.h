@@ -22,8 +22,8 @@ struct Affine2 {
 // holds for all rows. Several describe what a rolling shutter does.
 // Units: output rows, and samples of the plane, or of luma for a whole picture.
 struct WarpMap {
-    std::vector<Affine2> transforms;
-    double rows_apart = 1;
+    std::vector<Affine2> transforms;  // at least one
+    double rows_apart = 1;            // above 0
     double first_row = 0;
 
     Affine2 at(double row) const;
@@ -39,7 +39,7 @@ struct PlaneGrid {
     double y_first = 0;
 };
 
-// The map of a plane's samples out of that of the luma samples.
-WarpMap plane_map(const WarpMap& luma, const PlaneGrid& grid);
+// Computes the map of a plane's samples from that of the luma samples. Reuses the memory of `plane`.
+void plane_map(const WarpMap& luma, const PlaneGrid& grid, WarpMap& plane);
 
 }  // namespace videostabilizer

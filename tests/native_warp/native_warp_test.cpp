@@ -157,7 +157,8 @@ TEST(NativeWarp, LeavesWhatIsNotMovedAlone) {
 TEST(NativeWarp, PlanesMoveWithTheirLuma) {
     const WarpMap luma{{turned(2, 0.9, 8, 5), turned(2.5, 0.92, 9, 3)}, 40, 3};
     for (const PlaneGrid& grid : {PlaneGrid{2, 2, 0, 0.5}, {2, 1, 0.5, 0}, {1, 1, 0, 0}}) {
-        const WarpMap chroma = plane_map(luma, grid);
+        WarpMap chroma;
+        plane_map(luma, grid, chroma);
         for (const double row : {0.0, 7.0, 31.0}) {
             const double x = 11 * grid.x_step + grid.x_first;
             const double y = row * grid.y_step + grid.y_first;
