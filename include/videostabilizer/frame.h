@@ -17,6 +17,7 @@ enum PixFmt : std::int32_t {
     PIX_FMT_YUV_DOUBLE_CHROMA = 3,  // chroma area twice the size of 4:2:0; cannot be warped
     PIX_FMT_YUV420SP_4 = 4,         // as 0
     PIX_FMT_LUMA_ONLY = 5,          // no chroma area; cannot be warped
+    PIX_FMT_PICTURE = 6,            // any layout, see picture_frame.h; not for frame_create
 };
 
 // Bytes of the chroma area, in units of stride_uv * height, by PixFmt.

@@ -16,6 +16,7 @@
 #include "videostabilizer/keypoint.h"
 #include "videostabilizer/lucas_kanade.h"
 #include "videostabilizer/mat.h"
+#include "videostabilizer/picture_frame.h"
 #include "videostabilizer/ransac.h"
 #include "videostabilizer/result.h"
 #include "videostabilizer/stabilizer_options.h"
@@ -197,6 +198,21 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create(int width, int heig
 VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create_with_options(
     int width, int height, int stride_y, int stride_uv, PixFmt format, int in_place,
     VideoStabilizerUser* user, const VideoStabilizerOptions* options);
+
+// As above, for frames that picture_frame_create has made with this size and layout, whatever their
+// strides. The analysis reads the upper 8 bits of luma.
+//
+// width, height  pixels; 16..32768
+// layout         read during the call only
+// user           create_frame returns frames of picture_frame_create with this size and layout
+// options        null means the defaults with engine auto. The stated sampling is native only.
+//
+// Memory: as above with the engine's; beyond 8 bits also 2 width height bytes, unless s is 1.
+// Threads: thread-safe.
+// Returns: as above.
+VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create_for_pictures(
+    int width, int height, const PixelLayout* layout, int in_place, VideoStabilizerUser* user,
+    const VideoStabilizerOptions* options);
 
 // Sets the observer, or removes it (null). The record is copied.
 // Threads: owner only, before start.

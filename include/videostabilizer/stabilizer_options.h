@@ -12,14 +12,14 @@ namespace videostabilizer {
 enum VideoStabilizerEngine : std::int32_t {
     STABILIZER_ENGINE_OPENCL,  // needs video_stabilizer_module_init
     STABILIZER_ENGINE_NATIVE,  // the processor; needs no OpenCL, and reads rows with their strides
-    STABILIZER_ENGINE_AUTO,    // at present native, unless sampling is stated
+    STABILIZER_ENGINE_AUTO,    // OpenCL if module_init has found a GPU, else native
 };
 
 // How the samples of the output are computed.
 enum VideoStabilizerSampling : std::int32_t {
-    STABILIZER_SAMPLING_STATED,    // the OpenCL kernels: luma bilinear, nearest chroma
-    STABILIZER_SAMPLING_BILINEAR,  // luma and chroma bilinear; native engine only
-    STABILIZER_SAMPLING_SHARP,     // Lanczos, six taps, which keeps fine detail; native engine only
+    STABILIZER_SAMPLING_STATED,    // luma bilinear, nearest chroma
+    STABILIZER_SAMPLING_BILINEAR,  // luma and chroma bilinear
+    STABILIZER_SAMPLING_SHARP,     // Lanczos, six taps, which keeps fine detail
 };
 
 // Options of one stream. Fill a record with video_stabilizer_options_init or
@@ -44,8 +44,11 @@ struct VideoStabilizerOptions {
     // whole_shift crops, and edge_guard guards, the picture only.
     std::int32_t picture_width;        // pixels; 16..frame width
     std::int32_t picture_height;       // pixels; 16..frame height
-    VideoStabilizerEngine engine;      // opencl; native needs another sampling than stated
-    VideoStabilizerSampling sampling;  // stated; the others need an engine other than opencl
+    VideoStabilizerEngine engine;      // opencl
+    VideoStabilizerSampling sampling;  // stated
+    std::int32_t threads;  // of the native engine: 1..64, or 0 for one per processor that the process
+                           // may use; 0. With 1 the stream has no threads but its own two; others
+                           // are shared by all streams
 };
 
 // Predefined options, all with a crop ratio of 0.9. All but gentle apply the full shift, guard the

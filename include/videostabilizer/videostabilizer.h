@@ -19,6 +19,7 @@
 #include "videostabilizer/mat.h"           // matrices
 #include "videostabilizer/motion_path.h"   // composition of motions
 #include "videostabilizer/ocl_runtime.h"   // OpenCL set-up
+#include "videostabilizer/picture_frame.h"  // frames of any layout
 #include "videostabilizer/ransac.h"        // motion estimation
 #include "videostabilizer/result.h"
 #include "videostabilizer/stabilizer.h"
