@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "picture_warp/picture_shape.h"
+
+namespace videostabilizer {
+
+namespace {
+
+// Where the first chroma sample lies on an axis with half as many, in luma samples.
+double first_across(ChromaSiting siting) {
+    return siting == CHROMA_SITING_CENTRE || siting == CHROMA_SITING_TOP ||
+                   siting == CHROMA_SITING_BOTTOM
+               ? 0.5
+               : 0;
+}
+
+double first_down(ChromaSiting siting) {
+    if (siting == CHROMA_SITING_TOP_LEFT || siting == CHROMA_SITING_TOP) {
+        return 0;
+    }
+    return siting == CHROMA_SITING_BOTTOM_LEFT || siting == CHROMA_SITING_BOTTOM ? 1 : 0.5;
+}
+
+SampleFormat sample_format(const PixelLayout& layout) {
+    SampleFormat format;
+    format.depth = layout.bit_depth;
+    format.bytes = layout.bit_depth > 8 ? 2 : 1;
+    format.shift = layout.high_bits != 0 && format.bytes == 2 ? 16 - layout.bit_depth : 0;
+    return format;
+}
+
+}  // namespace
+
+PictureShape picture_shape(int width, int height, const PixelLayout& layout) {
+    const SampleFormat format = sample_format(layout);
+    PictureShape picture{};
+    picture.plane[0] = {{width, height, format}, {}};
+    picture.planes = 1;
+    if (layout.chroma == CHROMA_NONE) {
+        return picture;
+    }
+    PicturePlane chroma = picture.plane[0];
+    if (layout.chroma != CHROMA_444) {
+        chroma.shape.width = (width + 1) / 2;
+        chroma.grid.x_step = 2;
+        chroma.grid.x_first = first_across(layout.siting);
+    }
+    if (layout.chroma == CHROMA_420) {
+        chroma.shape.height = (height + 1) / 2;
+        chroma.grid.y_step = 2;
+        chroma.grid.y_first = first_down(layout.siting);
+    }
+    if (layout.semi_planar != 0) {
+        chroma.shape.format.channels = 2;
+        picture.plane[1] = chroma;
+        picture.planes = 2;
+    } else {
+        picture.plane[1] = picture.plane[2] = chroma;
+        picture.planes = 3;
+    }
+    return picture;
+}
+
+}  // namespace videostabilizer

@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include "native_warp/plane_warp.h"
+#include "native_warp/warp_map.h"
+#include "videostabilizer/picture_frame.h"
+
+namespace videostabilizer {
+
+struct PicturePlane {
+    PlaneShape shape;
+    PlaneGrid grid;
+};
+
+// The planes of a picture: one of luma, and none, one or two of chroma.
+struct PictureShape {
+    int planes;
+    PicturePlane plane[3];
+
+    // The two of planar chroma differ in nothing.
+    bool is_as_before(int k) const { return k == 2; }
+};
+
+// layout: one that layout_fault accepts.
+PictureShape picture_shape(int width, int height, const PixelLayout& layout);
+
+}  // namespace videostabilizer
