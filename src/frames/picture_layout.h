@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include <cstdint>
+
+#include "videostabilizer/picture_frame.h"
+
+namespace videostabilizer {
+
+constexpr int LARGEST_PICTURE = 32768;  // pixels a side
+
+// What is wrong with a layout, or null.
+const char* layout_fault(const PixelLayout& layout);
+
+bool operator==(const PixelLayout& a, const PixelLayout& b);
+
+// The number of planes, and the samples of a row and the rows of plane k; a pair of chroma samples
+// are two samples.
+int plane_count(const PixelLayout& layout);
+int plane_samples(int width, const PixelLayout& layout, int k);
+int plane_rows(int height, const PixelLayout& layout, int k);
+
+constexpr int sample_bytes(const PixelLayout& layout) {
+    return layout.bit_depth > 8 ? 2 : 1;
+}
+
+// The layout of a frame that picture_frame_create has made; null for others.
+const PixelLayout* picture_frame_layout(const Frame* frame);
+
+}  // namespace videostabilizer
