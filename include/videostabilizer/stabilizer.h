@@ -37,8 +37,8 @@
 
 namespace videostabilizer {
 
-class NativeStage;  // internal
-class SteadyPath;   // internal
+class PictureStage;  // internal
+class SteadyPath;    // internal
 
 // The host's allocator of output frames; used only when in_place is 0.
 struct VideoStabilizerUser {
@@ -83,8 +83,8 @@ struct VideoStabilizerObserver {
 struct VideoStabilizer {
     std::int32_t width;      // stream geometry: pixels, bytes
     std::int32_t height;     //
-    std::int32_t stride_y;   //
-    std::int32_t stride_uv;  //
+    std::int32_t stride_y;   // 0 in streams of PIX_FMT_PICTURE
+    std::int32_t stride_uv;  // likewise
     PixFmt format;
     Frame input_queue;                       // sentinel; links guarded by input_mutex
     Frame output_queue;                      // sentinel; links guarded by output_mutex
@@ -137,7 +137,10 @@ struct VideoStabilizer {
     SteadyPath* steady_path;    // null: the filter alone is used
     std::int64_t newest_frame;  // frame_index, unbounded
     std::int64_t sent_frame;    // output_index, unbounded
-    NativeStage* native_stage;  // the warp stage where `transformer` is null
+    PictureStage* picture_stage;  // the warp stage where `transformer` is null
+    PixelLayout layout;           // of the pictures, where `format` is PIX_FMT_PICTURE
+    // Pictures of more than 8 bits: the upper 8 of the luma of frame i, packed, in i mod 2.
+    std::vector<unsigned char> upper_bits[2];
 };
 
 // Sets up OpenCL, once per process.
@@ -207,7 +210,7 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create_with_options(
 // user           create_frame returns frames of picture_frame_create with this size and layout
 // options        null means the defaults with engine auto. The stated sampling is native only.
 //
-// Memory: as above with the engine's; beyond 8 bits also 2 width height bytes, unless s is 1.
+// Memory: as above with the engine's; beyond 8 bits also 2 width height bytes.
 // Threads: thread-safe.
 // Returns: as above.
 VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create_for_pictures(

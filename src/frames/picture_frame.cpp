@@ -131,9 +131,10 @@ int plane_rows(int height, const PixelLayout& layout, int k) {
     return k != 0 && layout.chroma == CHROMA_420 ? (height + 1) / 2 : height;
 }
 
-const PixelLayout* picture_frame_layout(const Frame* frame) {
-    const PictureRecord* const record = record_of(frame);
-    return record != nullptr ? &record->layout : nullptr;
+bool is_picture_of(const Frame& frame, int width, int height, const PixelLayout& layout) {
+    const PictureRecord* const record = record_of(&frame);
+    return record != nullptr && frame.width == width && frame.height == height &&
+           record->layout == layout;
 }
 
 Frame* picture_frame_create(int width, int height, const PixelLayout* layout,

@@ -25,7 +25,7 @@ constexpr int sample_bytes(const PixelLayout& layout) {
     return layout.bit_depth > 8 ? 2 : 1;
 }
 
-// The layout of a frame that picture_frame_create has made; null for others.
-const PixelLayout* picture_frame_layout(const Frame* frame);
+// Whether picture_frame_create has made the frame with this size and layout.
+bool is_picture_of(const Frame& frame, int width, int height, const PixelLayout& layout);
 
 }  // namespace videostabilizer

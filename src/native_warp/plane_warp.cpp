@@ -344,12 +344,12 @@ class PlaneWarp::Strip {
     int rows_end_ = 0;
 };
 
-void PlaneWarp::warp_row_directly(const SourcePlane& source, const TargetPlane& target,
-                                  int row) const {
+void PlaneWarp::warp_row_directly(const SourcePlane& source, const TargetPlane& target, int row,
+                                  int first_pixel, int last_pixel) const {
     const SampleFormat& format = shape_.format;
     const Affine2 t = map_.at(row);
     unsigned char* const out = target.data + row * target.stride;
-    for (int x = 0; x < shape_.width; ++x) {
+    for (int x = first_pixel; x < last_pixel; ++x) {
         const double source_x = bounded(t.a * x + t.b * row + t.c);
         const double source_y = bounded(t.d * x + t.e * row + t.f);
         const int column = static_cast<int>(std::floor(source_x)) - (x_kernel_->taps() / 2 - 1);
@@ -374,20 +374,33 @@ void PlaneWarp::warp_row_directly(const SourcePlane& source, const TargetPlane& 
     }
 }
 
-void PlaneWarp::warp_rows(const WarpVariant& variant, const SourcePlane& source,
-                          const TargetPlane& target, int first, int last,
-                          WarpScratch& scratch) const {
-    if (!two_passes_) {
+int PlaneWarp::strips() const {
+    return (Strip::samples(shape_) + STRIP - 1) / STRIP;
+}
+
+void PlaneWarp::warp_strip(const WarpVariant& variant, const SourcePlane& source,
+                           const TargetPlane& target, int strip, int first, int last,
+                           WarpScratch& scratch) const {
+    const int sample = strip * STRIP;
+    if (two_passes_) {
+        Strip rows(*this, variant, source, scratch, sample);
         for (int y = first; y < last; ++y) {
-            warp_row_directly(source, target, y);
+            rows.make_row(target, y);
         }
         return;
     }
-    for (int sample = 0; sample < Strip::samples(shape_); sample += STRIP) {
-        Strip strip(*this, variant, source, scratch, sample);
-        for (int y = first; y < last; ++y) {
-            strip.make_row(target, y);
-        }
+    const int end = std::min(sample + STRIP, Strip::samples(shape_));
+    for (int y = first; y < last; ++y) {
+        warp_row_directly(source, target, y, sample / shape_.format.channels,
+                          end / shape_.format.channels);
+    }
+}
+
+void PlaneWarp::warp_rows(const WarpVariant& variant, const SourcePlane& source,
+                          const TargetPlane& target, int first, int last,
+                          WarpScratch& scratch) const {
+    for (int strip = 0; strip < strips(); ++strip) {
+        warp_strip(variant, source, target, strip, first, last, scratch);
     }
 }
 

@@ -72,9 +72,15 @@ class PlaneWarp {
     // Throws std::bad_alloc. Threads: owner only.
     void prepare(const PlaneShape& shape, const WarpMap& map, ResamplingKernels& kernels);
 
-    // Computes rows first..last - 1 of the output, whatever the other rows are. The planes must not
-    // overlap.
+    // The strips that the output is divided into, from left to right, and computes rows
+    // first..last - 1 of one, whatever the other rows are. The planes must not overlap.
     // Threads: thread-safe, each with scratch memory of its own, while nobody prepares.
+    int strips() const;
+    void warp_strip(const WarpVariant& variant, const SourcePlane& source,
+                    const TargetPlane& target, int strip, int first, int last,
+                    WarpScratch& scratch) const;
+
+    // All strips.
     void warp_rows(const WarpVariant& variant, const SourcePlane& source, const TargetPlane& target,
                    int first, int last, WarpScratch& scratch) const;
 
@@ -91,7 +97,8 @@ class PlaneWarp {
     bool two_passes_do() const;
     const Tables& tables(double row) const;
     double output_row(double x, double source_row) const;
-    void warp_row_directly(const SourcePlane& source, const TargetPlane& target, int row) const;
+    void warp_row_directly(const SourcePlane& source, const TargetPlane& target, int row,
+                           int first_pixel, int last_pixel) const;
 
     PlaneShape shape_{};
     WarpMap map_;

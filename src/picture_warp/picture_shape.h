@@ -13,13 +13,10 @@ struct PicturePlane {
     PlaneGrid grid;
 };
 
-// The planes of a picture: one of luma, and none, one or two of chroma.
+// The planes of a picture: one of luma, and none, one or two of chroma, which do not differ.
 struct PictureShape {
     int planes;
     PicturePlane plane[3];
-
-    // The two of planar chroma differ in nothing.
-    bool is_as_before(int k) const { return k == 2; }
 };
 
 // layout: one that layout_fault accepts.

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "videostabilizer/frame.h"
+#include "videostabilizer/picture_frame.h"
 
 namespace videostabilizer {
 
@@ -11,9 +12,12 @@ bool can_be_warped(PixFmt format);
 
 // Null when pictures of this geometry can be stabilised, else the reason why not. The chroma area
 // is checked only for formats that can be warped.
-// native: of a stream that uses the native engine, which accesses all rows with their strides; the
-//         OpenCL kernels for widths that are multiples of 32 take rows as packed
+// strided: all rows are accessed with their strides, as the picture stage does; the stated kernels
+//          for widths that are multiples of 32 take rows as packed
 const char* geometry_fault(int width, int height, int stride_y, int stride_uv, PixFmt format,
-                           bool native);
+                           bool strided);
+
+// The same for a stream of pictures. layout: may be null.
+const char* picture_geometry_fault(int width, int height, const PixelLayout* layout);
 
 }  // namespace videostabilizer

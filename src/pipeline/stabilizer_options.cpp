@@ -9,6 +9,7 @@
 
 #include "pipeline/stabilizer_internal.h"
 #include "platform/log.h"
+#include "work_pool/work_pool.h"
 
 namespace videostabilizer {
 
@@ -38,7 +39,8 @@ constexpr VideoStabilizerOptions DEFAULTS{OUR_SIZE,
                                           0,
                                           0,
                                           STABILIZER_ENGINE_OPENCL,
-                                          STABILIZER_SAMPLING_STATED};
+                                          STABILIZER_SAMPLING_STATED,
+                                          0};
 
 constexpr VideoStabilizerOptions stronger_options(std::int32_t look_ahead, float sigma) {
     VideoStabilizerOptions options = DEFAULTS;
@@ -46,6 +48,8 @@ constexpr VideoStabilizerOptions stronger_options(std::int32_t look_ahead, float
     options.sigma = sigma;
     options.whole_shift = options.edge_guard = 1;
     options.repair_motions = options.scene_cuts = 1;
+    options.engine = STABILIZER_ENGINE_AUTO;
+    options.sampling = STABILIZER_SAMPLING_SHARP;
     return options;
 }
 
@@ -95,9 +99,8 @@ const char* options_fault(const VideoStabilizerOptions& o, int frame_width, int 
     if (o.sampling < STABILIZER_SAMPLING_STATED || o.sampling > STABILIZER_SAMPLING_SHARP) {
         return "sampling is none of stated, bilinear and sharp";
     }
-    if (o.sampling == STABILIZER_SAMPLING_STATED ? o.engine == STABILIZER_ENGINE_NATIVE
-                                                 : o.engine == STABILIZER_ENGINE_OPENCL) {
-        return "the engine has no such sampling";
+    if (o.threads < 0 || o.threads > WorkPool::MOST_THREADS) {
+        return "threads is not 0 to 64";
     }
     if (o.edge_guard != 0 && o.whole_shift == 0) {
         return "edge_guard needs whole_shift";

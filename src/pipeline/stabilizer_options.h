@@ -12,9 +12,11 @@ namespace videostabilizer {
 const char* read_options(const VideoStabilizerOptions* given, int width, int height,
                          VideoStabilizerOptions& out);
 
-// Whether the stream is warped by the native engine: the samplings that OpenCL has no kernels for.
-inline bool uses_native_engine(const VideoStabilizerOptions& options) {
-    return options.sampling != STABILIZER_SAMPLING_STATED;
+// Whether the stream has the picture stage: all but what the stated OpenCL kernels do. The engine is
+// not auto any more.
+inline bool uses_picture_stage(const VideoStabilizerOptions& options) {
+    return options.sampling != STABILIZER_SAMPLING_STATED ||
+           options.engine != STABILIZER_ENGINE_OPENCL;
 }
 
 }  // namespace videostabilizer

@@ -4,7 +4,8 @@
 // (callbacks).
 
 #include "frames/deadline.h"
-#include "native_stage/native_stage.h"
+#include "frames/picture_layout.h"
+#include "picture_stage/picture_stage.h"
 #include "pipeline/geometry.h"
 #include "pipeline/stabilizer_internal.h"
 #include "pipeline/stabilizer_options.h"
@@ -20,12 +21,15 @@ constexpr int WAIT_EOS_ROUNDS = 10;
 // The worker reads, and the warp stage uploads and warps, with the stream's size, plane sizes and
 // chroma layout. Any other frame would be accessed outside its planes.
 bool fits_stream(const VideoStabilizer* stabilizer, const Frame* frame) {
+    if (stabilizer->format == PIX_FMT_PICTURE) {
+        return is_picture_of(*frame, stabilizer->width, stabilizer->height, stabilizer->layout);
+    }
     return frame->width == stabilizer->width && frame->height == stabilizer->height &&
            frame->stride_y <= stabilizer->stride_y && frame->stride_uv <= stabilizer->stride_uv &&
            can_be_warped(frame->format) &&
            (frame->format == PIX_FMT_YUV420P) == (stabilizer->format == PIX_FMT_YUV420P) &&
            geometry_fault(frame->width, frame->height, frame->stride_y, frame->stride_uv,
-                          frame->format, uses_native_engine(stabilizer->options)) == nullptr &&
+                          frame->format, uses_picture_stage(stabilizer->options)) == nullptr &&
            frame->plane_y != nullptr && frame->plane_uv != nullptr;
 }
 
@@ -146,16 +150,16 @@ int take_input_frame(VideoStabilizer* stabilizer, Frame** out) {
 }
 
 void send_to_stage(VideoStabilizer* stabilizer, Frame* frame) {
-    if (stabilizer->native_stage != nullptr) {
-        stabilizer->native_stage->send(frame);
+    if (stabilizer->picture_stage != nullptr) {
+        stabilizer->picture_stage->send(frame);
     } else {
         affine_transformer_ocl_send_frame(stabilizer->transformer, frame);
     }
 }
 
 void signal_eos_to_stage(VideoStabilizer* stabilizer) {
-    if (stabilizer->native_stage != nullptr) {
-        stabilizer->native_stage->signal_eos();
+    if (stabilizer->picture_stage != nullptr) {
+        stabilizer->picture_stage->signal_eos();
     } else {
         affine_transformer_ocl_signal_eos(stabilizer->transformer);
         // The stage may already be waiting for input and would see the flag up to a second later.

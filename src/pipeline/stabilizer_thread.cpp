@@ -13,6 +13,7 @@
 #include "path/frame_numbers.h"
 #include "path/steady_path.h"
 #include "pipeline/decimate.h"
+#include "pipeline/upper_bits.h"
 #include "pipeline/stabilizer_internal.h"
 #include "platform/log.h"
 #include "simplela/mat_util.h"
@@ -35,15 +36,30 @@ void set_sent_frame(VideoStabilizer* s, std::int64_t n) {
     s->output_index = public_number(n);
 }
 
-// Bytes between the luma rows that the analysis reads. Beside the OpenCL stage, whose wide kernels
-// take rows as packed, it does so as well.
-int luma_pitch(const VideoStabilizer* s, const Frame* frame) {
-    return s->native_stage != nullptr ? frame->stride_y : frame->width;
+struct LumaPlane {
+    const unsigned char* data;
+    int pitch;  // bytes from a row to the next
+};
+
+// The 8-bit luma of frame n, which is the newest or the one before. Beside the stated kernels, the
+// wide ones of which take rows as packed, the analysis does so as well.
+LumaPlane luma(const VideoStabilizer* s, std::int64_t n, const Frame* frame) {
+    if (s->format == PIX_FMT_PICTURE && s->layout.bit_depth > 8) {
+        return {s->upper_bits[n % 2].data(), frame->width};
+    }
+    return {frame->plane_y, s->picture_stage != nullptr ? frame->stride_y : frame->width};
 }
 
-void decimate(const VideoStabilizer* s, const Frame* frame, unsigned char* image) {
-    decimate_rows(frame->plane_y, luma_pitch(s, frame), frame->width, frame->height, s->scale,
-                  image);
+// Stores the newest frame and makes its analysis image.
+void take_newest(VideoStabilizer* s, Frame* frame, unsigned char* image) {
+    const std::int64_t n = s->newest_frame + 1;
+    set_newest_frame(s, n);
+    s->ring_frames[slot_of(s, n)] = frame;
+    if (s->format == PIX_FMT_PICTURE && s->layout.bit_depth > 8) {
+        take_upper_bits(*frame, s->layout, s->upper_bits[n % 2].data());
+    }
+    const LumaPlane plane = luma(s, n, frame);
+    decimate_rows(plane.data, plane.pitch, frame->width, frame->height, s->scale, image);
 }
 
 // Detects corners in the previous image and tracks them into the current one.
@@ -94,8 +110,9 @@ void estimate_motion(VideoStabilizer* s) {
         // The previous frame is still in the ring: look_ahead is at least 1.
         const Frame* const earlier = s->ring_frames[slot];
         const Frame* const later = s->ring_frames[slot_of(s, s->newest_frame)];
-        const LumaPair pictures = {earlier->plane_y, later->plane_y, luma_pitch(s, earlier),
-                                   luma_pitch(s, later)};
+        const LumaPlane from_luma = luma(s, from, earlier);
+        const LumaPlane to_luma = luma(s, s->newest_frame, later);
+        const LumaPair pictures = {from_luma.data, to_luma.data, from_luma.pitch, to_luma.pitch};
         s->steady_path->add(from, s->motions[slot]->data, log, s->prev_points.size(),
                             s->matched_prev, s->matched_next, pictures);
     }
@@ -192,9 +209,7 @@ bool first_frame(VideoStabilizer* s) {
                             code);
         return false;
     }
-    set_newest_frame(s, s->newest_frame + 1);
-    s->ring_frames[slot_of(s, s->newest_frame)] = frame;
-    decimate(s, frame, s->prev_luma);
+    take_newest(s, frame, s->prev_luma);
     __android_log_print(LOG_INFO, STABILIZER_TAG, "before thread loop...");
     return s->quit.load() == 0;
 }
@@ -211,9 +226,7 @@ int later_frames(VideoStabilizer* s) {
         if (frame == nullptr) {
             return RESULT_NO_FRAME;
         }
-        set_newest_frame(s, s->newest_frame + 1);
-        s->ring_frames[slot_of(s, s->newest_frame)] = frame;
-        decimate(s, frame, s->cur_luma);
+        take_newest(s, frame, s->cur_luma);
         track_corners(s);
         std::swap(s->prev_luma, s->cur_luma);
         match_points(s);

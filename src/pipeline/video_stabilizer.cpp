@@ -4,10 +4,14 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 #include <new>
+#include <utility>
+#include <vector>
 
-#include "native_stage/native_stage.h"
 #include "path/steady_path.h"
+#include "picture_stage/picture_stage.h"
+#include "picture_warp/native_warper.h"
 #include "pipeline/geometry.h"
 #include "pipeline/stabilizer_internal.h"
 #include "pipeline/stabilizer_options.h"
@@ -59,10 +63,12 @@ void reset_frame_numbers(VideoStabilizer* s) {
     s->newest_frame = s->sent_frame = -1;
 }
 
-// A record with initialised synchronisation objects and empty queues, or null.
+// A record with initialised synchronisation objects and empty queues, or null with an error in the
+// log.
 VideoStabilizer* new_record() {
     void* const block = std::calloc(1, sizeof(VideoStabilizer));
     if (block == nullptr) {
+        __android_log_print(LOG_ERROR, STABILIZER_TAG, OUT_OF_MEMORY_TEXT);
         return nullptr;
     }
     auto* const s = new (block) VideoStabilizer{};
@@ -107,6 +113,12 @@ bool create_analysis(VideoStabilizer* s) {
     }
     s->prev_luma = s->luma_block;
     s->cur_luma = s->luma_block + image_bytes;
+
+    if (s->format == PIX_FMT_PICTURE && s->layout.bit_depth > 8) {
+        for (std::vector<unsigned char>& plane : s->upper_bits) {
+            plane.resize(static_cast<std::size_t>(s->width) * static_cast<std::size_t>(s->height));
+        }
+    }
 
     s->max_points = MAX_POINTS;
     s->prev_points.reserve(MAX_POINTS);
@@ -181,24 +193,45 @@ float stage_crop(const VideoStabilizer* s) {
     return s->options.whole_shift != 0 ? 1.0F : s->options.crop_ratio;
 }
 
-bool create_native_stage(VideoStabilizer* s) {
-    if (!can_be_warped(s->format)) {
+PixelLayout stream_layout(const VideoStabilizer* s) {
+    if (s->format == PIX_FMT_PICTURE) {
+        return s->layout;
+    }
+    PixelLayout layout{};
+    layout.bit_depth = 8;
+    layout.semi_planar = s->format == PIX_FMT_YUV420P ? 0 : 1;
+    return layout;
+}
+
+std::unique_ptr<PictureWarper> make_warper(const VideoStabilizer* s, const PixelLayout& layout) {
+    const Resampling resampling = s->options.sampling == STABILIZER_SAMPLING_SHARP
+                                      ? Resampling::LANCZOS3
+                                      : Resampling::BILINEAR;
+    return std::make_unique<NativeWarper>(picture_shape(s->width, s->height, layout), resampling,
+                                          s->options.threads);
+}
+
+bool create_picture_stage(VideoStabilizer* s) {
+    if (s->format != PIX_FMT_PICTURE && !can_be_warped(s->format)) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, "Un-supported pixel format!!");
         return false;
     }
-    const NativeStageSettings settings = {s->format, stage_crop(s),
-                                          s->options.sampling == STABILIZER_SAMPLING_SHARP
-                                              ? Resampling::LANCZOS3
-                                              : Resampling::BILINEAR,
-                                          s->in_place != 0, stage_capacity(s)};
-    NativeStageCallbacks callbacks{
+    PictureStageSettings settings{};
+    settings.width = s->width;
+    settings.height = s->height;
+    settings.layout = stream_layout(s);
+    settings.crop_ratio = stage_crop(s);
+    settings.in_place = s->in_place != 0;
+    settings.capacity = stage_capacity(s);
+    PictureStageCallbacks callbacks{
         s, stabilizer_on_frame, stabilizer_on_eos, stabilizer_on_failure, nullptr, nullptr};
     if (has_frame_pool(s)) {
         callbacks.ctx = s->user->ctx;
         callbacks.create_frame = s->user->create_frame;
     }
-    s->native_stage = new NativeStage(settings, callbacks);
-    if (s->native_stage->start() != RESULT_OK) {
+    std::unique_ptr<PictureWarper> warper = make_warper(s, settings.layout);
+    s->picture_stage = new PictureStage(settings, callbacks, std::move(warper));
+    if (s->picture_stage->start() != RESULT_OK) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, "no thread for the warp stage");
         return false;
     }
@@ -232,7 +265,7 @@ bool build(VideoStabilizer* s) {
             return false;
         }
         create_history(s);
-        return uses_native_engine(s->options) ? create_native_stage(s) : create_opencl_stage(s);
+        return uses_picture_stage(s->options) ? create_picture_stage(s) : create_opencl_stage(s);
     } catch (const std::bad_alloc&) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, OUT_OF_MEMORY_TEXT);
         return false;
@@ -260,14 +293,43 @@ void end_threads(VideoStabilizer* s) {
     if (s->transformer != nullptr) {
         affine_transformer_ocl_fini(s->transformer);
     }
-    if (s->native_stage != nullptr) {
-        s->native_stage->end();
+    if (s->picture_stage != nullptr) {
+        s->picture_stage->end();
     }
     video_stabilizer_flush(s);
     if (s->worker_joinable.exchange(0) != 0) {
         pthread_join(s->worker, nullptr);
         release_ring(s);
     }
+}
+
+// Reads the options and decides for an engine. Returns false with an error in the log.
+bool choose_options(const VideoStabilizerOptions* given, int width, int height,
+                    VideoStabilizerOptions& out) {
+    const char* const fault = read_options(given, width, height, out);
+    if (fault != nullptr) {
+        __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused the options: %s", fault);
+        return false;
+    }
+    if (out.engine == STABILIZER_ENGINE_AUTO) {
+        out.engine = STABILIZER_ENGINE_NATIVE;
+    }
+    return true;
+}
+
+// Completes a record whose format is set. Returns it, or deletes it and returns null.
+VideoStabilizer* finish_record(VideoStabilizer* s, int width, int height, int in_place,
+                               VideoStabilizerUser* user, const VideoStabilizerOptions& options) {
+    s->width = width;
+    s->height = height;
+    s->user = user;
+    s->in_place = in_place;
+    s->options = options;
+    if (!build(s)) {
+        video_stabilizer_delete(s);
+        return nullptr;
+    }
+    return s;
 }
 
 void delete_matrices(std::vector<SimpleLA::Mat<float>*>& matrices) {
@@ -300,14 +362,12 @@ VideoStabilizer* video_stabilizer_create_with_options(int width, int height, int
                                                       VideoStabilizerUser* user,
                                                       const VideoStabilizerOptions* options) {
     VideoStabilizerOptions chosen{};
-    const char* const option_fault = read_options(options, width, height, chosen);
-    if (option_fault != nullptr) {
-        __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused the options: %s", option_fault);
+    if (!choose_options(options, width, height, chosen)) {
         return nullptr;
     }
     // Formats that cannot be warped are refused by the warp stage.
     const char* const fault =
-        geometry_fault(width, height, stride_y, stride_uv, format, uses_native_engine(chosen));
+        geometry_fault(width, height, stride_y, stride_uv, format, uses_picture_stage(chosen));
     if (fault != nullptr) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused %d x %d, strides %d and %d: %s",
                             width, height, stride_y, stride_uv, fault);
@@ -315,22 +375,41 @@ VideoStabilizer* video_stabilizer_create_with_options(int width, int height, int
     }
     VideoStabilizer* const s = new_record();
     if (s == nullptr) {
-        __android_log_print(LOG_ERROR, STABILIZER_TAG, OUT_OF_MEMORY_TEXT);
         return nullptr;
     }
-    s->width = width;
-    s->height = height;
     s->stride_y = stride_y;
     s->stride_uv = stride_uv;
     s->format = format;
-    s->user = user;
-    s->in_place = in_place;
-    s->options = chosen;
-    if (!build(s)) {
-        video_stabilizer_delete(s);
+    return finish_record(s, width, height, in_place, user, chosen);
+}
+
+VideoStabilizer* video_stabilizer_create_for_pictures(int width, int height,
+                                                      const PixelLayout* layout, int in_place,
+                                                      VideoStabilizerUser* user,
+                                                      const VideoStabilizerOptions* options) {
+    VideoStabilizerOptions chosen{};
+    if (!choose_options(options, width, height, chosen)) {
         return nullptr;
     }
-    return s;
+    if (options == nullptr) {
+        chosen.engine = STABILIZER_ENGINE_NATIVE;
+    }
+    const char* fault = picture_geometry_fault(width, height, layout);
+    if (fault == nullptr && !uses_picture_stage(chosen)) {
+        fault = "the stated sampling with OpenCL is for frames of other formats";
+    }
+    if (fault != nullptr) {
+        __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused pictures of %d x %d: %s", width,
+                            height, fault);
+        return nullptr;
+    }
+    VideoStabilizer* const s = new_record();
+    if (s == nullptr) {
+        return nullptr;
+    }
+    s->format = PIX_FMT_PICTURE;
+    s->layout = *layout;
+    return finish_record(s, width, height, in_place, user, chosen);
 }
 
 void video_stabilizer_set_observer(VideoStabilizer* stabilizer,
@@ -388,7 +467,7 @@ void video_stabilizer_delete(VideoStabilizer* stabilizer) {
     if (s->transformer != nullptr) {
         affine_transformer_ocl_delete(s->transformer);
     }
-    delete s->native_stage;
+    delete s->picture_stage;
     delete_matrices(s->motions);
     delete_matrices(s->warp_pool);
     pthread_cond_destroy(&s->eos_cond);

@@ -8,7 +8,7 @@
 #include "videostabilizer/result.h"
 #include "warp/ocl.h"
 #include "warp/picture_limits.h"
-#include "warp/warp_parameters.h"
+#include "simplela/warp_parameters.h"
 
 namespace videostabilizer {
 

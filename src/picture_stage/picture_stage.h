@@ -4,46 +4,48 @@
 
 #include <pthread.h>
 
-#include <array>
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "frames/frame_fifo.h"
-#include "native_warp/plane_warp.h"
+#include "native_warp/warp_map.h"
+#include "picture_warp/picture_warper.h"
+#include "simplela/warp_parameters.h"
 
 namespace videostabilizer {
 
-struct NativeStageSettings {
-    PixFmt format;  // 4:2:0, semi-planar or planar
+struct PictureStageSettings {
+    int width;           // pixels
+    int height;          // rows
+    PixelLayout layout;  // of the pictures
     float crop_ratio;
-    Resampling resampling;
     bool in_place;
     int capacity;  // of the queue, frames
 };
 
 // All called on the stage's thread; none may end the stage.
-struct NativeStageCallbacks {
+struct PictureStageCallbacks {
     void* owner;                                 // passed to the next three
     int (*on_frame)(void* owner, Frame* frame);  // takes the finished frame over
     void (*on_eos)(void* owner);                 // after the last frame
     void (*on_failure)(void* owner);             // called last, when the thread ends with an error
     void* ctx;                                   // of create_frame
-    Frame* (*create_frame)(void* ctx);           // an output frame; null: frame_create makes it
+    Frame* (*create_frame)(void* ctx);           // an output frame; null: the stage makes it
 };
 
-// A queue of 4:2:0 frames and a thread that warps each on the processor by the six floats in its
-// `opaque`, as the OpenCL stage reads them (source to output, luma pixels; null: none), and passes it
-// on. It reads and writes rows with the strides of the frames. Chroma is taken to be left of the
-// middle of its luma pixels, as in MPEG-2 and later.
+// A queue of frames and a thread that has each warped by the six floats in its `opaque`, as the
+// OpenCL stage reads them (source to output, luma pixels; null: none), and passes it on. Rows are
+// read and written with the strides of the frames.
 // Threads: owner only, except send and signal_eos, which are thread-safe.
-class NativeStage {
+class PictureStage {
   public:
-    // Throws std::bad_alloc.
-    NativeStage(const NativeStageSettings& settings, const NativeStageCallbacks& callbacks);
-    ~NativeStage();  // ends the stage
-    NativeStage(const NativeStage&) = delete;
-    NativeStage& operator=(const NativeStage&) = delete;
+    PictureStage(const PictureStageSettings& settings, const PictureStageCallbacks& callbacks,
+                 std::unique_ptr<PictureWarper> warper);
+    ~PictureStage();  // ends the stage
+    PictureStage(const PictureStage&) = delete;
+    PictureStage& operator=(const PictureStage&) = delete;
 
     // Starts the thread. Returns RESULT_OK or RESULT_NO_THREAD.
     int start();
@@ -59,25 +61,21 @@ class NativeStage {
     void end();
 
   private:
-    using Six = std::array<float, 6>;
-
     static void* thread(void* stage);
     FrameFifo fifo();
     void run();
     int process_frame();
     int make_output(const Frame& input, Frame** output);
-    void warp(const Frame& input, const Six& transform, Frame& output);
-    Frame without_overlap(const Frame& input, const Frame& output);
-    void warp_plane(int height, const SourcePlane& source, const TargetPlane& target);
+    Frame* new_output(const Frame& input) const;
+    int warp(const Frame& input, const AffineSix& transform, const Frame& output);
+    PicturePlanes planes_of(const Frame& frame, const Frame& strides) const;
+    void copy_overlapping(PicturePlanes& source, const PicturePlanes& target);
 
-    NativeStageSettings settings_;
-    NativeStageCallbacks callbacks_;
-    ResamplingKernels kernels_;
-    PlaneWarp plane_warp_;
-    WarpMap luma_map_;  // of the frame in work, as the next
-    WarpMap chroma_map_;
-    WarpScratch scratch_;
-    std::vector<unsigned char> copy_;  // of a frame that is warped in place
+    PictureStageSettings settings_;
+    PictureStageCallbacks callbacks_;
+    std::unique_ptr<PictureWarper> warper_;
+    WarpMap map_;                      // of the frame in work
+    std::vector<unsigned char> copy_;  // of planes that are warped in place
 
     Frame queue_{};  // sentinel
     std::atomic<std::int32_t> count_{0};

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "warp/warp_parameters.h"
+#include "simplela/warp_parameters.h"
 
 #include "simplela/affine_inverse.h"
 

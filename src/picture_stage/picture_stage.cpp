@@ -1,0 +1,215 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "picture_stage/picture_stage.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <new>
+#include <utility>
+
+#include "frames/picture_layout.h"
+#include "platform/log.h"
+#include "videostabilizer/result.h"
+
+namespace videostabilizer {
+
+namespace {
+
+constexpr char TAG[] = "picture_warp";
+
+// Copies the transform as the frame leaves the queue: afterwards its owner may reuse the memory.
+void copy_transform(void* to, Frame* frame) {
+    auto& copy = *static_cast<AffineSix*>(to);
+    copy = IDENTITY_TRANSFORM;
+    if (frame->opaque != nullptr) {
+        std::copy_n(static_cast<const float*>(frame->opaque), copy.size(), copy.begin());
+    }
+}
+
+Affine2 in_doubles(const AffineSix& t) {
+    return {static_cast<double>(t[0]), static_cast<double>(t[1]), static_cast<double>(t[2]),
+            static_cast<double>(t[3]), static_cast<double>(t[4]), static_cast<double>(t[5])};
+}
+
+}  // namespace
+
+PictureStage::PictureStage(const PictureStageSettings& settings,
+                           const PictureStageCallbacks& callbacks,
+                           std::unique_ptr<PictureWarper> warper)
+    : settings_(settings),
+      callbacks_(callbacks),
+      warper_(std::move(warper)),
+      capacity_(settings.capacity) {
+    fifo_reset(fifo());
+}
+
+PictureStage::~PictureStage() {
+    end();
+    pthread_cond_destroy(&cond_);
+    pthread_mutex_destroy(&mutex_);
+}
+
+FrameFifo PictureStage::fifo() {
+    return {queue_, count_, capacity_, mutex_, cond_, quit_, eos_, timeout_ms_};
+}
+
+int PictureStage::start() {
+    if (pthread_create(&thread_, nullptr, thread, this) != 0) {
+        return RESULT_NO_THREAD;
+    }
+    started_ = true;
+    return RESULT_OK;
+}
+
+int PictureStage::send(Frame* frame) {
+    return fifo_put(fifo(), frame, WhenEnded::ACCEPT);
+}
+
+void PictureStage::signal_eos() {
+    eos_.store(1);
+    wake_waiters(mutex_, cond_);
+}
+
+void PictureStage::end() {
+    quit_.store(1);
+    wake_waiters(mutex_, cond_);
+    if (started_) {
+        pthread_join(thread_, nullptr);
+        started_ = false;
+    }
+    fifo_flush(fifo());
+}
+
+void* PictureStage::thread(void* stage) {
+    static_cast<PictureStage*>(stage)->run();
+    return nullptr;
+}
+
+void PictureStage::run() {
+    int result = RESULT_OK;
+    while (result == RESULT_OK && quit_.load() == 0) {
+        result = process_frame();
+    }
+    if (result == RESULT_END_OF_STREAM) {
+        callbacks_.on_eos(callbacks_.owner);
+    } else if (result != RESULT_OK && result != RESULT_STOPPING) {
+        __android_log_print(LOG_ERROR, TAG, "the warp stage met an error: %d", result);
+        callbacks_.on_failure(callbacks_.owner);
+    }
+}
+
+// Takes, warps and delivers one frame. Returns RESULT_OK, or the code that ends the thread.
+int PictureStage::process_frame() {
+    Frame* input = nullptr;
+    AffineSix transform{};
+    const int taken = fifo_take(fifo(), &input, copy_transform, &transform);
+    if (taken != RESULT_OK) {
+        return taken;
+    }
+    Frame* output = settings_.in_place ? input : nullptr;
+    int result = settings_.in_place ? RESULT_OK : make_output(*input, &output);
+    if (result == RESULT_OK) {
+        result = warp(*input, transform, *output);
+    }
+    if (!settings_.in_place || result != RESULT_OK) {
+        frame_delete(input);
+    }
+    if (result == RESULT_OK) {
+        callbacks_.on_frame(callbacks_.owner, output);
+    } else if (!settings_.in_place && output != nullptr) {
+        frame_delete(output);
+    }
+    return result;
+}
+
+Frame* PictureStage::new_output(const Frame& input) const {
+    return input.format == PIX_FMT_PICTURE
+               ? picture_frame_create(input.width, input.height, &settings_.layout, nullptr)
+               : frame_create(input.width, input.height, input.stride_y, input.stride_uv,
+                              input.format, nullptr);
+}
+
+int PictureStage::make_output(const Frame& input, Frame** output) {
+    if (callbacks_.create_frame == nullptr) {
+        *output = new_output(input);
+        if (*output == nullptr) {
+            __android_log_print(LOG_ERROR, TAG, OUT_OF_MEMORY_TEXT);
+            return RESULT_NO_MEMORY;
+        }
+    } else {
+        *output = callbacks_.create_frame(callbacks_.ctx);
+        if (*output == nullptr) {
+            __android_log_print(LOG_ERROR, TAG, "Failed to create external frame!!");
+            return RESULT_NO_FRAME;
+        }
+        if (input.format == PIX_FMT_PICTURE &&
+            !is_picture_of(**output, input.width, input.height, settings_.layout)) {
+            __android_log_print(LOG_ERROR, TAG, "create_frame made a frame of another kind");
+            return RESULT_NO_FRAME;
+        }
+    }
+    (*output)->timestamp = input.timestamp;
+    return RESULT_OK;
+}
+
+// Where the planes of a frame are, with the strides of one that may be another.
+PicturePlanes PictureStage::planes_of(const Frame& frame, const Frame& strides) const {
+    PicturePlanes planes{};
+    if (picture_frame_planes(&frame, &planes) == 0) {
+        return planes;
+    }
+    planes.data[0] = frame.plane_y;
+    planes.stride[0] = strides.stride_y;
+    planes.data[1] = frame.plane_uv;
+    planes.stride[1] = settings_.layout.semi_planar != 0 ? strides.stride_y : strides.stride_uv;
+    planes.data[2] =
+        frame.plane_uv + static_cast<std::ptrdiff_t>(strides.stride_uv) * strides.height / 2;
+    planes.stride[2] = strides.stride_uv;
+    return planes;
+}
+
+// Makes a copy of the planes that lie in the same memory as those of the target.
+void PictureStage::copy_overlapping(PicturePlanes& source, const PicturePlanes& target) {
+    const PixelLayout& layout = settings_.layout;
+    std::size_t row_bytes[3] = {};
+    std::size_t offset[3] = {};
+    std::size_t bytes = 0;
+    for (int k = 0; k < plane_count(layout); ++k) {
+        if (source.data[k] == target.data[k]) {
+            row_bytes[k] = static_cast<std::size_t>(plane_samples(settings_.width, layout, k) *
+                                                    sample_bytes(layout));
+            offset[k] = bytes;
+            bytes += row_bytes[k] * static_cast<std::size_t>(plane_rows(settings_.height, layout, k));
+        }
+    }
+    copy_.resize(bytes);
+    for (int k = 0; k < plane_count(layout); ++k) {
+        if (row_bytes[k] == 0) {
+            continue;
+        }
+        unsigned char* const copy = copy_.data() + offset[k];
+        const int rows = plane_rows(settings_.height, layout, k);
+        for (int row = 0; row < rows; ++row) {
+            std::copy_n(source.data[k] + static_cast<std::ptrdiff_t>(row) * source.stride[k],
+                        row_bytes[k], copy + static_cast<std::size_t>(row) * row_bytes[k]);
+        }
+        source.data[k] = copy;
+        source.stride[k] = static_cast<std::int32_t>(row_bytes[k]);
+    }
+}
+
+int PictureStage::warp(const Frame& input, const AffineSix& transform, const Frame& output) {
+    try {
+        PicturePlanes source = planes_of(input, input);
+        const PicturePlanes target = planes_of(output, input);
+        copy_overlapping(source, target);
+        map_.transforms.assign(1, in_doubles(warp_parameters(transform, settings_.crop_ratio,
+                                                             settings_.width, settings_.height)));
+        return warper_->warp(source, map_, target);
+    } catch (const std::bad_alloc&) {
+        __android_log_print(LOG_ERROR, TAG, OUT_OF_MEMORY_TEXT);
+        return RESULT_NO_MEMORY;
+    }
+}
+
+}  // namespace videostabilizer

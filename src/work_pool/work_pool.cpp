@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "work_pool/work_pool.h"
+
+#include <sched.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <mutex>
+
+namespace videostabilizer {
+
+namespace {
+
+class Lock {
+  public:
+    explicit Lock(pthread_mutex_t& mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
+    ~Lock() { pthread_mutex_unlock(&mutex_); }
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+
+  private:
+    pthread_mutex_t& mutex_;
+};
+
+}  // namespace
+
+int usable_processors() {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof(set), &set) == 0) {
+        return std::max(1, CPU_COUNT(&set));
+    }
+    return std::max(1, static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)));
+}
+
+std::shared_ptr<WorkPool> WorkPool::shared() {
+    static std::mutex mutex;
+    static std::weak_ptr<WorkPool> current;
+    const std::lock_guard<std::mutex> lock(mutex);
+    std::shared_ptr<WorkPool> pool = current.lock();
+    if (pool == nullptr) {
+        pool.reset(new WorkPool);
+        pool->threads_.reserve(MOST_THREADS);
+        current = pool;
+    }
+    return pool;
+}
+
+WorkPool::~WorkPool() {
+    {
+        const Lock lock(mutex_);
+        end_ = true;
+        pthread_cond_broadcast(&work_cond_);
+    }
+    for (const pthread_t thread : threads_) {
+        pthread_join(thread, nullptr);
+    }
+    pthread_cond_destroy(&done_cond_);
+    pthread_cond_destroy(&work_cond_);
+    pthread_mutex_destroy(&mutex_);
+}
+
+void WorkPool::Job::do_items(int participant) {
+    for (int index = next.fetch_add(1); index < count; index = next.fetch_add(1)) {
+        work->item(index, participant);
+    }
+}
+
+// Call it with the mutex held.
+void WorkPool::start_threads(int wanted) {
+    while (static_cast<int>(threads_.size()) < std::min(wanted, MOST_THREADS - 1)) {
+        pthread_t started{};
+        if (pthread_create(&started, nullptr, thread, this) != 0) {
+            return;
+        }
+        threads_.push_back(started);  // reserved
+    }
+}
+
+void WorkPool::run(DividedWork& work, int count, int participants) {
+    Job job{&work, count, std::min(participants, count), {0}, 1, 0, nullptr};
+    if (job.most > 1) {
+        const Lock lock(mutex_);
+        start_threads(job.most - 1);
+        job.other = jobs_;
+        jobs_ = &job;
+        pthread_cond_broadcast(&work_cond_);
+    }
+    job.do_items(0);
+    if (job.most > 1) {
+        const Lock lock(mutex_);
+        for (Job** link = &jobs_; *link != nullptr; link = &(*link)->other) {
+            if (*link == &job) {
+                *link = job.other;
+                break;
+            }
+        }
+        while (job.active > 0) {
+            pthread_cond_wait(&done_cond_, &mutex_);
+        }
+    }
+}
+
+// A job with room for another participant, or null. Call it with the mutex held.
+WorkPool::Job* WorkPool::open_job() {
+    Job* job = jobs_;
+    while (job != nullptr && (job->joined == job->most || job->next.load() >= job->count)) {
+        job = job->other;
+    }
+    return job;
+}
+
+void WorkPool::help() {
+    pthread_mutex_lock(&mutex_);
+    while (!end_) {
+        Job* const job = open_job();
+        if (job == nullptr) {
+            pthread_cond_wait(&work_cond_, &mutex_);
+            continue;
+        }
+        const int participant = job->joined++;
+        ++job->active;
+        pthread_mutex_unlock(&mutex_);
+        job->do_items(participant);
+        pthread_mutex_lock(&mutex_);
+        if (--job->active == 0) {
+            pthread_cond_broadcast(&done_cond_);
+        }
+    }
+    pthread_mutex_unlock(&mutex_);
+}
+
+void* WorkPool::thread(void* pool) {
+    static_cast<WorkPool*>(pool)->help();
+    return nullptr;
+}
+
+}  // namespace videostabilizer
