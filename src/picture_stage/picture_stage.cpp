@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <functional>
 #include <new>
 #include <utility>
 
@@ -31,6 +32,24 @@ Affine2 in_doubles(const AffineSix& t) {
             static_cast<double>(t[3]), static_cast<double>(t[4]), static_cast<double>(t[5])};
 }
 
+std::size_t row_bytes_of(const PictureStageSettings& settings, int k) {
+    return static_cast<std::size_t>(plane_samples(settings.width, settings.layout, k)) *
+           static_cast<std::size_t>(sample_bytes(settings.layout));
+}
+
+std::size_t plane_bytes_of(const PictureStageSettings& settings, int k) {
+    return row_bytes_of(settings, k) *
+           static_cast<std::size_t>(plane_rows(settings.height, settings.layout, k));
+}
+
+std::size_t picture_bytes(const PictureStageSettings& settings) {
+    std::size_t bytes = 0;
+    for (int k = 0; k < plane_count(settings.layout); ++k) {
+        bytes += plane_bytes_of(settings, k);
+    }
+    return bytes;
+}
+
 }  // namespace
 
 PictureStage::PictureStage(const PictureStageSettings& settings,
@@ -41,6 +60,9 @@ PictureStage::PictureStage(const PictureStageSettings& settings,
       warper_(std::move(warper)),
       capacity_(settings.capacity) {
     fifo_reset(fifo());
+    if (settings.in_place) {
+        copy_.reserve(picture_bytes(settings));
+    }
 }
 
 PictureStage::~PictureStage() {
@@ -168,33 +190,24 @@ PicturePlanes PictureStage::planes_of(const Frame& frame, const Frame& strides) 
     return planes;
 }
 
-// Makes a copy of the planes that lie in the same memory as those of the target.
+// Takes a copy for the source where planes lie in the same memory as those of the target.
 void PictureStage::copy_overlapping(PicturePlanes& source, const PicturePlanes& target) {
-    const PixelLayout& layout = settings_.layout;
-    std::size_t row_bytes[3] = {};
-    std::size_t offset[3] = {};
-    std::size_t bytes = 0;
-    for (int k = 0; k < plane_count(layout); ++k) {
-        if (source.data[k] == target.data[k]) {
-            row_bytes[k] = static_cast<std::size_t>(plane_samples(settings_.width, layout, k) *
-                                                    sample_bytes(layout));
-            offset[k] = bytes;
-            bytes += row_bytes[k] * static_cast<std::size_t>(plane_rows(settings_.height, layout, k));
-        }
+    const int planes = plane_count(settings_.layout);
+    if (std::equal(source.data, source.data + planes, target.data, std::not_equal_to<>())) {
+        return;
     }
-    copy_.resize(bytes);
-    for (int k = 0; k < plane_count(layout); ++k) {
-        if (row_bytes[k] == 0) {
-            continue;
-        }
-        unsigned char* const copy = copy_.data() + offset[k];
-        const int rows = plane_rows(settings_.height, layout, k);
+    copy_.resize(picture_bytes(settings_));
+    unsigned char* copy = copy_.data();
+    for (int k = 0; k < planes; ++k) {
+        const std::size_t row_bytes = row_bytes_of(settings_, k);
+        const int rows = plane_rows(settings_.height, settings_.layout, k);
         for (int row = 0; row < rows; ++row) {
             std::copy_n(source.data[k] + static_cast<std::ptrdiff_t>(row) * source.stride[k],
-                        row_bytes[k], copy + static_cast<std::size_t>(row) * row_bytes[k]);
+                        row_bytes, copy + static_cast<std::size_t>(row) * row_bytes);
         }
         source.data[k] = copy;
-        source.stride[k] = static_cast<std::int32_t>(row_bytes[k]);
+        source.stride[k] = static_cast<std::int32_t>(row_bytes);
+        copy += plane_bytes_of(settings_, k);
     }
 }
 

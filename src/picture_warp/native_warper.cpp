@@ -28,7 +28,7 @@ NativeWarper::NativeWarper(const PictureShape& shape, Resampling resampling, int
       kernels_(resampling),
       scratch_(static_cast<std::size_t>(threads_for(threads))) {
     if (scratch_.size() > 1) {
-        pool_ = WorkPool::shared();
+        pool_.emplace();
     }
 }
 
@@ -56,8 +56,8 @@ int NativeWarper::warp(const PicturePlanes& source, const WarpMap& luma,
     for (int k = 0; k < shape_.planes; ++k) {
         items += bands_of(k) * warp_of(k).strips();
     }
-    if (pool_ != nullptr) {
-        pool_->run(*this, items, threads);
+    if (pool_.has_value()) {
+        (*pool_)->run(*this, items, threads);
     } else {
         for (int index = 0; index < items; ++index) {
             item(index, 0);

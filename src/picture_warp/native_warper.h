@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include <memory>
+#include <optional>
 #include <vector>
 
 #include "native_warp/plane_warp.h"
@@ -30,7 +30,7 @@ class NativeWarper final : public PictureWarper, private DividedWork {
 
     PictureShape shape_;
     ResamplingKernels kernels_;
-    std::shared_ptr<WorkPool> pool_;    // null: no help
+    std::optional<WorkPool::Use> pool_;  // none: no help
     std::vector<WarpScratch> scratch_;  // of each thread
     WarpMap plane_map_;
     PlaneWarp luma_warp_;

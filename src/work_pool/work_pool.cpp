@@ -35,17 +35,36 @@ int usable_processors() {
     return std::max(1, static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)));
 }
 
-std::shared_ptr<WorkPool> WorkPool::shared() {
-    static std::mutex mutex;
-    static std::weak_ptr<WorkPool> current;
-    const std::lock_guard<std::mutex> lock(mutex);
-    std::shared_ptr<WorkPool> pool = current.lock();
-    if (pool == nullptr) {
-        pool.reset(new WorkPool);
-        pool->threads_.reserve(MOST_THREADS);
-        current = pool;
+namespace {
+
+std::mutex shared_pool_mutex;
+WorkPool* shared_pool = nullptr;
+int shared_pool_uses = 0;
+
+}  // namespace
+
+WorkPool::Use::Use() {
+    const std::lock_guard<std::mutex> lock(shared_pool_mutex);
+    if (shared_pool == nullptr) {
+        shared_pool = new WorkPool;
     }
-    return pool;
+    ++shared_pool_uses;
+    pool_ = shared_pool;
+}
+
+WorkPool::Use::~Use() {
+    {
+        const std::lock_guard<std::mutex> lock(shared_pool_mutex);
+        if (--shared_pool_uses > 0) {
+            return;
+        }
+        shared_pool = nullptr;
+    }
+    delete pool_;
+}
+
+WorkPool::WorkPool() {
+    threads_.reserve(MOST_THREADS);
 }
 
 WorkPool::~WorkPool() {

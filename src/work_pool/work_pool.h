@@ -5,7 +5,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <memory>
 #include <vector>
 
 namespace videostabilizer {
@@ -34,9 +33,20 @@ class WorkPool {
   public:
     static constexpr int MOST_THREADS = 64;
 
-    // The pool of the process. It is made for the first holder; its threads end with the last.
-    // Throws std::bad_alloc. Threads: thread-safe.
-    static std::shared_ptr<WorkPool> shared();
+    // The pool of the process, as long as somebody uses it: it is made for the first and ends, with
+    // its threads, with the last.
+    // Threads: thread-safe.
+    class Use {
+      public:
+        Use();  // throws std::bad_alloc
+        ~Use();
+        Use(const Use&) = delete;
+        Use& operator=(const Use&) = delete;
+        WorkPool* operator->() const { return pool_; }
+
+      private:
+        WorkPool* pool_;
+    };
 
     ~WorkPool();
     WorkPool(const WorkPool&) = delete;
@@ -60,7 +70,7 @@ class WorkPool {
         void do_items(int participant);
     };
 
-    WorkPool() = default;
+    WorkPool();  // throws std::bad_alloc
     static void* thread(void* pool);
     void help();
     void start_threads(int wanted);

@@ -114,7 +114,7 @@ TEST_F(WithoutMemory, AStreamGoesOnOrEndsWithACode) {
             }
             expect_nothing_left();
         }
-        EXPECT_EQ(ended_early > 0, !in_place) << "only new output frames are indispensable";
+        EXPECT_GT(ended_early, 0);
     }
 }
 

@@ -111,10 +111,10 @@ TEST_F(Options, AreRefusedOutsideTheirRanges) {
         [](auto& o, bool good) { o.picture_width = 16, o.picture_height = good ? 16 : 15; },
         [](auto& o, bool good) { o.picture_width = WIDTH, o.picture_height = good ? HEIGHT : 0; },
         [](auto& o, bool good) { o.picture_width = WIDTH + !good, o.picture_height = HEIGHT; },
-        [](auto& o, bool good) { set_engine(o, good ? 1 : 0, 2); },
         [](auto& o, bool good) { set_engine(o, 2, good ? 1 : 3); },
-        [](auto& o, bool good) { set_engine(o, good ? 2 : 1, 0); },
+        [](auto& o, bool good) { set_engine(o, good ? 1 : -1, 0); },
         [](auto& o, bool good) { set_engine(o, good ? 2 : 3, 2); },
+        [](auto& o, bool good) { set_engine(o, 1, 2), o.threads = good ? 64 : 65; },
         [](auto& o, bool good) { o.size = good ? o.size : 0; },
     };
     for (const Change& change : changes) {
