@@ -15,6 +15,7 @@
 
 #include "motion/affine_fit.h"
 #include "motion/ransac_variants.h"
+#include "motion/seeded_motion.h"
 #include "platform/log.h"
 #include "simplela/mat_util.h"
 
@@ -40,29 +41,69 @@ constexpr int FITTED_SINGLY = 8;
 
 constexpr int MODEL = 6;  // elements of a model, the upper two rows of a motion
 
-// Guards the process-wide generator behind srand48 and lrand48. Held while seeding and while drawing
-// samples, never while fitting.
-std::mutex generator_mutex;
+// What samples are drawn with.
+class Generator {
+  public:
+    Generator() = default;
+    virtual ~Generator() = default;
+    Generator(const Generator&) = delete;
+    Generator& operator=(const Generator&) = delete;
 
-void seed_generator() {
-    const std::lock_guard<std::mutex> lock(generator_mutex);
-    srand48(std::time(nullptr));  // NOLINT(concurrency-mt-unsafe): the lock is what it asks for
-}
+    // Draws samples of `size` different indices below n each. n is at least twice the size, so a
+    // draw repeats an earlier one with a probability below one half and the inner loop is short.
+    virtual void draw_samples(std::size_t* drawn, int samples, std::size_t size, std::size_t n) = 0;
 
-// Draws samples of `size` different indices below n each. n is at least twice the size, so a draw
-// repeats an earlier one with a probability below one half and the inner loop is short.
-void draw_samples(std::size_t* drawn, int samples, std::size_t size, std::size_t n) {
-    const std::lock_guard<std::mutex> lock(generator_mutex);
-    for (std::size_t* const end = drawn + static_cast<std::size_t>(samples) * size; drawn != end;) {
-        std::size_t* const sample = drawn;
-        for (const std::size_t* const sample_end = drawn + size; drawn != sample_end; ++drawn) {
-            do {
-                const long number = lrand48();  // NOLINT(concurrency-mt-unsafe): as above
-                *drawn = static_cast<std::uint32_t>(number) % static_cast<std::uint32_t>(n);
-            } while (std::find(sample, drawn, *drawn) != drawn);
+  protected:
+    template <typename Next>
+    static void draw_with(Next next, std::size_t* drawn, int samples, std::size_t size,
+                          std::size_t n) {
+        std::size_t* const end = drawn + static_cast<std::size_t>(samples) * size;
+        while (drawn != end) {
+            std::size_t* const sample = drawn;
+            for (const std::size_t* const sample_end = drawn + size; drawn != sample_end; ++drawn) {
+                do {
+                    *drawn = static_cast<std::uint32_t>(next()) % static_cast<std::uint32_t>(n);
+                } while (std::find(sample, drawn, *drawn) != drawn);
+            }
         }
     }
-}
+};
+
+// The process-wide generator behind srand48 and lrand48, seeded with the time. Its lock is held while
+// seeding and while drawing samples, never while fitting.
+class ProcessGenerator : public Generator {
+  public:
+    ProcessGenerator() {
+        const std::lock_guard<std::mutex> lock(mutex);
+        srand48(std::time(nullptr));  // NOLINT(concurrency-mt-unsafe): the lock is what it asks for
+    }
+    void draw_samples(std::size_t* drawn, int samples, std::size_t size, std::size_t n) override {
+        const std::lock_guard<std::mutex> lock(mutex);
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): as above
+        draw_with([] { return lrand48(); }, drawn, samples, size, n);
+    }
+
+  private:
+    static std::mutex mutex;
+};
+std::mutex ProcessGenerator::mutex;
+
+// A generator of its own that draws what lrand48 draws after srand48(seed): POSIX defines both.
+class SeededGenerator : public Generator {
+  public:
+    explicit SeededGenerator(std::uint32_t seed) : state_((std::uint64_t{seed} << 16) + 0x330E) {}
+    void draw_samples(std::size_t* drawn, int samples, std::size_t size, std::size_t n) override {
+        draw_with(
+            [this] {
+                state_ = (state_ * 0x5DEECE66D + 0xB) & 0xFFFFFFFFFFFF;
+                return state_ >> 17;
+            },
+            drawn, samples, size, n);
+    }
+
+  private:
+    std::uint64_t state_;  // 48 bits
+};
 
 // When a pair is an inlier and a model acceptable, for n pairs.
 struct Criteria {
@@ -152,9 +193,10 @@ class SampleBatch {
           models_(static_cast<std::size_t>(MODEL * lanes)) {}
 
     // Draws `samples` samples and fits `lanes` models; those beyond the samples repeat the first.
-    void draw_and_fit(const PairArrays& pairs, int samples, int lanes, SampleFit* fit) {
+    void draw_and_fit(Generator& generator, const PairArrays& pairs, int samples, int lanes,
+                      SampleFit* fit) {
         lanes_ = static_cast<std::size_t>(lanes);
-        draw_samples(indices_.data(), samples, size_, static_cast<std::size_t>(pairs.n));
+        generator.draw_samples(indices_.data(), samples, size_, static_cast<std::size_t>(pairs.n));
         for (int lane = 0; lane < lanes; ++lane) {
             gather(pairs, lane < samples ? lane : 0, points_, static_cast<std::size_t>(lane),
                    lanes_);
@@ -193,7 +235,7 @@ class SampleBatch {
 
 // Leaves the model with the most inliers in `best_model`, not refined, and returns their number, -1
 // without any sample. A later sample wins a tie.
-int find_best_model(const EstimateVariant& variant, const PairArrays& pairs,
+int find_best_model(const EstimateVariant& variant, Generator& generator, const PairArrays& pairs,
                     const RansacParams& params, const Criteria& criteria, float best_model[MODEL]) {
     SampleBatch batch(static_cast<std::size_t>(params.size), variant.lanes);
     int best = -1;
@@ -201,7 +243,8 @@ int find_best_model(const EstimateVariant& variant, const PairArrays& pairs,
         const bool singly = done < FITTED_SINGLY;
         const int lanes = singly ? 1 : variant.lanes;
         const int samples = std::min(lanes, params.niters - done);
-        batch.draw_and_fit(pairs, samples, lanes, singly ? variant.fit_one : variant.fit_samples);
+        batch.draw_and_fit(generator, pairs, samples, lanes,
+                           singly ? variant.fit_one : variant.fit_samples);
         for (int lane = 0; lane < samples; ++lane) {
             float model[MODEL];
             batch.model_of(lane, pairs, model);
@@ -283,9 +326,13 @@ int count_inliers_plain(const PairArrays& pairs, const float model[MODEL], Toler
     return count;
 }
 
-void estimate_motion(const EstimateVariant& variant, Mat<float>& motion, MotionLog& log,
-                     const std::vector<KeyPoint>& src, const std::vector<KeyPoint>& dst,
-                     const RansacParams& params) {
+namespace {
+
+// The generator is made, and the process-wide one seeded, once the input is known to be good.
+template <typename OneGenerator, typename... Seed>
+void estimate_with(const EstimateVariant& variant, Mat<float>& motion, MotionLog& log,
+                   const std::vector<KeyPoint>& src, const std::vector<KeyPoint>& dst,
+                   const RansacParams& params, Seed... seed) {
     const std::size_t n = std::min(src.size(), dst.size());
     const int npoints = static_cast<int>(n);
     if (npoints < 2LL * params.size) {
@@ -302,11 +349,11 @@ void estimate_motion(const EstimateVariant& variant, Mat<float>& motion, MotionL
 
     const Criteria criteria = choose_criteria(npoints, params);
     const EstimateVariant& sampler = has_lane_form(params.size) ? variant : estimate_variants[0];
-    seed_generator();
+    OneGenerator generator(seed...);
     Coordinates coordinates = split_pairs(src, dst, n);
     const PairArrays pairs = coordinates.arrays(npoints);
     float model[MODEL] = {};
-    const int ninliers = find_best_model(sampler, pairs, params, criteria, model);
+    const int ninliers = find_best_model(sampler, generator, pairs, params, criteria, model);
     if (ninliers < criteria.min_inliers) {
         __android_log_print(LOG_WARN, TAG, "ninliersMax < npoints * 2/5 !!");
         give_up(motion, log, npoints, ninliers);
@@ -319,15 +366,37 @@ void estimate_motion(const EstimateVariant& variant, Mat<float>& motion, MotionL
     log.status = 0;
 }
 
-void estimateGlobalMotionRansac(Mat<float>& motion, MotionLog& log, std::vector<KeyPoint>& src,
-                                std::vector<KeyPoint>& dst, const RansacParams& params) {
+// With the fastest variant.
+template <typename OneGenerator, typename... Seed>
+void estimate_or_give_up(Mat<float>& motion, MotionLog& log, const std::vector<KeyPoint>& src,
+                         const std::vector<KeyPoint>& dst, const RansacParams& params,
+                         Seed... seed) {
     static const EstimateVariant& variant = fastest_variant(estimate_variants);
     try {
-        estimate_motion(variant, motion, log, src, dst, params);
+        estimate_with<OneGenerator>(variant, motion, log, src, dst, params, seed...);
     } catch (const std::bad_alloc&) {
         __android_log_print(LOG_ERROR, TAG, OUT_OF_MEMORY_TEXT);
         give_up(motion, log, static_cast<int>(std::min(src.size(), dst.size())), 0);
     }
+}
+
+}  // namespace
+
+void estimate_motion(const EstimateVariant& variant, Mat<float>& motion, MotionLog& log,
+                     const std::vector<KeyPoint>& src, const std::vector<KeyPoint>& dst,
+                     const RansacParams& params) {
+    estimate_with<ProcessGenerator>(variant, motion, log, src, dst, params);
+}
+
+void estimateGlobalMotionRansac(Mat<float>& motion, MotionLog& log, std::vector<KeyPoint>& src,
+                                std::vector<KeyPoint>& dst, const RansacParams& params) {
+    estimate_or_give_up<ProcessGenerator>(motion, log, src, dst, params);
+}
+
+void estimate_motion_from_seed(Mat<float>& motion, MotionLog& log, const std::vector<KeyPoint>& src,
+                               const std::vector<KeyPoint>& dst, const RansacParams& params,
+                               std::uint32_t seed) {
+    estimate_or_give_up<SeededGenerator>(motion, log, src, dst, params, seed);
 }
 
 }  // namespace videostabilizer

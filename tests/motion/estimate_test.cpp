@@ -11,6 +11,7 @@
 
 #include "motion/affine_fit.h"
 #include "motion/direct_alignment.h"
+#include "motion/seeded_motion.h"
 #include "motion/similarity_fit.h"
 #include "tests/motion/test_support.h"
 #include "tests/support/log_capture.h"
@@ -191,6 +192,32 @@ TEST(Ransac, LocksTheGenerator) {
         thread.join();
     }
     EXPECT_EQ(seedings, 4);
+}
+
+TEST(Ransac, RepeatsWhatASeedGave) {
+    const Points src = spread_points(100);
+    for (const std::uint32_t seed : {0U, 7U, 0xFEDCBA98U}) {
+        // The C library's own numbers for the seed.
+        unsigned short state[] = {0x330E, static_cast<unsigned short>(seed & 0xFFFF),
+                                  static_cast<unsigned short>(seed >> 16)};
+        std::vector<long> numbers(5000);
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing else uses the state
+        std::generate(numbers.begin(), numbers.end(), [&] { return nrand48(state); });
+        for (const int outliers : {30, 55}) {
+            const Points dst = moved(src, outliers);
+            restart_generator(numbers);
+            const Estimate expected = estimate(src, dst);
+            restart_generator({});
+            for (int call = 0; call < 2; ++call) {
+                Estimate e;
+                estimate_motion_from_seed(e.motion, e.log, src, dst, PARAMS, seed);
+                EXPECT_EQ(fields(e.log), fields(expected.log)) << seed;
+                EXPECT_TRUE(std::equal(e.motion.data, e.motion.data + 9, expected.motion.data));
+            }
+            EXPECT_EQ(draws, 0U);
+            EXPECT_EQ(seedings, 0);
+        }
+    }
 }
 
 TEST(FitAffine, RecoversMotionsFromErrorsThatCancel) {
