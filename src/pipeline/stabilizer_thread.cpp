@@ -9,6 +9,7 @@
 #include <new>
 #include <utility>
 
+#include "motion/seeded_motion.h"
 #include "path/crop.h"
 #include "path/frame_numbers.h"
 #include "path/steady_path.h"
@@ -104,8 +105,14 @@ void estimate_motion(VideoStabilizer* s) {
     // NaN without corners; the estimator then overwrites the log.
     log.track_ratio =
         static_cast<float>(s->matched_prev.size()) / static_cast<float>(s->prev_points.size());
-    estimateGlobalMotionRansac(*s->motions[slot], log, s->matched_prev, s->matched_next,
-                               s->ransac_params);
+    if (s->picture_stage != nullptr) {
+        // Equal streams have equal outputs.
+        estimate_motion_from_seed(*s->motions[slot], log, s->matched_prev, s->matched_next,
+                                  s->ransac_params, static_cast<std::uint32_t>(from));
+    } else {
+        estimateGlobalMotionRansac(*s->motions[slot], log, s->matched_prev, s->matched_next,
+                                   s->ransac_params);
+    }
     if (s->steady_path != nullptr) {
         // The previous frame is still in the ring: look_ahead is at least 1.
         const Frame* const earlier = s->ring_frames[slot];
