@@ -134,9 +134,9 @@ struct VideoStabilizer {
     std::atomic<std::int32_t> failed;           // 1: a thread has ended with an error
     VideoStabilizerObserver observer;
     VideoStabilizerOptions options;
-    SteadyPath* steady_path;    // null: the filter alone is used
-    std::int64_t newest_frame;  // frame_index, unbounded
-    std::int64_t sent_frame;    // output_index, unbounded
+    SteadyPath* steady_path;      // null: the filter alone is used
+    std::int64_t newest_frame;    // frame_index, unbounded
+    std::int64_t sent_frame;      // output_index, unbounded
     PictureStage* picture_stage;  // the warp stage where `transformer` is null
     PixelLayout layout;           // of the pictures, where `format` is PIX_FMT_PICTURE
     // Pictures of more than 8 bits: the upper 8 of the luma of frame i, packed, in i mod 2.

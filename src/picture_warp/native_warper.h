@@ -31,7 +31,7 @@ class NativeWarper final : public PictureWarper, private DividedWork {
     PictureShape shape_;
     ResamplingKernels kernels_;
     std::optional<WorkPool::Use> pool_;  // none: no help
-    std::vector<WarpScratch> scratch_;  // of each thread
+    std::vector<WarpScratch> scratch_;   // of each thread
     WarpMap plane_map_;
     PlaneWarp luma_warp_;
     PlaneWarp chroma_warp_;

@@ -14,8 +14,8 @@
 #include "path/frame_numbers.h"
 #include "path/steady_path.h"
 #include "pipeline/decimate.h"
-#include "pipeline/upper_bits.h"
 #include "pipeline/stabilizer_internal.h"
+#include "pipeline/upper_bits.h"
 #include "platform/log.h"
 #include "simplela/mat_util.h"
 

@@ -5,10 +5,10 @@
 #include <algorithm>
 
 #include "platform/log.h"
+#include "simplela/warp_parameters.h"
 #include "videostabilizer/result.h"
 #include "warp/ocl.h"
 #include "warp/picture_limits.h"
-#include "simplela/warp_parameters.h"
 
 namespace videostabilizer {
 

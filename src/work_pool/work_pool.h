@@ -62,11 +62,11 @@ class WorkPool {
     struct Job {
         DividedWork* work;
         int count;
-        int most;                // participants
-        std::atomic<int> next;   // item
-        int joined;              // participants so far; guarded by mutex_, as the next two
-        int active;              // of the pool's threads
-        Job* other;              // the next in the list of open jobs
+        int most;               // participants
+        std::atomic<int> next;  // item
+        int joined;             // participants so far; guarded by mutex_, as the next two
+        int active;             // of the pool's threads
+        Job* other;             // the next in the list of open jobs
         void do_items(int participant);
     };
 
