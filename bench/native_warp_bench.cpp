@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The native warp of whole 4:2:0 pictures on one thread: every variant, linear and sharp, 8 and 10
-// bits, beside a copy of the planes. Linked with the internals.
+// bits, and the sampling of the kernels, beside a copy of the planes. Linked with the internals.
 
 #include <benchmark/benchmark.h>
 
@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "native_warp/plane_warp.h"
+#include "native_warp/stated_warp.h"
 
 namespace {
 
@@ -82,6 +83,31 @@ void BM_NativeWarp(benchmark::State& state) {
     state.SetLabel(variant.name);
 }
 
+// size, bytes a sample
+void BM_StatedWarp(benchmark::State& state) {
+    const bool deep = state.range(1) == 2;
+    const Picture source(SIZES[state.range(0)][0], SIZES[state.range(0)][1],
+                         {deep ? 2 : 1, deep ? 10 : 8, 0, 1});
+    Picture target = source;
+    const Affine2 t = usual_map(1, 1).transforms[0];
+    const auto element = [](double value) { return static_cast<float>(value); };
+    const float wp[] = {element(t.a), element(t.b), element(t.c),
+                        element(t.d), element(t.e), element(t.f)};
+    for (auto _ : state) {
+        for (int p = 0; p < 3; ++p) {
+            const PlaneShape& shape = source.shapes[p];
+            const SourcePlane from{source.planes[p].data(), source.stride(p)};
+            const TargetPlane to{target.planes[p].data(), target.stride(p)};
+            if (p == 0) {
+                stated_luma_rows(shape, wp, from, to, 0, shape.height);
+            } else {
+                stated_chroma_rows(shape, {2, 2, 0, 0}, wp, from, to, 0, shape.height);
+            }
+        }
+        benchmark::ClobberMemory();
+    }
+}
+
 void BM_CopyPicture(benchmark::State& state) {
     const Picture source(SIZES[state.range(0)][0], SIZES[state.range(0)][1],
                          {static_cast<int>(state.range(1)), 8, 0, 1});
@@ -108,6 +134,10 @@ void rows(benchmark::internal::Benchmark* bench) {
 }
 
 BENCHMARK(BM_NativeWarp)->Apply(rows)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StatedWarp)
+    ->ArgNames({"size", "bytes"})
+    ->ArgsProduct({{0, 1}, {1, 2}})
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_CopyPicture)
     ->ArgNames({"size", "bytes"})
     ->ArgsProduct({{0, 1, 2}, {1, 2}})
