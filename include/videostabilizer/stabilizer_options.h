@@ -51,12 +51,13 @@ struct VideoStabilizerOptions {
                            // are shared by all streams
 };
 
-// Predefined options, all with a crop ratio of 0.9. All but gentle apply the full shift, guard the
-// edges, repair motions and stop at scene cuts. Choose standard where a third of a second of delay
-// is acceptable, strong for recordings, maximum for files, gentle for the least change. If shake
-// exceeds the cropped margin, a smaller crop_ratio helps more than a longer look-ahead.
+// Predefined options, all with engine auto and a crop ratio of 0.9. All but gentle apply the full
+// shift, guard the edges, repair motions, stop at scene cuts and sample sharp. Choose standard where
+// a third of a second of delay is acceptable, strong for recordings, maximum for files, gentle for
+// the least change. If shake exceeds the cropped margin, a smaller crop_ratio helps more than a
+// longer look-ahead.
 enum VideoStabilizerStrength : std::int32_t {
-    STABILIZER_GENTLE,    // look-ahead 10: the defaults, as used by video_stabilizer_create
+    STABILIZER_GENTLE,    // look-ahead 10: as video_stabilizer_create, within one grey level
     STABILIZER_STANDARD,  // look-ahead 10, sigma 10
     STABILIZER_STRONG,    // look-ahead 20, sigma 14
     STABILIZER_MAXIMUM,   // look-ahead 30, sigma 20

@@ -17,20 +17,13 @@ constexpr int ITEMS_PER_THREAD = 3;
 // computed as well.
 constexpr int LOWEST_BAND = 64;
 
-int threads_for(int threads) {
-    return std::min(threads > 0 ? threads : usable_processors(), WorkPool::MOST_THREADS);
-}
-
 }  // namespace
 
 NativeWarper::NativeWarper(const PictureShape& shape, Resampling resampling, int threads)
     : shape_(shape),
       kernels_(resampling),
-      scratch_(static_cast<std::size_t>(threads_for(threads))) {
-    if (scratch_.size() > 1) {
-        pool_.emplace();
-    }
-}
+      crew_(threads),
+      scratch_(static_cast<std::size_t>(crew_.threads())) {}
 
 int NativeWarper::bands_of(int k) const {
     return (shape_.plane[k].shape.height + band_rows_ - 1) / band_rows_;
@@ -47,22 +40,16 @@ int NativeWarper::warp(const PicturePlanes& source, const WarpMap& luma,
         chroma_warp_.prepare(shape_.plane[1].shape, plane_map_, kernels_);
         strips += (shape_.planes - 1) * chroma_warp_.strips();
     }
-    const auto threads = static_cast<int>(scratch_.size());
     const int height = shape_.plane[0].shape.height;
-    const int bands = threads == 1 ? 1 : (ITEMS_PER_THREAD * threads + strips - 1) / strips;
+    const int wanted = ITEMS_PER_THREAD * crew_.threads();
+    const int bands = crew_.threads() == 1 ? 1 : (wanted + strips - 1) / strips;
     band_rows_ = std::max((height + bands - 1) / bands, std::min(height, LOWEST_BAND));
 
     int items = 0;
     for (int k = 0; k < shape_.planes; ++k) {
         items += bands_of(k) * warp_of(k).strips();
     }
-    if (pool_.has_value()) {
-        (*pool_)->run(*this, items, threads);
-    } else {
-        for (int index = 0; index < items; ++index) {
-            item(index, 0);
-        }
-    }
+    crew_.run(*this, items);
     return RESULT_OK;
 }
 

@@ -2,7 +2,6 @@
 
 #pragma once
 
-#include <optional>
 #include <vector>
 
 #include "native_warp/plane_warp.h"
@@ -12,11 +11,10 @@
 
 namespace videostabilizer {
 
-// Warps pictures on the processors.
+// Warps pictures on the processors, bilinear or sharp.
 class NativeWarper final : public PictureWarper, private DividedWork {
   public:
-    // threads: those that work on a picture; 1..64, 1: only the one that calls; 0: as many as there
-    // are processors. Throws std::bad_alloc.
+    // threads: see Crew. Throws std::bad_alloc.
     NativeWarper(const PictureShape& shape, Resampling resampling, int threads);
 
     // Whatever the number of threads, the result is the same.
@@ -30,8 +28,8 @@ class NativeWarper final : public PictureWarper, private DividedWork {
 
     PictureShape shape_;
     ResamplingKernels kernels_;
-    std::optional<WorkPool::Use> pool_;  // none: no help
-    std::vector<WarpScratch> scratch_;   // of each thread
+    Crew crew_;
+    std::vector<WarpScratch> scratch_;  // of each thread
     WarpMap plane_map_;
     PlaneWarp luma_warp_;
     PlaneWarp chroma_warp_;

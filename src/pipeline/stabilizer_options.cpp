@@ -42,19 +42,25 @@ constexpr VideoStabilizerOptions DEFAULTS{OUR_SIZE,
                                           STABILIZER_SAMPLING_STATED,
                                           0};
 
-constexpr VideoStabilizerOptions stronger_options(std::int32_t look_ahead, float sigma) {
+// The defaults on any machine.
+constexpr VideoStabilizerOptions gentle_options() {
     VideoStabilizerOptions options = DEFAULTS;
+    options.engine = STABILIZER_ENGINE_AUTO;
+    return options;
+}
+
+constexpr VideoStabilizerOptions stronger_options(std::int32_t look_ahead, float sigma) {
+    VideoStabilizerOptions options = gentle_options();
     options.look_ahead = look_ahead;
     options.sigma = sigma;
     options.whole_shift = options.edge_guard = 1;
     options.repair_motions = options.scene_cuts = 1;
-    options.engine = STABILIZER_ENGINE_AUTO;
     options.sampling = STABILIZER_SAMPLING_SHARP;
     return options;
 }
 
 // By strength.
-constexpr VideoStabilizerOptions STRENGTHS[] = {DEFAULTS, stronger_options(10, 10.0F),
+constexpr VideoStabilizerOptions STRENGTHS[] = {gentle_options(), stronger_options(10, 10.0F),
                                                 stronger_options(20, 14.0F),
                                                 stronger_options(30, 20.0F)};
 

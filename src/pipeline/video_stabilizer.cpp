@@ -12,6 +12,7 @@
 #include "path/steady_path.h"
 #include "picture_stage/picture_stage.h"
 #include "picture_warp/native_warper.h"
+#include "picture_warp/stated_warper.h"
 #include "pipeline/geometry.h"
 #include "pipeline/stabilizer_internal.h"
 #include "pipeline/stabilizer_options.h"
@@ -204,11 +205,17 @@ PixelLayout stream_layout(const VideoStabilizer* s) {
 }
 
 std::unique_ptr<PictureWarper> make_warper(const VideoStabilizer* s, const PixelLayout& layout) {
-    const Resampling resampling = s->options.sampling == STABILIZER_SAMPLING_SHARP
-                                      ? Resampling::LANCZOS3
-                                      : Resampling::BILINEAR;
-    return std::make_unique<NativeWarper>(picture_shape(s->width, s->height, layout), resampling,
-                                          s->options.threads);
+    const PictureShape shape = picture_shape(s->width, s->height, layout);
+    const int threads = s->options.threads;
+    switch (s->options.sampling) {
+        case STABILIZER_SAMPLING_STATED:
+            return std::make_unique<StatedWarper>(shape, threads);
+        case STABILIZER_SAMPLING_BILINEAR:
+            return std::make_unique<NativeWarper>(shape, Resampling::BILINEAR, threads);
+        case STABILIZER_SAMPLING_SHARP:
+            break;
+    }
+    return std::make_unique<NativeWarper>(shape, Resampling::LANCZOS3, threads);
 }
 
 bool create_picture_stage(VideoStabilizer* s) {

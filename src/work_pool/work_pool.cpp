@@ -43,16 +43,16 @@ int shared_pool_uses = 0;
 
 }  // namespace
 
-WorkPool::Use::Use() {
+WorkPool* WorkPool::acquire() {
     const std::lock_guard<std::mutex> lock(shared_pool_mutex);
     if (shared_pool == nullptr) {
         shared_pool = new WorkPool;
     }
     ++shared_pool_uses;
-    pool_ = shared_pool;
+    return shared_pool;
 }
 
-WorkPool::Use::~Use() {
+void WorkPool::release(WorkPool* pool) {
     {
         const std::lock_guard<std::mutex> lock(shared_pool_mutex);
         if (--shared_pool_uses > 0) {
@@ -60,7 +60,7 @@ WorkPool::Use::~Use() {
         }
         shared_pool = nullptr;
     }
-    delete pool_;
+    delete pool;
 }
 
 WorkPool::WorkPool() {
@@ -154,6 +154,26 @@ void WorkPool::help() {
 void* WorkPool::thread(void* pool) {
     static_cast<WorkPool*>(pool)->help();
     return nullptr;
+}
+
+Crew::Crew(int threads)
+    : threads_(std::min(threads > 0 ? threads : usable_processors(), WorkPool::MOST_THREADS)),
+      pool_(threads_ > 1 ? WorkPool::acquire() : nullptr) {}
+
+Crew::~Crew() {
+    if (pool_ != nullptr) {
+        WorkPool::release(pool_);
+    }
+}
+
+void Crew::run(DividedWork& work, int count) {
+    if (pool_ != nullptr) {
+        pool_->run(work, count, threads_);
+        return;
+    }
+    for (int index = 0; index < count; ++index) {
+        work.item(index, 0);
+    }
 }
 
 }  // namespace videostabilizer

@@ -33,20 +33,10 @@ class WorkPool {
   public:
     static constexpr int MOST_THREADS = 64;
 
-    // The pool of the process, as long as somebody uses it: it is made for the first and ends, with
-    // its threads, with the last.
-    // Threads: thread-safe.
-    class Use {
-      public:
-        Use();  // throws std::bad_alloc
-        ~Use();
-        Use(const Use&) = delete;
-        Use& operator=(const Use&) = delete;
-        WorkPool* operator->() const { return pool_; }
-
-      private:
-        WorkPool* pool_;
-    };
+    // The pool of the process, which is made for the first user and ends, with its threads, with the
+    // last. Throws std::bad_alloc. Threads: thread-safe.
+    static WorkPool* acquire();
+    static void release(WorkPool* pool);
 
     ~WorkPool();
     WorkPool(const WorkPool&) = delete;
@@ -82,6 +72,25 @@ class WorkPool {
     Job* jobs_ = nullptr;  // that can be joined, on the stacks of those who wait for them
     std::vector<pthread_t> threads_;
     bool end_ = false;
+};
+
+// What one stream uses of the pool.
+// Threads: owner only.
+class Crew {
+  public:
+    // threads: that work on what this stream divides; 1: only the caller; 0: as many as there are
+    // processors. Throws std::bad_alloc.
+    explicit Crew(int threads);
+    ~Crew();
+    Crew(const Crew&) = delete;
+    Crew& operator=(const Crew&) = delete;
+
+    int threads() const { return threads_; }  // 1..64
+    void run(DividedWork& work, int count);   // see WorkPool::run
+
+  private:
+    int threads_;
+    WorkPool* pool_;  // null: no help
 };
 
 }  // namespace videostabilizer
