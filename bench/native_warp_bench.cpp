@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "native_warp/plane_warp.h"
-#include "native_warp/stated_warp.h"
+#include "native_warp/stated_variants.h"
 
 namespace {
 
@@ -83,10 +83,15 @@ void BM_NativeWarp(benchmark::State& state) {
     state.SetLabel(variant.name);
 }
 
-// size, bytes a sample
+// variant, size, bytes a sample
 void BM_StatedWarp(benchmark::State& state) {
-    const bool deep = state.range(1) == 2;
-    const Picture source(SIZES[state.range(0)][0], SIZES[state.range(0)][1],
+    const StatedVariant& variant = stated_variants[state.range(0)];
+    if (!cpu_supports(variant.level)) {
+        state.SkipWithError("not supported by this processor");
+        return;
+    }
+    const bool deep = state.range(2) == 2;
+    const Picture source(SIZES[state.range(1)][0], SIZES[state.range(1)][1],
                          {deep ? 2 : 1, deep ? 10 : 8, 0, 1});
     Picture target = source;
     const Affine2 t = usual_map(1, 1).transforms[0];
@@ -99,13 +104,14 @@ void BM_StatedWarp(benchmark::State& state) {
             const SourcePlane from{source.planes[p].data(), source.stride(p)};
             const TargetPlane to{target.planes[p].data(), target.stride(p)};
             if (p == 0) {
-                stated_luma_rows(shape, wp, from, to, 0, shape.height);
+                variant.luma(shape, wp, from, to, 0, shape.height);
             } else {
-                stated_chroma_rows(shape, {2, 2, 0, 0}, wp, from, to, 0, shape.height);
+                variant.chroma(shape, {2, 2, 0, 0}, wp, from, to, 0, shape.height);
             }
         }
         benchmark::ClobberMemory();
     }
+    state.SetLabel(variant.name);
 }
 
 void BM_CopyPicture(benchmark::State& state) {
@@ -135,8 +141,8 @@ void rows(benchmark::internal::Benchmark* bench) {
 
 BENCHMARK(BM_NativeWarp)->Apply(rows)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_StatedWarp)
-    ->ArgNames({"size", "bytes"})
-    ->ArgsProduct({{0, 1}, {1, 2}})
+    ->ArgNames({"variant", "size", "bytes"})
+    ->ArgsProduct({{0, static_cast<long>(std::size(stated_variants)) - 1}, {0, 1}, {1, 2}})
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_CopyPicture)
     ->ArgNames({"size", "bytes"})

@@ -2,161 +2,29 @@
 
 #include "native_warp/stated_warp.h"
 
-#include <algorithm>
-#include <cmath>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
+#define VS_LEVEL baseline
+
+#include "native_warp/stated_rows.h"
 
 namespace videostabilizer {
 
 namespace {
 
-// Rows are computed in runs. All but the fetching of samples is done by loops over a run that
-// compilers turn into vector instructions, which give the bits of scalar ones.
-constexpr int RUN = 256;
-
-// The last position to sample along an axis of `size` samples, such that its right or lower neighbour
-// exists; 0 where there is none.
-float last_position(int size) {
-    const auto end = static_cast<float>(size);
-    // Beyond 32768 samples the margin would be lost to rounding.
-    return std::max(end - 1.001F, 0.0F);
-}
-
-// NaN, which no comparison is true for, becomes 0.
-float within(float position, float last) {
-    const float not_below = position > 0.0F ? position : 0.0F;
-    return not_below < last ? not_below : last;
-}
-
-// Where row y of the output comes from: (x_step x + x_start, y_step x + y_start).
-struct RowPositions {
-    RowPositions(const float wp[6], float y)
-        : x_step(wp[0]), x_start(wp[1] * y + wp[2]), y_step(wp[3]), y_start(wp[4] * y + wp[5]) {}
-
-    float x_step;
-    float x_start;
-    float y_step;
-    float y_start;
-};
-
-const unsigned char* row_of(const SourcePlane& source, std::int32_t row) {
-    return source.data + row * source.stride;
-}
-
-template <typename Sample>
-void luma_run(const PlaneShape& shape, const RowPositions& from, SourcePlane source, int x,
-              int count, Sample* out) {
-    std::int32_t column[RUN];
-    std::int32_t row[RUN];
-    float x_fraction[RUN];
-    float y_fraction[RUN];
-    const float last_x = last_position(shape.width);
-    const float last_y = last_position(shape.height);
-    for (int i = 0; i < count; ++i) {
-        const auto at = static_cast<float>(x + i);
-        const float from_x = within(from.x_step * at + from.x_start, last_x);
-        const float from_y = within(from.y_step * at + from.y_start, last_y);
-        column[i] = static_cast<std::int32_t>(from_x);
-        row[i] = static_cast<std::int32_t>(from_y);
-        x_fraction[i] = from_x - static_cast<float>(column[i]);
-        y_fraction[i] = from_y - static_cast<float>(row[i]);
-    }
-    Sample upper[RUN][2];
-    Sample lower[RUN][2];
-    const std::ptrdiff_t below = shape.height > 1 ? source.stride : 0;
-    for (int i = 0; i < count && shape.width > 1; ++i) {
-        const unsigned char* const sample =
-            row_of(source, row[i]) + column[i] * static_cast<std::ptrdiff_t>(sizeof(Sample));
-        std::memcpy(upper[i], sample, sizeof upper[i]);
-        std::memcpy(lower[i], sample + below, sizeof lower[i]);
-    }
-    for (int i = 0; i < count && shape.width == 1; ++i) {  // there is no right neighbour
-        for (Sample& sample : upper[i]) {
-            std::memcpy(&sample, row_of(source, row[i]), sizeof sample);
-        }
-        for (Sample& sample : lower[i]) {
-            std::memcpy(&sample, row_of(source, row[i]) + below, sizeof sample);
-        }
-    }
-    const int shift = shape.format.shift;
-    for (int i = 0; i < count; ++i) {
-        const int p00 = upper[i][0] >> shift;
-        const int p01 = upper[i][1] >> shift;
-        const int p10 = lower[i][0] >> shift;
-        const int p11 = lower[i][1] >> shift;
-        const float top = static_cast<float>(p00) + x_fraction[i] * static_cast<float>(p01 - p00);
-        const float bottom =
-            static_cast<float>(p10) + x_fraction[i] * static_cast<float>(p11 - p10);
-        const auto value = static_cast<int>(top + y_fraction[i] * (bottom - top));
-        out[i] = static_cast<Sample>(value << shift);
-    }
-}
-
-template <typename Sample>
-void luma_rows(const PlaneShape& shape, const float wp[6], SourcePlane source, TargetPlane target,
-               int first, int last) {
-    Sample out[RUN];
-    for (int y = first; y < last; ++y) {
-        const RowPositions from(wp, static_cast<float>(y));
-        unsigned char* to = target.data + y * target.stride;
-        for (int x = 0; x < shape.width; x += RUN) {
-            const int count = std::min(RUN, shape.width - x);
-            luma_run(shape, from, source, x, count, out);
-            // Rows of two-byte samples may be at odd addresses.
-            std::memcpy(to, out, static_cast<std::size_t>(count) * sizeof(Sample));
-            to += static_cast<std::size_t>(count) * sizeof(Sample);
-        }
-    }
-}
-
-// The nearest of `size` chroma samples to a luma position; `step` luma samples share one. `last`: the
-// last luma sample that has chroma.
-std::int32_t nearest(float position, float last, int step) {
-    return static_cast<std::int32_t>(within(position + 0.5F, last)) >> (step - 1);
-}
-
-template <std::size_t PIXEL_BYTES>
-void chroma_rows(const PlaneShape& shape, int x_step, int y_step, const float wp[6],
-                 SourcePlane source, TargetPlane target, int first, int last) {
-    const auto last_x = static_cast<float>(x_step * shape.width - 1);
-    const auto last_y = static_cast<float>(y_step * shape.height - 1);
-    std::int32_t column[RUN];
-    std::int32_t row[RUN];
-    for (int y = first; y < last; ++y) {
-        const RowPositions from(wp, static_cast<float>(y_step * y));
-        unsigned char* to = target.data + y * target.stride;
-        for (int x = 0; x < shape.width; x += RUN) {
-            const int count = std::min(RUN, shape.width - x);
-            for (int i = 0; i < count; ++i) {
-                const auto at = static_cast<float>(x_step * (x + i));
-                column[i] = nearest(from.x_step * at + from.x_start, last_x, x_step);
-                row[i] = nearest(from.y_step * at + from.y_start, last_y, y_step);
-            }
-            for (int i = 0; i < count; ++i, to += PIXEL_BYTES) {
-                const std::ptrdiff_t offset = column[i] * static_cast<std::ptrdiff_t>(PIXEL_BYTES);
-                std::memcpy(to, row_of(source, row[i]) + offset, PIXEL_BYTES);
-            }
-        }
-    }
+const StatedVariant& fastest() {
+    static const StatedVariant& variant = fastest_variant(stated_variants);
+    return variant;
 }
 
 }  // namespace
 
 void stated_luma_rows(const PlaneShape& shape, const float wp[6], const SourcePlane& source,
                       const TargetPlane& target, int first, int last) {
-    (shape.format.bytes == 1 ? luma_rows<std::uint8_t>
-                             : luma_rows<std::uint16_t>)(shape, wp, source, target, first, last);
+    fastest().luma(shape, wp, source, target, first, last);
 }
 
 void stated_chroma_rows(const PlaneShape& shape, const PlaneGrid& grid, const float wp[6],
                         const SourcePlane& source, const TargetPlane& target, int first, int last) {
-    const int pixel_bytes = shape.format.channels * shape.format.bytes;
-    (pixel_bytes == 1   ? chroma_rows<1>
-     : pixel_bytes == 2 ? chroma_rows<2>
-                        : chroma_rows<4>)(shape, grid.x_step > 1 ? 2 : 1, grid.y_step > 1 ? 2 : 1,
-                                          wp, source, target, first, last);
+    fastest().chroma(shape, grid, wp, source, target, first, last);
 }
 
 }  // namespace videostabilizer

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "native_warp/plane_warp.h"
+#include "native_warp/stated_warp.h"
 
 using namespace videostabilizer;
 
@@ -168,6 +169,64 @@ TEST(NativeWarp, PlanesMoveWithTheirLuma) {
                         l.a * x + l.b * y + l.c, 1e-9);
             EXPECT_NEAR((c.d * 11 + c.e * row + c.f) * grid.y_step + grid.y_first,
                         l.d * x + l.e * y + l.f, 1e-9);
+        }
+    }
+}
+
+// Luma: bilinear, truncated; chroma: the sample of the nearest luma pixel, left and above.
+TEST(StatedWarp, ShowsWhatTheDefinitionShows) {
+    constexpr float WP[] = {0.90317F, -0.03137F, 4.33911F, 0.02713F, 0.91239F, -2.71713F};
+    const auto position = [&](int k, double x, double y) {
+        return static_cast<double>(WP[k]) * x + static_cast<double>(WP[k + 1]) * y +
+               static_cast<double>(WP[k + 2]);
+    };
+    for (const SampleFormat& format : FORMATS) {
+        for (const PlaneGrid& grid : {PlaneGrid{}, {2, 1, 0, 0}, {2, 2, 0, 0.5}}) {
+            SCOPED_TRACE(testing::Message() << format.depth << " bits, " << format.channels
+                                            << " channels, step " << grid.y_step);
+            Plane source(301, 33, format);
+            std::mt19937 random(3);
+            source.fill([&](int, int, int) {
+                return static_cast<int>(random() & ((1U << format.depth) - 1));
+            });
+            Plane target(301, 33, format);
+            const SourcePlane from{source.bytes.data(), source.stride};
+            const TargetPlane to{target.bytes.data(), target.stride};
+            const auto near = [](double luma, double step, int size) {
+                return std::clamp(static_cast<int>((luma + 0.5) / step), 0, size - 1);
+            };
+            stated_chroma_rows(source.shape, grid, WP, from, to, 0, 33);
+            int other = 0;  // positions midway between two samples may go either way
+            target.fill([&](int x, int y, int c) {
+                const double luma_x = position(0, x * grid.x_step, y * grid.y_step);
+                const double luma_y = position(3, x * grid.x_step, y * grid.y_step);
+                const int value = target.get(x, y, c);
+                other += value != source.get(near(luma_x, grid.x_step, 301),
+                                             near(luma_y, grid.y_step, 33), c)
+                             ? 1
+                             : 0;
+                return value;
+            });
+            EXPECT_LT(other, 20);
+            if (format.channels == 2) {
+                continue;
+            }
+            stated_luma_rows(source.shape, WP, from, to, 0, 33);
+            target.fill([&](int x, int y, int) {
+                const double luma_x = std::clamp(position(0, x, y), 0.0, 299.999);
+                const double luma_y = std::clamp(position(3, x, y), 0.0, 31.999);
+                const int i = static_cast<int>(luma_x);
+                const int k = static_cast<int>(luma_y);
+                const auto across = [&](int row) {
+                    return source.get(i, row, 0) +
+                           (luma_x - i) * (source.get(i + 1, row, 0) - source.get(i, row, 0));
+                };
+                const int value = target.get(x, y, 0);
+                const double unit = (1 << format.depth) / 256.0;
+                EXPECT_NEAR(across(k) + (luma_y - k) * (across(k + 1) - across(k)), value + 0.5,
+                            0.5 + 0.02 * unit);
+                return value;
+            });
         }
     }
 }
