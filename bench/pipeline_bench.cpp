@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <numeric>
@@ -48,20 +49,25 @@ bench::Clip& clip_of(const benchmark::State& state) {
     return *clip;
 }
 
+using MakeFrame = std::function<Frame*(int number)>;
+
 // A running stream and its host, a thread that pushes as fast as it can.
 class Stream {
   public:
-    explicit Stream(bench::Clip& clip)
-        : stabilizer_(video_stabilizer_create(clip.width, clip.height, clip.width, clip.width / 2,
-                                              PIX_FMT_YUV420P, 0, 0, nullptr)) {
+    Stream(VideoStabilizer* stabilizer, MakeFrame make) : stabilizer_(stabilizer) {
         video_stabilizer_start(stabilizer_);
-        producer_ = std::thread([this, &clip] {
+        producer_ = std::thread([this, make = std::move(make)] {
             int number = 0;
-            while (video_stabilizer_push_frame(stabilizer_, clip.frame(number)) == 0) {
+            while (video_stabilizer_push_frame(stabilizer_, make(number)) == 0) {
                 ++number;
             }
         });
     }
+    // Of the defaults.
+    explicit Stream(bench::Clip& clip)
+        : Stream(video_stabilizer_create(clip.width, clip.height, clip.width, clip.width / 2,
+                                         PIX_FMT_YUV420P, 0, 0, nullptr),
+                 [&clip](int number) { return clip.frame(number); }) {}
     ~Stream() {
         video_stabilizer_stop(stabilizer_);
         producer_.join();
@@ -150,9 +156,7 @@ double copies_of_a_frame(const bench::Clip& clip) {
 }
 
 // One stream as long as the benchmark runs; an iteration is one frame popped.
-void BM_Pipeline(benchmark::State& state) {
-    bench::Clip& clip = clip_of(state);
-    Stream stream(clip);
+void measure(benchmark::State& state, const bench::Clip& clip, Stream& stream) {
     stream.warm_up();
     const double cpu_start = bench::seconds_of(CLOCK_PROCESS_CPUTIME_ID);
     for (auto _ : state) {
@@ -173,6 +177,69 @@ void BM_Pipeline(benchmark::State& state) {
     state.counters["copies_ms"] = 1e3 * copies;
     state.counters["x_copies"] = cpu / copies;
 }
+
+void BM_Pipeline(benchmark::State& state) {
+    bench::Clip& clip = clip_of(state);
+    Stream stream(clip);
+    measure(state, clip, stream);
+}
+
+// The clip's pictures with twice the bytes, and the other two bits zero.
+std::vector<std::vector<unsigned char>> in_ten_bits(const bench::Clip& clip) {
+    std::vector<std::vector<unsigned char>> pictures;
+    for (const auto& frame : clip.frames) {
+        std::vector<unsigned char>& picture = pictures.emplace_back();
+        picture.reserve(2 * frame.size());
+        for (const unsigned char level : frame) {
+            picture.push_back(static_cast<unsigned char>(level << 2));
+            picture.push_back(static_cast<unsigned char>(level >> 6));
+        }
+    }
+    return pictures;
+}
+
+// The same analysis and path as BM_Pipeline's, with the native engine.
+void BM_Native(benchmark::State& state, VideoStabilizerSampling sampling, int bit_depth) {
+    bench::Clip& clip = clip_of(state);
+    VideoStabilizerOptions options;
+    video_stabilizer_options_init(&options);
+    options.engine = STABILIZER_ENGINE_NATIVE;
+    options.sampling = sampling;
+    PixelLayout layout{};
+    layout.bit_depth = bit_depth;
+    std::vector<std::vector<unsigned char>> ten_bits;
+    if (bit_depth == 10) {
+        ten_bits = in_ten_bits(clip);
+    }
+    auto& pictures = bit_depth == 10 ? ten_bits : clip.frames;
+    const auto make = [&](int number) {
+        auto& bytes = pictures[static_cast<std::size_t>(number) % pictures.size()];
+        const int row = clip.width * (bit_depth > 8 ? 2 : 1);
+        PicturePlanes planes = {{bytes.data()}, {row, row / 2, row / 2}};
+        planes.data[1] = planes.data[0] + static_cast<std::ptrdiff_t>(row) * clip.height;
+        planes.data[2] = planes.data[1] + static_cast<std::ptrdiff_t>(row) * clip.height / 4;
+        return picture_frame_create(clip.width, clip.height, &layout, &planes);
+    };
+    Stream stream(video_stabilizer_create_for_pictures(clip.width, clip.height, &layout, 0, nullptr,
+                                                       &options),
+                  make);
+    measure(state, clip, stream);
+}
+BENCHMARK_CAPTURE(BM_Native, stated, STABILIZER_SAMPLING_STATED, 8)
+    ->Apply(picture_sizes)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(BM_Native, bilinear, STABILIZER_SAMPLING_BILINEAR, 8)
+    ->Apply(picture_sizes)
+    ->Args({3840, 2160})
+    ->UseRealTime();
+BENCHMARK_CAPTURE(BM_Native, sharp, STABILIZER_SAMPLING_SHARP, 8)
+    ->Apply(picture_sizes)
+    ->Args({3840, 2160})
+    ->UseRealTime();
+BENCHMARK_CAPTURE(BM_Native, sharp_10_bits, STABILIZER_SAMPLING_SHARP, 10)
+    ->Apply(picture_sizes)
+    ->Args({3840, 2160})
+    ->UseRealTime();
 BENCHMARK(BM_Pipeline)->Apply(picture_sizes)->Args({2560, 1440})->Args({3840, 2160})->UseRealTime();
 
 // Bytes allocated on the heap. (Resident memory says little once earlier benchmarks have freed
