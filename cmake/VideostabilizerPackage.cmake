@@ -47,7 +47,7 @@ endmacro()
 set(about "The library takes the shake out of hand-held video in real time: frames go
 in, and steady frames come out in the same order, a few frames later. It finds
 and follows corners, estimates the motion of the camera, smooths its path and
-warps every frame on an OpenCL device.")
+warps every frame, on the processors or on an OpenCL device.")
 
 set(runtime_package libvideostabilizer${PROJECT_VERSION_MAJOR})
 vs_debian_package(videostabilizer_library
@@ -70,9 +70,9 @@ if(VIDEOSTABILIZER_BUILD_APPS)
   vs_debian_package(videostabilizer_program
     NAME stabilize-video
     SECTION video
-    # Loaded at run time: an OpenCL device, and what draws the plots.
-    DEPENDS "pocl-opencl-icd | opencl-icd, plplot-driver-cairo"
-    RECOMMENDS "fonts-dejavu-core, bash-completion"
+    # Loaded at run time: what draws the plots.
+    DEPENDS "plplot-driver-cairo"
+    RECOMMENDS "pocl-opencl-icd | opencl-icd, fonts-dejavu-core, bash-completion"
     DESCRIPTION "take the shake out of hand-held video
 The program stabilize-video reads any video file, camera or pipe that FFmpeg
 can read, steadies the picture, and writes it with sound, subtitles, times and
@@ -80,8 +80,8 @@ titles as they were. It works on single files, on batches and on live streams,
 and shows the difference as a side-by-side video, a plot of the camera path, or
 figures.
 .
-Frames are warped on an OpenCL device: a graphics card where there is a driver
-for it, the processor otherwise.")
+Pictures of 8 to 16 bits and every chroma layout stay what they are. They are
+warped on the processors or, where asked, on a graphics card with OpenCL.")
 endif()
 if(VIDEOSTABILIZER_HAS_JAR)
   vs_debian_package(videostabilizer_java

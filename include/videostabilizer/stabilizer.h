@@ -184,16 +184,17 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create(int width, int heig
                                                              VideoStabilizerUser* user);
 
 // As above, with options; null means the defaults. `options` is read during the call only.
-// Streams whose sampling is not stated use the native engine: module_init is not needed, all rows are
-// read and written with the strides of the frames, and every column is warped.
+// All streams but those of the stated sampling with OpenCL read and write all rows with the strides
+// of the frames, warp every column, and repeat: equal input gives equal output. With the native engine
+// module_init is not needed.
 //
 // Memory per stream, in bytes, with s the decimation (1, 2 or 4) and a = look_ahead:
 //   host memory    2 (width / s) (height / s) + 300 a + 100,000
 //                  edge_guard, repair_motions or scene_cuts: 320 a more
 //                  edge_guard: 200,000 more
 //   OpenCL device  2 height (stride_y + stride_uv)
-//   native engine  130,000 instead, and up to 370,000 more once pictures are reduced;
-//                  with in_place also height (stride_y + stride_uv)
+//   native engine  130,000 instead, 66,000 for each thread but the first, and up to 370,000 more
+//                  once pictures are reduced; with in_place also the planes of a picture
 //   frames         at most a + 8 frames of the host
 //
 // Threads: thread-safe.
