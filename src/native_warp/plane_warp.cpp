@@ -12,10 +12,7 @@ namespace videostabilizer {
 
 namespace {
 
-// The plane is computed in strips, whose intermediate rows fit the first-level cache.
-constexpr int STRIP_BLOCKS = 16;
-constexpr int STRIP = STRIP_BLOCKS * BLOCK;  // samples
-constexpr int MOST_ROWS = 128;               // intermediate rows of a strip
+constexpr int MOST_ROWS = 128;  // intermediate rows of a strip
 constexpr int SPARE_ROWS = 8;
 
 // Limits of the two passes.
@@ -144,10 +141,9 @@ void PlaneWarp::prepare(const PlaneShape& shape, const WarpMap& map, ResamplingK
     row_mask_ = ring - 1;
 }
 
-const PlaneWarp::Tables& PlaneWarp::tables(double row) const {
+std::size_t PlaneWarp::table_at(double row) const {
     const double place = std::floor((row - map_.first_row) / map_.rows_apart);
-    return tables_[static_cast<std::size_t>(
-        std::clamp(place, 0.0, static_cast<double>(intervals_ - 1)))];
+    return static_cast<std::size_t>(std::clamp(place, 0.0, static_cast<double>(intervals_ - 1)));
 }
 
 // The row of the output in which column x shows a row of the source.
@@ -163,38 +159,75 @@ double PlaneWarp::output_row(double x, double source_row) const {
     return y;
 }
 
+double PlaneWarp::middle_of_first_block(int strip) const {
+    return strip * STRIP_BLOCKS * block_width() + 0.5 * (block_width() - 1);
+}
+
+void PlaneWarp::place_across(int source_row, int strip, int blocks, Placement* placements) const {
+    const double to_middle = 0.5 * (block_width() - 1);
+    const double x = middle_of_first_block(strip);
+    const double top = output_row(x, source_row);
+    if (map_.transforms.size() == 1) {
+        const Tables& only = tables_.front();
+        const Affine2& t = middle_;
+        const std::int64_t first = fixed_point(t.a * x + t.b * top + t.c - only.step * to_middle);
+        const std::int64_t step = fixed_point(only.step * block_width());
+        for (int block = 0; block < blocks; ++block) {
+            placements[block] = {0, first + block * step};
+        }
+        return;
+    }
+    const double down =
+        (output_row(x + STRIP_BLOCKS * block_width(), source_row) - top) / STRIP_BLOCKS;
+    for (int block = 0; block < blocks; ++block) {
+        const double middle = x + block * block_width();
+        double y = top + block * down;
+        Affine2 t = map_.at(y);
+        for (int i = 0; i < 2; ++i) {
+            y += (source_row - (t.d * middle + t.e * y + t.f)) / t.e;
+            t = map_.at(y);
+        }
+        const std::size_t table = table_at(y);
+        placements[block] = {
+            table, fixed_point(t.a * middle + t.b * y + t.c - tables_[table].step * to_middle)};
+    }
+}
+
+PlaneWarp::Placement PlaneWarp::place_down(int row, int strip, std::int64_t& step) const {
+    const Affine2 t = map_.at(row);
+    const std::size_t table = table_at(row);
+    const double to_middle = 0.5 * (block_width() - 1);
+    step = fixed_point(t.d * block_width());
+    return {table, fixed_point(t.d * middle_of_first_block(strip) + t.e * row + t.f -
+                               tables_[table].slope * to_middle)};
+}
+
 // A strip of the output while it is computed from top to bottom.
 class PlaneWarp::Strip {
   public:
     Strip(const PlaneWarp& warp, const WarpVariant& variant, const SourcePlane& source,
-          WarpScratch& scratch, int first_sample)
+          WarpScratch& scratch, int strip)
         : warp_(warp),
           variant_(variant),
           source_(source),
           scratch_(scratch),
-          first_sample_(first_sample),
-          samples_(std::min(STRIP, samples(warp.shape_) - first_sample)),
-          block_width_(static_cast<double>(BLOCK) / warp.shape_.format.channels),
-          to_middle_(0.5 * (block_width_ - 1)),
-          left_(static_cast<double>(first_sample) / warp.shape_.format.channels) {}
+          strip_(strip),
+          samples_(std::min(STRIP, samples(warp.shape_) - strip * STRIP)) {}
 
     static int samples(const PlaneShape& shape) { return shape.width * shape.format.channels; }
 
     void make_row(const TargetPlane& target, int y) {
         const PlaneShape& shape = warp_.shape_;
-        const Affine2 t = warp_.map_.at(y);
-        const Tables& tables = warp_.tables(y);
-        const DownTable& table = tables.down;
         DownRun run{};
+        const Placement place = warp_.place_down(y, strip_, run.step);
+        const DownTable& table = warp_.tables_[place.table].down;
         run.format = shape.format;
         run.phases = table.phases;
         run.weights = table.weights.data();
         run.rows = scratch_.rows();
         run.row_mask = warp_.row_mask_;
         run.row_pitch = STRIP;
-        run.position =
-            fixed_point(t.d * (left_ + to_middle_) + t.e * y + t.f - tables.slope * to_middle_);
-        run.step = fixed_point(t.d * block_width_);
+        run.position = place.position;
         run.blocks = samples_ / BLOCK;
         const int rest = samples_ % BLOCK;
         const int blocks = run.blocks + (rest != 0 ? 1 : 0);
@@ -204,7 +237,7 @@ class PlaneWarp::Strip {
         make_intermediate_rows(std::min(left_row, right_row) + table.begin,
                                std::max(left_row, right_row) + table.end, blocks);
         run.out = target.data + y * target.stride +
-                  static_cast<std::ptrdiff_t>(first_sample_) * shape.format.bytes;
+                  static_cast<std::ptrdiff_t>(strip_) * STRIP * shape.format.bytes;
         variant_.down(run);
         if (rest != 0) {
             unsigned char last[2 * BLOCK];
@@ -240,50 +273,18 @@ class PlaneWarp::Strip {
         run.row = source_.data + std::clamp(row, 0, shape.height - 1) * source_.stride;
         run.out = scratch_.rows() + static_cast<std::ptrdiff_t>(row & warp_.row_mask_) * STRIP;
 
-        const Tables* tables[STRIP_BLOCKS];
+        Placement placements[STRIP_BLOCKS];
         std::int64_t positions[STRIP_BLOCKS];
-        place_blocks(row, blocks, tables, positions);
+        warp_.place_across(row, strip_, blocks, placements);
         for (int begin = 0, end = 0; begin < blocks; begin = end) {
-            while (end < blocks && tables[end] == tables[begin]) {
-                ++end;
+            const std::size_t table = placements[begin].table;
+            for (; end < blocks && placements[end].table == table; ++end) {
+                positions[end] = placements[end].position;
             }
             run.positions = positions + begin;
             run.blocks = end - begin;
-            make_blocks(run, tables[begin]->across);
+            make_blocks(run, warp_.tables_[table].across);
             run.out += static_cast<std::ptrdiff_t>(run.blocks) * BLOCK;
-        }
-    }
-
-    // Where the blocks of an intermediate row begin in the source row, and the tables for them.
-    void place_blocks(int row, int blocks, const Tables** tables, std::int64_t* positions) const {
-        const WarpMap& map = warp_.map_;
-        const double x = left_ + to_middle_;
-        const double top = warp_.output_row(x, row);
-        if (map.transforms.size() == 1) {
-            const Tables& only = warp_.tables_.front();
-            const Affine2& t = warp_.middle_;
-            const std::int64_t first =
-                fixed_point(t.a * x + t.b * top + t.c - only.step * to_middle_);
-            const std::int64_t step = fixed_point(only.step * block_width_);
-            for (int block = 0; block < blocks; ++block) {
-                tables[block] = &only;
-                positions[block] = first + block * step;
-            }
-            return;
-        }
-        const double down =
-            (warp_.output_row(x + STRIP_BLOCKS * block_width_, row) - top) / STRIP_BLOCKS;
-        for (int block = 0; block < blocks; ++block) {
-            const double middle = x + block * block_width_;
-            double y = top + block * down;
-            Affine2 t = map.at(y);
-            for (int i = 0; i < 2; ++i) {
-                y += (row - (t.d * middle + t.e * y + t.f)) / t.e;
-                t = map.at(y);
-            }
-            tables[block] = &warp_.tables(y);
-            positions[block] =
-                fixed_point(t.a * middle + t.b * y + t.c - tables[block]->step * to_middle_);
         }
     }
 
@@ -335,11 +336,8 @@ class PlaneWarp::Strip {
     const WarpVariant& variant_;
     const SourcePlane& source_;
     WarpScratch& scratch_;
-    int first_sample_;
+    int strip_;
     int samples_;
-    double block_width_;  // pixels
-    double to_middle_;    // from the first pixel of a block
-    double left_;         // the first pixel of the strip
     int rows_begin_ = 0;  // the intermediate rows that are there
     int rows_end_ = 0;
 };
@@ -383,7 +381,7 @@ void PlaneWarp::warp_strip(const WarpVariant& variant, const SourcePlane& source
                            WarpScratch& scratch) const {
     const int sample = strip * STRIP;
     if (two_passes_) {
-        Strip rows(*this, variant, source, scratch, sample);
+        Strip rows(*this, variant, source, scratch, strip);
         for (int y = first; y < last; ++y) {
             rows.make_row(target, y);
         }

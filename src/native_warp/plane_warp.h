@@ -60,6 +60,10 @@ class WarpScratch {
     std::array<unsigned char, 256> window_{};
 };
 
+// The plane is computed in strips, whose intermediate rows fit the first-level cache.
+constexpr int STRIP_BLOCKS = 16;
+constexpr int STRIP = STRIP_BLOCKS * BLOCK;  // samples
+
 // Warps one plane, in two passes: along source rows, with the rows of the result where the output
 // needs them, and then across them (E. Catmull, A. R. Smith, "3-D transformations of images in
 // scanline order", SIGGRAPH 1980). Weights of both passes have 14 bits. Positions are rounded to
@@ -84,18 +88,44 @@ class PlaneWarp {
     void warp_rows(const WarpVariant& variant, const SourcePlane& source, const TargetPlane& target,
                    int first, int last, WarpScratch& scratch) const;
 
-  private:
+    // The two passes as prepared, for engines that compute them elsewhere. Positions are those of
+    // block_position. Threads: as warp_strip.
+
+    // Whether two passes do; nothing below may be called otherwise.
+    bool two_passes() const { return two_passes_; }
+
     struct Tables {
         double step = 0;   // see AcrossTable::make
         double slope = 0;  // see DownTable::make
         AcrossTable across;
         DownTable down;
     };
+    // One for each interval between two transforms.
+    std::size_t table_count() const { return intervals_; }
+    const Tables& table(std::size_t index) const { return tables_[index]; }
+
+    // A block of an intermediate row, or the first of those of an output row.
+    struct Placement {
+        std::size_t table;
+        std::int64_t position;
+    };
+
+    // The first pass: where the first `blocks` blocks of a strip begin in a row of the source, which
+    // may be one beyond its ends. With one table they are equally far apart.
+    void place_across(int source_row, int strip, int blocks, Placement* placements) const;
+
+    // The second: at which source row the first block of a strip begins in a row of the output, and
+    // how far the next ones are from it.
+    Placement place_down(int row, int strip, std::int64_t& step) const;
+
+  private:
     class Strip;
 
     Affine2 interval_middle(std::size_t k) const;
     bool two_passes_do() const;
-    const Tables& tables(double row) const;
+    std::size_t table_at(double row) const;
+    double block_width() const { return static_cast<double>(BLOCK) / shape_.format.channels; }
+    double middle_of_first_block(int strip) const;
     double output_row(double x, double source_row) const;
     void warp_row_directly(const SourcePlane& source, const TargetPlane& target, int row,
                            int first_pixel, int last_pixel) const;
