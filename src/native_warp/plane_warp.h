@@ -111,10 +111,13 @@ class PlaneWarp {
     };
 
     // The first pass: where the first `blocks` blocks of a strip begin in a row of the source, which
-    // may be one beyond its ends. With one table they are equally far apart.
+    // may be one beyond its ends.
     void place_across(int source_row, int strip, int blocks, Placement* placements) const;
 
-    // The second: at which source row the first block of a strip begins in a row of the output, and
+    // Whether they are equally far apart in all rows, and have the same table.
+    bool evenly_spaced() const { return map_.transforms.size() == 1; }
+
+    // The second pass: at which source row the first block of a strip begins in a row of the output, and
     // how far the next ones are from it.
     Placement place_down(int row, int strip, std::int64_t& step) const;
 
