@@ -36,9 +36,8 @@ bool opencl_device_is_gpu() {
     std::transform(name.begin(), name.end(), name.begin(), [](char c) {
         return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
     });
-    return std::none_of(std::begin(SOFTWARE), std::end(SOFTWARE), [&](const char* word) {
-        return name.find(word) != std::string::npos;
-    });
+    return std::none_of(std::begin(SOFTWARE), std::end(SOFTWARE),
+                        [&](const char* word) { return name.find(word) != std::string::npos; });
 }
 
 }  // namespace videostabilizer

@@ -12,9 +12,8 @@ namespace videostabilizer {
 
 namespace {
 
-// Ranges are multiples of these, so that drivers find a good size of work groups.
-constexpr std::size_t RANGE_ACROSS = 32;
-constexpr std::size_t RANGE_DOWN = 8;
+// Work groups, where the device can have so many items in one; else the driver chooses.
+constexpr std::size_t GROUP[] = {32, 8};
 constexpr int SAMPLES_PER_ITEM = 4;
 
 std::size_t rounded_up(int count, std::size_t multiple) {
@@ -45,28 +44,6 @@ struct RowsInMemory {
           rows(static_cast<std::size_t>(height)) {}
 };
 
-// Transfers must not outlive the planes, whatever happens.
-class Finish {
-  public:
-    explicit Finish(cl_command_queue queue) : queue_(queue) {}
-    ~Finish() {
-        if (queue_ != nullptr) {
-            clFinish(queue_);
-        }
-    }
-    Finish(const Finish&) = delete;
-    Finish& operator=(const Finish&) = delete;
-
-    bool wait() {
-        cl_command_queue queue = queue_;
-        queue_ = nullptr;
-        return ocl_succeeded(clFinish(queue), "clFinish");
-    }
-
-  private:
-    cl_command_queue queue_;
-};
-
 }  // namespace
 
 std::unique_ptr<OpenclPictureWarper> OpenclPictureWarper::create(const PictureShape& shape,
@@ -79,7 +56,7 @@ std::unique_ptr<OpenclPictureWarper> OpenclPictureWarper::create(const PictureSh
     return warper;
 }
 
-bool OpenclPictureWarper::create_kernel(const char* name, OpenclOwner<cl_kernel>& kernel) {
+bool OpenclPictureWarper::create_kernel(const char* name, Kernel& kernel) {
     cl_program program = picture_program();
     if (program == nullptr) {
         return false;
@@ -89,7 +66,15 @@ bool OpenclPictureWarper::create_kernel(const char* name, OpenclOwner<cl_kernel>
     if (!ocl_succeeded(error, "clCreateKernel")) {
         return false;  // not all drivers return null with an error
     }
-    kernel.reset(made);
+    kernel.handle.reset(made);
+    std::size_t most = 0;
+    if (!ocl_succeeded(
+            clGetKernelWorkGroupInfo(made, ocl_runtime().devices[0], CL_KERNEL_WORK_GROUP_SIZE,
+                                     sizeof(most), &most, nullptr),
+            "clGetKernelWorkGroupInfo")) {
+        return false;
+    }
+    kernel.in_groups = most >= GROUP[0] * GROUP[1];
     return true;
 }
 
@@ -156,24 +141,31 @@ bool OpenclPictureWarper::upload(int k, const PicturePlanes& source) const {
                          "clEnqueueWriteBufferRect");
 }
 
-bool OpenclPictureWarper::download(int k, const PicturePlanes& target) const {
+bool OpenclPictureWarper::download(int k, const PicturePlanes& target) {
     const PlaneShape& shape = shape_.plane[k].shape;
     const RowsInMemory<unsigned char> host(target.data[k], target.stride[k], shape.height);
     const std::size_t bytes = row_bytes(shape);
     const std::size_t padded = padded_row_bytes(shape);
     cl_mem memory = planes_[k].target.memory.get();
+    cl_event event = nullptr;
+    bool enqueued = false;
     if (host.rows == 1 || (host.pitch == bytes && padded == bytes)) {
-        return ocl_succeeded(clEnqueueReadBuffer(queue_.get(), memory, CL_FALSE, 0,
-                                                 host.rows * bytes, host.first, 0, nullptr,
-                                                 nullptr),
-                             "clEnqueueReadBuffer");
+        enqueued =
+            ocl_succeeded(clEnqueueReadBuffer(queue_.get(), memory, CL_FALSE, 0, host.rows * bytes,
+                                              host.first, 0, nullptr, &event),
+                          "clEnqueueReadBuffer");
+    } else {
+        const std::size_t origin[] = {0, 0, 0};
+        const std::size_t region[] = {bytes, host.rows, 1};
+        enqueued = ocl_succeeded(
+            clEnqueueReadBufferRect(queue_.get(), memory, CL_FALSE, origin, origin, region, padded,
+                                    0, host.pitch, 0, host.first, 0, nullptr, &event),
+            "clEnqueueReadBufferRect");
     }
-    const std::size_t origin[] = {0, 0, 0};
-    const std::size_t region[] = {bytes, host.rows, 1};
-    return ocl_succeeded(
-        clEnqueueReadBufferRect(queue_.get(), memory, CL_FALSE, origin, origin, region, padded, 0,
-                                host.pitch, 0, host.first, 0, nullptr, nullptr),
-        "clEnqueueReadBufferRect");
+    if (enqueued) {
+        last_read_.reset(event);
+    }
+    return enqueued;
 }
 
 // Nothing of the last frame is still being read.
@@ -186,8 +178,8 @@ bool OpenclPictureWarper::make_plan(Plan& plan, const PicturePlane& plane) {
     const std::size_t number_bytes = plan.device.numbers().size() * sizeof(std::int32_t);
     const std::size_t weight_bytes = plan.device.weights().size() * sizeof(std::int16_t);
     const std::size_t row = static_cast<std::size_t>(row_blocks(plane.shape)) * BLOCK;
-    const std::size_t rows_bytes = static_cast<std::size_t>(plan.device.intermediate_rows()) * row *
-                                   sizeof(std::int16_t);
+    const std::size_t rows_bytes =
+        static_cast<std::size_t>(plan.device.intermediate_rows()) * row * sizeof(std::int16_t);
     return reserve(plan.numbers, number_bytes, CL_MEM_READ_ONLY) &&
            reserve(plan.weights, weight_bytes, CL_MEM_READ_ONLY) &&
            reserve(plan.rows, rows_bytes, CL_MEM_READ_WRITE) &&
@@ -195,26 +187,28 @@ bool OpenclPictureWarper::make_plan(Plan& plan, const PicturePlane& plane) {
            write(plan.weights, plan.device.weights().data(), weight_bytes);
 }
 
-bool OpenclPictureWarper::run_kernel(cl_kernel kernel, const Plan& plan, const Buffer& from,
+bool OpenclPictureWarper::run_kernel(const Kernel& kernel, const Plan& plan, const Buffer& from,
                                      const Buffer& to, bool upside_down, int blocks,
                                      int rows) const {
     cl_uint index = 0;
     for (const Buffer* buffer : {&plan.numbers, &plan.weights, &from, &to}) {
         cl_mem memory = buffer->memory.get();
-        if (!ocl_succeeded(clSetKernelArg(kernel, index++, sizeof(memory), &memory),
+        if (!ocl_succeeded(clSetKernelArg(kernel.handle.get(), index++, sizeof(memory), &memory),
                            "clSetKernelArg")) {
             return false;
         }
     }
     const cl_int turned = upside_down ? 1 : 0;
-    if (!ocl_succeeded(clSetKernelArg(kernel, index, sizeof(turned), &turned), "clSetKernelArg")) {
+    if (!ocl_succeeded(clSetKernelArg(kernel.handle.get(), index, sizeof(turned), &turned),
+                       "clSetKernelArg")) {
         return false;
     }
-    const std::size_t items[] = {rounded_up(BLOCK / SAMPLES_PER_ITEM * blocks, RANGE_ACROSS),
-                                 rounded_up(rows, RANGE_DOWN)};
-    return ocl_succeeded(clEnqueueNDRangeKernel(queue_.get(), kernel, 2, nullptr, items, nullptr, 0,
-                                                nullptr, nullptr),
-                         "clEnqueueNDRangeKernel");
+    const std::size_t items[] = {rounded_up(BLOCK / SAMPLES_PER_ITEM * blocks, GROUP[0]),
+                                 rounded_up(rows, GROUP[1])};
+    return ocl_succeeded(
+        clEnqueueNDRangeKernel(queue_.get(), kernel.handle.get(), 2, nullptr, items,
+                               kernel.in_groups ? GROUP : nullptr, 0, nullptr, nullptr),
+        "clEnqueueNDRangeKernel");
 }
 
 bool OpenclPictureWarper::enqueue_plane(int k, const PicturePlanes& source,
@@ -222,9 +216,9 @@ bool OpenclPictureWarper::enqueue_plane(int k, const PicturePlanes& source,
     const PlaneShape& shape = shape_.plane[k].shape;
     const Plan& plan = plan_of(k);
     const int blocks = row_blocks(shape);
-    return run_kernel(across_.get(), plan, planes_[k].source, plan.rows, source.stride[k] < 0,
-                      blocks, plan.device.intermediate_rows()) &&
-           run_kernel(down_.get(), plan, plan.rows, planes_[k].target, target.stride[k] < 0, blocks,
+    return run_kernel(across_, plan, planes_[k].source, plan.rows, source.stride[k] < 0, blocks,
+                      plan.device.intermediate_rows()) &&
+           run_kernel(down_, plan, plan.rows, planes_[k].target, target.stride[k] < 0, blocks,
                       shape.height) &&
            download(k, target) && ocl_succeeded(clFlush(queue_.get()), "clFlush");
 }
@@ -248,9 +242,29 @@ bool OpenclPictureWarper::enqueue(const PicturePlanes& source, const WarpMap& lu
     return true;
 }
 
+// There are drivers whose clFinish does not wait for what a clFlush has sent off, hence the event.
+bool OpenclPictureWarper::finish() {
+    bool done = true;
+    if (last_read_ != nullptr) {
+        cl_event event = last_read_.get();
+        done = ocl_succeeded(clWaitForEvents(1, &event), "clWaitForEvents");
+        last_read_.reset();
+    }
+    return ocl_succeeded(clFinish(queue_.get()), "clFinish") && done;
+}
+
 int OpenclPictureWarper::warp(const PicturePlanes& source, const WarpMap& luma,
                               const PicturePlanes& target) {
-    Finish finish(queue_.get());
+    // Transfers must not outlive the planes, whatever happens.
+    struct Finish {
+        OpenclPictureWarper& warper;
+        bool done = false;
+        ~Finish() {
+            if (!done) {
+                warper.finish();
+            }
+        }
+    } end{*this};
     if (!enqueue(source, luma, target)) {
         __android_log_print(LOG_ERROR, WARP_OCL_TAG, "Failed to enqueue the warp of a picture");
         return RESULT_FAILED;
@@ -263,7 +277,8 @@ int OpenclPictureWarper::warp(const PicturePlanes& source, const WarpMap& luma,
                            scratch_);
         }
     }
-    if (!finish.wait()) {
+    end.done = true;
+    if (!finish()) {
         __android_log_print(LOG_ERROR, WARP_OCL_TAG, "Failed to warp a picture");
         return RESULT_FAILED;
     }

@@ -17,6 +17,7 @@ namespace videostabilizer {
 struct OpenclRelease {
     void operator()(cl_command_queue queue) const { clReleaseCommandQueue(queue); }
     void operator()(cl_kernel kernel) const { clReleaseKernel(kernel); }
+    void operator()(cl_event event) const { clReleaseEvent(event); }
     void operator()(cl_mem buffer) const { clReleaseMemObject(buffer); }
 };
 template <typename Handle>
@@ -36,6 +37,10 @@ class OpenclPictureWarper final : public PictureWarper {
              const PicturePlanes& target) override;
 
   private:
+    struct Kernel {
+        OpenclOwner<cl_kernel> handle;
+        bool in_groups = false;  // of the size that we choose
+    };
     // Memory of the device, which grows.
     struct Buffer {
         OpenclOwner<cl_mem> memory;
@@ -58,13 +63,14 @@ class OpenclPictureWarper final : public PictureWarper {
     OpenclPictureWarper(const PictureShape& shape, Resampling resampling)
         : shape_(shape), kernels_(resampling) {}
     bool create_objects();
-    static bool create_kernel(const char* name, OpenclOwner<cl_kernel>& kernel);
+    static bool create_kernel(const char* name, Kernel& kernel);
     static bool reserve(Buffer& buffer, std::size_t bytes, cl_mem_flags flags);
     bool write(const Buffer& buffer, const void* from, std::size_t bytes) const;
     bool upload(int k, const PicturePlanes& source) const;
-    bool download(int k, const PicturePlanes& target) const;
+    bool download(int k, const PicturePlanes& target);
+    bool finish();
     bool make_plan(Plan& plan, const PicturePlane& plane);
-    bool run_kernel(cl_kernel kernel, const Plan& plan, const Buffer& from, const Buffer& to,
+    bool run_kernel(const Kernel& kernel, const Plan& plan, const Buffer& from, const Buffer& to,
                     bool upside_down, int blocks, int rows) const;
     bool enqueue_plane(int k, const PicturePlanes& source, const PicturePlanes& target);
     bool enqueue(const PicturePlanes& source, const WarpMap& luma, const PicturePlanes& target);
@@ -74,8 +80,9 @@ class OpenclPictureWarper final : public PictureWarper {
     ResamplingKernels kernels_;
     WarpScratch scratch_;
     OpenclOwner<cl_command_queue> queue_;
-    OpenclOwner<cl_kernel> across_;
-    OpenclOwner<cl_kernel> down_;
+    OpenclOwner<cl_event> last_read_;
+    Kernel across_;
+    Kernel down_;
     Plan luma_;
     Plan chroma_;
     Plane planes_[3];

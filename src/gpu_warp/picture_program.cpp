@@ -14,8 +14,8 @@ namespace {
 void log_build_log(cl_program program, cl_device_id device) {
     char text[4096] = {};
     // Longer logs are refused, by some drivers cut.
-    if (ocl_succeeded(clGetProgramBuildInfo(program, device, CL_PROGRAM_BUILD_LOG,
-                                            sizeof(text) - 1, text, nullptr),
+    if (ocl_succeeded(clGetProgramBuildInfo(program, device, CL_PROGRAM_BUILD_LOG, sizeof(text) - 1,
+                                            text, nullptr),
                       "clGetProgramBuildInfo")) {
         __android_log_print(LOG_ERROR, WARP_OCL_TAG, "%s", text);
     }
