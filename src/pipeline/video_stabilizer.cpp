@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "gpu_warp/opencl_device.h"
+#include "gpu_warp/opencl_picture_warper.h"
 #include "path/steady_path.h"
 #include "picture_stage/picture_stage.h"
 #include "picture_warp/native_warper.h"
@@ -204,18 +206,19 @@ PixelLayout stream_layout(const VideoStabilizer* s) {
     return layout;
 }
 
+// Null with an error in the log.
 std::unique_ptr<PictureWarper> make_warper(const VideoStabilizer* s, const PixelLayout& layout) {
     const PictureShape shape = picture_shape(s->width, s->height, layout);
-    const int threads = s->options.threads;
-    switch (s->options.sampling) {
-        case STABILIZER_SAMPLING_STATED:
-            return std::make_unique<StatedWarper>(shape, threads);
-        case STABILIZER_SAMPLING_BILINEAR:
-            return std::make_unique<NativeWarper>(shape, Resampling::BILINEAR, threads);
-        case STABILIZER_SAMPLING_SHARP:
-            break;
+    const VideoStabilizerOptions& options = s->options;
+    if (options.sampling == STABILIZER_SAMPLING_STATED) {
+        return std::make_unique<StatedWarper>(shape, options.threads);
     }
-    return std::make_unique<NativeWarper>(shape, Resampling::LANCZOS3, threads);
+    const Resampling resampling =
+        options.sampling == STABILIZER_SAMPLING_SHARP ? Resampling::LANCZOS3 : Resampling::BILINEAR;
+    if (options.engine == STABILIZER_ENGINE_OPENCL) {
+        return OpenclPictureWarper::create(shape, resampling);
+    }
+    return std::make_unique<NativeWarper>(shape, resampling, options.threads);
 }
 
 bool create_picture_stage(VideoStabilizer* s) {
@@ -237,6 +240,9 @@ bool create_picture_stage(VideoStabilizer* s) {
         callbacks.create_frame = s->user->create_frame;
     }
     std::unique_ptr<PictureWarper> warper = make_warper(s, settings.layout);
+    if (warper == nullptr) {
+        return false;
+    }
     s->picture_stage = new PictureStage(settings, callbacks, std::move(warper));
     if (s->picture_stage->start() != RESULT_OK) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, "no thread for the warp stage");
@@ -310,16 +316,25 @@ void end_threads(VideoStabilizer* s) {
     }
 }
 
-// Reads the options and decides for an engine. Returns false with an error in the log.
-bool choose_options(const VideoStabilizerOptions* given, int width, int height,
+// Reads the options and decides for an engine. pictures: the stream is one of picture frames, which
+// the stated kernels do not know. Returns false with an error in the log.
+bool choose_options(const VideoStabilizerOptions* given, int width, int height, bool pictures,
                     VideoStabilizerOptions& out) {
-    const char* const fault = read_options(given, width, height, out);
+    const char* fault = read_options(given, width, height, out);
+    if (given == nullptr && pictures) {
+        out.engine = STABILIZER_ENGINE_AUTO;
+    }
+    const bool no_kernels = pictures && out.sampling == STABILIZER_SAMPLING_STATED;
+    if (fault == nullptr && no_kernels && out.engine == STABILIZER_ENGINE_OPENCL) {
+        fault = "picture frames have the stated sampling with the native engine only";
+    }
     if (fault != nullptr) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused the options: %s", fault);
         return false;
     }
     if (out.engine == STABILIZER_ENGINE_AUTO) {
-        out.engine = STABILIZER_ENGINE_NATIVE;
+        out.engine = !no_kernels && opencl_device_is_gpu() ? STABILIZER_ENGINE_OPENCL
+                                                           : STABILIZER_ENGINE_NATIVE;
     }
     return true;
 }
@@ -369,7 +384,7 @@ VideoStabilizer* video_stabilizer_create_with_options(int width, int height, int
                                                       VideoStabilizerUser* user,
                                                       const VideoStabilizerOptions* options) {
     VideoStabilizerOptions chosen{};
-    if (!choose_options(options, width, height, chosen)) {
+    if (!choose_options(options, width, height, false, chosen)) {
         return nullptr;
     }
     // Formats that cannot be warped are refused by the warp stage.
@@ -395,16 +410,10 @@ VideoStabilizer* video_stabilizer_create_for_pictures(int width, int height,
                                                       VideoStabilizerUser* user,
                                                       const VideoStabilizerOptions* options) {
     VideoStabilizerOptions chosen{};
-    if (!choose_options(options, width, height, chosen)) {
+    if (!choose_options(options, width, height, true, chosen)) {
         return nullptr;
     }
-    if (options == nullptr) {
-        chosen.engine = STABILIZER_ENGINE_NATIVE;
-    }
-    const char* fault = picture_geometry_fault(width, height, layout);
-    if (fault == nullptr && !uses_picture_stage(chosen)) {
-        fault = "the stated sampling with OpenCL is for frames of other formats";
-    }
+    const char* const fault = picture_geometry_fault(width, height, layout);
     if (fault != nullptr) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, "refused pictures of %d x %d: %s", width,
                             height, fault);

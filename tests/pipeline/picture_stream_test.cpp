@@ -174,22 +174,24 @@ TEST_F(Pictures, OfAllLayoutsAreWarpedWhereTheirSamplesLie) {
     }
 }
 
-// What a picture's depth, its layout and the number of threads must not change.
+// What a picture's depth, its layout, the engine and the number of threads must not change.
 TEST_F(Pictures, AreStabilizedTheSameWhateverTheirDepth) {
     const PixelLayout eight = {CHROMA_420, CHROMA_SITING_LEFT, 8, 0, 0, {}};
     const struct {
         PixelLayout layout;
         int threads;
-    } cases[] = {{eight, 1},
-                 {eight, 3},
-                 {{CHROMA_NONE, CHROMA_SITING_LEFT, 10, 0, 0, {}}, 2},
-                 {{CHROMA_422, CHROMA_SITING_LEFT, 12, 1, 1, {}}, 0}};
+        VideoStabilizerEngine engine;
+    } cases[] = {{eight, 1, STABILIZER_ENGINE_NATIVE},
+                 {eight, 3, STABILIZER_ENGINE_NATIVE},
+                 {eight, 0, STABILIZER_ENGINE_OPENCL},
+                 {{CHROMA_NONE, CHROMA_SITING_LEFT, 10, 0, 0, {}}, 2, STABILIZER_ENGINE_NATIVE},
+                 {{CHROMA_422, CHROMA_SITING_LEFT, 12, 1, 1, {}}, 0, STABILIZER_ENGINE_OPENCL}};
     std::vector<Matrix> corrections;
     std::vector<std::vector<unsigned char>> luma;
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.threads);
+        SCOPED_TRACE(&c - cases);
         VideoStabilizerOptions options = options_for(STABILIZER_STANDARD);
-        options.engine = STABILIZER_ENGINE_NATIVE;
+        options.engine = c.engine;
         options.threads = c.threads;
         const StabilizerPtr s = make_stream(c.layout, false, &options);
         std::vector<HostPicture> pictures(30, HostPicture(c.layout, false));
@@ -240,6 +242,10 @@ TEST_F(Pictures, AreRefusedWhereTheyDoNotFit) {
         EXPECT_EQ(make_stream(layout, true), nullptr);
         EXPECT_EQ(picture_frame_create(64, 64, &layout, nullptr), nullptr);
     }
+    VideoStabilizerOptions stated_kernels;
+    video_stabilizer_options_init(&stated_kernels);
+    EXPECT_EQ(make_stream(good, true, &stated_kernels), nullptr);
+    EXPECT_NE(make_stream(good, true), nullptr);
     EXPECT_EQ(picture_frame_create(64, 64, nullptr, nullptr), nullptr);
     EXPECT_EQ(picture_frame_create(64, 0, &good, nullptr), nullptr);
     std::vector<unsigned char> memory(1 << 16);
