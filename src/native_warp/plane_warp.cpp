@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 #include "native_warp/sample.h"
 
@@ -20,6 +21,9 @@ constexpr double SMALLEST_STEP = 0.25;
 constexpr double LARGEST_STEP = 2;
 constexpr double LARGEST_SLOPE = 0.25;
 constexpr double FARTHEST = 1e6;  // samples
+
+// Steps that differ by no more have one table: within half a block this is half of 1/1024 sample.
+constexpr double SAME_STEP = 1.0 / 16384;
 
 std::int64_t fixed_point(double position) {
     return std::llround(position * (std::int64_t{1} << POSITION_BITS));
@@ -113,27 +117,68 @@ void PlaneWarp::prepare(const PlaneShape& shape, const WarpMap& map, ResamplingK
     }
     x_kernel_ = &kernels.for_step(middle_.a - middle_.b * middle_.d / middle_.e);
     y_kernel_ = &kernels.for_step(middle_.e);
-    intervals_ = std::max<std::size_t>(1, map.transforms.size() - 1);
-    if (tables_.size() < intervals_) {
-        tables_.resize(intervals_);
+    make_intervals();
+    make_tables();
+}
+
+// Two more than there are tables for at most, since the first and the last transform hold for all
+// rows before and after them.
+void PlaneWarp::make_intervals() {
+    constexpr double ENDLESS = std::numeric_limits<double>::infinity();
+    const std::vector<Affine2>& transforms = map_.transforms;
+    intervals_.clear();
+    double begin = -ENDLESS;
+    for (std::size_t k = 0; k <= transforms.size(); ++k) {
+        const Affine2& q = transforms[std::min(k, transforms.size() - 1)];
+        const Affine2& p = transforms[k == 0 ? 0 : k - 1];
+        const double end = k == transforms.size()
+                               ? ENDLESS
+                               : map_.first_row + static_cast<double>(k) * map_.rows_apart;
+        Interval interval{begin, end, 0, p, {0, 0, 0, 0, 0, 0}};
+        if (k > 0 && k < transforms.size()) {
+            const auto element = [&](double Affine2::*e) {
+                interval.per_row.*e = (q.*e - p.*e) / map_.rows_apart;
+                interval.from.*e = p.*e - begin * interval.per_row.*e;
+            };
+            for (double Affine2::*const e :
+                 {&Affine2::a, &Affine2::b, &Affine2::c, &Affine2::d, &Affine2::e, &Affine2::f}) {
+                element(e);
+            }
+        }
+        intervals_.push_back(interval);
+        begin = end;
     }
-    const double strip_width = static_cast<double>(STRIP) / shape.format.channels;
+}
+
+void PlaneWarp::make_tables() {
+    const double strip_width = static_cast<double>(STRIP) / shape_.format.channels;
     double steepest = 0;
-    for (const Affine2& t : map.transforms) {
+    for (const Affine2& t : map_.transforms) {
         steepest = std::max(steepest, std::abs(t.d));
     }
     int most = 0;
-    for (std::size_t k = 0; k < intervals_; ++k) {
+    table_count_ = 0;
+    const std::size_t count = std::max<std::size_t>(1, map_.transforms.size() - 1);
+    for (std::size_t k = 0; k < count; ++k) {
         const Affine2 t = interval_middle(k);
-        Tables& tables = tables_[k];
-        tables.step = t.a - t.b * t.d / t.e;
-        tables.slope = t.d;
-        tables.across.make(shape.format, *x_kernel_, tables.step);
-        tables.down.make(shape.format, *y_kernel_, tables.slope);
-        const int rows = tables.down.end - tables.down.begin +
-                         static_cast<int>(steepest * strip_width) + SPARE_ROWS;
-        most = std::max(most, rows);
+        const double step = t.a - t.b * t.d / t.e;
+        if (table_count_ == 0 || std::abs(step - tables_[table_count_ - 1].step) > SAME_STEP ||
+            std::abs(t.d - tables_[table_count_ - 1].slope) > SAME_STEP) {
+            if (++table_count_ > tables_.size()) {
+                tables_.emplace_back();
+            }
+            Tables& tables = tables_[table_count_ - 1];
+            tables.step = step;
+            tables.slope = t.d;
+            tables.across.make(shape_.format, *x_kernel_, tables.step);
+            tables.down.make(shape_.format, *y_kernel_, tables.slope);
+            const int rows = tables.down.end - tables.down.begin +
+                             static_cast<int>(steepest * strip_width) + SPARE_ROWS;
+            most = std::max(most, rows);
+        }
+        intervals_[k + 1].table = table_count_ - 1;
     }
+    intervals_.back().table = table_count_ - 1;
     int ring = 16;
     while (ring < most) {
         ring *= 2;
@@ -141,22 +186,37 @@ void PlaneWarp::prepare(const PlaneShape& shape, const WarpMap& map, ResamplingK
     row_mask_ = ring - 1;
 }
 
-std::size_t PlaneWarp::table_at(double row) const {
-    const double place = std::floor((row - map_.first_row) / map_.rows_apart);
-    return static_cast<std::size_t>(std::clamp(place, 0.0, static_cast<double>(intervals_ - 1)));
+const PlaneWarp::Interval& PlaneWarp::interval_at(double row) const {
+    const double place = std::floor((row - map_.first_row) / map_.rows_apart) + 1;
+    return intervals_[static_cast<std::size_t>(
+        std::clamp(place, 0.0, static_cast<double>(intervals_.size() - 1)))];
 }
 
-// The row of the output in which column x shows a row of the source.
-double PlaneWarp::output_row(double x, double source_row) const {
-    double y = (source_row - middle_.d * x - middle_.f) / middle_.e;
-    if (map_.transforms.size() > 1) {
-        constexpr int STEPS = 6;
-        for (int i = 0; i < STEPS; ++i) {
-            const Affine2 t = map_.at(y);
-            y += (source_row - (t.d * x + t.e * y + t.f)) / middle_.e;
+// Newton's method, from a row that is near. Within an interval one step is enough.
+void PlaneWarp::find_crossing(double x, double source_row, int steps, Crossing& crossing) const {
+    const Interval* interval = crossing.interval;
+    double y = crossing.row;
+    for (int i = 0; i < steps; ++i) {
+        if (!(y >= interval->begin && y < interval->end)) {
+            interval = &interval_at(y);
         }
+        const Affine2& from = interval->from;
+        const Affine2& per_row = interval->per_row;
+        const double d = from.d + per_row.d * y;
+        const double e = from.e + per_row.e * y;
+        const double f = from.f + per_row.f * y;
+        // Source rows per output row; two_passes_do keeps it from 0 within the picture.
+        const double going_down =
+            std::max(e + per_row.d * x + per_row.e * y + per_row.f, SMALLEST_STEP / 4);
+        const double inverse = 1 / going_down;
+        y += (source_row - (d * x + e * y + f)) * inverse;
+        crossing.slope = -d * inverse;
     }
-    return y;
+    if (!(y >= interval->begin && y < interval->end)) {
+        interval = &interval_at(y);
+    }
+    crossing.interval = interval;
+    crossing.row = y;
 }
 
 double PlaneWarp::middle_of_first_block(int strip) const {
@@ -166,8 +226,8 @@ double PlaneWarp::middle_of_first_block(int strip) const {
 void PlaneWarp::place_across(int source_row, int strip, int blocks, Placement* placements) const {
     const double to_middle = 0.5 * (block_width() - 1);
     const double x = middle_of_first_block(strip);
-    const double top = output_row(x, source_row);
-    if (map_.transforms.size() == 1) {
+    const double top = (source_row - middle_.d * x - middle_.f) / middle_.e;
+    if (evenly_spaced()) {
         const Tables& only = tables_.front();
         const Affine2& t = middle_;
         const std::int64_t first = fixed_point(t.a * x + t.b * top + t.c - only.step * to_middle);
@@ -177,25 +237,26 @@ void PlaneWarp::place_across(int source_row, int strip, int blocks, Placement* p
         }
         return;
     }
-    const double down =
-        (output_row(x + STRIP_BLOCKS * block_width(), source_row) - top) / STRIP_BLOCKS;
+    constexpr int STEPS = 6;  // from afar
+    Crossing crossing{&interval_at(top), top, 0};
+    find_crossing(x, source_row, STEPS, crossing);
     for (int block = 0; block < blocks; ++block) {
         const double middle = x + block * block_width();
-        double y = top + block * down;
-        Affine2 t = map_.at(y);
-        for (int i = 0; i < 2; ++i) {
-            y += (source_row - (t.d * middle + t.e * y + t.f)) / t.e;
-            t = map_.at(y);
-        }
-        const std::size_t table = table_at(y);
-        placements[block] = {
-            table, fixed_point(t.a * middle + t.b * y + t.c - tables_[table].step * to_middle)};
+        find_crossing(middle, source_row, 2, crossing);
+        const Affine2& from = crossing.interval->from;
+        const Affine2& per_row = crossing.interval->per_row;
+        const double y = crossing.row;
+        const double source_x = (from.a + per_row.a * y) * middle + (from.b + per_row.b * y) * y +
+                                from.c + per_row.c * y;
+        const std::size_t table = crossing.interval->table;
+        placements[block] = {table, fixed_point(source_x - tables_[table].step * to_middle)};
+        crossing.row += crossing.slope * block_width();
     }
 }
 
 PlaneWarp::Placement PlaneWarp::place_down(int row, int strip, std::int64_t& step) const {
     const Affine2 t = map_.at(row);
-    const std::size_t table = table_at(row);
+    const std::size_t table = interval_at(row).table;
     const double to_middle = 0.5 * (block_width() - 1);
     step = fixed_point(t.d * block_width());
     return {table, fixed_point(t.d * middle_of_first_block(strip) + t.e * row + t.f -

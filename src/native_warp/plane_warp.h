@@ -100,8 +100,8 @@ class PlaneWarp {
         AcrossTable across;
         DownTable down;
     };
-    // One for each interval between two transforms.
-    std::size_t table_count() const { return intervals_; }
+    // One for each interval between two transforms, or for several that hardly differ.
+    std::size_t table_count() const { return table_count_; }
     const Tables& table(std::size_t index) const { return tables_[index]; }
 
     // A block of an intermediate row, or the first of those of an output row.
@@ -126,10 +126,27 @@ class PlaneWarp {
 
     Affine2 interval_middle(std::size_t k) const;
     bool two_passes_do() const;
-    std::size_t table_at(double row) const;
+    // Rows of the output where the transform is `from` + row * `per_row`.
+    struct Interval {
+        double begin;
+        double end;
+        std::size_t table;
+        Affine2 from;
+        Affine2 per_row;
+    };
+    // Where a column shows a row of the source.
+    struct Crossing {
+        const Interval* interval;
+        double row;    // of the output
+        double slope;  // rows of the output from one column to the next, along the source row
+    };
+
+    void make_tables();
+    void make_intervals();
+    const Interval& interval_at(double row) const;
+    void find_crossing(double x, double source_row, int steps, Crossing& crossing) const;
     double block_width() const { return static_cast<double>(BLOCK) / shape_.format.channels; }
     double middle_of_first_block(int strip) const;
-    double output_row(double x, double source_row) const;
     void warp_row_directly(const SourcePlane& source, const TargetPlane& target, int row,
                            int first_pixel, int last_pixel) const;
 
@@ -138,8 +155,9 @@ class PlaneWarp {
     Affine2 middle_;
     bool two_passes_ = false;
     int row_mask_ = 0;
-    std::vector<Tables> tables_;  // one for each interval between two transforms
-    std::size_t intervals_ = 0;
+    std::vector<Tables> tables_;
+    std::size_t table_count_ = 0;
+    std::vector<Interval> intervals_;  // between two transforms, with the rows before and after all
     const ResamplingWeights* x_kernel_ = nullptr;
     const ResamplingWeights* y_kernel_ = nullptr;
 };
