@@ -192,31 +192,34 @@ const PlaneWarp::Interval& PlaneWarp::interval_at(double row) const {
         std::clamp(place, 0.0, static_cast<double>(intervals_.size() - 1)))];
 }
 
-// Newton's method, from a row that is near. Within an interval one step is enough.
-void PlaneWarp::find_crossing(double x, double source_row, int steps, Crossing& crossing) const {
-    const Interval* interval = crossing.interval;
-    double y = crossing.row;
-    for (int i = 0; i < steps; ++i) {
-        if (!(y >= interval->begin && y < interval->end)) {
-            interval = &interval_at(y);
+// The source row that column x of an output row shows.
+double PlaneWarp::Interval::source_row(double x, double y) const {
+    return (from.d + per_row.d * y) * x + (from.e + per_row.e * y) * y + from.f + per_row.f * y;
+}
+
+double PlaneWarp::Interval::source_column(double x, double y) const {
+    return (from.a + per_row.a * y) * x + (from.b + per_row.b * y) * y + from.c + per_row.c * y;
+}
+
+// Source rows from one output row to the next. two_passes_do keeps it from 0 within the picture.
+double PlaneWarp::Interval::going_down(double x, double y) const {
+    return std::max(per_row.d * x + from.e + 2 * per_row.e * y + per_row.f, SMALLEST_STEP / 4);
+}
+
+// Newton's method, from a row that is near.
+void PlaneWarp::find_crossing(double x, double source_row, Crossing& crossing) const {
+    constexpr int MOST_STEPS = 6;
+    constexpr double NEAR_ENOUGH = 1e-4;  // the next step ends nearer than its square
+    double change = 1;
+    for (int i = 0; i < MOST_STEPS && std::abs(change) > NEAR_ENOUGH; ++i) {
+        const Interval& interval = *crossing.interval;
+        const double y = crossing.row;
+        change = (source_row - interval.source_row(x, y)) / interval.going_down(x, y);
+        crossing.row += change;
+        if (!interval.has(crossing.row)) {
+            crossing.interval = &interval_at(crossing.row);
         }
-        const Affine2& from = interval->from;
-        const Affine2& per_row = interval->per_row;
-        const double d = from.d + per_row.d * y;
-        const double e = from.e + per_row.e * y;
-        const double f = from.f + per_row.f * y;
-        // Source rows per output row; two_passes_do keeps it from 0 within the picture.
-        const double going_down =
-            std::max(e + per_row.d * x + per_row.e * y + per_row.f, SMALLEST_STEP / 4);
-        const double inverse = 1 / going_down;
-        y += (source_row - (d * x + e * y + f)) * inverse;
-        crossing.slope = -d * inverse;
     }
-    if (!(y >= interval->begin && y < interval->end)) {
-        interval = &interval_at(y);
-    }
-    crossing.interval = interval;
-    crossing.row = y;
 }
 
 double PlaneWarp::middle_of_first_block(int strip) const {
@@ -237,20 +240,26 @@ void PlaneWarp::place_across(int source_row, int strip, int blocks, Placement* p
         }
         return;
     }
-    constexpr int STEPS = 6;  // from afar
-    Crossing crossing{&interval_at(top), top, 0};
-    find_crossing(x, source_row, STEPS, crossing);
+    Crossing left{&interval_at(top), top};
+    find_crossing(x, source_row, left);
+    Crossing right = left;
+    find_crossing(x + (STRIP_BLOCKS - 1) * block_width(), source_row, right);
+    const double slope = (right.row - left.row) / (STRIP_BLOCKS - 1);
     for (int block = 0; block < blocks; ++block) {
         const double middle = x + block * block_width();
-        find_crossing(middle, source_row, 2, crossing);
-        const Affine2& from = crossing.interval->from;
-        const Affine2& per_row = crossing.interval->per_row;
-        const double y = crossing.row;
-        const double source_x = (from.a + per_row.a * y) * middle + (from.b + per_row.b * y) * y +
-                                from.c + per_row.c * y;
+        const double near = left.row + block * slope;
+        Crossing crossing{left.interval, near};
+        if (left.interval == right.interval) {
+            crossing.row += (source_row - left.interval->source_row(middle, near)) /
+                            left.interval->going_down(middle, near);
+        } else {
+            crossing.interval = &interval_at(near);
+            find_crossing(middle, source_row, crossing);
+        }
         const std::size_t table = crossing.interval->table;
-        placements[block] = {table, fixed_point(source_x - tables_[table].step * to_middle)};
-        crossing.row += crossing.slope * block_width();
+        placements[block] = {table,
+                             fixed_point(crossing.interval->source_column(middle, crossing.row) -
+                                         tables_[table].step * to_middle)};
     }
 }
 

@@ -133,18 +133,22 @@ class PlaneWarp {
         std::size_t table;
         Affine2 from;
         Affine2 per_row;
+
+        bool has(double row) const { return row >= begin && row < end; }
+        double source_row(double x, double y) const;
+        double source_column(double x, double y) const;
+        double going_down(double x, double y) const;
     };
     // Where a column shows a row of the source.
     struct Crossing {
         const Interval* interval;
-        double row;    // of the output
-        double slope;  // rows of the output from one column to the next, along the source row
+        double row;  // of the output
     };
 
     void make_tables();
     void make_intervals();
     const Interval& interval_at(double row) const;
-    void find_crossing(double x, double source_row, int steps, Crossing& crossing) const;
+    void find_crossing(double x, double source_row, Crossing& crossing) const;
     double block_width() const { return static_cast<double>(BLOCK) / shape_.format.channels; }
     double middle_of_first_block(int strip) const;
     void warp_row_directly(const SourcePlane& source, const TargetPlane& target, int row,
