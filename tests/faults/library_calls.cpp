@@ -258,10 +258,14 @@ bool watch_library() {
     WATCH(clCreateProgramWithSource);
     WATCH(clEnqueueNDRangeKernel);
     WATCH(clEnqueueReadBuffer);
+    WATCH(clEnqueueReadBufferRect);
     WATCH(clEnqueueWriteBuffer);
+    WATCH(clEnqueueWriteBufferRect);
     WATCH(clFinish);
+    WATCH(clFlush);
     WATCH(clGetContextInfo);
     WATCH(clGetDeviceInfo);
+    WATCH(clGetKernelWorkGroupInfo);
     WATCH(clGetPlatformIDs);
     WATCH(clGetPlatformInfo);
     WATCH(clGetProgramBuildInfo);
@@ -269,6 +273,7 @@ bool watch_library() {
     WATCH(clReleaseKernel);
     WATCH(clReleaseMemObject);
     WATCH(clSetKernelArg);
+    WATCH(clWaitForEvents);
 #undef WATCH
     return true;
 }

@@ -11,6 +11,7 @@
 #include "gpu_warp/opencl_device.h"
 #include "gpu_warp/opencl_picture_warper.h"
 #include "picture_warp/native_warper.h"
+#include "tests/faults/library_calls.h"
 #include "videostabilizer/affine_transformer_ocl.h"
 #include "videostabilizer/result.h"
 
@@ -118,6 +119,37 @@ TEST(GpuWarp, IsSampleForSampleTheNativeWarp) {
                 }
             }
         }
+    }
+}
+
+TEST(FailingOpencl, EndsTheWarpWithACodeAndLeavesNothing) {
+    ASSERT_EQ(affine_transformer_ocl_module_init(), 1);
+    const PictureShape shape = picture_shape(80, 48, ROWS[0].layout);
+    const Picture source(shape, 4, false);
+    Picture target(shape, 0, false);  // its luma rows are whole blocks
+    ASSERT_NE(OpenclPictureWarper::create(shape, Resampling::LANCZOS3), nullptr);  // builds
+    test_support::watch_library();
+    for (const char* const call :
+         {"clCreateKernel", "clGetKernelWorkGroupInfo", "clCreateCommandQueue", "clCreateBuffer",
+          "clEnqueueWriteBuffer", "clEnqueueWriteBufferRect", "clSetKernelArg",
+          "clEnqueueNDRangeKernel", "clEnqueueReadBuffer", "clEnqueueReadBufferRect", "clFlush",
+          "clWaitForEvents", "clFinish"}) {
+        bool failed = true;
+        int n = 0;
+        while (failed) {
+            test_support::fail({call, ++n});
+            auto warper = OpenclPictureWarper::create(shape, Resampling::LANCZOS3);
+            const bool done = warper != nullptr && warper->warp(source.planes, maps()[1].map,
+                                                                target.planes) == RESULT_OK;
+            failed = test_support::let_all_succeed();
+            EXPECT_EQ(done, !failed) << call << ' ' << n;
+            if (warper != nullptr) {
+                EXPECT_EQ(warper->warp(source.planes, maps()[1].map, target.planes), RESULT_OK);
+            }
+            warper.reset();
+            EXPECT_EQ(test_support::live_opencl_objects(), 0) << call << ' ' << n;
+        }
+        EXPECT_GT(n, 1) << call << " is never called";
     }
 }
 
