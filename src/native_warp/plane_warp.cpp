@@ -228,20 +228,27 @@ double PlaneWarp::middle_of_first_block(int strip) const {
     return strip * STRIP_BLOCKS * block_width() + 0.5 * (block_width() - 1);
 }
 
+std::int64_t PlaneWarp::place_evenly(int source_row, int strip, std::int64_t& step) const {
+    const double x = middle_of_first_block(strip);
+    const double y = (source_row - middle_.d * x - middle_.f) / middle_.e;
+    const double only_step = tables_.front().step;
+    step = fixed_point(only_step * block_width());
+    return fixed_point(middle_.a * x + middle_.b * y + middle_.c -
+                       only_step * 0.5 * (block_width() - 1));
+}
+
 void PlaneWarp::place_across(int source_row, int strip, int blocks, Placement* placements) const {
     const double to_middle = 0.5 * (block_width() - 1);
     const double x = middle_of_first_block(strip);
-    const double top = (source_row - middle_.d * x - middle_.f) / middle_.e;
     if (evenly_spaced()) {
-        const Tables& only = tables_.front();
-        const Affine2& t = middle_;
-        const std::int64_t first = fixed_point(t.a * x + t.b * top + t.c - only.step * to_middle);
-        const std::int64_t step = fixed_point(only.step * block_width());
+        std::int64_t step = 0;
+        const std::int64_t first = place_evenly(source_row, strip, step);
         for (int block = 0; block < blocks; ++block) {
             placements[block] = {0, first + block * step};
         }
         return;
     }
+    const double top = (source_row - middle_.d * x - middle_.f) / middle_.e;
     Crossing left{&interval_at(top), top};
     find_crossing(x, source_row, left);
     Crossing right = left;
@@ -266,15 +273,16 @@ void PlaneWarp::place_across(int source_row, int strip, int blocks, Placement* p
 }
 
 PlaneWarp::Placement PlaneWarp::place_down(int row, int strip, std::int64_t& step) const {
-    const Affine2 t = map_.at(row);
-    const std::size_t table = interval_at(row).table;
+    const Affine2 t = evenly_spaced() ? middle_ : map_.at(row);
+    const std::size_t table = evenly_spaced() ? 0 : interval_at(row).table;
     const double to_middle = 0.5 * (block_width() - 1);
     step = fixed_point(t.d * block_width());
     return {table, fixed_point(t.d * middle_of_first_block(strip) + t.e * row + t.f -
                                tables_[table].slope * to_middle)};
 }
 
-// A strip of the output while it is computed from top to bottom.
+// A strip of the output while it is computed from top to bottom. Runs are kept from row to row, since
+// little of them changes.
 class PlaneWarp::Strip {
   public:
     Strip(const PlaneWarp& warp, const WarpVariant& variant, const SourcePlane& source,
@@ -284,124 +292,155 @@ class PlaneWarp::Strip {
           source_(source),
           scratch_(scratch),
           strip_(strip),
-          samples_(std::min(STRIP, samples(warp.shape_) - strip * STRIP)) {}
+          samples_(std::min(STRIP, samples(warp.shape_) - strip * STRIP)),
+          blocks_((samples_ + BLOCK - 1) / BLOCK) {
+        across_.format = down_.format = warp.shape_.format;
+        down_.row_mask = warp.row_mask_;
+        down_.row_pitch = STRIP;
+        use_across_table(0);
+        use_down_table(0);
+    }
 
     static int samples(const PlaneShape& shape) { return shape.width * shape.format.channels; }
 
     void make_row(const TargetPlane& target, int y) {
-        const PlaneShape& shape = warp_.shape_;
-        DownRun run{};
-        const Placement place = warp_.place_down(y, strip_, run.step);
-        const DownTable& table = warp_.tables_[place.table].down;
-        run.format = shape.format;
-        run.phases = table.phases;
-        run.weights = table.weights.data();
-        run.rows = scratch_.rows();
-        run.row_mask = warp_.row_mask_;
-        run.row_pitch = STRIP;
-        run.position = place.position;
-        run.blocks = samples_ / BLOCK;
-        const int rest = samples_ % BLOCK;
-        const int blocks = run.blocks + (rest != 0 ? 1 : 0);
+        const Placement place = warp_.place_down(y, strip_, down_.step);
+        use_down_table(place.table);
+        const int left_row = block_position(place.position).sample;
+        const int right_row = block_position(place.position + down_.step * (blocks_ - 1)).sample;
+        make_intermediate_rows(std::min(left_row, right_row) + down_begin_,
+                               std::max(left_row, right_row) + down_end_);
 
-        const int left_row = block_position(run.position).sample;
-        const int right_row = block_position(run.position + run.step * (blocks - 1)).sample;
-        make_intermediate_rows(std::min(left_row, right_row) + table.begin,
-                               std::max(left_row, right_row) + table.end, blocks);
-        run.out = target.data + y * target.stride +
-                  static_cast<std::ptrdiff_t>(strip_) * STRIP * shape.format.bytes;
-        variant_.down(run);
-        if (rest != 0) {
-            unsigned char last[2 * BLOCK];
-            unsigned char* const out =
-                run.out + static_cast<std::ptrdiff_t>(run.blocks) * BLOCK * shape.format.bytes;
-            run.rows += static_cast<std::ptrdiff_t>(run.blocks) * BLOCK;
-            run.position += run.step * run.blocks;
-            run.blocks = 1;
-            run.out = last;
-            variant_.down(run);
-            std::memcpy(
-                out, last,
-                static_cast<std::size_t>(rest) * static_cast<std::size_t>(shape.format.bytes));
+        const int bytes = down_.format.bytes;
+        down_.rows = scratch_.rows();
+        down_.position = place.position;
+        down_.blocks = samples_ / BLOCK;
+        down_.out =
+            target.data + y * target.stride + static_cast<std::ptrdiff_t>(strip_) * STRIP * bytes;
+        variant_.down(down_);
+        if (down_.blocks < blocks_) {
+            make_last_block();
         }
     }
 
   private:
+    // The rest of a row, of fewer samples than a block has.
+    void make_last_block() {
+        unsigned char last[2 * BLOCK];
+        const int whole = down_.blocks;
+        unsigned char* const out =
+            down_.out + static_cast<std::ptrdiff_t>(whole) * BLOCK * down_.format.bytes;
+        down_.rows += static_cast<std::ptrdiff_t>(whole) * BLOCK;
+        down_.position += down_.step * whole;
+        down_.blocks = 1;
+        down_.out = last;
+        variant_.down(down_);
+        std::memcpy(out, last,
+                    static_cast<std::size_t>(samples_ % BLOCK) *
+                        static_cast<std::size_t>(down_.format.bytes));
+    }
+
+    void use_down_table(std::size_t index) {
+        const DownTable& table = warp_.tables_[index].down;
+        down_.phases = table.phases;
+        down_.weights = table.weights.data();
+        down_begin_ = table.begin;
+        down_end_ = table.end;
+    }
+
+    void use_across_table(std::size_t index) {
+        const AcrossTable& table = warp_.tables_[index].across;
+        across_.pairs = table.pairs;
+        across_.phases = table.phases;
+        across_.weights = table.weights.data();
+        across_begin_ = table.begin;
+        across_end_ = table.end;
+    }
+
     // Makes those of the intermediate rows begin..end - 1 that are not there yet.
-    void make_intermediate_rows(int begin, int end, int blocks) {
+    void make_intermediate_rows(int begin, int end) {
         if (begin < rows_begin_ || begin > rows_end_) {
             rows_begin_ = rows_end_ = begin;
         }
         for (; rows_end_ < end; ++rows_end_) {
-            make_intermediate_row(rows_end_, blocks);
+            make_intermediate_row(rows_end_);
         }
         rows_begin_ = std::max(rows_begin_, rows_end_ - (warp_.row_mask_ + 1));
     }
 
-    void make_intermediate_row(int row, int blocks) {
-        const PlaneShape& shape = warp_.shape_;
-        AcrossRun run{};
-        run.format = shape.format;
-        run.row = source_.data + std::clamp(row, 0, shape.height - 1) * source_.stride;
-        run.out = scratch_.rows() + static_cast<std::ptrdiff_t>(row & warp_.row_mask_) * STRIP;
-
-        Placement placements[STRIP_BLOCKS];
+    void make_intermediate_row(int row) {
+        across_.row = source_.data + std::clamp(row, 0, warp_.shape_.height - 1) * source_.stride;
+        std::int16_t* const out =
+            scratch_.rows() + static_cast<std::ptrdiff_t>(row & warp_.row_mask_) * STRIP;
         std::int64_t positions[STRIP_BLOCKS];
-        warp_.place_across(row, strip_, blocks, placements);
-        for (int begin = 0, end = 0; begin < blocks; begin = end) {
+        if (warp_.evenly_spaced()) {
+            std::int64_t step = 0;
+            positions[0] = warp_.place_evenly(row, strip_, step);
+            for (int block = 1; block < blocks_; ++block) {
+                positions[block] = positions[block - 1] + step;
+            }
+            if (is_inside(positions[0]) && is_inside(positions[blocks_ - 1])) {
+                filter_across(positions, blocks_, out);
+            } else {
+                make_blocks(positions, blocks_, out);
+            }
+            return;
+        }
+        Placement placements[STRIP_BLOCKS];
+        warp_.place_across(row, strip_, blocks_, placements);
+        for (int begin = 0, end = 0; begin < blocks_; begin = end) {
             const std::size_t table = placements[begin].table;
-            for (; end < blocks && placements[end].table == table; ++end) {
+            for (; end < blocks_ && placements[end].table == table; ++end) {
                 positions[end] = placements[end].position;
             }
-            run.positions = positions + begin;
-            run.blocks = end - begin;
-            make_blocks(run, warp_.tables_[table].across);
-            run.out += static_cast<std::ptrdiff_t>(run.blocks) * BLOCK;
+            use_across_table(table);
+            make_blocks(positions + begin, end - begin,
+                        out + static_cast<std::ptrdiff_t>(begin) * BLOCK);
         }
     }
 
-    void make_blocks(AcrossRun run, const AcrossTable& table) {
-        const std::int64_t* const positions = run.positions;
-        const int blocks = run.blocks;
-        std::int16_t* const out = run.out;
-        run.pairs = table.pairs;
-        run.phases = table.phases;
-        run.weights = table.weights.data();
-        const auto is_inside = [&](int block) {
-            const int sample = block_position(positions[block]).sample * run.format.channels;
-            return sample + table.begin >= 0 && sample + table.end <= samples(warp_.shape_);
-        };
+    void filter_across(const std::int64_t* positions, int blocks, std::int16_t* out) {
+        across_.positions = positions;
+        across_.blocks = blocks;
+        across_.out = out;
+        variant_.across(across_);
+    }
+
+    // Whether a block reads nothing beyond the row.
+    bool is_inside(std::int64_t position) const {
+        const int sample = block_position(position).sample * across_.format.channels;
+        return sample + across_begin_ >= 0 && sample + across_end_ <= samples(warp_.shape_);
+    }
+
+    void make_blocks(const std::int64_t* positions, int blocks, std::int16_t* out) {
         for (int begin = 0; begin < blocks; ++begin) {
             int end = begin;
-            while (end < blocks && is_inside(end)) {
+            while (end < blocks && is_inside(positions[end])) {
                 ++end;
             }
-            run.positions = positions + begin;
-            run.blocks = end - begin;
-            run.out = out + static_cast<std::ptrdiff_t>(begin) * BLOCK;
-            variant_.across(run);
+            filter_across(positions + begin, end - begin,
+                          out + static_cast<std::ptrdiff_t>(begin) * BLOCK);
             if (end < blocks) {
-                run.out = out + static_cast<std::ptrdiff_t>(end) * BLOCK;
-                make_edge_block(run, table, positions[end]);
+                make_edge_block(positions[end], out + static_cast<std::ptrdiff_t>(end) * BLOCK);
             }
             begin = end;
         }
     }
 
     // A block that reads beyond the row, from a copy in which the row's ends repeat.
-    void make_edge_block(AcrossRun run, const AcrossTable& table, std::int64_t position) {
-        const SampleFormat& format = run.format;
-        const int first_pixel = block_position(position).sample + table.begin / format.channels;
-        const int pixels = (table.end - table.begin + format.channels - 1) / format.channels;
+    void make_edge_block(std::int64_t position, std::int16_t* out) {
+        const SampleFormat& format = across_.format;
+        const int first_pixel = block_position(position).sample + across_begin_ / format.channels;
+        const int pixels = (across_end_ - across_begin_ + format.channels - 1) / format.channels;
+        const unsigned char* const row = across_.row;
         copy_clamped(
-            run.row, warp_.shape_.width,
+            row, warp_.shape_.width,
             static_cast<std::size_t>(format.bytes) * static_cast<std::size_t>(format.channels),
             first_pixel, pixels, scratch_.window());
         position -= static_cast<std::int64_t>(first_pixel) * (std::int64_t{1} << POSITION_BITS);
-        run.row = scratch_.window();
-        run.positions = &position;
-        run.blocks = 1;
-        variant_.across(run);
+        across_.row = scratch_.window();
+        filter_across(&position, 1, out);
+        across_.row = row;
     }
 
     const PlaneWarp& warp_;
@@ -410,6 +449,13 @@ class PlaneWarp::Strip {
     WarpScratch& scratch_;
     int strip_;
     int samples_;
+    int blocks_;  // the last one may be filled up
+    AcrossRun across_{};
+    DownRun down_{};
+    int across_begin_ = 0;  // of the tables in use
+    int across_end_ = 0;
+    int down_begin_ = 0;
+    int down_end_ = 0;
     int rows_begin_ = 0;  // the intermediate rows that are there
     int rows_end_ = 0;
 };

@@ -114,8 +114,10 @@ class PlaneWarp {
     // may be one beyond its ends.
     void place_across(int source_row, int strip, int blocks, Placement* placements) const;
 
-    // Whether they are equally far apart in all rows, and have the same table.
+    // Whether they are equally far apart in all rows, and have table 0: then only the first, and how
+    // far the next ones are from it.
     bool evenly_spaced() const { return map_.transforms.size() == 1; }
+    std::int64_t place_evenly(int source_row, int strip, std::int64_t& step) const;
 
     // The second pass: at which source row the first block of a strip begins in a row of the output, and
     // how far the next ones are from it.
