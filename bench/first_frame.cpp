@@ -2,9 +2,9 @@
 
 // Measures the start-up of its own process; run by the start-up benchmark.
 //
-//     bench_first_frame WIDTH HEIGHT STARTED
+//     bench_first_frame WIDTH HEIGHT ENGINE STARTED
 //
-// STARTED is when the process was started, in seconds on the monotonic clock. Prints a line
+// ENGINE is "opencl", with the defaults, or "native", with the strength standard. STARTED is when the process was started, in seconds on the monotonic clock. Prints a line
 // "part milliseconds" for each part from there to the first output frame.
 
 #define CL_TARGET_OPENCL_VERSION 120
@@ -13,6 +13,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "bench/measure.h"
@@ -66,18 +67,22 @@ cl_int clEnqueueReadBuffer(cl_command_queue queue, cl_mem buffer, cl_bool blocki
 
 int main(int argc, char** argv) {
     const double in_main = now();
-    if (argc != 4) {
+    if (argc != 5) {
         return 2;
     }
     const int width = std::atoi(argv[1]);
     const int height = std::atoi(argv[2]);
-    const double started = std::atof(argv[3]);
-    if (video_stabilizer_module_init() != 0) {
+    const bool native = std::strcmp(argv[3], "native") == 0;
+    const double started = std::atof(argv[4]);
+    if (!native && video_stabilizer_module_init() != 0) {
         return 1;
     }
     const double ready = now();
-    VideoStabilizer* const s =
-        video_stabilizer_create(width, height, width, width / 2, PIX_FMT_YUV420P, 0, 0, nullptr);
+    VideoStabilizerOptions options;
+    video_stabilizer_options_for_strength(&options, STABILIZER_STANDARD);
+    options.engine = STABILIZER_ENGINE_NATIVE;
+    VideoStabilizer* const s = video_stabilizer_create_with_options(
+        width, height, width, width / 2, PIX_FMT_YUV420P, 0, nullptr, native ? &options : nullptr);
     if (s == nullptr || video_stabilizer_start(s) != 0) {
         return 1;
     }

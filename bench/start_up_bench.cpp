@@ -32,12 +32,12 @@ struct CacheFolder {
 };
 
 // Runs a process to its first frame and adds the time of each part. False if it failed.
-bool add_run(const CacheFolder& cache, const benchmark::State& state,
+bool add_run(const CacheFolder& cache, const benchmark::State& state, const char* engine,
              std::map<std::string, std::vector<double>>& parts) {
     const fs::path program = fs::read_symlink("/proc/self/exe").parent_path() / "bench_first_frame";
     const std::string command = "POCL_CACHE_DIR='" + cache.path.string() + "' '" +
                                 program.string() + "' " + std::to_string(state.range(0)) + " " +
-                                std::to_string(state.range(1)) + " " +
+                                std::to_string(state.range(1)) + " " + engine + " " +
                                 std::to_string(bench::seconds_of(CLOCK_MONOTONIC));
     // NOLINTNEXTLINE(cert-env33-c): a program of ours, by a path of ours
     std::FILE* const output = popen(command.c_str(), "r");
@@ -55,16 +55,16 @@ bool add_run(const CacheFolder& cache, const benchmark::State& state,
     return pclose(output) == 0;
 }
 
-void BM_StartUp(benchmark::State& state, bool warm) {
+void BM_StartUp(benchmark::State& state, const char* engine, bool warm) {
     std::map<std::string, std::vector<double>> parts;
     const CacheFolder warm_cache;
     std::map<std::string, std::vector<double>> ignored;
-    if (warm && !add_run(warm_cache, state, ignored)) {
+    if (warm && !add_run(warm_cache, state, engine, ignored)) {
         state.SkipWithError("no first frame");
     }
     for (auto _ : state) {
         const CacheFolder cold_cache;
-        if (!add_run(warm ? warm_cache : cold_cache, state, parts)) {
+        if (!add_run(warm ? warm_cache : cold_cache, state, engine, parts)) {
             state.SkipWithError("no first frame");
             break;
         }
@@ -74,13 +74,19 @@ void BM_StartUp(benchmark::State& state, bool warm) {
         state.counters[name] = bench::median(times);
     }
 }
-BENCHMARK_CAPTURE(BM_StartUp, cold, false)
+BENCHMARK_CAPTURE(BM_StartUp, native, "native", true)
+    ->ArgNames({"w", "h"})
+    ->Args({1280, 720})
+    ->Iterations(15)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_StartUp, cold, "opencl", false)
     ->ArgNames({"w", "h"})
     ->Args({1280, 720})
     ->Iterations(5)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_StartUp, warm, true)
+BENCHMARK_CAPTURE(BM_StartUp, warm, "opencl", true)
     ->ArgNames({"w", "h"})
     ->Args({1280, 720})
     ->Iterations(15)
