@@ -48,8 +48,8 @@ struct PixelLayout {
 // The planes of a picture: Y, U, V or Y, UV or Y. Those that the layout does not have are ignored.
 struct PicturePlanes {
     unsigned char* data[3];  // the first row of each
-    std::int32_t stride[3];  // bytes from a row to the next below it; negative where the first row is
-                             // the last in memory. Even for samples of two bytes
+    std::int32_t stride[3];  // bytes from a row to the next; negative where the first row is the
+                             // last in memory; even for samples of two bytes
 };
 
 // Creates a frame of any layout. Its `format` is PIX_FMT_PICTURE; the other fields of Frame have the

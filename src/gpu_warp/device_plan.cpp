@@ -64,7 +64,7 @@ void DevicePlan::add_down_places(int height, const PlaneWarp& warp) {
     begin(PLAN_DOWN_PLACES);
     const std::size_t rows = numbers_.size() + static_cast<std::size_t>(2 * strips * height);
     std::vector<std::int32_t> row_numbers;
-    row_numbers.reserve(static_cast<std::size_t>(4 * height));
+    row_numbers.reserve(4 * static_cast<std::size_t>(height));
     for (int y = 0; y < height; ++y) {
         std::int64_t step = 0;
         PlaneWarp::Placement place{};

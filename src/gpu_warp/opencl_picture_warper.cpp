@@ -193,6 +193,7 @@ bool OpenclPictureWarper::run_kernel(const Kernel& kernel, const Plan& plan, con
     cl_uint index = 0;
     for (const Buffer* buffer : {&plan.numbers, &plan.weights, &from, &to}) {
         cl_mem memory = buffer->memory.get();
+        // NOLINTNEXTLINE(bugprone-sizeof-expression): OpenCL's handles are pointers
         if (!ocl_succeeded(clSetKernelArg(kernel.handle.get(), index++, sizeof(memory), &memory),
                            "clSetKernelArg")) {
             return false;

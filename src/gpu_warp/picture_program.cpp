@@ -49,7 +49,7 @@ cl_program picture_program() {
                             "OpenCL is not set up: call video_stabilizer_module_init first");
         return nullptr;
     }
-    static cl_program const program = build();
+    static cl_program program = build();
     if (program == nullptr) {
         __android_log_print(LOG_ERROR, WARP_OCL_TAG, "The kernels for pictures do not build");
     }

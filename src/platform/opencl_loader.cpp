@@ -41,6 +41,7 @@ void* open_library() {
             return library;
         }
         // Why a library that exists cannot be used is worth knowing.
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): glibc and Bionic have one for each thread
         __android_log_print(LOG_INFO, "warp_affine_ocl", "%s", dlerror());
     }
     __android_log_print(LOG_WARN, "warp_affine_ocl", "There is no OpenCL library");

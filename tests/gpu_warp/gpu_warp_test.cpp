@@ -25,7 +25,8 @@ struct Picture {
         for (int k = 0; k < shape.planes; ++k) {
             const PlaneShape& plane = shape.plane[k].shape;
             const int stride = plane.width * plane.format.channels * plane.format.bytes + gap;
-            bytes[k].assign(static_cast<std::size_t>(stride * plane.height), 0xA5);
+            bytes[k].assign(
+                static_cast<std::size_t>(stride) * static_cast<std::size_t>(plane.height), 0xA5);
             const int first = upside_down ? (plane.height - 1) * stride : 0;
             planes.data[k] = bytes[k].data() + first;
             planes.stride[k] = upside_down ? -stride : stride;

@@ -79,7 +79,8 @@ struct HostPicture {
             const Plane p = plane_of(layout, k);
             for (int y = 0; y < p.height; ++y) {
                 for (int x = 0; x < p.width * p.channels; ++x) {
-                    const double value = level(x / p.channels * p.step_x + p.first_x,
+                    const int column = x / p.channels;
+                    const double value = level(column * p.step_x + p.first_x,
                                                y * p.step_y + p.first_y, k + x % p.channels);
                     const auto code = static_cast<std::uint16_t>(
                         std::lround(std::ldexp(value, layout.bit_depth - 8)) << shift_of(layout));
@@ -119,8 +120,8 @@ double worst_error(const Frame* frame, const PixelLayout& layout) {
                 std::memcpy(&code, sample_at(layout, planes, k, x, y),
                             layout.bit_depth > 8 ? 2 : 1);
                 const double level = std::ldexp(code >> shift_of(layout), 8 - layout.bit_depth);
-                const double from_x =
-                    ODD_WIDTH / 4.0 + 0.5 * (x / p.channels * p.step_x + p.first_x);
+                const int column = x / p.channels;
+                const double from_x = ODD_WIDTH / 4.0 + 0.5 * (column * p.step_x + p.first_x);
                 const double from_y = ODD_HEIGHT / 4.0 + 0.5 * (y * p.step_y + p.first_y);
                 worst =
                     std::max(worst, std::abs(level - waves_at(from_x, from_y, k + x % p.channels)));
