@@ -54,8 +54,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             return 0;
         }
         video_io::Y4mWriter writer(sink, header);
-        const int stride_y = header.width + static_cast<int>(size % 3);
-        const int stride_uv = header.chroma_width() + static_cast<int>(size % 3);
+        const int stride_y = header.width * header.sample_bytes() + static_cast<int>(size % 3);
+        const int stride_uv =
+            header.chroma_width() * header.sample_bytes() + static_cast<int>(size % 3);
         const auto plane = [](int stride, int height) {
             return std::vector<unsigned char>(static_cast<std::size_t>(stride) *
                                               static_cast<std::size_t>(height));

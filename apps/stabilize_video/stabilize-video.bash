@@ -16,6 +16,10 @@ _stabilize_video() {
       mapfile -t COMPREPLY < <(compgen -W 'stated bilinear sharp' -- "$cur")
       return
       ;;
+    --engine)
+      mapfile -t COMPREPLY < <(compgen -W 'native auto opencl' -- "$cur")
+      return
+      ;;
     --preset)
       mapfile -t COMPREPLY < <(compgen -W 'ultrafast superfast veryfast faster fast medium slow
         slower veryslow' -- "$cur")
@@ -33,7 +37,8 @@ _stabilize_video() {
       _filedir '@(png|svg)'
       return
       ;;
-    --look-ahead | --crop | --crf | --jobs | --input-format | --input-option | --output-format)
+    --look-ahead | --crop | --threads | --crf | --jobs | --input-format | --input-option | \
+      --output-format)
       return
       ;;
   esac

@@ -14,8 +14,19 @@ namespace {
 constexpr std::string_view STREAM_MAGIC = "YUV4MPEG2";
 constexpr std::string_view FRAME_MAGIC = "FRAME";
 
-// The 8-bit 4:2:0 names. They differ in the siting of chroma samples only.
-constexpr std::string_view CHROMA_420[] = {"420", "420jpeg", "420mpeg2", "420paldv"};
+// Names of chroma formats. Those that end in jpeg, mpeg2 or paldv also tell the siting.
+struct ChromaName {
+    Y4mChroma chroma;
+    std::string_view name;  // of 8 bits
+    std::string_view deep;  // of others, up to the bit depth; "": there are none
+};
+constexpr ChromaName CHROMA_NAMES[] = {
+    {Y4mChroma::C420, "420", "420p"},  {Y4mChroma::C422, "422", "422p"},
+    {Y4mChroma::C444, "444", "444p"},  {Y4mChroma::GREY, "mono", "mono"},
+    {Y4mChroma::C420, "420jpeg", ""},  {Y4mChroma::C420, "420mpeg2", ""},
+    {Y4mChroma::C420, "420paldv", ""},
+};
+constexpr int BEYOND_8_BITS[] = {9, 10, 12, 14, 16};
 
 enum class LineEnd { NEWLINE, END_OF_STREAM, TOO_LONG };
 
@@ -68,11 +79,28 @@ int parse_side(std::string_view text, const char* name) {
     return value;
 }
 
-void check_chroma(std::string_view name) {
-    if (std::find(std::begin(CHROMA_420), std::end(CHROMA_420), name) == std::end(CHROMA_420)) {
-        throw Y4mChromaError("the chroma format is " + quoted(name) +
-                             ", but only 8-bit 4:2:0 is handled");
+// Sets the fields that the name of the chroma format tells.
+void read_chroma(const std::string& name, Y4mHeader& header) {
+    header.chroma_name = name;
+    for (const ChromaName& known : CHROMA_NAMES) {
+        header.chroma = known.chroma;
+        header.bit_depth = 8;
+        if (name == known.name) {
+            return;
+        }
+        for (const int depth : BEYOND_8_BITS) {
+            header.bit_depth = depth;
+            if (!known.deep.empty() && name == std::string(known.deep) + std::to_string(depth)) {
+                return;
+            }
+        }
     }
+    const std::string fault = "the chroma format is " + quoted(name) +
+                              ", but only 420, 422, 444 and mono of 8 to 16 bits are handled";
+    if (name == "411") {
+        throw Y4mChromaError(fault);
+    }
+    throw Y4mError(fault);
 }
 
 bool starts_with(std::string_view text, std::string_view start) {
@@ -127,17 +155,13 @@ Y4mHeader parse_y4m_header(const std::string& line) {
     if (chroma.empty()) {
         chroma = chroma_comment.empty() ? "420" : chroma_comment;
     }
-    check_chroma(chroma);
+    read_chroma(chroma, header);
     return header;
 }
 
 Y4mHeader make_y4m_header(int width, int height, const std::string& rate) {
-    Y4mHeader header;
-    header.width = width;
-    header.height = height;
-    header.line = std::string(STREAM_MAGIC) + " W" + std::to_string(width) + " H" +
-                  std::to_string(height) + " F" + rate + " Ip A1:1 C420jpeg";
-    return header;
+    return parse_y4m_header(std::string(STREAM_MAGIC) + " W" + std::to_string(width) + " H" +
+                            std::to_string(height) + " F" + rate + " Ip A1:1 C420jpeg");
 }
 
 Y4mReader::Y4mReader(ByteSource& source) : source_(source) {
@@ -165,13 +189,13 @@ Y4mReader::Y4mReader(ByteSource& source) : source_(source) {
     header_ = parse_y4m_header(start + line);
 }
 
-void Y4mReader::read_plane(unsigned char* plane, std::ptrdiff_t stride, int width, int height,
+void Y4mReader::read_plane(unsigned char* plane, std::ptrdiff_t stride, int row_bytes, int rows,
                            std::int64_t& done) {
-    const bool packed = stride == width;
+    const bool packed = stride == row_bytes;
     const std::size_t piece =
-        packed ? static_cast<std::size_t>(width) * static_cast<std::size_t>(height)
-               : static_cast<std::size_t>(width);
-    for (int row = 0; row < (packed ? 1 : height); ++row) {
+        packed ? static_cast<std::size_t>(row_bytes) * static_cast<std::size_t>(rows)
+               : static_cast<std::size_t>(row_bytes);
+    for (int row = 0; row < (packed ? 1 : rows); ++row) {
         const std::size_t got = source_.read(plane + row * stride, piece);
         done += static_cast<std::int64_t>(got);
         if (got < piece) {
@@ -203,9 +227,13 @@ bool Y4mReader::read_frame(const Planes& planes) {
     }
 
     std::int64_t done = 0;
-    read_plane(planes.y, planes.stride_y, header_.width, header_.height, done);
+    const int bytes = header_.sample_bytes();
+    read_plane(planes.y, planes.stride_y, header_.width * bytes, header_.height, done);
     for (unsigned char* plane : {planes.u, planes.v}) {
-        read_plane(plane, planes.stride_uv, header_.chroma_width(), header_.chroma_height(), done);
+        if (!header_.is_grey()) {
+            read_plane(plane, planes.stride_uv, header_.chroma_width() * bytes,
+                       header_.chroma_height(), done);
+        }
     }
     frame_parameters_ = line.substr(FRAME_MAGIC.size());
     ++frames_;
@@ -217,19 +245,23 @@ Y4mWriter::Y4mWriter(ByteSink& sink, const Y4mHeader& header) : sink_(sink), hea
     sink_.write(reinterpret_cast<const unsigned char*>(line.data()), line.size());
 }
 
-void Y4mWriter::write_plane(const unsigned char* plane, std::ptrdiff_t stride, int width,
-                            int height) {
-    for (int row = 0; row < height; ++row) {
-        sink_.write(plane + row * stride, static_cast<std::size_t>(width));
+void Y4mWriter::write_plane(const unsigned char* plane, std::ptrdiff_t stride, int row_bytes,
+                            int rows) {
+    for (int row = 0; row < rows; ++row) {
+        sink_.write(plane + row * stride, static_cast<std::size_t>(row_bytes));
     }
 }
 
 void Y4mWriter::write_frame(const Planes& planes, const std::string& parameters) {
     const std::string line = std::string(FRAME_MAGIC) + parameters + '\n';
     sink_.write(reinterpret_cast<const unsigned char*>(line.data()), line.size());
-    write_plane(planes.y, planes.stride_y, header_.width, header_.height);
+    const int bytes = header_.sample_bytes();
+    write_plane(planes.y, planes.stride_y, header_.width * bytes, header_.height);
     for (const unsigned char* plane : {planes.u, planes.v}) {
-        write_plane(plane, planes.stride_uv, header_.chroma_width(), header_.chroma_height());
+        if (!header_.is_grey()) {
+            write_plane(plane, planes.stride_uv, header_.chroma_width() * bytes,
+                        header_.chroma_height());
+        }
     }
 }
 

@@ -9,7 +9,8 @@
 #include "common/video_io/byte_io.h"
 
 // YUV4MPEG2: uncompressed video, a header line, then per picture a line starting with FRAME and the
-// planes Y, U, V with packed rows. Here: 8-bit 4:2:0 only, any size; chroma sizes are rounded up.
+// planes Y, U, V with packed rows. Here: 4:2:0, 4:2:2, 4:4:4 and grey of 8, 9, 10, 12, 14 and 16
+// bits, any size; chroma sizes are rounded up. Samples beyond 8 bits have two bytes, little endian.
 // Threads: owner only.
 
 namespace video_io {
@@ -19,7 +20,7 @@ struct Y4mError : InputError {
     using InputError::InputError;
 };
 
-// A YUV4MPEG2 stream, but not 8-bit 4:2:0.
+// A YUV4MPEG2 stream, but with chroma of 4:1:1, which has to be converted.
 struct Y4mChromaError : Y4mError {
     using Y4mError::Y4mError;
 };
@@ -29,29 +30,44 @@ inline constexpr int Y4M_LARGEST_SIDE = 16384;                          // pixel
 inline constexpr std::int64_t Y4M_MOST_PIXELS = std::int64_t{1} << 26;  // per picture
 inline constexpr std::size_t Y4M_LONGEST_LINE = 4096;  // bytes, without the newline
 
+enum class Y4mChroma { C420, C422, C444, GREY };
+
 struct Y4mHeader {
     int width = 0;   // pixels
     int height = 0;  // rows
+    Y4mChroma chroma = Y4mChroma::C420;
+    int bit_depth = 8;
+    // The name of chroma format, bit depth and siting, such as 420mpeg2.
+    std::string chroma_name;
     // The header line without its newline. A writer copies it, and with it frame rate, interlacing,
     // aspect ratio and comments.
     std::string line;
 
-    int chroma_width() const { return (width + 1) / 2; }
-    int chroma_height() const { return (height + 1) / 2; }
+    int sample_bytes() const { return bit_depth > 8 ? 2 : 1; }
+    // 0 x 0 for grey.
+    int chroma_width() const {
+        return is_grey() ? 0 : chroma == Y4mChroma::C444 ? width : (width + 1) / 2;
+    }
+    int chroma_height() const {
+        return is_grey() ? 0 : chroma == Y4mChroma::C420 ? (height + 1) / 2 : height;
+    }
+    bool is_grey() const { return chroma == Y4mChroma::GREY; }
     // Bytes of one picture, without its FRAME line.
     std::int64_t frame_bytes() const {
-        return std::int64_t{width} * height + 2 * std::int64_t{chroma_width()} * chroma_height();
+        return (std::int64_t{width} * height + 2 * std::int64_t{chroma_width()} * chroma_height()) *
+               sample_bytes();
     }
 };
 
 // Parses a header line, given without its newline. Throws Y4mError.
 Y4mHeader parse_y4m_header(const std::string& line);
 
-// The header of a progressive stream with square pixels and centred chroma.
+// The header of a progressive stream of 8-bit 4:2:0 with square pixels and centred chroma.
 // rate  frames per second as a ratio, for example "30:1"
 Y4mHeader make_y4m_header(int width, int height, const std::string& rate);
 
-// The three planes of a picture; strides in bytes. Does not own the memory.
+// The planes of a picture, of which a grey one has the first; strides in bytes. Does not own the
+// memory.
 struct Planes {
     unsigned char* y;
     unsigned char* u;
@@ -79,7 +95,7 @@ class Y4mReader {
     std::int64_t frames() const { return frames_; }
 
   private:
-    void read_plane(unsigned char* plane, std::ptrdiff_t stride, int width, int height,
+    void read_plane(unsigned char* plane, std::ptrdiff_t stride, int row_bytes, int rows,
                     std::int64_t& done);
 
     ByteSource& source_;
@@ -97,7 +113,7 @@ class Y4mWriter {
     void write_frame(const Planes& planes, const std::string& parameters = "");
 
   private:
-    void write_plane(const unsigned char* plane, std::ptrdiff_t stride, int width, int height);
+    void write_plane(const unsigned char* plane, std::ptrdiff_t stride, int row_bytes, int rows);
 
     ByteSink& sink_;
     Y4mHeader header_;

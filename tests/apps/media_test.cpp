@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
 #include <string>
 
 #include "tests/apps/run_program.h"
@@ -27,8 +29,8 @@ class Studio : public Folder {
 
     // The entries of a file according to ffprobe, a line each.
     std::string probe(const std::string& name, const std::string& what) const {
-        return run_shell(*this,
-                         "ffprobe -v quiet -of compact=p=0 " + what + " " + name + " | grep . >&2")
+        return run_shell(*this, "ffprobe -v quiet -of compact=p=0 " + what + " " + name +
+                                    " | grep . | sed 's/|$//' >&2")
             .errors;
     }
 
@@ -100,17 +102,16 @@ TEST(Media, ReadsWhatFFmpegReads) {
         std::size_t frames = 45;
         const char* size = "width=320|height=240\n";
     } cases[] = {
-        {"ten.mkv", "-i shaky.y4m -pix_fmt yuv420p10le -c:v ffv1", "", "yuv420p10le"},
-        {"rgb.avi", "-i shaky.y4m -pix_fmt bgr24 -c:v rawvideo", "", "bgr24"},
-        {"camera.avi", "-i shaky.y4m -pix_fmt yuvj422p -c:v mjpeg", "", "yuvj422p"},
+        {"rgb.avi", "-i shaky.y4m -pix_fmt bgr24 -c:v rawvideo", "", "from bgr24 to yuv444p"},
+        {"alpha.mkv", "-i shaky.y4m -pix_fmt yuva420p -c:v ffv1", "", "transparency is dropped"},
         {"fields.mpg", "-i shaky.y4m -vf interlace -flags +ilme+ildct -c:v mpeg2video", "",
          "deinterlaced", 22},
         {"odd.mkv", "-i shaky.y4m -vf crop=101:67:exact=1 -c:v ffv1", "", "even sizes", 45,
          "width=102|height=68\n"},
         {"oddffv1.mkv", "-i shaky.y4m -vf crop=101:67:exact=1 -c:v ffv1", "--codec ffv1", "", 45,
          "width=101|height=67\n"},
-        {"deep.y4m", "-i shaky.y4m -pix_fmt yuv444p -strict -1",
-         "--codec mjpeg --output-format avi", "yuv444p"},
+        {"narrow.y4m", "-i shaky.y4m -pix_fmt yuv411p -strict -1",
+         "--codec mpeg4 --output-format avi", "yuv422p pictures are written as yuv420p"},
         {"web.webm", "-i shaky.y4m -c:v libvpx -deadline realtime", "--codec libvpx"},
     };
     for (const auto& c : cases) {
@@ -125,6 +126,76 @@ TEST(Media, ReadsWhatFFmpegReads) {
         EXPECT_EQ(studio.frames(steady), c.frames);
         EXPECT_EQ(studio.size(steady), c.size);
     }
+}
+
+// Without repetitions: what a container and its stream both tell is told twice.
+std::set<std::string> lines(const std::string& text) {
+    std::istringstream stream(text);
+    std::set<std::string> lines;
+    for (std::string line; std::getline(stream, line);) {
+        lines.insert(line);
+    }
+    return lines;
+}
+
+// What comes out has the pixel format, the colours and the side data of what went in.
+TEST(Media, KeepsPixelFormatAndColours) {
+    const std::string bt2020 =
+        " -color_primaries bt2020 -colorspace bt2020nc -color_range tv -c:v libx265 "
+        "-preset ultrafast -x265-params log-level=none";
+    const std::string hdr =
+        bt2020 +
+        ":repeat-headers=1:hdr10=1:chromaloc=2:master-display='G(13250,34500)B(7500,3000)"
+        "R(34000,16000)WP(15635,16450)L(10000000,1)':max-cll=1000,400 -color_trc smpte2084 ";
+    const std::string hlg = bt2020 + " -color_trc arib-std-b67 ";
+    const std::string bt709 =
+        " -color_primaries bt709 -colorspace bt709 -color_trc bt709 -color_range tv -c:v ffv1 ";
+    const std::string odd = " -vf crop=301:203:exact=1 -strict -1 ";
+    const struct {
+        const char* pixels;
+        std::string make;
+        const char* in;
+        const char* program;
+        const char* out;
+        const char* codec;
+    } cases[] = {
+        {"yuv420p10le", hdr, "hdr.mp4", "--preset ultrafast", "out.mp4",
+         "hevc|codec_tag_string=hvc1"},
+        {"yuv420p10le", hdr, "hdr.mkv", "--preset ultrafast", "out.ts", "hevc|"},
+        {"yuv420p10le", hlg, "hlg.mp4", "--codec h264", "out.mkv", "h264|"},
+        {"yuv444p10le", bt709, "444.mkv", "--preset ultrafast", "out.mov",
+         "hevc|codec_tag_string=hvc1"},
+        {"yuv422p", bt709, "422.mkv", "", "out.mp4", "h264|"},
+        {"gray10le", odd + bt709, "grey.mkv", "--codec ffv1", "out.mkv", "ffv1|"},
+        {"gray12le", odd, "grey.y4m", "", "out.y4m", "rawvideo|"},
+        {"yuv422p16le", " -strict -1", "422.y4m", "", "out.y4m", "rawvideo|"},
+        {"yuv444p14le", odd, "444.y4m", "--codec ffv1", "out.mkv", "ffv1|"},
+        {"nv12", odd + "-c:v rawvideo", "nv12.avi", "--codec rawvideo", "out.avi", "rawvideo|"},
+        {"yuvj422p", odd + "-c:v mjpeg", "camera.avi", "--codec mjpeg", "out.avi", "mjpeg|"},
+    };
+    const Studio studio(12);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.pixels) + " from " + c.in + " to " + c.out);
+        studio.make("-i shaky.y4m -pix_fmt " + std::string(c.pixels) + c.make + " " + c.in);
+        const Outcome outcome =
+            run_program(studio, std::string("-q --overwrite --compare both.mkv ") + c.program +
+                                    " " + c.in + " " + c.out);
+        EXPECT_EQ(outcome.status, 0);
+        EXPECT_EQ(outcome.errors, "");
+        EXPECT_EQ(studio.frames("both.mkv"), 12U);
+        for (const char* what :
+             {"-show_entries stream=width,height,pix_fmt,color_range,color_space,color_transfer,"
+              "color_primaries",
+              "-read_intervals %+#1 -show_entries "
+              "frame_side_data=red_x,red_y,green_x,green_y,blue_x,blue_y,"
+              "white_point_x,white_point_y,min_luminance,max_luminance,max_content,max_average"}) {
+            EXPECT_EQ(lines(studio.probe(c.out, what)), lines(studio.probe(c.in, what)));
+        }
+        EXPECT_THAT(studio.probe(c.out, "-show_entries stream=codec_name,codec_tag_string"),
+                    HasSubstr(c.codec));
+    }
+    EXPECT_THAT(studio.probe("out.ts", "-show_entries stream=chroma_location"),
+                HasSubstr("topleft"));
 }
 
 TEST(Media, CarriesAnyFormatThroughPipes) {
@@ -272,6 +343,9 @@ TEST(Media, MakesComparisonPlotAndFigures) {
     ASSERT_EQ(outcome.status, 0) << outcome.errors;
     const auto json = nlohmann::json::parse(read_file(studio.file("out.json")));
     EXPECT_EQ(json["frames"], 45);
+    EXPECT_EQ(json["pixel_format"], "yuv420p");
+    EXPECT_EQ(json["engine"], "native");
+    EXPECT_EQ(json["sampling"], "sharp");
     EXPECT_LT(json["shake"]["residual_db"], -3);
     for (const char* comparison : {"both.mkv", "plain.mkv"}) {
         EXPECT_EQ(studio.size(comparison), "width=640|height=240\n");

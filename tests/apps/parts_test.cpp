@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Parts of the program: pictures on their way in (made-up ones, YUV4MPEG2, FFmpeg's, their place in a
-// frame), and the path that is told of them.
+// Parts of the program: pictures on their way in (made-up ones, YUV4MPEG2, FFmpeg's), and
+// the path that is told of them.
 
 #include <gmock/gmock.h>
 #include <malloc.h>
@@ -15,16 +15,17 @@
 #include <vector>
 
 #include "apps/stabilize_video/media/media_source.h"
-#include "apps/stabilize_video/pictures/picture_layout.h"
+#include "apps/stabilize_video/pictures/pixel_formats.h"
 #include "apps/stabilize_video/results/path_follower.h"
 #include "common/synthetic/camera_path.h"
 #include "common/synthetic/scene.h"
 #include "common/video_io/output_file.h"
 #include "tests/apps/run_program.h"
 
+using namespace videostabilizer;
+
 namespace {
 
-using apps::PictureLayout;
 using testing::HasSubstr;
 
 // Results on different machines are compared, so every machine must make the same clip. Other values
@@ -65,8 +66,10 @@ TEST(Y4m, TellsWhatIsWrongWithAStream) {
         {magic + "W2 H0\n", "the height '0' is not in 1 to"},
         {magic + "W99999999999999999999 H2\n", "is not in 1 to 16384"},
         {magic + "W16384 H16384\n", "too large"},
-        {magic + "W2 H2 C420p10\n", "'420p10', but only 8-bit 4:2:0"},
-        {magic + "W2 H2 XYSCSS=422\n", "'422'"},
+        {magic + "W2 H2 C420p11\n", "'420p11', but only 420, 422"},
+        {magic + "W2 H2 C420jpeg10\n", "'420jpeg10'"},
+        {magic + "W2 H2 XYSCSS=444ALPHA\n", "'444alpha'"},
+        {magic + "W3 H2 Cmono12\nFRAME\n12345", "cut short: 5 of 12 bytes"},
         {magic + "W2 H2 X" + endless + "\n", "longer than"},
         {small + "FRAMES\n", "frame 0 begins with 'FRAMES' instead of FRAME"},
         {small + "FRAME " + endless + "\n", "line is longer than"},
@@ -111,50 +114,46 @@ TEST(MediaSource, LosesNoMemoryOnAStreamThatCannotBeUsed) {
     }
 }
 
-unsigned char sample(int x, int y) {
-    return static_cast<unsigned char>(x * 7 + y * 13);
-}
-
-TEST(PictureLayout, PlacesAnyPictureInAFrameAndExtendsItsEdges) {
-    const int sizes[][4] = {{1, 1, 16, 16},   {15, 9, 16, 16},      {16, 16, 16, 16},
-                            {17, 17, 32, 18}, {321, 243, 336, 244}, {1080, 1920, 1088, 1920}};
-    for (const auto& [width, height, frame_width, frame_height] : sizes) {
-        for (const auto place : {PictureLayout::MIDDLE, PictureLayout::TOP_LEFT}) {
-            SCOPED_TRACE(std::to_string(width) + " x " + std::to_string(height));
-            const PictureLayout layout(width, height, place);
-            ASSERT_EQ(layout.frame_width(), frame_width);
-            ASSERT_EQ(layout.frame_height(), frame_height);
-            const apps::FramePtr frame = layout.make_frame();
-            const video_io::Planes picture = layout.picture(*frame);
-            for (int y = 0; y < height; ++y) {
-                for (int x = 0; x < width; ++x) {
-                    picture.y[y * frame_width + x] = sample(x, y);
-                    picture.v[y / 2 * frame_width / 2 + x / 2] = sample(x / 2, y / 2);
-                }
-            }
-            layout.fill_border(*frame);
-
-            const int left = static_cast<int>(picture.y - frame->plane_y) % frame_width;
-            const int top = static_cast<int>(picture.y - frame->plane_y) / frame_width;
-            const unsigned char* v = frame->plane_uv + frame_width * frame_height / 4;
-            int wrong = 0;
-            for (int y = 0; y < frame_height; ++y) {
-                for (int x = 0; x < frame_width; ++x) {
-                    const int px = std::clamp(x - left, 0, width - 1);
-                    const int py = std::clamp(y - top, 0, height - 1);
-                    wrong += frame->plane_y[y * frame_width + x] != sample(px, py) ? 1 : 0;
-                    wrong += v[y / 2 * frame_width / 2 + x / 2] != sample(px / 2, py / 2) ? 1 : 0;
-                }
-            }
-            EXPECT_EQ(wrong, 0);
-            EXPECT_EQ(picture.u - frame->plane_uv, top / 2 * frame_width / 2 + left / 2);
-            EXPECT_EQ(left % 2 + top % 2, 0);
-            // Twice the distance between the centres of picture and frame.
-            const int off = std::max(std::abs(2 * left + width - frame_width),
-                                     std::abs(2 * top + height - frame_height));
-            EXPECT_TRUE(place == PictureLayout::MIDDLE ? off <= 3 : left + top == 0);
-        }
+TEST(PixelFormats, AreTakenAsTheyAreOrConvertedToTheNearest) {
+    const struct {
+        const char* name;
+        PixelLayout layout;  // bit_depth 0: not taken
+        const char* planar;
+    } cases[] = {
+        {"yuv420p", {CHROMA_420, CHROMA_SITING_TOP, 8, 0, 0, {}}, "yuv420p"},
+        {"nv21", {CHROMA_420, CHROMA_SITING_TOP, 8, 1, 0, {}}, "yuv420p"},
+        {"nv16", {CHROMA_422, CHROMA_SITING_TOP, 8, 1, 0, {}}, "yuv422p"},
+        {"nv20le", {CHROMA_422, CHROMA_SITING_TOP, 10, 1, 0, {}}, "yuv422p10le"},
+        {"p010le", {CHROMA_420, CHROMA_SITING_TOP, 10, 1, 1, {}}, "yuv420p10le"},
+        {"p016le", {CHROMA_420, CHROMA_SITING_TOP, 16, 1, 0, {}}, "yuv420p16le"},
+        {"yuv444p9le", {CHROMA_444, CHROMA_SITING_TOP, 9, 0, 0, {}}, "yuv444p9le"},
+        {"gray", {CHROMA_NONE, CHROMA_SITING_TOP, 8, 0, 0, {}}, "gray"},
+        {"gray14le", {CHROMA_NONE, CHROMA_SITING_TOP, 14, 0, 0, {}}, "gray14le"},
+        {"yuv420p10be", {}, "yuv420p10le"},
+        {"yuva422p12le", {}, "yuv422p12le"},
+        {"yuv411p", {}, "yuv422p"},
+        {"yuv440p", {}, "yuv444p"},
+        {"yuyv422", {}, "yuv422p"},
+        {"y210le", {}, "yuv422p10le"},
+        {"rgb565le", {}, "yuv444p"},
+        {"x2rgb10le", {}, "yuv444p10le"},
+        {"gbrpf32le", {}, "yuv444p16le"},
+        {"pal8", {}, "yuv444p"},
+        {"monow", {}, "gray"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const AVPixelFormat format = av_get_pix_fmt(c.name);
+        const PixelLayout layout =
+            apps::layout_of(format, AVCHROMA_LOC_TOP).value_or(PixelLayout{});
+        EXPECT_TRUE(layout.chroma == c.layout.chroma && layout.bit_depth == c.layout.bit_depth &&
+                    layout.siting == c.layout.siting && layout.high_bits == c.layout.high_bits &&
+                    layout.semi_planar == c.layout.semi_planar);
+        EXPECT_EQ(apps::name_of(apps::planar_format_for(format)), c.planar);
     }
+    EXPECT_EQ(apps::turned(AVCHROMA_LOC_UNSPECIFIED, 1), AVCHROMA_LOC_TOP);
+    EXPECT_EQ(apps::turned(AVCHROMA_LOC_BOTTOMLEFT, 1), AVCHROMA_LOC_TOPLEFT);
+    EXPECT_EQ(apps::turned(AVCHROMA_LOC_CENTER, 3), AVCHROMA_LOC_CENTER);
 }
 
 void to_matrix(const synthetic::Affine& m, float matrix[9]) {

@@ -15,9 +15,9 @@ namespace apps {
 namespace {
 
 constexpr const char* DESCRIPTION =
-    "Stabilises a video: one steady picture for each shaky one; sound, subtitles, time stamps and\n"
-    "metadata are kept. The steady pictures show the middle of the shaky ones, enlarged to full "
-    "size.";
+    "Stabilises a video: one steady picture for each shaky one, of the same bit depth, chroma and\n"
+    "colours; sound, subtitles, time stamps and metadata are kept. The steady pictures show the\n"
+    "middle of the shaky ones, enlarged to full size.";
 
 constexpr const char* USAGE =
     "stabilize-video [OPTION]... IN OUT\n"
@@ -34,7 +34,7 @@ constexpr const char* FOOTER =
     "  1    the command line is wrong\n"
     "  2    the input cannot be read, or holds no video\n"
     "  3    an output cannot be written, or exists already\n"
-    "  4    OpenCL is missing or has failed, or memory has run out\n"
+    "  4    memory has run out, or --engine opencl found no OpenCL or one that fails\n"
     "  5    the input is damaged or cut short; everything that could be decoded was written\n"
     "  6    the picture size changes within the input; everything before was written\n"
     "  7    some files of a batch failed\n"
@@ -173,12 +173,27 @@ void add_steadiness(CLI::App& app, Options& options) {
         "(0.5 to 1; default: 0.9)")
         ->type_name("RATIO")
         ->check(CLI::Range(0.5, 1.0));
+}
+
+void add_pictures(CLI::App& app, Options& options) {
+    const auto add = [&app](const char* name, auto& value, const char* description) {
+        return app.add_option(name, value, description)->group("Pictures");
+    };
     add("--sampling", options.sampling,
-        "stated (the default): pictures are moved by OpenCL, luma bilinear, nearest chroma; "
-        "bilinear: both bilinear; sharp: Lanczos, which keeps fine detail. The last two run on the "
-        "processor and need no OpenCL")
+        "sharp (the default but for gentle): Lanczos, which keeps fine detail; bilinear; stated "
+        "(the "
+        "default for gentle, only with the native engine): bilinear with the nearest chroma")
         ->type_name("METHOD")
         ->check(CLI::IsMember({"stated", "bilinear", "sharp"}));
+    add("--engine", options.engine,
+        "What moves the pictures. native (the default): the processor; opencl: an OpenCL device; "
+        "auto: OpenCL if it has a GPU, else native")
+        ->type_name("ENGINE")
+        ->check(CLI::IsMember({"native", "auto", "opencl"}));
+    add("--threads", options.threads,
+        "Threads of the native engine (1 to 64; default: 0, one per core)")
+        ->type_name("COUNT")
+        ->check(CLI::Range(0, 64));
 }
 
 void add_output(CLI::App& app, Options& options, RawOptions& raw) {
@@ -186,10 +201,12 @@ void add_output(CLI::App& app, Options& options, RawOptions& raw) {
         return app.add_option(name, value, description)->group("Output");
     };
     add("--codec", options.codec,
-        "Video codec or encoder (default: h264 where the output format can hold it)")
+        "Video codec or encoder (default: h264, or hevc for pictures of more than 8 bits, where "
+        "the "
+        "output format can hold it)")
         ->type_name("NAME");
     add("--crf", options.crf,
-        "Quality for encoders that have it; smaller is better (default: 18 for h264)")
+        "Quality for encoders that have it; smaller is better (default: 18 for h264, 20 for hevc)")
         ->type_name("NUMBER")
         ->check(CLI::Range(0.0, 63.0));
     add("--preset", options.preset,
@@ -264,6 +281,7 @@ std::optional<Options> parse_options(int argc, char** argv, int& status) {
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
         ->group("");
     add_steadiness(app, options);
+    add_pictures(app, options);
     add_output(app, options, raw);
     add_input(app, options, raw);
     add_more_results(app, options);

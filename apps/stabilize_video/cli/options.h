@@ -45,7 +45,9 @@ struct Options {
     std::string strength = "standard";
     std::optional<int> look_ahead;  // frames
     std::optional<float> crop;
-    std::string sampling = "stated";
+    std::string engine = "native";
+    std::string sampling;  // "": by the strength
+    int threads = 0;       // of the native engine; 0: one per core
 
     // Files; "": none.
     std::string path_file;

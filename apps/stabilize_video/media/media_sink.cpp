@@ -3,14 +3,17 @@
 #include "apps/stabilize_video/media/media_sink.h"
 
 extern "C" {
-#include <libavutil/imgutils.h>
 #include <libavutil/opt.h>
+#include <libswscale/swscale.h>
 }
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <new>
+#include <utility>
+
+#include "apps/stabilize_video/pictures/pixel_formats.h"
 
 namespace apps {
 
@@ -29,12 +32,16 @@ constexpr Quality QUALITIES[] = {
     {"libvpx", 8, ""},       {"libaom-av1", 26, ""},  {"libsvtav1", 28, ""},
 };
 
-// Whether files of this format can hold H.264. Of muxers that do not tell, those whose default is
-// H.264 or one of its predecessors can.
-bool takes_h264(const AVOutputFormat& format) {
-    const int known = avformat_query_codec(&format, AV_CODEC_ID_H264, FF_COMPLIANCE_NORMAL);
+// Whether files of this format can hold video of this codec. Of muxers that do not tell, those whose
+// default is H.264 or one of its predecessors can hold H.264, and those of transport streams HEVC.
+bool takes(const AVOutputFormat& format, AVCodecID codec) {
+    const int known = avformat_query_codec(&format, codec, FF_COMPLIANCE_NORMAL);
     if (known >= 0) {
         return known == 1;
+    }
+    if (codec == AV_CODEC_ID_HEVC) {
+        return std::strcmp(format.name, "mpegts") == 0 || std::strcmp(format.name, "hls") == 0 ||
+               format.video_codec == codec;
     }
     constexpr std::array<AVCodecID, 4> PREDECESSORS = {
         AV_CODEC_ID_MPEG1VIDEO, AV_CODEC_ID_MPEG2VIDEO, AV_CODEC_ID_MPEG4, AV_CODEC_ID_H264};
@@ -54,9 +61,19 @@ bool takes_copy(const AVOutputFormat& format, const AVStream& stream, const char
            parameters.codec_type == AVMEDIA_TYPE_VIDEO || std::strcmp(format.name, original) == 0;
 }
 
-const AVCodec* find_encoder(const AVOutputFormat& format, const std::string& name) {
+// The encoder for pictures of so many bits where the user has named none.
+const AVCodec* default_encoder(const AVOutputFormat& format, int bit_depth) {
+    const AVCodec* hevc = avcodec_find_encoder(AV_CODEC_ID_HEVC);
+    if (bit_depth > 8 && hevc != nullptr && takes(format, AV_CODEC_ID_HEVC)) {
+        return hevc;
+    }
+    return avcodec_find_encoder(takes(format, AV_CODEC_ID_H264) ? AV_CODEC_ID_H264
+                                                                : format.video_codec);
+}
+
+const AVCodec* find_encoder(const AVOutputFormat& format, const std::string& name, int bit_depth) {
     if (name.empty()) {
-        return avcodec_find_encoder(takes_h264(format) ? AV_CODEC_ID_H264 : format.video_codec);
+        return default_encoder(format, bit_depth);
     }
     const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
     if (codec == nullptr) {
@@ -71,17 +88,38 @@ const AVCodec* find_encoder(const AVOutputFormat& format, const std::string& nam
     return codec;
 }
 
-// 8-bit 4:2:0 if the encoder takes it, else the encoder's first format.
-AVPixelFormat pixel_format_of(const AVCodec& codec) {
+// How far a format is from that of the pictures; less is better. What is lost comes first, bits before
+// chroma, then what is written in vain.
+std::array<int, 8> distance(AVPixelFormat format, AVPixelFormat pictures) {
+    const AVPixelFormat plain = without_range(format);
+    const auto amount = [](AVPixelFormat of) {
+        const videostabilizer::ChromaFormat chroma = chroma_of(of);
+        return chroma == videostabilizer::CHROMA_NONE ? -1 : static_cast<int>(chroma);
+    };
+    const int bits = bit_depth_of(plain) - bit_depth_of(pictures);
+    const int chroma = amount(plain) - amount(pictures);
+    return {sws_isSupportedOutput(format) != 0 ? 0 : 1,
+            amount(plain) < 0 && chroma < 0 ? 1 : 0,  // all colour
+            layout_of(plain, AVCHROMA_LOC_UNSPECIFIED) ? 0 : 1,
+            std::max(-bits, 0),
+            std::max(-chroma, 0),
+            std::max(chroma, 0),
+            std::max(bits, 0),
+            (plain == pictures ? 0 : 2) + (format == plain ? 0 : 1)};
+}
+
+// The format of the encoder that is nearest to the pictures'.
+AVPixelFormat pixel_format_of(const AVCodec& codec, AVPixelFormat pictures) {
     if (codec.pix_fmts == nullptr) {
-        return AV_PIX_FMT_YUV420P;
+        return pictures;
     }
+    AVPixelFormat best = codec.pix_fmts[0];
     for (const AVPixelFormat* format = codec.pix_fmts; *format != AV_PIX_FMT_NONE; ++format) {
-        if (*format == AV_PIX_FMT_YUV420P) {
-            return *format;
+        if (distance(*format, pictures) < distance(best, pictures)) {
+            best = *format;
         }
     }
-    return codec.pix_fmts[0];
+    return best;
 }
 
 void set_quality(AVCodecContext& encoder, const EncoderOptions& options) {
@@ -127,23 +165,80 @@ void set_quality(AVCodecContext& encoder, const EncoderOptions& options) {
     }
 }
 
+// For the HDR metadata, x264 and x265 have the same notation: chromaticities in units of 0.00002,
+// luminances of 0.0001 candela per square metre.
+std::string mastering_text(const AVMasteringDisplayMetadata& mastering) {
+    constexpr int CHROMATICITY = 50000;
+    constexpr int LUMINANCE = 10000;
+    const auto units = [](AVRational value, int unit) {
+        return std::to_string(av_rescale(value.num, unit, std::max(value.den, 1)));
+    };
+    const auto pair = [&](const AVRational point[2]) {
+        return "(" + units(point[0], CHROMATICITY) + "," + units(point[1], CHROMATICITY) + ")";
+    };
+    const auto& primaries = mastering.display_primaries;
+    return "G" + pair(primaries[1]) + "B" + pair(primaries[2]) + "R" + pair(primaries[0]) + "WP" +
+           pair(mastering.white_point) + "L(" + units(mastering.max_luminance, LUMINANCE) + "," +
+           units(mastering.min_luminance, LUMINANCE) + ")";
+}
+
+// Parameters by the encoder's own names, beyond FFmpeg's.
+void set_own_parameters(AVCodecContext& encoder, const PictureFormat& format) {
+    const std::string name = encoder.codec->name;
+    const bool x265 = name == "libx265";
+    if (!x265 && name != "libx264") {
+        return;
+    }
+    // x265 writes to the terminal by itself.
+    const bool silent = av_log_get_level() <= AV_LOG_QUIET;
+    std::string parameters = x265 && silent ? "log-level=none" : "";
+    const auto add = [&parameters](const char* key, const std::string& value) {
+        parameters += (parameters.empty() ? "" : ":") + std::string(key) + "=" + value;
+    };
+    if (format.mastering && format.mastering->has_primaries != 0 &&
+        format.mastering->has_luminance != 0) {
+        add(x265 ? "master-display" : "mastering-display", mastering_text(*format.mastering));
+    }
+    if (format.light) {
+        add(x265 ? "max-cll" : "cll",
+            std::to_string(format.light->MaxCLL) + "," + std::to_string(format.light->MaxFALL));
+    }
+    if (x265 && (format.mastering || format.light)) {
+        add("hdr10", "1");
+        add("repeat-headers", "1");
+    }
+    av_opt_set(encoder.priv_data, x265 ? "x265-params" : "x264-params", parameters.c_str(), 0);
+}
+
+void add_side_data(AVStream& to, AVPacketSideDataType type, const void* data, std::size_t size) {
+    std::uint8_t* copy = av_stream_new_side_data(&to, type, size);
+    if (copy == nullptr) {
+        throw std::bad_alloc();
+    }
+    std::memcpy(copy, data, size);
+}
+
+void add_hdr(const PictureFormat& format, AVStream& to) {
+    if (format.mastering) {
+        add_side_data(to, AV_PKT_DATA_MASTERING_DISPLAY_METADATA, &*format.mastering,
+                      sizeof *format.mastering);
+    }
+    if (format.light) {
+        add_side_data(to, AV_PKT_DATA_CONTENT_LIGHT_LEVEL, &*format.light, sizeof *format.light);
+    }
+}
+
 void copy_side_data(const AVStream& from, AVStream& to, bool turn) {
     for (const AVPacketSideDataType type :
-         {AV_PKT_DATA_DISPLAYMATRIX, AV_PKT_DATA_MASTERING_DISPLAY_METADATA,
-          AV_PKT_DATA_CONTENT_LIGHT_LEVEL, AV_PKT_DATA_STEREO3D, AV_PKT_DATA_SPHERICAL}) {
+         {AV_PKT_DATA_DISPLAYMATRIX, AV_PKT_DATA_STEREO3D, AV_PKT_DATA_SPHERICAL}) {
         if (type == AV_PKT_DATA_DISPLAYMATRIX && !turn) {
             continue;
         }
         std::size_t size = 0;
         const std::uint8_t* data = av_stream_get_side_data(&from, type, &size);
-        if (data == nullptr) {
-            continue;
+        if (data != nullptr) {
+            add_side_data(to, type, data, size);
         }
-        std::uint8_t* copy = av_stream_new_side_data(&to, type, size);
-        if (copy == nullptr) {
-            throw std::bad_alloc();
-        }
-        std::memcpy(copy, data, size);
     }
 }
 
@@ -166,6 +261,13 @@ void copy_chapters(const AVFormatContext& from, AVFormatContext& to, std::int64_
         to.chapters = grown;
         to.chapters[to.nb_chapters++] = copy;
     }
+}
+
+// QuickTime and what is derived from it.
+bool is_quicktime(const AVOutputFormat& format) {
+    constexpr std::array<const char*, 6> FAMILY = {"mov", "mp4", "3gp", "3g2", "ipod", "psp"};
+    return std::any_of(FAMILY.begin(), FAMILY.end(),
+                       [&](const char* name) { return std::strcmp(name, format.name) == 0; });
 }
 
 const char* kind_of(const AVCodecParameters& parameters) {
@@ -193,9 +295,7 @@ const AVOutputFormat* output_format_for(const std::string& path, const std::stri
 }
 
 bool keeps_rotation(const AVOutputFormat& format) {
-    constexpr std::array<const char*, 6> KEEPING = {"mov", "mp4", "3gp", "3g2", "ipod", "psp"};
-    return std::any_of(KEEPING.begin(), KEEPING.end(),
-                       [&](const char* name) { return std::strcmp(name, format.name) == 0; });
+    return is_quicktime(format);
 }
 
 MediaSink::MediaSink(const std::string& path, const PictureFormat& format,
@@ -247,6 +347,11 @@ MediaSink::MediaSink(const std::string& path, const PictureFormat& format,
     video_->time_base = encoder_->time_base;
     video_->avg_frame_rate = format.frame_rate;
     video_->sample_aspect_ratio = format.pixel_aspect;
+    add_hdr(format, *video_);
+    // Players of Apple take HEVC under this tag only.
+    if (encoder_->codec_id == AV_CODEC_ID_HEVC && is_quicktime(*muxer)) {
+        video_->codecpar->codec_tag = MKTAG('h', 'v', 'c', '1');
+    }
     if (original != nullptr) {
         add_copies(*original);
     }
@@ -295,6 +400,7 @@ CodecContextPtr MediaSink::try_encoder(const AVCodec* codec, const PictureFormat
         encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     }
     set_quality(*encoder, options);
+    set_own_parameters(*encoder, format);
     result = avcodec_open2(encoder.get(), codec, nullptr);
     if (result < 0) {
         return nullptr;
@@ -303,7 +409,8 @@ CodecContextPtr MediaSink::try_encoder(const AVCodec* codec, const PictureFormat
 }
 
 void MediaSink::open_encoder(const PictureFormat& format, const EncoderOptions& options) {
-    const AVCodec* codec = find_encoder(*context_->oformat, options.codec);
+    const AVCodec* codec =
+        find_encoder(*context_->oformat, options.codec, bit_depth_of(format.pixel_format));
     if (codec == nullptr) {
         throw video_io::OutputError(std::string("there is no encoder for ") +
                                     context_->oformat->long_name);
@@ -312,7 +419,13 @@ void MediaSink::open_encoder(const PictureFormat& format, const EncoderOptions& 
         throw video_io::OutputError(std::string(context_->oformat->long_name) + " cannot hold " +
                                     avcodec_get_name(codec->id) + " video");
     }
-    encoder_format_ = pixel_format_of(*codec);
+    encoder_format_ = pixel_format_of(*codec, format.pixel_format);
+    if (bit_depth_of(encoder_format_) != bit_depth_of(format.pixel_format) ||
+        chroma_of(encoder_format_) != chroma_of(format.pixel_format)) {
+        notes_.push_back(name_of(format.pixel_format) + " pictures are written as " +
+                         name_of(encoder_format_) + ", the nearest that the encoder " +
+                         codec->name + " takes");
+    }
     int result = 0;
     encoder_ = try_encoder(codec, format, options, width_, height_, result);
     const int even_width = width_ + width_ % 2;
@@ -398,11 +511,7 @@ void MediaSink::add_copy(const AVStream& from, const char* original) {
     av_dict_copy(&to->metadata, from.metadata, 0);
     for (int i = 0; i < from.nb_side_data; ++i) {
         const AVPacketSideData& data = from.side_data[i];
-        std::uint8_t* space = av_stream_new_side_data(to, data.type, data.size);
-        if (space == nullptr) {
-            throw std::bad_alloc();
-        }
-        std::memcpy(space, data.data, data.size);
+        add_side_data(*to, data.type, data.data, data.size);
     }
     copy.stream = to->index;
 }
@@ -501,48 +610,71 @@ void MediaSink::encode(AVFrame* picture) {
     }
 }
 
-void MediaSink::write(const video_io::Planes& picture, const PictureTag& tag) {
-    AvFramePtr frame = make_picture(AV_PIX_FMT_YUV420P, encoder_->width, encoder_->height);
-    const unsigned char* planes[] = {picture.y, picture.u, picture.v};
-    for (int i = 0; i < 3; ++i) {
-        const int width = i == 0 ? width_ : (width_ + 1) / 2;
-        const int height = i == 0 ? height_ : (height_ + 1) / 2;
-        const int whole_width = i == 0 ? frame->width : (frame->width + 1) / 2;
-        const int whole_height = i == 0 ? frame->height : (frame->height + 1) / 2;
-        const std::ptrdiff_t stride = i == 0 ? picture.stride_y : picture.stride_uv;
-        av_image_copy_plane(frame->data[i], frame->linesize[i], planes[i], static_cast<int>(stride),
-                            width, height);
-        // Padding to even sizes repeats the last row or column.
-        if (whole_width > width) {
-            for (int y = 0; y < height; ++y) {
-                unsigned char* row =
-                    frame->data[i] + static_cast<std::ptrdiff_t>(y) * frame->linesize[i];
-                row[width] = row[width - 1];
+// A copy with the encoder's size. Its last rows and columns repeat those of the picture.
+AvFramePtr MediaSink::padded(const AVFrame& picture) {
+    const auto format = static_cast<AVPixelFormat>(picture.format);
+    const videostabilizer::PixelLayout layout =
+        layout_of(format, picture.chroma_location).value_or(videostabilizer::PixelLayout{});
+    if (!padded_pictures_) {
+        padded_pictures_ = std::make_unique<PicturePool>(format, encoder_->width, encoder_->height);
+    }
+    AvFramePtr frame = padded_pictures_->take();
+    for (int i = 0; i < 3 && frame->data[i] != nullptr; ++i) {
+        const bool pairs = i > 0 && layout.semi_planar != 0;
+        const std::size_t sample = (layout.bit_depth > 8 ? 2U : 1U) * (pairs ? 2U : 1U);
+        const bool halved_x = i > 0 && layout.chroma != videostabilizer::CHROMA_444;
+        const bool halved_y = i > 0 && layout.chroma == videostabilizer::CHROMA_420;
+        const auto columns = [&](int width) {
+            return static_cast<std::size_t>(halved_x ? (width + 1) / 2 : width);
+        };
+        const auto rows = [&](int height) { return halved_y ? (height + 1) / 2 : height; };
+        const std::size_t bytes = columns(width_) * sample;
+        for (int y = 0; y < rows(frame->height); ++y) {
+            const int from = std::min(y, rows(height_) - 1);
+            unsigned char* row =
+                frame->data[i] + static_cast<std::ptrdiff_t>(y) * frame->linesize[i];
+            std::memcpy(row,
+                        picture.data[i] + static_cast<std::ptrdiff_t>(from) * picture.linesize[i],
+                        bytes);
+            if (columns(frame->width) > columns(width_)) {
+                std::memcpy(row + bytes, row + bytes - sample, sample);
             }
         }
-        if (whole_height > height) {
-            unsigned char* row =
-                frame->data[i] + static_cast<std::ptrdiff_t>(height) * frame->linesize[i];
-            std::memcpy(row, row - frame->linesize[i], static_cast<std::size_t>(whole_width));
-        }
     }
+    return frame;
+}
+
+// A picture in the encoder's format; null if the converter keeps it for now.
+AvFramePtr MediaSink::converted(AvFramePtr picture) {
+    const auto format = static_cast<AVPixelFormat>(picture->format);
+    if (without_range(encoder_format_) == format &&
+        (encoder_format_ == format || picture->color_range == AVCOL_RANGE_JPEG)) {
+        picture->format = encoder_format_;  // the samples are the same
+        return picture;
+    }
+    if (!converter_) {
+        PictureConverter::Task task;
+        task.format = encoder_format_;
+        converter_ = std::make_unique<PictureConverter>(*picture, encoder_->time_base, task);
+    }
+    converter_->push(picture.get());
+    return converter_->pull();
+}
+
+void MediaSink::write(const AVFrame& picture, const PictureTag& tag) {
+    const bool fits = encoder_->width == width_ && encoder_->height == height_;
+    AvFramePtr frame = fits ? reference_to(picture) : padded(picture);
     frame->pts = tag.time;
     frame->pkt_duration = tag.duration;
     frame->color_range = encoder_->color_range;
+    frame->color_primaries = encoder_->color_primaries;
+    frame->color_trc = encoder_->color_trc;
     frame->colorspace = encoder_->colorspace;
+    frame->chroma_location = encoder_->chroma_sample_location;
     frame->sample_aspect_ratio = encoder_->sample_aspect_ratio;
     durations_[tag.time] = tag.duration;
-    if (encoder_format_ != AV_PIX_FMT_YUV420P) {
-        if (!converter_) {
-            PictureConverter::Task task;
-            task.format = encoder_format_;
-            converter_ = std::make_unique<PictureConverter>(*frame, encoder_->time_base, task);
-        }
-        converter_->push(frame.get());
-        frame = converter_->pull();
-    }
-    if (frame) {
-        encode(frame.get());
+    if (const AvFramePtr ready = converted(std::move(frame))) {
+        encode(ready.get());
     }
 }
 

@@ -13,13 +13,16 @@
 #include "apps/stabilize_video/media/media_source.h"
 #include "apps/stabilize_video/media/picture_converter.h"
 #include "apps/stabilize_video/pictures/ffmpeg.h"
+#include "apps/stabilize_video/pictures/picture_pool.h"
 #include "apps/stabilize_video/pictures/picture_stream.h"
 #include "common/video_io/output_file.h"
 
 namespace apps {
 
 struct EncoderOptions {
-    std::string codec;          // FFmpeg's name of a codec or encoder; "": H.264 where it fits
+    // FFmpeg's name of a codec or encoder. "": H.264, or HEVC for pictures of more than 8 bits,
+    // where the container takes it.
+    std::string codec;
     std::optional<double> crf;  // quality, for encoders that have it; smaller is better
     std::string preset;         // speed, for encoders that have it; "": fast
     std::string container;      // FFmpeg's name of a muxer; "": by the file name
@@ -48,7 +51,7 @@ class MediaSink : public PictureSink {
     MediaSink(const MediaSink&) = delete;
     MediaSink& operator=(const MediaSink&) = delete;
 
-    void write(const video_io::Planes& picture, const PictureTag& tag) override;
+    void write(const AVFrame& picture, const PictureTag& tag) override;
     void finish() override;
 
     void commit() override;
@@ -61,6 +64,8 @@ class MediaSink : public PictureSink {
 
   private:
     void open_encoder(const PictureFormat& format, const EncoderOptions& options);
+    AvFramePtr padded(const AVFrame& picture);
+    AvFramePtr converted(AvFramePtr picture);
     CodecContextPtr try_encoder(const AVCodec* codec, const PictureFormat& format,
                                 const EncoderOptions& options, int width, int height, int& result);
     void open_rate_filter(const PictureFormat& format);
@@ -78,8 +83,9 @@ class MediaSink : public PictureSink {
     MuxerPtr context_;
     CodecContextPtr encoder_;
     BsfPtr rate_filter_;                           // null: the codec has no tick rate
-    std::unique_ptr<PictureConverter> converter_;  // null: the encoder takes 8-bit 4:2:0
-    AVPixelFormat encoder_format_ = AV_PIX_FMT_YUV420P;
+    std::unique_ptr<PictureConverter> converter_;  // null: the encoder takes the pictures
+    std::unique_ptr<PicturePool> padded_pictures_;
+    AVPixelFormat encoder_format_ = AV_PIX_FMT_NONE;
     int width_;  // of the pictures; the encoder's may be larger by one
     int height_;
     AVStream* video_ = nullptr;

@@ -5,7 +5,7 @@
 extern "C" {
 #include <libavdevice/avdevice.h>
 #include <libavutil/display.h>
-#include <libavutil/imgutils.h>
+#include <libavutil/dovi_meta.h>
 }
 
 #include <sys/stat.h>
@@ -14,6 +14,8 @@ extern "C" {
 #include <cmath>
 #include <cstdio>
 #include <new>
+
+#include "apps/stabilize_video/pictures/pixel_formats.h"
 
 namespace apps {
 
@@ -59,13 +61,21 @@ int quarter_turns(const AVStream& stream) {
     return ((-static_cast<int>(std::lround(counterclockwise / 90)) % 4) + 4) % 4;
 }
 
-// Full-range 4:2:0 has the same layout as limited range.
-void use_plain_420(AVFrame& frame) {
-    if (frame.format != AV_PIX_FMT_YUVJ420P) {
-        return;
+// Formats that are full range by their name have the same layout as others.
+void use_plain_format(AVFrame& frame) {
+    const auto format = static_cast<AVPixelFormat>(frame.format);
+    if (without_range(format) != format) {
+        frame.format = without_range(format);
+        frame.color_range = AVCOL_RANGE_JPEG;
     }
-    frame.format = AV_PIX_FMT_YUV420P;
-    frame.color_range = AVCOL_RANGE_JPEG;
+}
+
+// A piece of metadata of a picture, or else of the stream.
+const std::uint8_t* side_data(const AVFrame& picture, AVFrameSideDataType type,
+                              const AVStream& stream, AVPacketSideDataType stream_type) {
+    const AVFrameSideData* of_picture = av_frame_get_side_data(&picture, type);
+    return of_picture != nullptr ? of_picture->data
+                                 : av_stream_get_side_data(&stream, stream_type, nullptr);
 }
 
 }  // namespace
@@ -238,17 +248,40 @@ void MediaSource::open_decoder() {
 void MediaSource::start_format(const AVFrame& decoded, const MediaSourceOptions& options) {
     decoded_width_ = decoded.width;
     decoded_height_ = decoded.height;
+    choose_conversion(decoded, options);
+    make_converter(decoded);
+    format_.pixel_format = task_.format;
+    format_.time_base = video_->time_base;
+    format_.nominal_rate = av_guess_frame_rate(context_.get(), video_, nullptr);
+    format_.frame_rate = format_.nominal_rate;
+    if (video_->avg_frame_rate.num > 0) {
+        format_.frame_rate = video_->avg_frame_rate;
+    }
+    take_colours(decoded);
+    take_hdr(decoded);
+}
+
+void MediaSource::choose_conversion(const AVFrame& decoded, const MediaSourceOptions& options) {
     task_.deinterlace =
         decoded.interlaced_frame != 0 || interlaced_order(video_->codecpar->field_order);
     if (options.turn_upright) {
         task_.quarter_turns = quarter_turns(*video_);
     }
-    make_converter(decoded);
-
-    if (decoded.format != AV_PIX_FMT_YUV420P) {
-        const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(decoded.format));
-        notes_.push_back(std::string("pictures are converted from ") + (name ? name : "?") +
-                         " to 8-bit 4:2:0");
+    const auto format = static_cast<AVPixelFormat>(decoded.format);
+    const std::optional<videostabilizer::PixelLayout> layout =
+        layout_of(format, decoded.chroma_location);
+    const bool moved = task_.deinterlace || task_.quarter_turns != 0;
+    const bool is_planar = layout && layout->semi_planar == 0;
+    const bool keeps = layout && (is_planar || !(moved || options.planar));
+    task_.format = keeps ? format : planar_format_for(format);
+    // Turned 4:2:2 would have half the rows of chroma, which the stabilizer does not take.
+    if (task_.quarter_turns % 2 != 0 && chroma_of(format) == videostabilizer::CHROMA_422) {
+        task_.format = planar_format(videostabilizer::CHROMA_444, bit_depth_of(task_.format));
+    }
+    if (!layout || chroma_of(task_.format) != chroma_of(format)) {
+        notes_.push_back("pictures are converted from " + name_of(format) + " to " +
+                         name_of(task_.format) +
+                         (has_alpha(format) ? "; transparency is dropped" : ""));
     }
     if (task_.deinterlace) {
         notes_.emplace_back("interlaced pictures are deinterlaced");
@@ -257,14 +290,10 @@ void MediaSource::start_format(const AVFrame& decoded, const MediaSourceOptions&
         notes_.emplace_back(
             "pictures are rotated upright, since the output format has no rotation tag");
     }
+}
 
-    format_.time_base = video_->time_base;
-    format_.nominal_rate = av_guess_frame_rate(context_.get(), video_, nullptr);
-    format_.frame_rate = format_.nominal_rate;
-    if (video_->avg_frame_rate.num > 0) {
-        format_.frame_rate = video_->avg_frame_rate;
-    }
-    if (is_rgb(decoded.format)) {
+void MediaSource::take_colours(const AVFrame& decoded) {
+    if (is_rgb(static_cast<AVPixelFormat>(decoded.format))) {
         format_.range = AVCOL_RANGE_MPEG;
         format_.matrix = AVCOL_SPC_BT709;
     } else {
@@ -273,7 +302,35 @@ void MediaSource::start_format(const AVFrame& decoded, const MediaSourceOptions&
     }
     format_.primaries = decoded.color_primaries;
     format_.transfer = decoded.color_trc;
-    format_.chroma_location = decoded.chroma_location;
+    format_.chroma_location = turned(decoded.chroma_location, task_.quarter_turns);
+}
+
+// Metadata of high dynamic range: what holds for the whole stream is kept.
+void MediaSource::take_hdr(const AVFrame& decoded) {
+    const auto* mastering = reinterpret_cast<const AVMasteringDisplayMetadata*>(
+        side_data(decoded, AV_FRAME_DATA_MASTERING_DISPLAY_METADATA, *video_,
+                  AV_PKT_DATA_MASTERING_DISPLAY_METADATA));
+    if (mastering != nullptr) {
+        format_.mastering = *mastering;
+    }
+    const auto* light = reinterpret_cast<const AVContentLightMetadata*>(side_data(
+        decoded, AV_FRAME_DATA_CONTENT_LIGHT_LEVEL, *video_, AV_PKT_DATA_CONTENT_LIGHT_LEVEL));
+    if (light != nullptr) {
+        format_.light = *light;
+    }
+    if (av_frame_get_side_data(&decoded, AV_FRAME_DATA_DYNAMIC_HDR_PLUS) != nullptr) {
+        notes_.emplace_back("HDR10+ metadata, which changes from scene to scene, is dropped");
+    }
+    const auto* dolby = reinterpret_cast<const AVDOVIDecoderConfigurationRecord*>(
+        av_stream_get_side_data(video_, AV_PKT_DATA_DOVI_CONF, nullptr));
+    if (dolby != nullptr ||
+        av_frame_get_side_data(&decoded, AV_FRAME_DATA_DOVI_RPU_BUFFER) != nullptr) {
+        const bool alone = dolby != nullptr && dolby->dv_bl_signal_compatibility_id == 0;
+        notes_.emplace_back(
+            alone ? "Dolby Vision metadata is dropped; this video has a profile whose "
+                    "colours are wrong without it"
+                  : "Dolby Vision metadata is dropped");
+    }
 }
 
 void MediaSource::make_converter(const AVFrame& decoded) {
@@ -375,7 +432,7 @@ AvFramePtr MediaSource::decode() {
     if (frame->decode_error_flags != 0 || (frame->flags & AV_FRAME_FLAG_CORRUPT) != 0) {
         ++damaged_pictures_;
     }
-    use_plain_420(*frame);
+    use_plain_format(*frame);
     // Time stamps must increase strictly.
     std::int64_t time = frame->best_effort_timestamp;
     const std::int64_t step = std::max<std::int64_t>(
@@ -428,24 +485,15 @@ AvFramePtr MediaSource::next_picture() {
     }
 }
 
-bool MediaSource::read(const video_io::Planes& to, PictureTag& tag) {
-    const AvFramePtr picture = first_ ? std::move(first_) : next_picture();
-    if (!picture) {
-        return false;
+AvFramePtr MediaSource::read(PictureTag& tag) {
+    AvFramePtr picture = first_ ? std::move(first_) : next_picture();
+    if (picture) {
+        tag.time = picture->pts;
+        tag.duration = picture->pkt_duration;
+        tag.parameters.clear();
+        ++pictures_;
     }
-    const int chroma_width = (format_.width + 1) / 2;
-    const int chroma_height = (format_.height + 1) / 2;
-    av_image_copy_plane(to.y, static_cast<int>(to.stride_y), picture->data[0], picture->linesize[0],
-                        format_.width, format_.height);
-    av_image_copy_plane(to.u, static_cast<int>(to.stride_uv), picture->data[1],
-                        picture->linesize[1], chroma_width, chroma_height);
-    av_image_copy_plane(to.v, static_cast<int>(to.stride_uv), picture->data[2],
-                        picture->linesize[2], chroma_width, chroma_height);
-    tag.time = picture->pts;
-    tag.duration = picture->pkt_duration;
-    tag.parameters.clear();
-    ++pictures_;
-    return true;
+    return picture;
 }
 
 std::int64_t MediaSource::expected_pictures() const {

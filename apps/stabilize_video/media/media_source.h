@@ -25,11 +25,14 @@ struct MediaSourceOptions {
     std::vector<std::pair<std::string, std::string>> options;  // for it, by name
     // Rotate the pictures upright, for outputs without a rotation tag.
     bool turn_upright = false;
+    // Planar pictures only.
+    bool planar = false;
     // Once true, reading ends soon. May be null; must outlive the source.
     const std::atomic<bool>* stop = nullptr;
 };
 
-// Any video that FFmpeg reads: the best video stream decoded, all other streams as packets.
+// Any video that FFmpeg reads: the best video stream decoded, all other streams as packets. Pictures
+// are the decoder's own where the stabilizer takes their format.
 //
 // Threads: owner only; FFmpeg decodes with threads of its own.
 class MediaSource : public PictureSource {
@@ -43,7 +46,7 @@ class MediaSource : public PictureSource {
     MediaSource& operator=(const MediaSource&) = delete;
 
     const PictureFormat& format() const override { return format_; }
-    bool read(const video_io::Planes& to, PictureTag& tag) override;
+    AvFramePtr read(PictureTag& tag) override;
     std::int64_t expected_pictures() const override;
     std::string damage() const override;
 
@@ -64,6 +67,9 @@ class MediaSource : public PictureSource {
     void open_decoder();
     void read_first_picture(const MediaSourceOptions& options);
     void start_format(const AVFrame& decoded, const MediaSourceOptions& options);
+    void choose_conversion(const AVFrame& decoded, const MediaSourceOptions& options);
+    void take_colours(const AVFrame& decoded);
+    void take_hdr(const AVFrame& decoded);
     void make_converter(const AVFrame& decoded);
     bool read_packet();
     void forward(const AVPacket& packet);

@@ -9,6 +9,7 @@ extern "C" {
 
 #include <new>
 
+#include "apps/stabilize_video/pictures/pixel_formats.h"
 #include "common/video_io/byte_io.h"
 
 namespace apps {
@@ -39,13 +40,20 @@ std::string ratio(AVRational value) {
     return std::to_string(value.num) + "/" + std::to_string(value.den);
 }
 
-}  // namespace
-
-bool is_rgb(int pixel_format) {
-    const AVPixFmtDescriptor* descriptor =
-        av_pix_fmt_desc_get(static_cast<AVPixelFormat>(pixel_format));
-    return descriptor != nullptr && (descriptor->flags & AV_PIX_FMT_FLAG_RGB) != 0;
+// What libswscale is to do, from pictures like `sample` to a format.
+std::string scaling(const AVFrame& sample, AVPixelFormat to) {
+    const auto from = static_cast<AVPixelFormat>(sample.format);
+    std::string scale = "flags=bicubic+accurate_rnd+full_chroma_int";
+    if (is_rgb(from)) {
+        return scale + (is_rgb(to) ? "" : ":out_color_matrix=bt709:out_range=limited");
+    }
+    const char* range = sample.color_range == AVCOL_RANGE_JPEG ? "full" : "limited";
+    scale += std::string(":in_range=") + range;
+    const bool full = is_rgb(to) || without_range(to) != to;
+    return scale + ":out_range=" + (full ? "full" : range);
 }
+
+}  // namespace
 
 PictureConverter::PictureConverter(const AVFrame& sample, AVRational time_base, const Task& task)
     : width_(sample.width),
@@ -68,15 +76,8 @@ PictureConverter::PictureConverter(const AVFrame& sample, AVRational time_base, 
         last = add(graph, "bwdif", "mode=send_frame:deint=interlaced", last);
     }
     if (format_ != task.format) {
-        std::string scale = "flags=bicubic+accurate_rnd+full_chroma_int";
-        if (is_rgb(format_)) {
-            scale += ":out_color_matrix=bt709:out_range=limited";
-        } else {
-            const char* range = sample.color_range == AVCOL_RANGE_JPEG ? "full" : "limited";
-            scale += std::string(":in_range=") + range + ":out_range=" + range;
-        }
-        last = add(graph, "scale", scale, last);
-        last = add(graph, "format", av_get_pix_fmt_name(task.format), last);
+        last = add(graph, "scale", scaling(sample, task.format), last);
+        last = add(graph, "format", name_of(task.format), last);
     }
     switch (task.quarter_turns) {
         case 1:
@@ -91,6 +92,8 @@ PictureConverter::PictureConverter(const AVFrame& sample, AVRational time_base, 
         default:
             break;
     }
+    // In case a filter prefers another.
+    last = add(graph, "format", name_of(task.format), last);
     sink_ = add(graph, "buffersink", "", last);
     check(avfilter_graph_config(graph, nullptr));
 }

@@ -13,13 +13,14 @@ namespace apps {
 class PictureConverter {
   public:
     struct Task {
-        AVPixelFormat format = AV_PIX_FMT_YUV420P;
+        AVPixelFormat format = AV_PIX_FMT_NONE;
         bool deinterlace = false;
         int quarter_turns = 0;  // clockwise, 0 to 3
     };
 
     // Converts pictures of the size and format of `sample`. `time_base` is that of their time
-    // stamps. YUV keeps its range (full or limited); RGB becomes limited BT.709.
+    // stamps. YUV keeps its range (full or limited) where the format has none of its own; RGB becomes
+    // limited BT.709.
     // Throws InputError when this cannot be done.
     PictureConverter(const AVFrame& sample, AVRational time_base, const Task& task);
 
@@ -41,8 +42,5 @@ class PictureConverter {
     AVFilterContext* source_ = nullptr;  // both owned by the graph
     AVFilterContext* sink_ = nullptr;
 };
-
-// Whether the pixel format is RGB.
-bool is_rgb(int pixel_format);
 
 }  // namespace apps

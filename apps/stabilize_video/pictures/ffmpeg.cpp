@@ -42,6 +42,14 @@ AvFramePtr make_picture(AVPixelFormat format, int width, int height) {
     return frame;
 }
 
+AvFramePtr reference_to(const AVFrame& picture) {
+    AvFramePtr reference(av_frame_clone(&picture));
+    if (!reference) {
+        throw std::bad_alloc();
+    }
+    return reference;
+}
+
 std::string Dictionary::first_key() const {
     const AVDictionaryEntry* entry = av_dict_get(dictionary_, "", nullptr, AV_DICT_IGNORE_SUFFIX);
     return entry == nullptr ? "" : entry->key;

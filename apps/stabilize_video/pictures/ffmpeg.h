@@ -75,6 +75,8 @@ PacketPtr copy_of(const AVPacket& packet);
 AvFramePtr make_av_frame();
 // A frame with allocated pixels.
 AvFramePtr make_picture(AVPixelFormat format, int width, int height);
+// Another frame with the same pixels.
+AvFramePtr reference_to(const AVFrame& picture);
 
 // Options for FFmpeg.
 class Dictionary {

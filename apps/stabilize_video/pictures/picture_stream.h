@@ -8,9 +8,14 @@
 #include <vector>
 
 #include "apps/stabilize_video/pictures/ffmpeg.h"
-#include "common/video_io/y4m.h"
+#include "common/video_io/byte_io.h"
 
-// Interfaces of picture input and output. Pictures are 8-bit 4:2:0. Threads: owner only.
+extern "C" {
+#include <libavutil/mastering_display_metadata.h>
+}
+
+// Interfaces of picture input and output. Pictures are FFmpeg's frames, of a format that the
+// stabilizer takes. Threads: owner only.
 
 namespace apps {
 
@@ -26,8 +31,9 @@ struct SizeChangedError : video_io::InputError {
 
 // What all pictures of a stream have in common.
 struct PictureFormat {
-    int width = 0;                  // pixels
-    int height = 0;                 // rows
+    int width = 0;   // pixels
+    int height = 0;  // rows
+    AVPixelFormat pixel_format = AV_PIX_FMT_YUV420P;
     AVRational time_base{};         // seconds per tick, the unit of time stamps and durations
     AVRational frame_rate{};        // pictures per second, average where it varies; 0/1: unknown
     AVRational nominal_rate{};      // the same as if no picture were missing; 0/1: unknown
@@ -37,6 +43,8 @@ struct PictureFormat {
     AVColorTransferCharacteristic transfer = AVCOL_TRC_UNSPECIFIED;
     AVColorSpace matrix = AVCOL_SPC_UNSPECIFIED;
     AVChromaLocation chroma_location = AVCHROMA_LOC_UNSPECIFIED;
+    std::optional<AVMasteringDisplayMetadata> mastering;
+    std::optional<AVContentLightMetadata> light;
 };
 
 // What travels with one picture.
@@ -52,9 +60,9 @@ class PictureSource {
 
     virtual const PictureFormat& format() const = 0;
 
-    // Reads the next picture. Returns false at the end. Throws InputError when the stream is cut
-    // short or damaged; `to` may then hold part of a picture.
-    virtual bool read(const video_io::Planes& to, PictureTag& tag) = 0;
+    // The next picture, which must not be changed; null at the end. Throws InputError when the stream
+    // is cut short or damaged.
+    virtual AvFramePtr read(PictureTag& tag) = 0;
 
     // Number of pictures according to the input; -1: unknown.
     virtual std::int64_t expected_pictures() const { return -1; }
@@ -67,8 +75,8 @@ class PictureSink {
   public:
     virtual ~PictureSink() = default;
 
-    // Writes the next picture. Throws OutputError.
-    virtual void write(const video_io::Planes& picture, const PictureTag& tag) = 0;
+    // Writes the next picture. Its pixels must not change any more. Throws OutputError.
+    virtual void write(const AVFrame& picture, const PictureTag& tag) = 0;
 
     // Writes everything that is still buffered; the last write. Throws OutputError.
     virtual void finish() = 0;

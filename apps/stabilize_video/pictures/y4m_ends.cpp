@@ -2,8 +2,12 @@
 
 #include "apps/stabilize_video/pictures/y4m_ends.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <utility>
+
+#include "apps/stabilize_video/pictures/pixel_formats.h"
 
 namespace apps {
 
@@ -24,53 +28,117 @@ AVRational ratio_of(const std::string& line, char parameter, AVRational otherwis
     return value.num > 0 && value.den > 0 ? value : otherwise;
 }
 
+// How YUV4MPEG2 names the siting of 8-bit 4:2:0.
+constexpr std::pair<const char*, AVChromaLocation> SITINGS[] = {
+    {"420", AVCHROMA_LOC_CENTER},
+    {"420jpeg", AVCHROMA_LOC_CENTER},
+    {"420mpeg2", AVCHROMA_LOC_LEFT},
+    {"420paldv", AVCHROMA_LOC_TOPLEFT},
+};
+
+AVPixelFormat pixel_format_of(const video_io::Y4mHeader& header) {
+    constexpr std::pair<video_io::Y4mChroma, videostabilizer::ChromaFormat> CHROMAS[] = {
+        {video_io::Y4mChroma::C420, videostabilizer::CHROMA_420},
+        {video_io::Y4mChroma::C422, videostabilizer::CHROMA_422},
+        {video_io::Y4mChroma::C444, videostabilizer::CHROMA_444},
+        {video_io::Y4mChroma::GREY, videostabilizer::CHROMA_NONE},
+    };
+    for (const auto& [theirs, ours] : CHROMAS) {
+        if (header.chroma == theirs) {
+            return planar_format(ours, header.bit_depth);
+        }
+    }
+    return AV_PIX_FMT_NONE;
+}
+
+// The name of chroma format, bit depth and siting.
+std::string chroma_name(const PictureFormat& format) {
+    constexpr const char* NAMES[] = {"420", "422", "444", "mono"};
+    const int depth = bit_depth_of(format.pixel_format);
+    const videostabilizer::ChromaFormat chroma = chroma_of(format.pixel_format);
+    if (depth == 8 && chroma == videostabilizer::CHROMA_420) {
+        switch (format.chroma_location) {
+            case AVCHROMA_LOC_CENTER:
+                return "420jpeg";
+            case AVCHROMA_LOC_TOPLEFT:
+                return "420paldv";
+            default:
+                return "420mpeg2";
+        }
+    }
+    const bool grey = chroma == videostabilizer::CHROMA_NONE;
+    const std::string beyond_8 = (grey ? "" : "p") + std::to_string(depth);
+    return NAMES[chroma] + (depth == 8 ? "" : beyond_8);
+}
+
 PictureFormat format_of(const video_io::Y4mHeader& header) {
     PictureFormat format;
     format.width = header.width;
     format.height = header.height;
+    format.pixel_format = pixel_format_of(header);
     format.frame_rate = ratio_of(header.line, 'F', UNKNOWN_RATE);
     format.nominal_rate = format.frame_rate;
     format.time_base = av_inv_q(format.frame_rate);
     format.pixel_aspect = ratio_of(header.line, 'A', AVRational{0, 1});
     if (header.line.find("XCOLORRANGE=FULL") != std::string::npos) {
         format.range = AVCOL_RANGE_JPEG;
+    } else if (header.line.find("XCOLORRANGE=LIMITED") != std::string::npos) {
+        format.range = AVCOL_RANGE_MPEG;
+    }
+    for (const auto& [name, location] : SITINGS) {
+        if (header.chroma_name == name) {
+            format.chroma_location = location;
+        }
     }
     return format;
 }
 
 video_io::Y4mHeader header_of(const PictureFormat& format, const std::string& line) {
-    const AVRational rate = format.frame_rate.num > 0 ? format.frame_rate : UNKNOWN_RATE;
-    video_io::Y4mHeader header = video_io::make_y4m_header(
-        format.width, format.height, std::to_string(rate.num) + ":" + std::to_string(rate.den));
     if (!line.empty()) {
-        header.line = line;
-        return header;
+        return video_io::parse_y4m_header(line);
     }
-    const AVRational aspect = format.pixel_aspect;
-    const bool left = format.chroma_location == AVCHROMA_LOC_LEFT;
-    header.line = header.line.substr(0, header.line.find(" Ip")) + " Ip A" +
-                  std::to_string(aspect.num) + ":" +
-                  std::to_string(aspect.num == 0 ? 0 : aspect.den) +
-                  (left ? " C420mpeg2" : " C420jpeg");
-    if (format.range == AVCOL_RANGE_JPEG) {
-        header.line += " XCOLORRANGE=FULL";
+    const auto text = [](AVRational ratio) {
+        return std::to_string(ratio.num) + ":" + std::to_string(ratio.num == 0 ? 0 : ratio.den);
+    };
+    const std::string chroma = chroma_name(format);
+    std::string made = "YUV4MPEG2 W" + std::to_string(format.width) + " H" +
+                       std::to_string(format.height) + " F" +
+                       text(format.frame_rate.num > 0 ? format.frame_rate : UNKNOWN_RATE) +
+                       " Ip A" + text(format.pixel_aspect) + " C" + chroma;
+    if (chroma_of(format.pixel_format) != videostabilizer::CHROMA_NONE) {
+        std::string capitals = chroma;
+        std::transform(capitals.begin(), capitals.end(), capitals.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+        made += " XYSCSS=" + capitals;
     }
-    return header;
+    if (format.range == AVCOL_RANGE_JPEG || format.range == AVCOL_RANGE_MPEG) {
+        made += format.range == AVCOL_RANGE_JPEG ? " XCOLORRANGE=FULL" : " XCOLORRANGE=LIMITED";
+    }
+    return video_io::parse_y4m_header(made);
+}
+
+video_io::Planes y4m_planes(const AVFrame& picture) {
+    return {picture.data[0], picture.data[1], picture.data[2], picture.linesize[0],
+            picture.linesize[1]};
 }
 
 }  // namespace
 
 Y4mSource::Y4mSource(std::unique_ptr<video_io::FdSource> stream)
-    : stream_(std::move(stream)), reader_(*stream_), format_(format_of(reader_.header())) {}
+    : stream_(std::move(stream)),
+      reader_(*stream_),
+      format_(format_of(reader_.header())),
+      pool_(format_.pixel_format, format_.width, format_.height) {}
 
-bool Y4mSource::read(const video_io::Planes& to, PictureTag& tag) {
-    if (!reader_.read_frame(to)) {
-        return false;
+AvFramePtr Y4mSource::read(PictureTag& tag) {
+    AvFramePtr picture = pool_.take();
+    if (!reader_.read_frame(y4m_planes(*picture))) {
+        return nullptr;
     }
     tag.time = reader_.frames() - 1;
     tag.duration = 1;
     tag.parameters = reader_.frame_parameters();
-    return true;
+    return picture;
 }
 
 std::int64_t Y4mSource::expected_pictures() const {
@@ -106,8 +174,8 @@ Y4mSink::Y4mSink(const std::string& path, const PictureFormat& format,
                  const std::atomic<bool>* stop)
     : file_(path, stop, existing), writer_(file_.sink(), header_of(format, header_line)) {}
 
-void Y4mSink::write(const video_io::Planes& picture, const PictureTag& tag) {
-    writer_.write_frame(picture, tag.parameters);
+void Y4mSink::write(const AVFrame& picture, const PictureTag& tag) {
+    writer_.write_frame(y4m_planes(picture), tag.parameters);
 }
 
 }  // namespace apps

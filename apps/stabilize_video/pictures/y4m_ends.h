@@ -6,8 +6,10 @@
 #include <memory>
 #include <string>
 
+#include "apps/stabilize_video/pictures/picture_pool.h"
 #include "apps/stabilize_video/pictures/picture_stream.h"
 #include "common/video_io/output_file.h"
+#include "common/video_io/y4m.h"
 
 // YUV4MPEG2 as input and output of the program.
 
@@ -20,26 +22,29 @@ class Y4mSource : public PictureSource {
 
     const PictureFormat& format() const override { return format_; }
     const std::string& header_line() const { return reader_.header().line; }
-    bool read(const video_io::Planes& to, PictureTag& tag) override;
+    AvFramePtr read(PictureTag& tag) override;
     std::int64_t expected_pictures() const override;
 
-    // Whether the stream begins with a YUV4MPEG2 header of 8-bit 4:2:0. Consumes nothing.
+    // Whether the stream begins with a YUV4MPEG2 header, unless of 4:1:1, which FFmpeg can convert.
+    // Consumes nothing.
     static bool recognises(video_io::FdSource& stream);
 
   private:
     std::unique_ptr<video_io::FdSource> stream_;
     video_io::Y4mReader reader_;
     PictureFormat format_;
+    PicturePool pool_;
 };
 
 class Y4mSink : public PictureSink {
   public:
+    // format       its pixel format is planar
     // header_line  of the input, to be copied; "": made from the format
     // Throws OutputError, ExistsError.
     Y4mSink(const std::string& path, const PictureFormat& format, const std::string& header_line,
             video_io::Existing existing, const std::atomic<bool>* stop);
 
-    void write(const video_io::Planes& picture, const PictureTag& tag) override;
+    void write(const AVFrame& picture, const PictureTag& tag) override;
     void finish() override { file_.sink().flush(); }
 
     void commit() override { file_.commit(); }

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "apps/stabilize_video/pictures/pixel_formats.h"
+
 namespace apps {
 
 void ShakeReport::Track::add(const CameraView& view, std::int64_t frames) {
@@ -172,7 +174,12 @@ void write_json(video_io::ByteSink& sink, const ShakeReport& report, const PathR
     json.add("strength", facts.strength);
     json.add("delay_frames", facts.options.look_ahead);
     json.add("delay_ms", rate > 0 ? Json(1000 * facts.options.look_ahead / rate) : Json());
-    json.add("sampling", facts.sampling);
+    json.add("pixel_format", name_of(format.pixel_format));
+    json.add("engine", facts.options.engine == videostabilizer::STABILIZER_ENGINE_OPENCL
+                           ? "opencl"
+                           : "native");
+    constexpr const char* SAMPLINGS[] = {"stated", "bilinear", "sharp"};
+    json.add("sampling", SAMPLINGS[facts.options.sampling]);
     json.add("crop_ratio", static_cast<double>(facts.options.crop_ratio));
     json.add("mean_track_ratio", report.mean_track_ratio());
     json.add("failed_motions", report.failed_motions());

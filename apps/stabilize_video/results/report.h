@@ -80,9 +80,8 @@ struct JobFacts {
     std::string input;
     std::string output;
     std::string strength;
-    std::string sampling;
     const PictureFormat& format;
-    const videostabilizer::VideoStabilizerOptions& options;
+    const videostabilizer::VideoStabilizerOptions& options;  // as the stabilizer uses them
     const Notes& notes;
     std::int64_t frames;
     StreamSeconds seconds;

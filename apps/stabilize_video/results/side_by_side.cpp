@@ -5,11 +5,12 @@
 extern "C" {
 #include <libavfilter/buffersink.h>
 #include <libavfilter/buffersrc.h>
-#include <libavutil/imgutils.h>
 }
 
 #include <algorithm>
 #include <new>
+
+#include "apps/stabilize_video/pictures/pixel_formats.h"
 
 namespace apps {
 
@@ -53,6 +54,7 @@ SideBySide::SideBySide(const std::string& path, const PictureFormat& format,
     PictureFormat wide = format;
     wide.width = 2 * side_width_;
     wide.height = side_height_;
+    wide.pixel_format = planar_format_for(format.pixel_format);
     sink_ = std::make_unique<MediaSink>(path, wide, options, nullptr, stop);
 }
 
@@ -62,15 +64,19 @@ void SideBySide::make_graph(bool labelled) {
         throw std::bad_alloc();
     }
     const std::string in = "buffer=video_size=" + size_text(format_.width, format_.height) +
-                           ":pix_fmt=yuv420p:time_base=" + std::to_string(format_.time_base.num) +
-                           "/" + std::to_string(format_.time_base.den);
-    const std::string fit =
-        ",scale=" + std::to_string(side_width_) + ":" + std::to_string(side_height_);
+                           ":pix_fmt=" + name_of(format_.pixel_format) +
+                           ":time_base=" + std::to_string(format_.time_base.num) + "/" +
+                           std::to_string(format_.time_base.den);
+    const std::string range = format_.range == AVCOL_RANGE_JPEG ? "full" : "limited";
+    const std::string format = ",format=" + name_of(planar_format_for(format_.pixel_format));
+    const std::string fit = ",scale=" + std::to_string(side_width_) + ":" +
+                            std::to_string(side_height_) + ":in_range=" + range +
+                            ":out_range=" + range + format;
     const auto side = [&](const char* text) {
         return in + fit + (labelled ? label(text, side_height_) : "");
     };
     const std::string description =
-        side("shaky") + "[l];" + side("steady") + "[r];[l][r]hstack,buffersink";
+        side("shaky") + "[l];" + side("steady") + "[r];[l][r]hstack" + format + ",buffersink";
     AVFilterInOut* inputs = nullptr;
     AVFilterInOut* outputs = nullptr;
     const int parsed = avfilter_graph_parse2(graph_.get(), description.c_str(), &inputs, &outputs);
@@ -91,27 +97,21 @@ void SideBySide::make_graph(bool labelled) {
     }
 }
 
-AvFramePtr SideBySide::copied(const video_io::Planes& picture) const {
-    AvFramePtr frame = make_picture(AV_PIX_FMT_YUV420P, format_.width, format_.height);
-    const int chroma_width = (format_.width + 1) / 2;
-    const int chroma_height = (format_.height + 1) / 2;
-    av_image_copy_plane(frame->data[0], frame->linesize[0], picture.y,
-                        static_cast<int>(picture.stride_y), format_.width, format_.height);
-    av_image_copy_plane(frame->data[1], frame->linesize[1], picture.u,
-                        static_cast<int>(picture.stride_uv), chroma_width, chroma_height);
-    av_image_copy_plane(frame->data[2], frame->linesize[2], picture.v,
-                        static_cast<int>(picture.stride_uv), chroma_width, chroma_height);
-    return frame;
+// A reference to the picture, tagged with the range that all have.
+AvFramePtr SideBySide::in_range(const AVFrame& picture) const {
+    AvFramePtr reference = reference_to(picture);
+    reference->color_range = format_.range;
+    return reference;
 }
 
-void SideBySide::add_shaky(const video_io::Planes& picture) {
-    AvFramePtr frame = copied(picture);
+void SideBySide::add_shaky(const AVFrame& picture) {
+    AvFramePtr frame = in_range(picture);
     const std::lock_guard<std::mutex> lock(mutex_);
     shaky_.push_back(std::move(frame));
 }
 
-void SideBySide::add_steady(const video_io::Planes& picture, const PictureTag& tag) {
-    const AvFramePtr steady = copied(picture);
+void SideBySide::add_steady(const AVFrame& picture, const PictureTag& tag) {
+    const AvFramePtr steady = in_range(picture);
     AvFramePtr shaky;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -143,9 +143,7 @@ void SideBySide::write_pairs(std::int64_t duration) {
         PictureTag tag;
         tag.time = av_rescale_q(both->pts, av_buffersink_get_time_base(both_), format_.time_base);
         tag.duration = duration;
-        const video_io::Planes planes{both->data[0], both->data[1], both->data[2],
-                                      both->linesize[0], both->linesize[1]};
-        sink_->write(planes, tag);
+        sink_->write(*both, tag);
         av_frame_unref(both.get());
     }
 }

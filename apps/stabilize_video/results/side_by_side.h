@@ -22,17 +22,17 @@ class SideBySide {
     SideBySide(const std::string& path, const PictureFormat& format, const EncoderOptions& options,
                const std::atomic<bool>* stop);
 
-    // Keeps a copy until the steady picture of the same frame arrives. Throws std::bad_alloc.
-    void add_shaky(const video_io::Planes& picture);
+    // Keeps a reference until the steady picture of the same frame arrives. Throws std::bad_alloc.
+    void add_shaky(const AVFrame& picture);
     // Throws OutputError.
-    void add_steady(const video_io::Planes& picture, const PictureTag& tag);
+    void add_steady(const AVFrame& picture, const PictureTag& tag);
 
     // As PictureSink.
     void finish();
     void commit() { sink_->commit(); }
 
   private:
-    AvFramePtr copied(const video_io::Planes& picture) const;
+    AvFramePtr in_range(const AVFrame& picture) const;
     void make_graph(bool labelled);
     void write_pairs(std::int64_t duration);
 

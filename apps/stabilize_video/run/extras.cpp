@@ -92,11 +92,11 @@ void Extras::add(const FollowedFrame& point) noexcept {
     plot_.attempt([&] { drawing_->add(point); });
 }
 
-void Extras::add_shaky(const video_io::Planes& picture) noexcept {
+void Extras::add_shaky(const AVFrame& picture) noexcept {
     compare_.attempt([&] { comparison_->add_shaky(picture); });
 }
 
-void Extras::add_steady(const video_io::Planes& picture, const PictureTag& tag) noexcept {
+void Extras::add_steady(const AVFrame& picture, const PictureTag& tag) noexcept {
     compare_.attempt([&] { comparison_->add_steady(picture, tag); });
 }
 

@@ -67,8 +67,8 @@ class Extras {
            const std::atomic<bool>* stop);
 
     void add(const FollowedFrame& point) noexcept;
-    void add_shaky(const video_io::Planes& picture) noexcept;
-    void add_steady(const video_io::Planes& picture, const PictureTag& tag) noexcept;
+    void add_shaky(const AVFrame& picture) noexcept;
+    void add_steady(const AVFrame& picture, const PictureTag& tag) noexcept;
 
     // The statistics so far, which are gathered in any case.
     const ShakeReport& report() const { return report_; }

@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdio>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <utility>
@@ -88,13 +90,18 @@ struct Input {
     bool live = false;             // a pipe or a device, which sets the pace
 };
 
-Input open_input(const Options& options, bool turn_upright) {
+// Pictures for YUV4MPEG2 are planar and upright.
+Input open_input(const Options& options) {
     const std::string& name = options.inputs[0];
     const std::atomic<bool>* stop = &interruption().stop_input;
     MediaSourceOptions media_options;
     media_options.container = options.input_format;
     media_options.options = options.input_options;
-    media_options.turn_upright = turn_upright;
+    media_options.planar = is_y4m_output(options);
+    // An output format that cannot be used is reported before the input is opened.
+    media_options.turn_upright =
+        media_options.planar ||
+        !keeps_rotation(*output_format_for(options.output, options.output_format));
     media_options.stop = stop;
 
     Input input;
@@ -125,22 +132,47 @@ Input open_input(const Options& options, bool turn_upright) {
     return input;
 }
 
+void refuse_small_pictures(const PictureFormat& format) {
+    constexpr int SMALLEST_SIDE = 16;
+    if (format.width < SMALLEST_SIDE || format.height < SMALLEST_SIDE) {
+        throw video_io::InputError("the pictures are " + size_text(format.width, format.height) +
+                                   "; the smallest that can be stabilised are " +
+                                   size_text(SMALLEST_SIDE, SMALLEST_SIDE));
+    }
+}
+
+// The value that belongs to a name, or the other one if the name is not in the table.
+template <typename Value, std::size_t COUNT>
+Value named(const std::pair<const char*, Value> (&table)[COUNT], const std::string& name,
+            Value otherwise) {
+    const auto* const entry = std::find_if(std::begin(table), std::end(table),
+                                           [&](const auto& e) { return name == e.first; });
+    return entry == std::end(table) ? otherwise : entry->second;
+}
+
+constexpr std::pair<const char*, vs::VideoStabilizerStrength> STRENGTHS[] = {
+    {"gentle", vs::STABILIZER_GENTLE},
+    {"standard", vs::STABILIZER_STANDARD},
+    {"strong", vs::STABILIZER_STRONG},
+    {"maximum", vs::STABILIZER_MAXIMUM},
+};
+constexpr std::pair<const char*, vs::VideoStabilizerEngine> ENGINES[] = {
+    {"native", vs::STABILIZER_ENGINE_NATIVE},
+    {"auto", vs::STABILIZER_ENGINE_AUTO},
+    {"opencl", vs::STABILIZER_ENGINE_OPENCL},
+};
+constexpr std::pair<const char*, vs::VideoStabilizerSampling> SAMPLINGS[] = {
+    {"stated", vs::STABILIZER_SAMPLING_STATED},
+    {"bilinear", vs::STABILIZER_SAMPLING_BILINEAR},
+    {"sharp", vs::STABILIZER_SAMPLING_SHARP},
+};
+
 // The stabilizer's options. For files, where delay does not matter, the look-ahead covers the whole
 // smoothing window, 2 sigma.
 vs::VideoStabilizerOptions stabilizer_options(const Options& options, bool is_offline) {
-    const std::pair<const char*, vs::VideoStabilizerStrength> strengths[] = {
-        {"gentle", vs::STABILIZER_GENTLE},
-        {"standard", vs::STABILIZER_STANDARD},
-        {"strong", vs::STABILIZER_STRONG},
-        {"maximum", vs::STABILIZER_MAXIMUM},
-    };
     vs::VideoStabilizerOptions result;
-    vs::video_stabilizer_options_init(&result);
-    for (const auto& [name, strength] : strengths) {
-        if (options.strength == name) {
-            vs::video_stabilizer_options_for_strength(&result, strength);
-        }
-    }
+    vs::video_stabilizer_options_for_strength(
+        &result, named(STRENGTHS, options.strength, vs::STABILIZER_STANDARD));
     if (is_offline) {
         result.look_ahead = std::max(result.look_ahead, static_cast<int>(2 * result.sigma));
     }
@@ -150,10 +182,9 @@ vs::VideoStabilizerOptions stabilizer_options(const Options& options, bool is_of
     if (options.crop) {
         result.crop_ratio = *options.crop;
     }
-    result.engine = vs::STABILIZER_ENGINE_AUTO;
-    result.sampling = options.sampling == "sharp"      ? vs::STABILIZER_SAMPLING_SHARP
-                      : options.sampling == "bilinear" ? vs::STABILIZER_SAMPLING_BILINEAR
-                                                       : vs::STABILIZER_SAMPLING_STATED;
+    result.engine = named(ENGINES, options.engine, vs::STABILIZER_ENGINE_NATIVE);
+    result.sampling = named(SAMPLINGS, options.sampling, result.sampling);
+    result.threads = options.threads;
     return result;
 }
 
@@ -210,6 +241,10 @@ std::unique_ptr<PictureSink> Job::open_video(const EncoderOptions& encoder) {
             notes_.emplace_back(
                 "YUV4MPEG2 holds pictures only; sound and other streams are dropped");
         }
+        if (format.mastering || format.light || format.transfer == AVCOL_TRC_SMPTE2084 ||
+            format.transfer == AVCOL_TRC_ARIB_STD_B67) {
+            notes_.emplace_back("YUV4MPEG2 has no tags for high dynamic range; they are dropped");
+        }
         return std::make_unique<Y4mSink>(options_.output, format, input_.y4m_header,
                                          options_.existing, stop);
     }
@@ -246,16 +281,7 @@ std::string Job::describe_damage(const StreamResult& result) const {
 
 StreamResult Job::stabilize() {
     const PictureFormat& format = input_.source->format();
-    const bool told_place = settings_.whole_shift != 0 && format.width >= 16 && format.height >= 16;
-    const PictureLayout layout(format.width, format.height,
-                               told_place ? PictureLayout::TOP_LEFT : PictureLayout::MIDDLE);
-    if (told_place) {
-        settings_.picture_width = format.width;
-        settings_.picture_height = format.height;
-    }
-    // About what the stabilizer crops.
-    PathFollower path(told_place ? format.width : layout.frame_width(),
-                      told_place ? format.height : layout.frame_height());
+    PathFollower path(format.width, format.height);
     path.add([this](const FollowedFrame& point) { extras_->add(point); });
     if (input_.media != nullptr) {
         input_.media->set_packet_receiver([this](const AVPacket& packet) {
@@ -267,8 +293,8 @@ StreamResult Job::stabilize() {
     const double rate = format.frame_rate.num > 0 ? av_q2d(format.frame_rate) : 0;
     Progress progress(options_.progress && !options_.quiet && !options_.verbose,
                       input_.source->expected_pictures(), rate);
-    return stabilize_stream({*input_.source, *sink_, layout, settings_, &path, *extras_, progress,
-                             interruption().stop_input});
+    return stabilize_stream(
+        {*input_.source, *sink_, settings_, &path, *extras_, progress, interruption().stop_input});
 }
 
 int Job::conclude(const StreamResult& result) {
@@ -284,16 +310,9 @@ int Job::conclude(const StreamResult& result) {
     if (interrupted) {
         return keep_partial(result);
     }
-    const JobFacts facts{options_.inputs[0],
-                         options_.output,
-                         options_.strength,
-                         options_.sampling,
-                         input_.source->format(),
-                         settings_,
-                         notes_,
-                         result.frames,
-                         result.seconds,
-                         damage_};
+    const JobFacts facts{options_.inputs[0],      options_.output, options_.strength,
+                         input_.source->format(), result.options,  notes_,
+                         result.frames,           result.seconds,  damage_};
     // First, so that it is safe whatever happens to the rest.
     sink_->commit();
     const std::vector<std::string> failures = extras_->finish(facts);
@@ -353,11 +372,8 @@ void Job::tell_success(const StreamResult& result) const {
 
 int Job::run() {
     refuse_same_files(options_);
-    // An output format that cannot be used is reported before the input is opened.
-    const bool turn_upright =
-        is_y4m_output(options_) ||
-        !keeps_rotation(*output_format_for(options_.output, options_.output_format));
-    input_ = open_input(options_, turn_upright);
+    input_ = open_input(options_);
+    refuse_small_pictures(input_.source->format());
     if (input_.media != nullptr) {
         notes_ = input_.media->notes();
     }

@@ -12,10 +12,12 @@
 #include <new>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include "apps/stabilize_video/cli/library_log.h"
+#include "apps/stabilize_video/pictures/picture_pool.h"
+#include "apps/stabilize_video/pictures/pixel_formats.h"
 
 namespace apps {
 
@@ -35,17 +37,82 @@ struct StabilizerDeleter {
 };
 using StabilizerPtr = std::unique_ptr<vs::VideoStabilizer, StabilizerDeleter>;
 
-StabilizerPtr make_stabilizer(const StreamParts& parts) {
+struct FrameDeleter {
+    void operator()(vs::Frame* frame) const { vs::frame_delete(frame); }
+};
+using FramePtr = std::unique_ptr<vs::Frame, FrameDeleter>;
+
+// The stabilizer's frames over FFmpeg's pictures. What the stabilizer writes to comes from a pool.
+//
+// Threads: thread-safe.
+class Pictures {
+  public:
+    explicit Pictures(const PictureFormat& format)
+        : layout_(layout_of(format.pixel_format, format.chroma_location).value()),
+          pool_(format.pixel_format, format.width, format.height) {}
+    Pictures(const Pictures&) = delete;
+    Pictures& operator=(const Pictures&) = delete;
+
+    const vs::PixelLayout& layout() const { return layout_; }
+
+    // Must outlive the stabilizer, like this object.
+    vs::VideoStabilizerUser* user() { return &user_; }
+
+    // A frame over a picture, which must outlive it. Throws std::bad_alloc.
+    FramePtr frame_over(const AVFrame& picture) const {
+        const vs::PicturePlanes planes = planes_of(picture);
+        FramePtr frame(vs::picture_frame_create(picture.width, picture.height, &layout_, &planes));
+        if (!frame) {
+            throw std::bad_alloc();
+        }
+        return frame;
+    }
+
+    // The picture of a frame that the stabilizer has filled.
+    AvFramePtr picture_of(const vs::Frame& steady) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto made = made_.find(&steady);
+        AvFramePtr picture = std::move(made->second);
+        made_.erase(made);
+        return picture;
+    }
+
+  private:
+    vs::Frame* make() {
+        AvFramePtr picture = pool_.take();
+        FramePtr frame = frame_over(*picture);
+        const std::lock_guard<std::mutex> lock(mutex_);
+        made_[frame.get()] = std::move(picture);
+        return frame.release();
+    }
+
+    static vs::Frame* make_frame(void* self) noexcept {
+        try {
+            return static_cast<Pictures*>(self)->make();
+        } catch (...) {  // memory has run out; nothing may be thrown through the library
+            return nullptr;
+        }
+    }
+
+    vs::PixelLayout layout_;
+    PicturePool pool_;
+    vs::VideoStabilizerUser user_{this, make_frame};
+    std::mutex mutex_;  // guards the rest
+    // What the stabilizer has, also frames that it has released at the end of a stream.
+    std::unordered_map<const vs::Frame*, AvFramePtr> made_;
+};
+
+StabilizerPtr make_stabilizer(const StreamParts& parts, Pictures& pictures) {
     forget_library_errors();
-    const bool needs_opencl = parts.options.sampling == vs::STABILIZER_SAMPLING_STATED;
-    if (needs_opencl && vs::video_stabilizer_module_init() != 0) {
+    const bool may_use_opencl = parts.options.engine != vs::STABILIZER_ENGINE_NATIVE;
+    const bool needs_opencl = parts.options.engine == vs::STABILIZER_ENGINE_OPENCL;
+    if (may_use_opencl && vs::video_stabilizer_module_init() != 0 && needs_opencl) {
         throw library_error("OpenCL cannot be used");
     }
     forget_library_errors();
-    const int width = parts.layout.frame_width();
-    StabilizerPtr stabilizer(vs::video_stabilizer_create_with_options(
-        width, parts.layout.frame_height(), width, width / 2, vs::PIX_FMT_YUV420P, 1, nullptr,
-        &parts.options));
+    const PictureFormat& format = parts.source.format();
+    StabilizerPtr stabilizer(vs::video_stabilizer_create_for_pictures(
+        format.width, format.height, &pictures.layout(), 0, pictures.user(), &parts.options));
     if (!stabilizer) {
         throw library_error("the stabilizer cannot be created");
     }
@@ -74,38 +141,35 @@ class Stopwatch {
     Clock::time_point start_ = Clock::now();
 };
 
-// Reads and writes pictures in the stabilizer's frames. Threads: read on one thread, write on another.
+// Reads pictures into frames, and writes those of steady frames. Threads: read on one thread, write
+// on another.
 class Stream {
   public:
-    explicit Stream(const StreamParts& parts) : parts_(parts) {}
+    Stream(const StreamParts& parts, Pictures& pictures) : parts_(parts), pictures_(pictures) {}
 
-    // Reads the next picture into a frame; null at the end of the input.
+    // A frame over the next picture; null at the end of the input.
     FramePtr read() {
         const Stopwatch stopwatch(reading_seconds_);
-        FramePtr frame = take_spare();
-        const video_io::Planes picture = parts_.layout.picture(*frame);
-        PictureTag tag;
-        if (!parts_.source.read(picture, tag)) {
+        Taken taken;
+        taken.picture = parts_.source.read(taken.tag);
+        if (!taken.picture) {
             return nullptr;
         }
-        parts_.extras.add_shaky(picture);
-        parts_.layout.fill_border(*frame);
-        frame->timestamp = tag.time;
+        parts_.extras.add_shaky(*taken.picture);
+        FramePtr frame = pictures_.frame_over(*taken.picture);
+        frame->timestamp = taken.tag.time;
         const std::lock_guard<std::mutex> lock(mutex_);
-        tags_.push_back(std::move(tag));
+        taken_.push_back(std::move(taken));
         return frame;
     }
 
-    // Writes a steady picture and keeps its frame for reuse.
+    // Writes the picture of a steady frame.
     void write(FramePtr frame) {
         const Stopwatch stopwatch(writing_seconds_);
-        PictureTag tag = next_tag();
-        tag.time = frame->timestamp;
-        const video_io::Planes picture = parts_.layout.picture(*frame);
-        parts_.sink.write(picture, tag);
-        parts_.extras.add_steady(picture, tag);
-        const std::lock_guard<std::mutex> lock(mutex_);
-        spare_.push_back(std::move(frame));
+        const Taken taken = next();
+        const AvFramePtr picture = pictures_.picture_of(*frame);
+        parts_.sink.write(*picture, taken.tag);
+        parts_.extras.add_steady(*picture, taken.tag);
     }
 
     // For use after the threads have ended.
@@ -113,36 +177,26 @@ class Stream {
     double writing_seconds() const { return writing_seconds_; }
 
   private:
-    FramePtr take_spare() {
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            if (!spare_.empty()) {
-                FramePtr frame = std::move(spare_.back());
-                spare_.pop_back();
-                return frame;
-            }
-        }
-        FramePtr frame = parts_.layout.make_frame();
-        if (!frame) {
-            throw std::bad_alloc();
-        }
-        return frame;
-    }
+    // A picture that was read, which is kept until the stabilizer has returned its steady one.
+    struct Taken {
+        AvFramePtr picture;
+        PictureTag tag;
+    };
 
     // Frames keep their order, so a queue is enough.
-    PictureTag next_tag() {
+    Taken next() {
         const std::lock_guard<std::mutex> lock(mutex_);
-        PictureTag tag = std::move(tags_.front());
-        tags_.pop_front();
-        return tag;
+        Taken taken = std::move(taken_.front());
+        taken_.pop_front();
+        return taken;
     }
 
     const StreamParts& parts_;
+    Pictures& pictures_;
     double reading_seconds_ = 0;
     double writing_seconds_ = 0;
-    std::mutex mutex_;  // guards the two below
-    std::vector<FramePtr> spare_;
-    std::deque<PictureTag> tags_;
+    std::mutex mutex_;  // guards the rest
+    std::deque<Taken> taken_;
 };
 
 // Bounds the frames in flight and hands the steady ones to the writing thread.
@@ -215,11 +269,12 @@ class FramesInFlight {
 // The threads of one stream, and what they share.
 class Run {
   public:
-    Run(const StreamParts& parts, vs::VideoStabilizer* stabilizer, StreamSeconds& seconds)
+    Run(const StreamParts& parts, Pictures& pictures, vs::VideoStabilizer* stabilizer,
+        StreamSeconds& seconds)
         : parts_(parts),
           stabilizer_(stabilizer),
           seconds_(seconds),
-          stream_(parts),
+          stream_(parts, pictures),
           in_flight_(parts.options.look_ahead) {}
 
     Stream& stream() { return stream_; }
@@ -345,9 +400,12 @@ bool is_input_failure(const std::exception_ptr& failure) {
 
 StreamResult stabilize_stream(const StreamParts& parts) {
     StreamResult result;
-    const StabilizerPtr stabilizer = make_stabilizer(parts);
+    Pictures pictures(parts.source.format());
+    // It may keep frames over pictures of the run, which it no longer reads once it is stopped.
+    const StabilizerPtr stabilizer = make_stabilizer(parts, pictures);
+    result.options = stabilizer->options;
     const auto start = std::chrono::steady_clock::now();
-    Run run(parts, stabilizer.get(), result.seconds);
+    Run run(parts, pictures, stabilizer.get(), result.seconds);
 
     // The stabilizer is not started for a stream without frames.
     FramePtr first;

@@ -10,7 +10,6 @@
 #include <stdexcept>
 
 #include "apps/stabilize_video/cli/progress.h"
-#include "apps/stabilize_video/pictures/picture_layout.h"
 #include "apps/stabilize_video/pictures/picture_stream.h"
 #include "apps/stabilize_video/results/path_follower.h"
 #include "apps/stabilize_video/results/report.h"
@@ -27,7 +26,6 @@ struct LibraryError : std::runtime_error {
 struct StreamParts {
     PictureSource& source;
     PictureSink& sink;
-    const PictureLayout& layout;
     const videostabilizer::VideoStabilizerOptions& options;
     PathFollower* path;  // receives the camera path; may be null
     Extras& extras;      // receives the pictures
@@ -42,11 +40,12 @@ struct StreamResult {
     // Why the input ended early (InputError), after its complete frames were delivered; else null.
     std::exception_ptr input_failure;
     StreamSeconds seconds;
+    videostabilizer::VideoStabilizerOptions options{};  // as the stabilizer used them
 };
 
 // Reads all pictures, stabilises them and writes them in order, one steady picture for each shaky
 // one; the caller finishes the sink. Reading, analysis, warping and writing overlap on threads of
-// their own; the frames in flight are bounded and reused.
+// their own; the frames in flight are bounded, and the memory of steady ones is reused.
 //
 // Throws LibraryError, OutputError. No thread of the stabilizer runs any more when it returns or
 // throws.
