@@ -3,7 +3,8 @@
 #include "gpu_warp/opencl_device.h"
 
 #include <algorithm>
-#include <string>
+#include <cstring>
+#include <iterator>
 
 #include "warp/ocl.h"
 
@@ -32,12 +33,8 @@ bool opencl_device_is_gpu() {
         return false;
     }
     text[sizeof(text) - 1] = '\0';
-    std::string name(text);
-    std::transform(name.begin(), name.end(), name.begin(), [](char c) {
-        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    });
     return std::none_of(std::begin(SOFTWARE), std::end(SOFTWARE),
-                        [&](const char* word) { return name.find(word) != std::string::npos; });
+                        [&](const char* word) { return strcasestr(text, word) != nullptr; });
 }
 
 }  // namespace videostabilizer

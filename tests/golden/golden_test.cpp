@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <tuple>
 
+#include "native_warp/plane_warp.h"
 #include "tests/cpu_warp/warp_variants.h"
 #include "tests/features/picture.h"
 #include "videostabilizer/fast16.h"
@@ -202,7 +203,7 @@ void add_matrices(Checksum& sum) {
     }
 }
 
-void add_warp(Checksum& sum, const WarpVariant& variant) {
+void add_warp(Checksum& sum, const ::WarpVariant& variant) {
     const std::array<float, 6> matrices[] = {{1, 0, 0, 0, 1, 0},
                                              {1, 0, 2.5F, 0, 1, -1.25F},
                                              {0.98F, -0.03F, 7.0F, 0.03F, 0.98F, -4.0F},
@@ -217,12 +218,34 @@ void add_warp(Checksum& sum, const WarpVariant& variant) {
     }
 }
 
+// The native warp of interleaved samples of 8 and of 10 bits, turned and, by rows, sheared.
+void add_native_warp(Checksum& sum) {
+    const WarpMap maps[] = {
+        {{{0.92, -0.03, 9.3, 0.03, 0.92, 2.7}}, 1, 0},
+        {{{0.9, 0.01, 9, 0.02, 0.91, 5}, {0.9, -0.02, 14, 0.01, 0.93, 3}}, 180, 0}};
+    for (const SampleFormat& format : {SampleFormat{1, 8, 0, 2}, SampleFormat{2, 10, 6, 1}}) {
+        const auto source = noise_picture(WIDTH * HEIGHT * 2, 12);
+        std::vector<unsigned char> target(source.size());
+        for (const WarpMap& map : maps) {
+            ResamplingKernels kernels(Resampling::LANCZOS3);
+            PlaneWarp warp;
+            WarpScratch scratch;
+            warp.prepare({WIDTH, HEIGHT, format}, map, kernels);
+            warp.warp_rows(fastest_variant(videostabilizer::warp_variants),
+                           {source.data(), 2 * WIDTH}, {target.data(), 2 * WIDTH}, 0, HEIGHT,
+                           scratch);
+            sum.add_bytes(target.data(), target.size());
+        }
+    }
+}
+
 TEST(Golden, ResultsAreTheSameOnEveryProcessor) {
     const std::tuple<const char*, void (*)(Checksum&), std::uint64_t> rows[] = {
         {"corners and tracks", add_tracks, 0xc0bd453dd19d431d},
         {"estimated motion", add_motion, 0x133c4b7ca10bb065},
         {"smoothed path", add_smoothed_path, 0xfa2107302a34bf63},
         {"matrices", add_matrices, 0xcbc913410f4b39e3},
+        {"native warp", add_native_warp, 0x194f27fc80e12bc7},
     };
     for (const auto& [name, add, checksum] : rows) {
         Checksum sum;
@@ -233,7 +256,7 @@ TEST(Golden, ResultsAreTheSameOnEveryProcessor) {
                                        0x8cb1a0d8d84c537d, 0x8cb1a0d8d84c537d};
     for (std::size_t i = 0; i < (VECTOR_WARP ? 5 : 3); ++i) {
         Checksum sum;
-        add_warp(sum, warp_variants[i]);
+        add_warp(sum, ::warp_variants[i]);
         EXPECT_EQ(sum.value(), warps[i]) << i << " has 0x" << std::hex << sum.value();
     }
 }
