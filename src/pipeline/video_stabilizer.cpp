@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "frames/picture_layout.h"
 #include "gpu_warp/opencl_device.h"
 #include "gpu_warp/opencl_picture_warper.h"
 #include "path/steady_path.h"
@@ -196,8 +197,9 @@ float stage_crop(const VideoStabilizer* s) {
     return s->options.whole_shift != 0 ? 1.0F : s->options.crop_ratio;
 }
 
+// All zero, which is no layout, for a format that neither the stage nor create_for_pictures knows.
 PixelLayout stream_layout(const VideoStabilizer* s) {
-    if (s->format == PIX_FMT_PICTURE) {
+    if (!can_be_warped(s->format)) {
         return s->layout;
     }
     PixelLayout layout{};
@@ -222,14 +224,15 @@ std::unique_ptr<PictureWarper> make_warper(const VideoStabilizer* s, const Pixel
 }
 
 bool create_picture_stage(VideoStabilizer* s) {
-    if (s->format != PIX_FMT_PICTURE && !can_be_warped(s->format)) {
+    const PixelLayout layout = stream_layout(s);
+    if (layout_fault(layout) != nullptr) {
         __android_log_print(LOG_ERROR, STABILIZER_TAG, "Un-supported pixel format!!");
         return false;
     }
     PictureStageSettings settings{};
     settings.width = s->width;
     settings.height = s->height;
-    settings.layout = stream_layout(s);
+    settings.layout = layout;
     settings.crop_ratio = stage_crop(s);
     settings.in_place = s->in_place != 0;
     settings.capacity = stage_capacity(s);
@@ -239,7 +242,7 @@ bool create_picture_stage(VideoStabilizer* s) {
         callbacks.ctx = s->user->ctx;
         callbacks.create_frame = s->user->create_frame;
     }
-    std::unique_ptr<PictureWarper> warper = make_warper(s, settings.layout);
+    std::unique_ptr<PictureWarper> warper = make_warper(s, layout);
     if (warper == nullptr) {
         return false;
     }
