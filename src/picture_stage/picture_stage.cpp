@@ -99,6 +99,7 @@ void PictureStage::end() {
         pthread_join(thread_, nullptr);
         started_ = false;
     }
+    warper_.reset();  // with its OpenCL objects
     fifo_flush(fifo());
 }
 

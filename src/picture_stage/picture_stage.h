@@ -56,7 +56,8 @@ class PictureStage {
 
     void signal_eos();
 
-    // Waits for the frame being warped and its callback, ends the thread and releases all frames.
+    // Waits for the frame being warped and its callback, ends the thread and releases all frames and
+    // the warper.
     // A second call does nothing.
     void end();
 

@@ -211,6 +211,9 @@ TEST_F(Pictures, AreStabilizedTheSameWhateverTheirDepth) {
                 outputs.emplace_back(frame->plane_y, frame->plane_y + frame->stride_y * ODD_HEIGHT);
             });
         EXPECT_GT(ending.estimated, 15);
+        EXPECT_EQ(live_opencl_objects() > 0, c.engine == STABILIZER_ENGINE_OPENCL);
+        EXPECT_EQ(video_stabilizer_stop(s.get()), 0);
+        EXPECT_EQ(live_opencl_objects(), 0);
         if (corrections.empty()) {
             corrections = ending.corrections;
             luma = outputs;
