@@ -262,8 +262,9 @@ VIDEOSTABILIZER_API int video_stabilizer_push_frame(VideoStabilizer* stabilizer,
 //            -10001  once, when all frames were taken after the end of the input
 //            -10002  after that; when stopped; when the input ended before any frame; when a
 //                    library thread has ended with an error (an OpenCL call failed, out of memory,
-//                    create_frame returned null; see the log) and the finished frames were taken.
-//                    After an error the stream is over but not yet stopped: call stop or delete.
+//                    create_frame returned null or a frame that cannot hold the picture; see the
+//                    log) and the finished frames were taken. After an error the stream is over but
+//                    not yet stopped: call stop or delete.
 //            *out is written only with 0. -10003 is reserved.
 VIDEOSTABILIZER_API int video_stabilizer_pop_frame(VideoStabilizer* stabilizer, Frame** out);
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <new>
 #include <utility>
@@ -37,17 +38,17 @@ std::size_t row_bytes_of(const PictureStageSettings& settings, int k) {
            static_cast<std::size_t>(sample_bytes(settings.layout));
 }
 
-std::size_t plane_bytes_of(const PictureStageSettings& settings, int k) {
-    return row_bytes_of(settings, k) *
-           static_cast<std::size_t>(plane_rows(settings.height, settings.layout, k));
-}
-
+// Throws std::bad_alloc where that is more than the address space, which 32 bits are soon.
 std::size_t picture_bytes(const PictureStageSettings& settings) {
-    std::size_t bytes = 0;
+    std::uint64_t bytes = 0;
     for (int k = 0; k < plane_count(settings.layout); ++k) {
-        bytes += plane_bytes_of(settings, k);
+        bytes += std::uint64_t{row_bytes_of(settings, k)} *
+                 static_cast<std::uint64_t>(plane_rows(settings.height, settings.layout, k));
     }
-    return bytes;
+    if (bytes > PTRDIFF_MAX) {
+        throw std::bad_alloc();
+    }
+    return static_cast<std::size_t>(bytes);
 }
 
 }  // namespace
@@ -152,6 +153,14 @@ Frame* PictureStage::new_output(const Frame& input) const {
                               input.format, nullptr);
 }
 
+// Whether a picture can be written to a frame of the host, for input of that format. Other frames
+// than pictures do not tell how large their planes are.
+bool PictureStage::fits_stream(const Frame& output, PixFmt format) const {
+    return format == PIX_FMT_PICTURE || output.format == PIX_FMT_PICTURE
+               ? is_picture_of(output, settings_.width, settings_.height, settings_.layout)
+               : output.plane_y != nullptr && output.plane_uv != nullptr;
+}
+
 int PictureStage::make_output(const Frame& input, Frame** output) {
     if (callbacks_.create_frame == nullptr) {
         *output = new_output(input);
@@ -165,8 +174,7 @@ int PictureStage::make_output(const Frame& input, Frame** output) {
             __android_log_print(LOG_ERROR, TAG, "Failed to create external frame!!");
             return RESULT_NO_FRAME;
         }
-        if (input.format == PIX_FMT_PICTURE &&
-            !is_picture_of(**output, input.width, input.height, settings_.layout)) {
+        if (!fits_stream(**output, input.format)) {
             __android_log_print(LOG_ERROR, TAG, "create_frame made a frame of another kind");
             return RESULT_NO_FRAME;
         }
@@ -208,7 +216,7 @@ void PictureStage::copy_overlapping(PicturePlanes& source, const PicturePlanes& 
         }
         source.data[k] = copy;
         source.stride[k] = static_cast<std::int32_t>(row_bytes);
-        copy += plane_bytes_of(settings_, k);
+        copy += row_bytes * static_cast<std::size_t>(rows);
     }
 }
 

@@ -68,6 +68,7 @@ class PictureStage {
     int process_frame();
     int make_output(const Frame& input, Frame** output);
     Frame* new_output(const Frame& input) const;
+    bool fits_stream(const Frame& output, PixFmt format) const;
     int warp(const Frame& input, const AffineSix& transform, const Frame& output);
     PicturePlanes planes_of(const Frame& frame, const Frame& strides) const;
     void copy_overlapping(PicturePlanes& source, const PicturePlanes& target);

@@ -274,4 +274,40 @@ TEST_F(Pictures, AreRefusedWhereTheyDoNotFit) {
               RESULT_FAILED);
 }
 
+// Frames of create_frame that the picture would not fit end the stream.
+TEST_F(Pictures, AreNotWrittenToFramesOfAnotherKind) {
+    using Make = Frame* (*)(void*);
+    static constexpr PixelLayout PLANAR = {CHROMA_420, CHROMA_SITING_LEFT, 8, 0, 0, {}};
+    const Make no_picture = [](void*) { return blank_frame(packed()); };
+    const Make smaller = [](void*) {
+        return picture_frame_create(WIDTH, HEIGHT - 2, &PLANAR, nullptr);
+    };
+    const Make no_chroma = [](void*) {
+        Frame* const frame = blank_frame(packed());
+        frame->plane_uv = nullptr;
+        return frame;
+    };
+    const struct {
+        bool pictures;
+        Make make;
+    } cases[] = {{true, no_picture}, {true, smaller}, {false, smaller}, {false, no_chroma}};
+    VideoStabilizerOptions options = options_for(STABILIZER_STANDARD);
+    options.engine = STABILIZER_ENGINE_NATIVE;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        VideoStabilizerUser user{&user, c.make};
+        const StabilizerPtr s = c.pictures ? StabilizerPtr(video_stabilizer_create_for_pictures(
+                                                 WIDTH, HEIGHT, &PLANAR, 0, &user, &options))
+                                           : make_stabilizer(packed(), false, &options, &user);
+        const Ending ending = run_stream(s.get(), 12, [&](int i) {
+            Frame* const frame = c.pictures ? picture_frame_create(WIDTH, HEIGHT, &PLANAR, nullptr)
+                                            : blank_frame(packed());
+            frame->timestamp = i;
+            return frame;
+        });
+        EXPECT_EQ(ending.popped, 0);
+        EXPECT_EQ(ending.code, RESULT_STOPPING);
+    }
+}
+
 }  // namespace
