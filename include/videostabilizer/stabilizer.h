@@ -117,7 +117,7 @@ struct VideoStabilizer {
     std::vector<MotionLog> motion_logs;  // ring; belongs to `motions`
     GaussianMotionFilter* filter;
     std::int32_t in_place;
-    AffineTransformerOcl* transformer;     // the warp stage with OpenCL; else null
+    AffineTransformerOcl* transformer;     // the warp stage of the stated kernels; else null
     VideoStabilizerUser* user;             // the host's; may be null
     std::atomic<std::int32_t> quit;        // stop flag
     std::atomic<std::int32_t> input_eos;   // the host signalled the end of its input
@@ -192,9 +192,11 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create(int width, int heig
 //   host memory    2 (width / s) (height / s) + 300 a + 100,000
 //                  edge_guard, repair_motions or scene_cuts: 320 a more
 //                  edge_guard: 200,000 more
-//   OpenCL device  2 height (stride_y + stride_uv)
+//   OpenCL device  2 height (stride_y + stride_uv) with the stated sampling; with the others 5 for
+//                  each sample of a picture, 7 beyond 8 bits, and 300,000, in part host memory
 //   native engine  130,000 instead, 66,000 for each thread but the first, and up to 370,000 more
-//                  once pictures are reduced; with in_place also the planes of a picture
+//                  once pictures are reduced
+//   in_place       the planes of a picture, but not with the stated sampling of OpenCL
 //   frames         at most a + 8 frames of the host
 //
 // Threads: thread-safe.
