@@ -47,7 +47,7 @@ struct PixelLayout {
 
 // The planes of a picture: Y, U, V or Y, UV or Y. Those that the layout does not have are ignored.
 struct PicturePlanes {
-    unsigned char* data[3];  // the first row of each
+    unsigned char* data[3];  // the first row of each, at any address
     std::int32_t stride[3];  // bytes from a row to the next; negative where the first row is the
                              // last in memory; even for samples of two bytes
 };
@@ -60,7 +60,8 @@ struct PicturePlanes {
 //                  are multiples of 64 bytes apart.
 // Released by frame_delete. Threads: thread-safe.
 // Returns: the frame, or null with an error in the log: out of memory; an unknown layout; a size
-//          outside 1..32768; a null plane; a stride that is shorter than a row.
+//          outside 1..32768; a null plane; a stride that is shorter than a row, or odd where
+//          samples have two bytes.
 VIDEOSTABILIZER_API Frame* picture_frame_create(int width, int height, const PixelLayout* layout,
                                                 const PicturePlanes* planes);
 
