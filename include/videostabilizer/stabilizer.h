@@ -139,7 +139,8 @@ struct VideoStabilizer {
     std::int64_t sent_frame;      // output_index, unbounded
     PictureStage* picture_stage;  // the warp stage where `transformer` is null
     PixelLayout layout;           // of the pictures, where `format` is PIX_FMT_PICTURE
-    // Pictures of more than 8 bits: the upper 8 of the luma of frame i, packed, in i mod 2.
+    // Pictures of more than 8 bits: the upper 8 of the luma of frame i, packed, in i mod 2; with
+    // steady_path only.
     std::vector<unsigned char> upper_bits[2];
 };
 
@@ -213,7 +214,8 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create_with_options(
 // user           create_frame returns frames of picture_frame_create with this size and layout
 // options        null means the defaults with engine auto. The stated sampling is native only.
 //
-// Memory: as above with the engine's; beyond 8 bits also 2 width height bytes.
+// Memory: as above with the engine's; beyond 8 bits with edge_guard, repair_motions or scene_cuts also
+//         2 width height bytes.
 // Threads: thread-safe.
 // Returns: as above.
 VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create_for_pictures(

@@ -108,8 +108,12 @@ const char* layout_fault(const PixelLayout& layout) {
 }
 
 bool operator==(const PixelLayout& a, const PixelLayout& b) {
-    return a.chroma == b.chroma && a.siting == b.siting && a.bit_depth == b.bit_depth &&
-           a.semi_planar == b.semi_planar && a.high_bits == b.high_bits;
+    const bool has_bits_to_spare = a.bit_depth > 8 && a.bit_depth < 16;
+    const bool shares_chroma = a.chroma == CHROMA_420 || a.chroma == CHROMA_422;
+    return a.chroma == b.chroma && a.bit_depth == b.bit_depth &&
+           (a.siting == b.siting || !shares_chroma) &&
+           (a.semi_planar == b.semi_planar || a.chroma == CHROMA_NONE) &&
+           (a.high_bits == b.high_bits || !has_bits_to_spare);
 }
 
 int plane_count(const PixelLayout& layout) {

@@ -13,6 +13,7 @@ constexpr int LARGEST_PICTURE = 32768;  // pixels a side
 // What is wrong with a layout, or null.
 const char* layout_fault(const PixelLayout& layout);
 
+// Whether pictures of both are the same bytes: fields that mean nothing to them are not compared.
 bool operator==(const PixelLayout& a, const PixelLayout& b);
 
 // The number of planes, and the samples of a row and the rows of plane k; a pair of chroma samples

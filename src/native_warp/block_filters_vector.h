@@ -24,6 +24,7 @@ struct BytePairs {
     }
 };
 
+template <bool SHIFTED>
 struct WordPairs {
     static constexpr int BYTES = 2;
     static void add(BlockSums& sums, const unsigned char* const* from, const AcrossPhase& phase,
@@ -32,7 +33,7 @@ struct WordPairs {
             pick(load_two(from[0], from[2]), load_two(phase.pick[0], phase.pick[2]));
         const Bytes inner =
             pick(load_two(from[1], from[3]), load_two(phase.pick[1], phase.pick[3]));
-        add_word_pairs(sums, outer, inner, shift, weights);
+        add_word_pairs(sums, outer, inner, SHIFTED ? shift : 0, weights);
     }
 };
 
@@ -66,8 +67,10 @@ inline void across_blocks(const AcrossRun& run) {
 void across(const AcrossRun& run) {
     if (run.format.bytes == 1) {
         across_blocks<BytePairs>(run);
+    } else if (run.format.shift == 0) {
+        across_blocks<WordPairs<false>>(run);
     } else {
-        across_blocks<WordPairs>(run);
+        across_blocks<WordPairs<true>>(run);
     }
 }
 

@@ -57,7 +57,11 @@ void take_newest(VideoStabilizer* s, Frame* frame, unsigned char* image) {
     set_newest_frame(s, n);
     s->ring_frames[slot_of(s, n)] = frame;
     if (s->format == PIX_FMT_PICTURE && s->layout.bit_depth > 8) {
-        take_upper_bits(*frame, s->layout, s->upper_bits[n % 2].data());
+        if (s->steady_path == nullptr) {
+            take_upper_bits(*frame, s->layout, s->scale, image);
+            return;
+        }
+        take_upper_bits(*frame, s->layout, 1, s->upper_bits[n % 2].data());
     }
     const LumaPlane plane = luma(s, n, frame);
     decimate_rows(plane.data, plane.pitch, frame->width, frame->height, s->scale, image);

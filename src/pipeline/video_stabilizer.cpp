@@ -118,12 +118,6 @@ bool create_analysis(VideoStabilizer* s) {
     s->prev_luma = s->luma_block;
     s->cur_luma = s->luma_block + image_bytes;
 
-    if (s->format == PIX_FMT_PICTURE && s->layout.bit_depth > 8) {
-        for (std::vector<unsigned char>& plane : s->upper_bits) {
-            plane.resize(static_cast<std::size_t>(s->width) * static_cast<std::size_t>(s->height));
-        }
-    }
-
     s->max_points = MAX_POINTS;
     s->prev_points.reserve(MAX_POINTS);
     s->next_points.reserve(MAX_POINTS);
@@ -177,6 +171,12 @@ void create_history(VideoStabilizer* s) {
     const SteadyPathSettings settings = steady_path_settings(s);
     if (!settings.is_plain()) {
         s->steady_path = new SteadyPath(settings);
+        if (s->format == PIX_FMT_PICTURE && s->layout.bit_depth > 8) {
+            for (std::vector<unsigned char>& plane : s->upper_bits) {
+                plane.resize(static_cast<std::size_t>(s->width) *
+                             static_cast<std::size_t>(s->height));
+            }
+        }
     }
     s->warp_pool.reserve(WARP_POOL_SIZE);
     for (int i = 0; i < WARP_POOL_SIZE; ++i) {

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdio>
 #include <mutex>
 
 namespace videostabilizer {
@@ -24,15 +25,32 @@ class Lock {
     pthread_mutex_t& mutex_;
 };
 
+// The processors' time that the control group of a container grants, in whole processors.
+int group_limit() {
+    std::FILE* const file = std::fopen("/sys/fs/cgroup/cpu.max", "re");
+    if (file == nullptr) {
+        return WorkPool::MOST_THREADS;
+    }
+    long long quota = 0;
+    long long period = 0;
+    const int numbers = std::fscanf(file, "%lld %lld", &quota, &period);  // "max" is no number
+    std::fclose(file);
+    if (numbers != 2 || quota < 1 || period < 1) {
+        return WorkPool::MOST_THREADS;
+    }
+    const long long whole = (quota - 1) / period + 1;
+    return static_cast<int>(std::min<long long>(whole, WorkPool::MOST_THREADS));
+}
+
 }  // namespace
 
 int usable_processors() {
     cpu_set_t set;
     CPU_ZERO(&set);
-    if (sched_getaffinity(0, sizeof(set), &set) == 0) {
-        return std::max(1, CPU_COUNT(&set));
-    }
-    return std::max(1, static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)));
+    const int allowed = sched_getaffinity(0, sizeof(set), &set) == 0
+                            ? CPU_COUNT(&set)
+                            : static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
+    return std::clamp(allowed, 1, group_limit());
 }
 
 namespace {
