@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "frames/deadline.h"
+#include "platform/mutex_lock.h"
 #include "videostabilizer/result.h"
 
 namespace videostabilizer {
@@ -12,17 +13,6 @@ namespace videostabilizer {
 namespace {
 
 constexpr useconds_t FULL_QUEUE_POLL_US = 50;
-
-class Lock {
-  public:
-    explicit Lock(pthread_mutex_t& mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
-    ~Lock() { pthread_mutex_unlock(&mutex_); }
-    Lock(const Lock&) = delete;
-    Lock& operator=(const Lock&) = delete;
-
-  private:
-    pthread_mutex_t& mutex_;
-};
 
 // fifo_is_empty reads this link of the sentinel without the lock.
 void set_newest(Frame& sentinel, Frame* newest) {
@@ -68,7 +58,7 @@ bool has_failed(const FrameFifo& fifo) {
 
 // Tries to put once. Returns false if the queue is full, otherwise true and the outcome in *result.
 bool try_put(const FrameFifo& fifo, Frame* frame, WhenEnded when_ended, int* result) {
-    const Lock lock(fifo.mutex);
+    const MutexLock lock(fifo.mutex);
     if (when_ended == WhenEnded::REFUSE && fifo.eos.load() != 0) {
         frame_delete(frame);
         *result = RESULT_END_OF_STREAM;
@@ -112,7 +102,7 @@ int fifo_put(const FrameFifo& fifo, Frame* frame, WhenEnded when_ended) {
 }
 
 int fifo_take(const FrameFifo& fifo, Frame** out, void (*on_taken)(void*, Frame*), void* context) {
-    const Lock lock(fifo.mutex);
+    const MutexLock lock(fifo.mutex);
     while (!holds_frame(fifo)) {
         if (fifo.quit.load() != 0) {
             return RESULT_STOPPING;
@@ -138,7 +128,7 @@ int fifo_take(const FrameFifo& fifo, Frame** out, void (*on_taken)(void*, Frame*
 }
 
 void fifo_flush(const FrameFifo& fifo) {
-    const Lock lock(fifo.mutex);
+    const MutexLock lock(fifo.mutex);
     while (Frame* const frame = unlink_oldest(fifo)) {
         frame_delete(frame);
     }

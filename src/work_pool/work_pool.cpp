@@ -10,20 +10,11 @@
 #include <cstdio>
 #include <mutex>
 
+#include "platform/mutex_lock.h"
+
 namespace videostabilizer {
 
 namespace {
-
-class Lock {
-  public:
-    explicit Lock(pthread_mutex_t& mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
-    ~Lock() { pthread_mutex_unlock(&mutex_); }
-    Lock(const Lock&) = delete;
-    Lock& operator=(const Lock&) = delete;
-
-  private:
-    pthread_mutex_t& mutex_;
-};
 
 // The processors' time that the control group of a container grants, in whole processors.
 int group_limit() {
@@ -87,7 +78,7 @@ WorkPool::WorkPool() {
 
 WorkPool::~WorkPool() {
     {
-        const Lock lock(mutex_);
+        const MutexLock lock(mutex_);
         end_ = true;
         pthread_cond_broadcast(&work_cond_);
     }
@@ -119,7 +110,7 @@ void WorkPool::start_threads(int wanted) {
 void WorkPool::run(DividedWork& work, int count, int participants) {
     Job job{&work, count, std::min(participants, count), {0}, 1, 0, nullptr};
     if (job.most > 1) {
-        const Lock lock(mutex_);
+        const MutexLock lock(mutex_);
         start_threads(job.most - 1);
         job.other = jobs_;
         jobs_ = &job;
@@ -127,7 +118,7 @@ void WorkPool::run(DividedWork& work, int count, int participants) {
     }
     job.do_items(0);
     if (job.most > 1) {
-        const Lock lock(mutex_);
+        const MutexLock lock(mutex_);
         for (Job** link = &jobs_; *link != nullptr; link = &(*link)->other) {
             if (*link == &job) {
                 *link = job.other;
