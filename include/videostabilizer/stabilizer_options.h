@@ -12,7 +12,7 @@ namespace videostabilizer {
 enum VideoStabilizerEngine : std::int32_t {
     STABILIZER_ENGINE_OPENCL,  // needs video_stabilizer_module_init
     STABILIZER_ENGINE_NATIVE,  // the processor; needs no OpenCL, and reads rows with their strides
-    STABILIZER_ENGINE_AUTO,    // OpenCL if module_init has found a GPU, else native
+    STABILIZER_ENGINE_AUTO,    // OpenCL if module_init has found a GPU that can, else native
 };
 
 // How the samples of the output are computed.
@@ -46,9 +46,10 @@ struct VideoStabilizerOptions {
     std::int32_t picture_height;       // pixels; 16..frame height
     VideoStabilizerEngine engine;      // opencl
     VideoStabilizerSampling sampling;  // stated
-    std::int32_t threads;  // of the native engine: 1..64, or 0 for one per processor that the process
-                           // may use; 0. With 1 the stream has no threads but its own two; others
-                           // are shared by all streams
+    std::int32_t
+        threads;  // of the native engine: 1..64, or 0 for one per processor that the process
+                  // may use; 0. With 1 the stream has no threads but its own two; others
+                  // are shared by all streams
 };
 
 // Predefined options, all with engine auto and a crop ratio of 0.9. All but gentle apply the full

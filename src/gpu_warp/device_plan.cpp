@@ -12,6 +12,10 @@ namespace {
 
 constexpr int BELOW_PHASE = POSITION_BITS - PHASE_BITS;
 
+static_assert(PHASE_BITS == 6 && BELOW_PHASE == 18 && BLOCK == 16 && STRIP_BLOCKS == 16 &&
+                  PAIR_WEIGHTS == 2 * BLOCK && lane_slot(4) == 8 && lane_slot(8) == 4,
+              "as in picture_kernels.cl");
+
 std::int32_t phases_of(std::int64_t position) {
     return static_cast<std::int32_t>(position >> BELOW_PHASE);
 }

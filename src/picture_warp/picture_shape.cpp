@@ -2,6 +2,8 @@
 
 #include "picture_warp/picture_shape.h"
 
+#include "frames/picture_layout.h"
+
 namespace videostabilizer {
 
 namespace {
@@ -24,7 +26,7 @@ double first_down(ChromaSiting siting) {
 SampleFormat sample_format(const PixelLayout& layout) {
     SampleFormat format;
     format.depth = layout.bit_depth;
-    format.bytes = layout.bit_depth > 8 ? 2 : 1;
+    format.bytes = sample_bytes(layout);
     format.shift = layout.high_bits != 0 && format.bytes == 2 ? 16 - layout.bit_depth : 0;
     return format;
 }
@@ -34,29 +36,22 @@ SampleFormat sample_format(const PixelLayout& layout) {
 PictureShape picture_shape(int width, int height, const PixelLayout& layout) {
     const SampleFormat format = sample_format(layout);
     PictureShape picture{};
+    picture.planes = plane_count(layout);
     picture.plane[0] = {{width, height, format}, {}};
-    picture.planes = 1;
-    if (layout.chroma == CHROMA_NONE) {
-        return picture;
-    }
     PicturePlane chroma = picture.plane[0];
+    chroma.shape.format.channels = layout.semi_planar != 0 ? 2 : 1;
+    chroma.shape.width = plane_samples(width, layout, 1) / chroma.shape.format.channels;
+    chroma.shape.height = plane_rows(height, layout, 1);
     if (layout.chroma != CHROMA_444) {
-        chroma.shape.width = (width + 1) / 2;
         chroma.grid.x_step = 2;
         chroma.grid.x_first = first_across(layout.siting);
     }
     if (layout.chroma == CHROMA_420) {
-        chroma.shape.height = (height + 1) / 2;
         chroma.grid.y_step = 2;
         chroma.grid.y_first = first_down(layout.siting);
     }
-    if (layout.semi_planar != 0) {
-        chroma.shape.format.channels = 2;
-        picture.plane[1] = chroma;
-        picture.planes = 2;
-    } else {
-        picture.plane[1] = picture.plane[2] = chroma;
-        picture.planes = 3;
+    for (int k = 1; k < picture.planes; ++k) {
+        picture.plane[k] = chroma;
     }
     return picture;
 }

@@ -12,8 +12,8 @@ namespace videostabilizer {
 const char* read_options(const VideoStabilizerOptions* given, int width, int height,
                          VideoStabilizerOptions& out);
 
-// Whether the stream has the picture stage: all but what the stated OpenCL kernels do. The engine is
-// not auto any more.
+// Whether the stream has the picture stage: all but what the stated OpenCL kernels do. With the stated
+// sampling the engine is not auto any more.
 inline bool uses_picture_stage(const VideoStabilizerOptions& options) {
     return options.sampling != STABILIZER_SAMPLING_STATED ||
            options.engine != STABILIZER_ENGINE_OPENCL;

@@ -45,7 +45,7 @@ struct LumaPlane {
 // The 8-bit luma of frame n, which is the newest or the one before. Beside the stated kernels, the
 // wide ones of which take rows as packed, the analysis does so as well.
 LumaPlane luma(const VideoStabilizer* s, std::int64_t n, const Frame* frame) {
-    if (s->format == PIX_FMT_PICTURE && s->layout.bit_depth > 8) {
+    if (!s->upper_bits[0].empty()) {
         return {s->upper_bits[n % 2].data(), frame->width};
     }
     return {frame->plane_y, s->picture_stage != nullptr ? frame->stride_y : frame->width};

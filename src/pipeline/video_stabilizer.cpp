@@ -217,8 +217,12 @@ std::unique_ptr<PictureWarper> make_warper(const VideoStabilizer* s, const Pixel
     }
     const Resampling resampling =
         options.sampling == STABILIZER_SAMPLING_SHARP ? Resampling::LANCZOS3 : Resampling::BILINEAR;
-    if (options.engine == STABILIZER_ENGINE_OPENCL) {
-        return OpenclPictureWarper::create(shape, resampling);
+    if (options.engine != STABILIZER_ENGINE_NATIVE) {
+        std::unique_ptr<PictureWarper> warper = OpenclPictureWarper::create(shape, resampling);
+        if (warper != nullptr || options.engine == STABILIZER_ENGINE_OPENCL) {
+            return warper;
+        }
+        __android_log_print(LOG_WARN, STABILIZER_TAG, "the native engine takes the GPU's place");
     }
     return std::make_unique<NativeWarper>(shape, resampling, options.threads);
 }
@@ -319,7 +323,7 @@ void end_threads(VideoStabilizer* s) {
     }
 }
 
-// Reads the options and decides for an engine. pictures: the stream is one of picture frames, which
+// Reads the options and decides for an engine; auto is left where OpenCL is to be tried first. pictures: the stream is one of picture frames, which
 // the stated kernels do not know. Returns false with an error in the log.
 bool choose_options(const VideoStabilizerOptions* given, int width, int height, bool pictures,
                     VideoStabilizerOptions& out) {
@@ -336,8 +340,11 @@ bool choose_options(const VideoStabilizerOptions* given, int width, int height, 
         return false;
     }
     if (out.engine == STABILIZER_ENGINE_AUTO) {
-        out.engine = !no_kernels && opencl_device_is_gpu() ? STABILIZER_ENGINE_OPENCL
-                                                           : STABILIZER_ENGINE_NATIVE;
+        if (no_kernels || !opencl_device_is_gpu()) {
+            out.engine = STABILIZER_ENGINE_NATIVE;
+        } else if (out.sampling == STABILIZER_SAMPLING_STATED) {
+            out.engine = STABILIZER_ENGINE_OPENCL;
+        }
     }
     return true;
 }
