@@ -27,7 +27,7 @@ inline constexpr std::int32_t chroma_planes_factor[6] = {1, 1, 1, 2, 1, 0};
 // whether it succeeds or not, and pop returns it. Pixel memory supplied by the host stays the
 // host's.
 //
-// Planes (all samples are bytes, all strides in bytes):
+// Planes of all formats but PIX_FMT_PICTURE (all samples are bytes, all strides in bytes):
 //   luma    `height` rows, `stride_y` apart; stride_y * height bytes
 //   chroma  chroma_planes_factor[format] * stride_uv * height bytes
 //           planar       U rows `stride_uv` apart, then at (stride_uv * height) / 2 the V rows

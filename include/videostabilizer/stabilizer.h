@@ -139,8 +139,8 @@ struct VideoStabilizer {
     std::int64_t sent_frame;      // output_index, unbounded
     PictureStage* picture_stage;  // the warp stage where `transformer` is null
     PixelLayout layout;           // of the pictures, where `format` is PIX_FMT_PICTURE
-    // Pictures of more than 8 bits: the upper 8 of the luma of frame i, packed, in i mod 2; with
-    // steady_path only.
+    // Pictures of more than 8 bits, with steady_path: the upper 8 of the luma of frame i, packed, in
+    // i mod 2; else empty.
     std::vector<unsigned char> upper_bits[2];
 };
 
@@ -185,9 +185,10 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create(int width, int heig
                                                              VideoStabilizerUser* user);
 
 // As above, with options; null means the defaults. `options` is read during the call only.
-// All streams but those of the stated sampling with OpenCL read and write all rows with the strides
-// of the frames, warp every column, and repeat: equal input gives equal output. With the native engine
-// module_init is not needed.
+// All streams but those of the stated sampling with OpenCL read all rows with the strides of the
+// pushed frame and write them with the same, whatever those of a frame from create_frame are; they warp
+// every column, and repeat: equal input gives equal output. With the native engine module_init is not
+// needed.
 //
 // Memory per stream, in bytes, with s the decimation (1, 2 or 4) and a = look_ahead:
 //   host memory    2 (width / s) (height / s) + 300 a + 100,000
@@ -206,8 +207,8 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create_with_options(
     int width, int height, int stride_y, int stride_uv, PixFmt format, int in_place,
     VideoStabilizerUser* user, const VideoStabilizerOptions* options);
 
-// As above, for frames that picture_frame_create has made with this size and layout, whatever their
-// strides. The analysis reads the upper 8 bits of luma.
+// As above, for frames that picture_frame_create has made with this size and layout. Each is read or
+// written with its own strides, whatever they are. The analysis reads the upper 8 bits of luma.
 //
 // width, height  pixels; 16..32768
 // layout         read during the call only
@@ -254,8 +255,9 @@ VIDEOSTABILIZER_API void video_stabilizer_delete(VideoStabilizer* stabilizer);
 // Returns:   0
 //            -10001  the end of the input was signalled
 //            -10002  stopped, or the queue is full and a library thread has ended with an error
-//            -1      with a line in the log: the frame's size or chroma layout differs from the
-//                    stream's, a plane is null, or a stride is larger than the stream's
+//            -1      with a line in the log: the frame's size or layout differs from the stream's, a
+//                    plane is null, or, but in streams of pictures, a stride is larger than the
+//                    stream's
 //            -20000  frame is null
 VIDEOSTABILIZER_API int video_stabilizer_push_frame(VideoStabilizer* stabilizer, Frame* frame);
 
