@@ -198,7 +198,8 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create(int width, int heig
 //                  each sample of a picture, 7 beyond 8 bits, and 300,000, in part host memory
 //   native engine  130,000 instead, 66,000 for each thread but the first, and up to 370,000 more
 //                  once pictures are reduced
-//   in_place       the planes of a picture, but not with the stated sampling of OpenCL
+//   in_place       the planes of a picture, but not with the stated sampling of OpenCL; also where
+//                  frames of create_frame share memory with pushed ones
 //   frames         at most a + 8 frames of the host
 //
 // Threads: thread-safe.

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <new>
 #include <utility>
 
@@ -49,6 +48,34 @@ std::size_t picture_bytes(const PictureStageSettings& settings) {
         throw std::bad_alloc();
     }
     return static_cast<std::size_t>(bytes);
+}
+
+// The addresses of a plane, with what is between its rows.
+struct Extent {
+    std::uintptr_t begin;
+    std::uintptr_t end;
+};
+Extent extent_of(const PictureStageSettings& settings, const PicturePlanes& planes, int k) {
+    const int rows = plane_rows(settings.height, settings.layout, k);
+    const unsigned char* const last_row =
+        planes.data[k] + static_cast<std::ptrdiff_t>(rows - 1) * planes.stride[k];
+    const auto first = reinterpret_cast<std::uintptr_t>(planes.data[k]);
+    const auto last = reinterpret_cast<std::uintptr_t>(last_row);
+    return {std::min(first, last), std::max(first, last) + row_bytes_of(settings, k)};
+}
+
+bool overlap(const PictureStageSettings& settings, const PicturePlanes& a, const PicturePlanes& b) {
+    const int planes = plane_count(settings.layout);
+    for (int k = 0; k < planes; ++k) {
+        const Extent one = extent_of(settings, a, k);
+        for (int j = 0; j < planes; ++j) {
+            const Extent other = extent_of(settings, b, j);
+            if (one.begin < other.end && other.begin < one.end) {
+                return true;
+            }
+        }
+    }
+    return false;
 }
 
 }  // namespace
@@ -199,15 +226,14 @@ PicturePlanes PictureStage::planes_of(const Frame& frame, const Frame& strides) 
     return planes;
 }
 
-// Takes a copy for the source where planes lie in the same memory as those of the target.
+// Takes a copy for the source where it shares memory with the target, so that hosts may reuse theirs.
 void PictureStage::copy_overlapping(PicturePlanes& source, const PicturePlanes& target) {
-    const int planes = plane_count(settings_.layout);
-    if (std::equal(source.data, source.data + planes, target.data, std::not_equal_to<>())) {
+    if (!overlap(settings_, source, target)) {
         return;
     }
     copy_.resize(picture_bytes(settings_));
     unsigned char* copy = copy_.data();
-    for (int k = 0; k < planes; ++k) {
+    for (int k = 0; k < plane_count(settings_.layout); ++k) {
         const std::size_t row_bytes = row_bytes_of(settings_, k);
         const int rows = plane_rows(settings_.height, settings_.layout, k);
         for (int row = 0; row < rows; ++row) {

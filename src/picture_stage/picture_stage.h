@@ -77,7 +77,7 @@ class PictureStage {
     PictureStageCallbacks callbacks_;
     std::unique_ptr<PictureWarper> warper_;
     WarpMap map_;                      // of the frame in work
-    std::vector<unsigned char> copy_;  // of planes that are warped in place
+    std::vector<unsigned char> copy_;  // of planes that share memory with the output
 
     Frame queue_{};  // sentinel
     std::atomic<std::int32_t> count_{0};

@@ -102,9 +102,21 @@ struct HostPicture {
 };
 
 StabilizerPtr make_stream(const PixelLayout& layout, bool in_place,
-                          const VideoStabilizerOptions* options = nullptr) {
+                          const VideoStabilizerOptions* options = nullptr,
+                          VideoStabilizerUser* user = nullptr) {
     return StabilizerPtr(video_stabilizer_create_for_pictures(ODD_WIDTH, ODD_HEIGHT, &layout,
-                                                              in_place ? 1 : 0, nullptr, options));
+                                                              in_place ? 1 : 0, user, options));
+}
+
+// A frame over the memory of a HostPicture, upside down.
+Frame* turned_frame(void* host_picture) {
+    const auto& picture = *static_cast<HostPicture*>(host_picture);
+    PicturePlanes planes = picture.planes;
+    for (int k = 0; k < planes_of(picture.layout); ++k) {
+        planes.data[k] += (plane_of(picture.layout, k).height - 1) * planes.stride[k];
+        planes.stride[k] = -planes.stride[k];
+    }
+    return picture_frame_create(ODD_WIDTH, ODD_HEIGHT, &picture.layout, &planes);
 }
 
 // The largest difference, in levels of 8 bits, of a frame from the waves enlarged by two.
@@ -137,8 +149,10 @@ TEST_F(Pictures, OfAllLayoutsAreWarpedWhereTheirSamplesLie) {
         PixelLayout layout;
         bool in_place;
         bool upside_down;
+        bool over_input = false;  // the output is written to the input's memory, upside down
     } cases[] = {
         {"4:2:0", {CHROMA_420, CHROMA_SITING_LEFT, 8, 0, 0, {}}, false, false},
+        {"NV12, turned", {CHROMA_420, CHROMA_SITING_LEFT, 8, 1, 0, {}}, false, false, true},
         {"NV12, JPEG", {CHROMA_420, CHROMA_SITING_CENTRE, 8, 1, 0, {}}, true, false},
         {"P010", {CHROMA_420, CHROMA_SITING_TOP_LEFT, 10, 1, 1, {}}, false, true},
         {"4:2:2", {CHROMA_422, CHROMA_SITING_LEFT, 8, 0, 0, {}}, true, true},
@@ -156,11 +170,13 @@ TEST_F(Pictures, OfAllLayoutsAreWarpedWhereTheirSamplesLie) {
         SCOPED_TRACE(c.name);
         HostPicture picture(c.layout, c.upside_down);
         picture.fill(waves_at);
-        const StabilizerPtr s = make_stream(c.layout, c.in_place, &options);
+        VideoStabilizerUser user{&picture, turned_frame};
+        const StabilizerPtr s =
+            make_stream(c.layout, c.in_place, &options, c.over_input ? &user : nullptr);
         ASSERT_NE(s, nullptr);
         double worst = 0;
         const Ending ending = run_stream(
-            s.get(), c.in_place ? 1 : 3, [&](int i) { return picture.frame(i); },
+            s.get(), c.in_place || c.over_input ? 1 : 3, [&](int i) { return picture.frame(i); },
             [&](const Frame* frame) { worst = std::max(worst, worst_error(frame, c.layout)); });
         EXPECT_EQ(ending.code, RESULT_END_OF_STREAM);
         // Positions are rounded, and so are source and output. Wrong siting costs five levels.
