@@ -58,6 +58,7 @@ struct VideoStabilizerReport {
     float granted;             // 0..1: share of the unconstrained correction that was applied
     std::int32_t repaired;     // 1: the motion from the previous frame was interpolated
     std::int32_t scene_start;  // 1: first frame after a scene cut
+    float crop;                // 0.5..1: part of the width and height that is shown
 };
 
 // Results of the analysis, for hosts that display or record them. Any function may be null. All are

@@ -46,10 +46,14 @@ struct VideoStabilizerOptions {
     std::int32_t picture_height;       // pixels; 16..frame height
     VideoStabilizerEngine engine;      // opencl
     VideoStabilizerSampling sampling;  // stated
-    std::int32_t
-        threads;  // of the native engine: 1..64, or 0 for one per processor that the process
-                  // may use; 0. With 1 the stream has no threads but its own two; others
-                  // are shared by all streams
+    // Of the native engine: 1..64, or 0 for one per processor that the process may use; 0. With 1 the
+    // stream has no threads but its own two; others are shared by all streams.
+    std::int32_t threads;
+    // 1: the output shows as much as the path allows, which changes slowly, in place of crop_ratio;
+    // needs edge_guard; 0.
+    std::int32_t auto_crop;
+    float crop_least;  // 0.5..0.99: bounds of that part of the width and height, or 0 for 0.65 and
+    float crop_most;   // 0.95; 0
 };
 
 // Predefined options, all with engine auto and a crop ratio of 0.9. All but gentle apply the full

@@ -58,21 +58,28 @@ PathPlanner::PathPlanner(const PathPlannerSettings& settings)
       half_width_(0.5 * (settings.width - 1)),
       half_height_(0.5 * (settings.height - 1)),
       turn_lever_(TURN_WEIGHT * std::hypot(half_width_, half_height_)),
-      zoom_room_(ZOOM_SHARE * (1 - settings.crop_ratio)),
       speed_cost_(settings.sigma * settings.sigma),
       change_cost_(CHANGE_SHARE * speed_cost_ * speed_cost_) {
     const auto longest = static_cast<std::size_t>(settings.look_ahead) + 1;
-    for (std::vector<double>* const list : {&diagonal_, &below_, &below2_, &zoom_}) {
+    for (std::vector<double>* const list : {&diagonal_, &below_, &below2_, &zoom_, &crop_}) {
         list->resize(longest);
     }
     for (std::vector<Point>* const list : {&shaky_, &pull_, &free_, &held_, &dual_}) {
         list->resize(longest);
     }
     limits_.resize(longest);
+    if (settings.crop_most > 0) {
+        crop_planner_.emplace(settings.crop_least, settings.crop_most, settings.look_ahead);
+    } else {
+        std::fill(crop_.begin(), crop_.end(), settings.crop_ratio);
+    }
 }
 
 void PathPlanner::begin_scene() {
     past_ = 0;
+    if (crop_planner_) {
+        crop_planner_->begin_scene();
+    }
 }
 
 // Factorises the matrix of the quadratic cost, plus `extra` on its diagonal, into L D L'. It is
@@ -193,12 +200,14 @@ void PathPlanner::find_path(std::size_t count, const std::array<Point, 2>& befor
 void PathPlanner::plan_zoom(const CameraPose* camera, std::size_t count) {
     // In pixels at the corner, for CLOSE_ENOUGH.
     const double unit = std::hypot(half_width_, half_height_);
+    const double crop = crop_planner_ ? crop_planner_->shown() : settings_.crop_ratio;
+    const double zoom_room = ZOOM_SHARE * (1 - crop);
     for (std::size_t k = 0; k < count; ++k) {
         shaky_[k] = {unit * camera[k].zoom, 0, 0};
     }
     find_path(count, {Point{unit * before_[0].zoom, 0, 0}, Point{unit * before_[1].zoom, 0, 0}},
               [&](std::size_t k, const Point& point) {
-                  const double room = unit * zoom_room_;
+                  const double room = unit * zoom_room;
                   return Point{std::clamp(point.x, shaky_[k].x - room, shaky_[k].x + room), 0, 0};
               });
     for (std::size_t k = 0; k < count; ++k) {
@@ -206,12 +215,31 @@ void PathPlanner::plan_zoom(const CameraPose* camera, std::size_t count) {
     }
 }
 
+// From the path without limits, in free_.
+void PathPlanner::plan_crop(const CameraPose* camera, std::size_t count) {
+    for (std::size_t k = 0; k < count; ++k) {
+        const double cosine = std::cos(camera[k].angle);
+        const double sine = std::sin(camera[k].angle);
+        const Point off = free_[k] - shaky_[k];
+        const double scale = std::exp(camera[k].zoom);
+        const double x = scale * std::abs(cosine * off.x + sine * off.y);
+        const double y = scale * std::abs(cosine * off.y - sine * off.x);
+        const double turn = std::abs(off.turn) / turn_lever_;
+        // The limits of set_limits, solved for the part that is shown.
+        const double across = (half_width_ - SAFETY - x) / (half_width_ + half_height_ * turn);
+        const double down = (half_height_ - SAFETY - y) / (half_height_ + half_width_ * turn);
+        crop_[k] = std::min(across, down) * std::exp(zoom_[k] - camera[k].zoom);
+    }
+    const std::vector<double>& plan = crop_planner_->plan(crop_, count);
+    std::copy_n(plan.begin(), count, crop_.begin());
+}
+
 void PathPlanner::set_limits(const CameraPose* camera, std::size_t count) {
     for (std::size_t k = 0; k < count; ++k) {
         // Source pixels per output pixel, and per pixel of the planned frame. A steady picture
         // rotated by t needs half (width cos t + height sin t) horizontally; with cos t <= 1 and
         // sin t <= t these limits are on the safe side.
-        const double shown = settings_.crop_ratio * std::exp(camera[k].zoom - zoom_[k]);
+        const double shown = crop_[k] * std::exp(camera[k].zoom - zoom_[k]);
         const double scale = std::exp(-camera[k].zoom);
         Limits& limits = limits_[k];
         limits.cosine = std::cos(camera[k].angle);
@@ -279,11 +307,14 @@ PathPlanner::Point PathPlanner::wish(std::size_t count) {
 PlannedPose PathPlanner::plan(const CameraPose* camera, int frames) {
     const auto count = static_cast<std::size_t>(frames);
     plan_zoom(camera, count);
-    set_limits(camera, count);
     for (std::size_t k = 0; k < count; ++k) {
         shaky_[k] = point_of(camera[k]);
     }
     const Point wished = wish(count);
+    if (crop_planner_) {
+        plan_crop(camera, count);
+    }
+    set_limits(camera, count);
     find_path(count, {point_of(before_[0]), point_of(before_[1])},
               [this](std::size_t k, const Point& point) {
                   return into_limits(limits_[k], shaky_[k], point);
@@ -295,6 +326,7 @@ PlannedPose PathPlanner::plan(const CameraPose* camera, int frames) {
     planned.pose = {made.x, made.y, made.turn / turn_lever_, zoom_[0]};
     planned.guarded = missing > NOTICEABLE;
     planned.granted = planned.guarded ? std::max(0.0, 1 - missing / length(wished)) : 1;
+    planned.crop = crop_[0];
     before_[1] = before_[0];
     before_[0] = planned.pose;
     wished_[1] = wished_[0];

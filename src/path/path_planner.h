@@ -4,9 +4,11 @@
 
 #include <array>
 #include <cstddef>
+#include <optional>
 #include <vector>
 
 #include "motion/camera_pose.h"
+#include "path/crop_planner.h"
 
 namespace videostabilizer {
 
@@ -16,12 +18,16 @@ struct PathPlannerSettings {
     int look_ahead;     // later frames known when a frame is planned
     double sigma;       // time constant of the smoothing, frames
     double crop_ratio;  // part of the width and height that is shown, 0.5..1
+    // Instead of it, where crop_most is not 0: bounds of the part, which is planned for each frame.
+    double crop_least = 0;
+    double crop_most = 0;
 };
 
 struct PlannedPose {
     CameraPose pose;  // of the steady picture, relative to its frame
     bool guarded;     // the limits change it
     double granted;   // 0..1: part of the correction without limits that is made
+    double crop;      // part of the width and height that is shown
 };
 
 // Plans a smooth camera path along the shaky one, such that every steady picture lies within its
@@ -36,6 +42,9 @@ struct PlannedPose {
 // exp(-|i| / sigma), for A = sigma^2, rounded off by B. A limit within the look-ahead bends the path
 // before it is reached, under the same costs, so that the path meets and leaves limits smoothly. The
 // shaky path itself is within all limits, so a plan always exists.
+//
+// A crop that adapts is planned first, by CropPlanner, from what the path without limits needs in each
+// frame of the look-ahead.
 //
 // The method is model predictive control (receding horizon). The quadratic programme is solved with
 // the alternating direction method of multipliers (S. Boyd et al., "Distributed optimization and
@@ -85,16 +94,17 @@ class PathPlanner {
     Point point_of(const CameraPose& pose) const;
     Point wish(std::size_t count);
     void plan_zoom(const CameraPose* camera, std::size_t count);
+    void plan_crop(const CameraPose* camera, std::size_t count);
     void set_limits(const CameraPose* camera, std::size_t count);
     static Point into_limits(const Limits& limits, const Point& centre, const Point& point);
 
     PathPlannerSettings settings_;
-    double half_width_;     // between the centres of the outermost pixels
-    double half_height_;    //
-    double turn_lever_;     // pixels
-    double zoom_room_;      // largest correction of the zoom, either way
-    double speed_cost_;     // A
-    double change_cost_;    // B
+    double half_width_;                        // between the centres of the outermost pixels
+    double half_height_;                       //
+    double turn_lever_;                        // pixels
+    double speed_cost_;                        // A
+    double change_cost_;                       // B
+    std::optional<CropPlanner> crop_planner_;  // with a crop that adapts
     int past_ = 0;          // planned frames that the next one continues: 0, 1 or 2
     CameraPose before_[2];  // their poses, the last first, relative to the next frame
     CameraPose wished_[2];  // likewise, without limits
@@ -102,6 +112,7 @@ class PathPlanner {
     // One element per frame from the planned one on.
     std::vector<double> diagonal_, below_, below2_;  // factorised system
     std::vector<double> zoom_;                       // planned
+    std::vector<double> crop_;                       // planned; as needed, while it is planned
     std::vector<Limits> limits_;
     std::vector<Point> shaky_, pull_, free_, held_, dual_;
 };

@@ -15,7 +15,8 @@ SteadyPath::SteadyPath(const SteadyPathSettings& settings)
       fit_(history_.centre(), settings.scale),
       guards_(settings.edge_guard),
       planner_({settings.width, settings.height, settings.look_ahead, settings.sigma,
-                settings.crop_ratio}),
+                settings.crop_ratio, settings.crop_least, settings.crop_most}),
+      crop_ratio_(settings.crop_ratio),
       camera_(static_cast<std::size_t>(settings.look_ahead) + 1) {
     if (guards_) {
         alignment_.emplace(settings.width, settings.height, settings.scale);
@@ -58,7 +59,7 @@ void SteadyPath::filter_motions(std::int64_t n, std::int64_t newest, GaussianMot
 Steadied SteadyPath::correct(std::int64_t n, std::int64_t newest, GaussianMotionFilter* filter,
                              std::vector<SimpleLA::Mat<float>*>& motions,
                              std::vector<MotionLog>& logs, SimpleLA::Mat<float>& correction) {
-    Steadied steadied{false, 1, history_.is_repaired(n - 1), history_.is_cut(n - 1)};
+    Steadied steadied{false, 1, history_.is_repaired(n - 1), history_.is_cut(n - 1), crop_ratio_};
     if (!guards_) {
         filter_motions(n, newest, filter, motions, logs, correction);
         return steadied;
@@ -82,6 +83,7 @@ Steadied SteadyPath::correct(std::int64_t n, std::int64_t newest, GaussianMotion
     motion_of_pose(planned.pose, history_.centre(), correction.data);
     steadied.guarded = planned.guarded;
     steadied.granted = planned.granted;
+    steadied.crop = planned.crop;
     return steadied;
 }
 

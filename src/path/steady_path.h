@@ -23,6 +23,7 @@ struct Steadied {
     double granted;    //
     bool repaired;     // the step to the frame was interpolated
     bool scene_start;  // the frame is the first of its scene
+    double crop;       // part of the width and height that is shown
 };
 
 struct SteadyPathSettings {
@@ -31,6 +32,8 @@ struct SteadyPathSettings {
     int look_ahead;       // later frames known when a frame is corrected
     double sigma;         // of the smoothing, frames
     double crop_ratio;    // part of the width and height that is shown, 0.5..1
+    double crop_least;    // its bounds, where the crop adapts; else 0
+    double crop_most;     //
     double scale;         // pixel of the analysis image, in pixels of the picture
     bool edge_guard;      // PathPlanner replaces the filter
     bool repair_motions;  // gaps in the motion are closed
@@ -73,6 +76,7 @@ class SteadyPath {
     bool guards_;
     std::optional<DirectAlignment> alignment_;  // with the guard
     PathPlanner planner_;
+    double crop_ratio_;
     std::vector<CameraPose>
         camera_;  // scratch: poses of the look-ahead, relative to its first frame
 };

@@ -25,7 +25,10 @@ constexpr int LONGEST_LOOK_AHEAD = 120;  // frames
 constexpr float SMALLEST_SIGMA = 0.25F;  // frames
 constexpr float LARGEST_SIGMA = 1000.0F;
 constexpr float SMALLEST_CROP = 0.5F;
-constexpr int SMALLEST_PICTURE = 16;  // pixels
+constexpr float LEAST_AUTO_CROP = 0.65F;  // where the options have no bounds
+constexpr float MOST_AUTO_CROP = 0.95F;   //
+constexpr float LARGEST_BOUND = 0.99F;    // of a crop that adapts: the path needs some room
+constexpr int SMALLEST_PICTURE = 16;      // pixels
 
 //                                        size     ahead sigma crop  shift guard repair cuts picture
 constexpr VideoStabilizerOptions DEFAULTS{OUR_SIZE,
@@ -40,7 +43,10 @@ constexpr VideoStabilizerOptions DEFAULTS{OUR_SIZE,
                                           0,
                                           STABILIZER_ENGINE_OPENCL,
                                           STABILIZER_SAMPLING_STATED,
-                                          0};
+                                          0,
+                                          0,
+                                          0.0F,
+                                          0.0F};
 
 // The defaults on any machine.
 constexpr VideoStabilizerOptions gentle_options() {
@@ -73,6 +79,22 @@ bool is_within(float value, float low, float high) {
     return value >= low && value <= high;
 }
 
+// 0 means the default.
+bool is_bound(float crop) {
+    return crop == 0.0F || is_within(crop, SMALLEST_CROP, LARGEST_BOUND);
+}
+
+// The bounds of a crop that adapts, with their defaults.
+void complete_bounds(VideoStabilizerOptions& o) {
+    if (o.crop_least == 0.0F) {
+        o.crop_least =
+            o.crop_most == 0.0F ? LEAST_AUTO_CROP : std::min(LEAST_AUTO_CROP, o.crop_most);
+    }
+    if (o.crop_most == 0.0F) {
+        o.crop_most = std::max(MOST_AUTO_CROP, o.crop_least);
+    }
+}
+
 // Size 0 x 0 means the whole frame.
 bool is_picture(std::int32_t width, std::int32_t height, int frame_width, int frame_height) {
     if (width == 0 && height == 0) {
@@ -93,7 +115,7 @@ const char* options_fault(const VideoStabilizerOptions& o, int frame_width, int 
         return "crop_ratio is not 0.5 to 1";
     }
     if (!is_switch(o.whole_shift) || !is_switch(o.edge_guard) || !is_switch(o.repair_motions) ||
-        !is_switch(o.scene_cuts)) {
+        !is_switch(o.scene_cuts) || !is_switch(o.auto_crop)) {
         return "a switch is neither 0 nor 1";
     }
     if (!is_picture(o.picture_width, o.picture_height, frame_width, frame_height)) {
@@ -110,6 +132,15 @@ const char* options_fault(const VideoStabilizerOptions& o, int frame_width, int 
     }
     if (o.edge_guard != 0 && o.whole_shift == 0) {
         return "edge_guard needs whole_shift";
+    }
+    if (o.auto_crop != 0 && o.edge_guard == 0) {
+        return "auto_crop needs edge_guard";
+    }
+    if (!is_bound(o.crop_least) || !is_bound(o.crop_most)) {
+        return "a bound of the crop is neither 0 nor 0.5 to 0.99";
+    }
+    if (o.crop_least != 0.0F && o.crop_most != 0.0F && o.crop_least > o.crop_most) {
+        return "crop_least is more than crop_most";
     }
     return nullptr;
 }
@@ -162,6 +193,7 @@ const char* read_options(const VideoStabilizerOptions* given, int width, int hei
         out.picture_width = width;
         out.picture_height = height;
     }
+    complete_bounds(out);
     return fault;
 }
 

@@ -149,7 +149,7 @@ void tell_motion(const VideoStabilizer* s, std::int64_t n) {
 void send_corrected(VideoStabilizer* s, std::int64_t n) {
     set_sent_frame(s, n);
     SimpleLA::Mat<float>& correction = *s->warp_pool[ring_slot(n, s->warp_pool.size())];
-    Steadied steadied{false, 1, false, false};
+    Steadied steadied{false, 1, false, false, static_cast<double>(s->options.crop_ratio)};
     if (s->steady_path != nullptr) {
         steadied = s->steady_path->correct(n, s->newest_frame, s->filter, s->motions,
                                            s->motion_logs, correction);
@@ -171,12 +171,13 @@ void send_corrected(VideoStabilizer* s, std::int64_t n) {
                                               steadied.guarded ? 1 : 0,
                                               static_cast<float>(steadied.granted),
                                               steadied.repaired ? 1 : 0,
-                                              steadied.scene_start ? 1 : 0};
+                                              steadied.scene_start ? 1 : 0,
+                                              static_cast<float>(steadied.crop)};
         s->observer.on_report(s->observer.ctx, &report);
     }
     if (s->options.whole_shift != 0) {
         fold_in_crop(picture_centre(s->options.picture_width, s->options.picture_height),
-                     static_cast<double>(s->options.crop_ratio), correction);
+                     steadied.crop, correction);
     }
     Frame*& slot = s->ring_frames[slot_of(s, n)];
     Frame* const frame = slot;

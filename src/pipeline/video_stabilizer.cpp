@@ -145,6 +145,10 @@ SteadyPathSettings steady_path_settings(const VideoStabilizer* s) {
     settings.look_ahead = options.look_ahead;
     settings.sigma = static_cast<double>(s->filter->sigma);
     settings.crop_ratio = static_cast<double>(options.crop_ratio);
+    if (options.auto_crop != 0) {
+        settings.crop_least = static_cast<double>(options.crop_least);
+        settings.crop_most = static_cast<double>(options.crop_most);
+    }
     settings.scale = s->scale;
     settings.edge_guard = options.edge_guard != 0;
     settings.repair_motions = options.repair_motions != 0;

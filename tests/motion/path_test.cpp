@@ -159,12 +159,13 @@ constexpr double PI = 3.14159265358979323846;
 using Poses = std::vector<CameraPose>;
 
 // How far the outermost samples of a steady picture lie outside its source, pixels.
-double outside(const PathPlannerSettings& s, const CameraPose& pose) {
+double outside(const PathPlannerSettings& s, const PlannedPose& planned) {
     const PictureCentre half = picture_centre(s.width, s.height);
     double most = 0;
     for (const double x : {-half.x, half.x}) {
         for (const double y : {-half.y, half.y}) {
-            const CameraPose from = pose_after(pose, {s.crop_ratio * x, s.crop_ratio * y, 0, 0});
+            const CameraPose from =
+                pose_after(planned.pose, {planned.crop * x, planned.crop * y, 0, 0});
             most = std::max({most, std::abs(from.x) - half.x, std::abs(from.y) - half.y});
         }
     }
@@ -175,10 +176,11 @@ struct Planned {
     Poses shaky, path;   // relative to the first frame
     double outside = 0;  // pixels
     int guarded = 0;
+    std::vector<double> crops;
 };
 
 Planned plan(const PathPlannerSettings& settings, std::size_t frames,
-             const std::function<CameraPose(int)>& pose) {
+             const std::function<CameraPose(int)>& pose, std::size_t cut = 0) {
     PathPlanner planner(settings);
     Planned result;
     Poses& shaky = result.shaky;
@@ -191,9 +193,13 @@ Planned plan(const PathPlannerSettings& settings, std::size_t frames,
         for (std::size_t k = n; k < std::min(end, frames); ++k) {
             camera.push_back(pose_seen_from(shaky[k], shaky[n]));
         }
+        if (n == cut) {
+            planner.begin_scene();
+        }
         const PlannedPose planned = planner.plan(camera.data(), static_cast<int>(camera.size()));
-        result.outside = std::max(result.outside, outside(settings, planned.pose));
+        result.outside = std::max(result.outside, outside(settings, planned));
         result.guarded += planned.guarded ? 1 : 0;
+        result.crops.push_back(planned.crop);
         EXPECT_TRUE(planned.granted >= 0 && planned.granted <= 1);
         result.path.push_back(pose_after(shaky[n], planned.pose));
         if (camera.size() > 1) {
@@ -226,22 +232,64 @@ TEST(PathPlanner, StaysWithinTheSourceWhateverTheCameraDoes) {
                 return {25.0 * n, -9.0 * n, 0.35 * std::sin(2 * PI * n / 40), 0};
             case 2:
                 return {0, 0, 0, 0.5 * std::sin(2 * PI * n / 50)};
+            case 3:  // after the scene cut, a zoom without shake
+                return n < 45 ? CameraPose{120.0 * (n % 2), 0, 0, 0}
+                              : CameraPose{0, 0, 0, 0.02 * n};
             default:
                 return {30.0 * n + 20 * random(), 40 * std::sin(n / 3.0),
                         0.3 * std::sin(n / 9.0) + 0.02 * random(), 0.01 * n};
         }
     };
     const PathPlannerSettings settings[] = {
-        {1280, 720, 10, 10, 0.9}, {270, 480, 20, 14, 0.9},    {640, 360, 1, 3, 0.95},
-        {640, 360, 60, 30, 0.6},  {1280, 720, 30, 1000, 0.9}, {640, 360, 10, 0.25, 0.8},
+        {1280, 720, 10, 10, 0.9},
+        {270, 480, 20, 14, 0.9},
+        {640, 360, 1, 3, 0.95},
+        {640, 360, 60, 30, 0.6},
+        {1280, 720, 30, 1000, 0.9},
+        {640, 360, 10, 0.25, 0.8},
+        {640, 360, 20, 14, 0, 0.65, 0.95},
+        {1280, 720, 1, 10, 0, 0.5, 0.99},
     };
     for (const PathPlannerSettings& s : settings) {
-        for (int path = 0; path < 4; ++path) {
+        for (int path = 0; path < 5; ++path) {
             SCOPED_TRACE(testing::Message() << s.width << " x " << s.height << ", look-ahead "
                                             << s.look_ahead << ", path " << path);
-            EXPECT_EQ(plan(s, 90, [&](int n) { return pose(path, n); }).outside, 0);
+            EXPECT_EQ(plan(
+                          s, 90, [&](int n) { return pose(path, n); }, 45)
+                          .outside,
+                      0);
         }
     }
+}
+
+// The picture is enlarged before a shake begins, and nobody sees it zoom.
+TEST(PathPlanner, ShowsAsMuchAsThePathAllows) {
+    const auto swing = [](int n) {  // from frame 100 to 200
+        return n >= 100 && n < 200 ? 60 * std::sin(2 * PI * n / 12.5) : 0;
+    };
+    const PathPlannerSettings settings = {640, 360, 20, 14, 0, 0.65, 0.95};
+    const auto crops = plan(settings, 500, [&](int n) {
+                           return CameraPose{swing(n), 0, 0, 0};
+                       }).crops;
+    EXPECT_EQ(crops[79], 0.95);
+    EXPECT_LT(crops[99], 0.935);
+    EXPECT_LT(crops[150], 0.87);
+    EXPECT_GT(crops[499], 0.93);
+    double before = 0;
+    for (std::size_t n = 1; n < crops.size(); ++n) {
+        const double speed = std::log(crops[n] / crops[n - 1]);
+        EXPECT_GE(speed, -0.00201);
+        EXPECT_LE(speed, 0.00051);
+        EXPECT_LE(std::abs(speed - before), 0.000101);
+        before = speed;
+    }
+    // A scene begins with the crop that it needs.
+    EXPECT_LT(plan(settings, 60,
+                   [&](int n) {
+                       return CameraPose{swing(n + 110), 0, 0, 0};
+                   })
+                  .crops[0],
+              0.87);
 }
 
 // With more shake than room the limits are met all the time. Clamping at the limits would pass every

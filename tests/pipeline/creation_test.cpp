@@ -94,6 +94,13 @@ TEST_F(Creation, RefusesWhatItCannotWorkOn) {
     }
 }
 
+void set_auto_crop(VideoStabilizerOptions& o, int guard, float least, float most) {
+    o.auto_crop = 1;
+    o.edge_guard = o.whole_shift = guard;
+    o.crop_least = least;
+    o.crop_most = most;
+}
+
 TEST_F(Options, AreRefusedOutsideTheirRanges) {
     using Change = void (*)(VideoStabilizerOptions&, bool good);
     const Change changes[] = {
@@ -115,6 +122,11 @@ TEST_F(Options, AreRefusedOutsideTheirRanges) {
         [](auto& o, bool good) { set_engine(o, good ? 1 : -1, 0); },
         [](auto& o, bool good) { set_engine(o, good ? 2 : 3, 2); },
         [](auto& o, bool good) { set_engine(o, 1, 2), o.threads = good ? 64 : 65; },
+        [](auto& o, bool good) { set_auto_crop(o, good ? 1 : 0, 0, 0); },
+        [](auto& o, bool good) { set_auto_crop(o, 1, good ? 0.5F : 0.49F, 0); },
+        [](auto& o, bool good) { set_auto_crop(o, 1, 0, good ? 0.99F : 1.0F); },
+        [](auto& o, bool good) { set_auto_crop(o, 1, good ? 0.7F : 0.71F, 0.7F); },
+        [](auto& o, bool good) { o.auto_crop = o.edge_guard = o.whole_shift = good ? 1 : 2; },
         [](auto& o, bool good) { o.size = good ? o.size : 0; },
     };
     for (const Change& change : changes) {

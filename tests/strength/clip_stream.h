@@ -132,11 +132,12 @@ inline Path true_path(const synthetic::ShakyClip& clip, int frames) {
 
 // How far the outermost samples of all pictures lie outside the source, pixels; 0 when none does.
 inline double outside(const Stabilized& stabilized) {
-    const double ratio = static_cast<double>(stabilized.options.crop_ratio);
     const double last_x = stabilized.width - 1;
     const double last_y = stabilized.height - 1;
     double most = 0;
+    std::size_t frame = 0;
     for (const synthetic::Affine& back : stabilized.origins) {
+        const double ratio = static_cast<double>(stabilized.reports.at(frame++).crop);
         for (const double side_x : {-0.5, 0.5}) {
             for (const double side_y : {-0.5, 0.5}) {
                 const double x = last_x * (0.5 + ratio * side_x);

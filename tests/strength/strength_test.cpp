@@ -180,15 +180,33 @@ TEST(Strength, NeverShowsWhatIsBeyondTheEdge) {
         settings.camera.zoom_swing = c.zoom_swing;
         settings.foreground = c.foreground;
         const synthetic::ShakyClip clip(settings);
-        for (const auto s : {STABILIZER_STANDARD, STABILIZER_MAXIMUM}) {
-            SCOPED_TRACE(testing::Message() << c.name << ", strength " << s);
-            const Stabilized result = stabilize(clip, 90, options_for(s));
+        VideoStabilizerOptions adaptive = options_for(STABILIZER_STRONG);
+        adaptive.auto_crop = 1;
+        for (const auto& options :
+             {options_for(STABILIZER_STANDARD), options_for(STABILIZER_MAXIMUM), adaptive}) {
+            SCOPED_TRACE(testing::Message() << c.name << ", look-ahead " << options.look_ahead);
+            const Stabilized result = stabilize(clip, 90, options);
             EXPECT_EQ(outside(result), 0);
             const synthetic::Shake shaky = synthetic::shake_of(true_path(clip, 90), FPS);
             const synthetic::Shake steady = synthetic::shake_of(steady_path(clip, result), FPS);
             const synthetic::Shake db = synthetic::reduction_db(shaky, steady);
             EXPECT_GT(db.shake, c.least_db) << "the guard must not shake in its turn";
         }
+    }
+}
+
+TEST(Strength, CropsCalmClipsLittle) {
+    synthetic::ClipSettings settings = clip_settings(WIDTH, HEIGHT);
+    settings.camera.pan = 0.2;
+    settings.camera.shake = 0.3;
+    VideoStabilizerOptions options = options_for(STABILIZER_STRONG);
+    options.auto_crop = 1;
+    const Stabilized calm = stabilize(synthetic::ShakyClip(settings), 90, options);
+    settings.camera.shake = 4;
+    const Stabilized shaken = stabilize(synthetic::ShakyClip(settings), 90, options);
+    for (std::size_t frame = 0; frame < 90; ++frame) {
+        EXPECT_GT(calm.reports.at(frame).crop, 0.9F);
+        EXPECT_LT(shaken.reports.at(frame).crop, 0.85F);
     }
 }
 
