@@ -37,8 +37,12 @@ _stabilize_video() {
       _filedir '@(png|svg)'
       return
       ;;
-    --look-ahead | --crop | --threads | --crf | --jobs | --input-format | --input-option | \
-      --output-format)
+    --crop)
+      mapfile -t COMPREPLY < <(compgen -W 'auto' -- "$cur")
+      return
+      ;;
+    --look-ahead | --crop-least | --crop-most | --threads | --crf | --jobs | --input-format | \
+      --input-option | --output-format)
       return
       ;;
   esac

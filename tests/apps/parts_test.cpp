@@ -210,12 +210,14 @@ TEST(PathFollower, WritesCsv) {
     const Folder folder;
     video_io::OutputFile file(folder.file("path.csv"));
     apps::PathCsv csv(file.sink());
-    csv.write({{1.5, -2, 0.5, 1}, {0, 0, 0, 1.25}, {100, 90, 0.5F, 1}, {}});
+    videostabilizer::VideoStabilizerReport report{};
+    report.crop = 0.9F;
+    csv.write({{1.5, -2, 0.5, 1}, {0, 0, 0, 1.25}, {100, 90, 0.5F, 1}, report});
     file.commit();
     const std::string text = read_file(folder.file("path.csv"));
     EXPECT_EQ(text.substr(text.find('\n') + 1),
               "0,1.5000,-2.0000,28.647890,1.00000000,0.0000,0.0000,0.000000,1.25000000,90,100,"
-              "0.5000,1\n");
+              "0.5000,1,0.900000\n");
 }
 
 }  // namespace

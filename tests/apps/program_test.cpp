@@ -89,6 +89,10 @@ TEST(StabilizeVideo, TellsFailuresApartAndLeavesNothingBehind) {
     } cases[] = {
         {"in.y4m", 1, "OUT is required"},
         {"in.y4m out.y4m --plot path.pdf", 1, ".png or .svg"},
+        {"in.y4m out.y4m --crop 0.4", 1, "--crop"},
+        {"in.y4m out.y4m --crop auto --strength gentle", 1, "not for gentle"},
+        {"in.y4m out.y4m --crop 0.8 --crop-least 0.7", 1, "need --crop auto"},
+        {"in.y4m out.y4m --crop auto --crop-least 0.8 --crop-most 0.7", 1, "is more than"},
         {"in.y4m out.y4m --output-dir steady --json x", 1, "single file"},
         {"in.y4m ./in.y4m --overwrite", 1, "./in.y4m is the input"},
         {"in.y4m out.y4m --path hard --overwrite", 1, "hard is the input"},

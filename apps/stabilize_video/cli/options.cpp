@@ -149,10 +149,27 @@ void check(Options& options, std::vector<std::string>& files) {
 struct RawOptions {
     std::vector<std::string> files;
     std::vector<std::string> input_options;
+    std::string crop;  // a number or "auto"
     bool overwrite = false;
 };
 
-void add_steadiness(CLI::App& app, Options& options) {
+void read_crop(const std::string& crop, Options& options) {
+    if (crop == "auto") {
+        if (options.strength == "gentle") {
+            throw CLI::ValidationError("--crop", "auto is not for gentle");
+        }
+        options.auto_crop = true;
+    } else if (options.crop_least != 0 || options.crop_most != 0) {
+        throw CLI::ValidationError("--crop-least and --crop-most", "need --crop auto");
+    } else if (!crop.empty()) {
+        options.crop = std::stof(crop);
+    }
+    if (options.crop_most != 0 && options.crop_least > options.crop_most) {
+        throw CLI::ValidationError("--crop-least", "is more than --crop-most");
+    }
+}
+
+void add_steadiness(CLI::App& app, Options& options, RawOptions& raw) {
     const auto add = [&app](const char* name, auto& value, const char* description) {
         return app.add_option(name, value, description)->group("Steadiness");
     };
@@ -168,11 +185,19 @@ void add_steadiness(CLI::App& app, Options& options) {
         "1000 ms; for files 10, 20, 28 or 40")
         ->type_name("FRAMES")
         ->check(CLI::Range(1, 120));
-    add("--crop", options.crop,
+    add("--crop", raw.crop,
         "Part of the width and height that stays visible: less leaves more room for corrections "
-        "(0.5 to 1; default: 0.9)")
+        "(0.5 to 1; default: 0.9; with 1 nothing can be corrected but for gentle), or auto: as "
+        "much "
+        "as the shake allows, slowly changing")
         ->type_name("RATIO")
-        ->check(CLI::Range(0.5, 1.0));
+        ->check(CLI::IsMember({"auto"}) | CLI::Range(0.5, 1.0));
+    add("--crop-least", options.crop_least, "The least that --crop auto shows (default: 0.65)")
+        ->type_name("RATIO")
+        ->check(CLI::Range(0.5, 0.99));
+    add("--crop-most", options.crop_most, "The most that --crop auto shows (default: 0.95)")
+        ->type_name("RATIO")
+        ->check(CLI::Range(0.5, 0.99));
 }
 
 void add_pictures(CLI::App& app, Options& options) {
@@ -249,7 +274,7 @@ void add_more_results(CLI::App& app, Options& options) {
     add("--path", options.path_file,
         "The camera path as CSV: per frame the measured and the steady position (pixels, degrees, "
         "zoom) and how well the motion from the previous frame was found (status 0: found; 1: not "
-        "found, assumed to be none)");
+        "found, assumed to be none), and the part of the picture that is shown");
     add("--json", options.json_file,
         "Figures: frames, shake before and after, motions not found, time");
 }
@@ -280,7 +305,7 @@ std::optional<Options> parse_options(int argc, char** argv, int& status) {
         ->required()
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
         ->group("");
-    add_steadiness(app, options);
+    add_steadiness(app, options, raw);
     add_pictures(app, options);
     add_output(app, options, raw);
     add_input(app, options, raw);
@@ -289,6 +314,7 @@ std::optional<Options> parse_options(int argc, char** argv, int& status) {
     try {
         app.parse(argc, argv);
         options.input_options = key_values(raw.input_options);
+        read_crop(raw.crop, options);
         check(options, raw.files);
     } catch (const CLI::ParseError& error) {
         status = app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;

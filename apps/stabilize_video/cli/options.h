@@ -45,6 +45,9 @@ struct Options {
     std::string strength = "standard";
     std::optional<int> look_ahead;  // frames
     std::optional<float> crop;
+    bool auto_crop = false;  // in place of it
+    float crop_least = 0;    // bounds of that; 0: the library's
+    float crop_most = 0;     //
     std::string engine = "native";
     std::string sampling;  // "": by the strength
     int threads = 0;       // of the native engine; 0: one per core

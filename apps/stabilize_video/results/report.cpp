@@ -45,6 +45,9 @@ void ShakeReport::add(const FollowedFrame& point) noexcept {
     if (point.report.repaired != 0) {
         ++repaired_;
     }
+    const double crop = static_cast<double>(point.report.crop);
+    crops_ += crop;
+    least_crop_ = std::min(least_crop_, crop);
     ++frames_;
 }
 
@@ -181,6 +184,10 @@ void write_json(video_io::ByteSink& sink, const ShakeReport& report, const PathR
     constexpr const char* SAMPLINGS[] = {"stated", "bilinear", "sharp"};
     json.add("sampling", SAMPLINGS[facts.options.sampling]);
     json.add("crop_ratio", static_cast<double>(facts.options.crop_ratio));
+    JsonObject shown(1);
+    shown.add("mean", report.mean_crop());
+    shown.add("least", report.least_crop());
+    json.add("crop_shown", shown);
     json.add("mean_track_ratio", report.mean_track_ratio());
     json.add("failed_motions", report.failed_motions());
     json.add("repaired_motions", report.repaired());

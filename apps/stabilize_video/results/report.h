@@ -31,6 +31,8 @@ class ShakeReport {
     double mean_granted() const;  // share of the correction in these frames; 1 if none
     std::int64_t scene_starts() const { return scene_starts_; }
     std::int64_t repaired() const { return repaired_; }
+    double mean_crop() const { return frames_ > 0 ? crops_ / static_cast<double>(frames_) : 1; }
+    double least_crop() const { return least_crop_; }
 
   private:
     struct Track {
@@ -49,6 +51,8 @@ class ShakeReport {
     double granted_ = 0;
     std::int64_t scene_starts_ = 0;
     std::int64_t repaired_ = 0;
+    double crops_ = 0;       // sum
+    double least_crop_ = 1;  // part of the width and height that is shown
     Track shaky_;
     Track steady_;
 };

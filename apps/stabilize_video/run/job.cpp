@@ -182,6 +182,9 @@ vs::VideoStabilizerOptions stabilizer_options(const Options& options, bool is_of
     if (options.crop) {
         result.crop_ratio = *options.crop;
     }
+    result.auto_crop = options.auto_crop ? 1 : 0;
+    result.crop_least = options.crop_least;
+    result.crop_most = options.crop_most;
     result.engine = named(ENGINES, options.engine, vs::STABILIZER_ENGINE_NATIVE);
     result.sampling = named(SAMPLINGS, options.sampling, result.sampling);
     result.threads = options.threads;
@@ -378,6 +381,9 @@ int Job::run() {
         notes_ = input_.media->notes();
     }
     settings_ = stabilizer_options(options_, !input_.live && !is_direct());
+    if (options_.crop == 1.0F && settings_.edge_guard != 0) {
+        notes_.emplace_back("--crop 1 leaves no margin: nothing can be corrected");
+    }
     open_outputs();
     for (const std::string& note : notes_) {
         say(options_, "note: " + note);
