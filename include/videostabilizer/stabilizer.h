@@ -37,8 +37,9 @@
 
 namespace videostabilizer {
 
-class PictureStage;  // internal
-class SteadyPath;    // internal
+class PictureStage;   // internal
+class SpreadCorners;  // internal
+class SteadyPath;     // internal
 
 // The host's allocator of output frames; used only when in_place is 0.
 struct VideoStabilizerUser {
@@ -143,6 +144,11 @@ struct VideoStabilizer {
     // Pictures of more than 8 bits, with steady_path: the upper 8 of the luma of frame i, packed, in
     // i mod 2; else empty.
     std::vector<unsigned char> upper_bits[2];
+    // Beside steady_path: the corners for it, found instead of those of fast_params.
+    SpreadCorners* spread_corners;
+    std::size_t strong_corners;              // of the previous image
+    std::vector<KeyPoint> back_points;       // next_points tracked back into the previous image
+    std::vector<unsigned char> back_status;  //
 };
 
 // Sets up OpenCL, once per process.

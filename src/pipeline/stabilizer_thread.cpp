@@ -9,6 +9,7 @@
 #include <new>
 #include <utility>
 
+#include "features/spread_corners.h"
 #include "motion/seeded_motion.h"
 #include "path/crop.h"
 #include "path/frame_numbers.h"
@@ -67,17 +68,41 @@ void take_newest(VideoStabilizer* s, Frame* frame, unsigned char* image) {
     decimate_rows(plane.data, plane.pitch, frame->width, frame->height, s->scale, image);
 }
 
+// Loses the corners that do not come back when they are tracked from the newest image into the one
+// before (Z. Kalal, K. Mikolajczyk, J. Matas, "Forward-backward error", 2010).
+void track_back(VideoStabilizer* s, int width, int height) {
+    constexpr float MOST_OFF = 1.0F;  // pixels
+    s->back_points.resize(s->prev_points.size());
+    s->back_status.resize(s->prev_points.size());
+    lk_pyramid_image(s->cur_luma, s->prev_luma, width, height, &s->lk_params, s->next_points,
+                     s->back_points, s->back_status);
+    for (std::size_t i = 0; i < s->prev_points.size(); ++i) {
+        const float x = s->back_points[i].x - s->prev_points[i].x;
+        const float y = s->back_points[i].y - s->prev_points[i].y;
+        if (s->back_status[i] == 0 || !(x * x + y * y < MOST_OFF * MOST_OFF)) {
+            s->track_status[i] = 0;
+        }
+    }
+}
+
 // Detects corners in the previous image and tracks them into the current one.
 void track_corners(VideoStabilizer* s) {
     const int width = s->width / s->scale;
     const int height = s->height / s->scale;
     s->prev_points.clear();
     s->prev_points.reserve(static_cast<std::size_t>(s->max_points));
-    fast16(s->prev_luma, s->prev_points, width, height, &s->fast_params);
+    if (s->spread_corners != nullptr) {
+        s->strong_corners = s->spread_corners->find(s->prev_luma, s->prev_points);
+    } else {
+        fast16(s->prev_luma, s->prev_points, width, height, &s->fast_params);
+    }
     s->next_points.resize(s->prev_points.size());
     s->track_status.resize(s->prev_points.size());
     lk_pyramid_image(s->prev_luma, s->cur_luma, width, height, &s->lk_params, s->prev_points,
                      s->next_points, s->track_status);
+    if (s->spread_corners != nullptr) {
+        track_back(s, width, height);
+    }
 }
 
 KeyPoint to_full_resolution(KeyPoint point, float scale) {
@@ -124,8 +149,8 @@ void estimate_motion(VideoStabilizer* s) {
         const LumaPlane from_luma = luma(s, from, earlier);
         const LumaPlane to_luma = luma(s, s->newest_frame, later);
         const LumaPair pictures = {from_luma.data, to_luma.data, from_luma.pitch, to_luma.pitch};
-        s->steady_path->add(from, s->motions[slot]->data, log, s->prev_points.size(),
-                            s->matched_prev, s->matched_next, pictures);
+        s->steady_path->add(from, s->motions[slot]->data, log, s->strong_corners, s->matched_prev,
+                            s->matched_next, pictures);
     }
 }
 
