@@ -17,7 +17,7 @@ constexpr std::size_t ENOUGH = 120;
 // Grey levels. The first is that of a strong corner; the last is above the noise of most sensors.
 constexpr int THRESHOLDS[] = {25, 12, 6};
 constexpr int SMALLEST_CELL = 8;
-constexpr int NO_THINNING = 2;  // the detector's smallest cell
+constexpr int THINNING = 8;  // the detector's own cells, which bound the memory that noise takes
 
 }  // namespace
 
@@ -32,7 +32,7 @@ SpreadCorners::SpreadCorners(int width, int height)
             static_cast<std::size_t>((height + cell_ - 1) / cell_)) {
     bool complete = true;
     for (std::size_t i = 0; i < std::size(THRESHOLDS); ++i) {
-        complete = fast16_init(&detectors_[i], THRESHOLDS[i], 1, NO_THINNING, 0, BORDER, BORDER,
+        complete = fast16_init(&detectors_[i], THRESHOLDS[i], 1, THINNING, 0, BORDER, BORDER,
                                width, height) == 0 &&
                    complete;
     }
