@@ -199,7 +199,7 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create(int width, int heig
 //
 // Memory per stream, in bytes, with s the decimation (1, 2 or 4) and a = look_ahead:
 //   host memory    2 (width / s) (height / s) + 300 a + 100,000
-//                  edge_guard, repair_motions or scene_cuts: 320 a more, and up to
+//                  edge_guard, repair_motions or scene_cuts: 320 a + 40,000 more, and up to
 //                  (width / s) (height / s) for corners, in pictures of noise
 //                  edge_guard: 200,000 more
 //   OpenCL device  2 height (stride_y + stride_uv) with the stated sampling; with the others 5 for

@@ -14,13 +14,13 @@
 #include "videostabilizer/jni.h"                     // Java binding, where there is a <jni.h>
 #include "videostabilizer/keypoint.h"
 #include "videostabilizer/log.h"
-#include "videostabilizer/lu.h"            // linear systems
-#include "videostabilizer/lucas_kanade.h"  // tracking
-#include "videostabilizer/mat.h"           // matrices
-#include "videostabilizer/motion_path.h"   // composition of motions
-#include "videostabilizer/ocl_runtime.h"   // OpenCL set-up
+#include "videostabilizer/lu.h"             // linear systems
+#include "videostabilizer/lucas_kanade.h"   // tracking
+#include "videostabilizer/mat.h"            // matrices
+#include "videostabilizer/motion_path.h"    // composition of motions
+#include "videostabilizer/ocl_runtime.h"    // OpenCL set-up
 #include "videostabilizer/picture_frame.h"  // frames of any layout
-#include "videostabilizer/ransac.h"        // motion estimation
+#include "videostabilizer/ransac.h"         // motion estimation
 #include "videostabilizer/result.h"
 #include "videostabilizer/stabilizer.h"
 #include "videostabilizer/stabilizer_options.h"
