@@ -188,12 +188,13 @@ void BM_Pipeline(benchmark::State& state) {
 std::vector<std::vector<unsigned char>> in_ten_bits(const bench::Clip& clip) {
     std::vector<std::vector<unsigned char>> pictures;
     for (const auto& frame : clip.frames) {
-        std::vector<unsigned char>& picture = pictures.emplace_back();
+        std::vector<unsigned char> picture;
         picture.reserve(2 * frame.size());
         for (const unsigned char level : frame) {
             picture.push_back(static_cast<unsigned char>(level << 2));
             picture.push_back(static_cast<unsigned char>(level >> 6));
         }
+        pictures.push_back(std::move(picture));
     }
     return pictures;
 }

@@ -326,7 +326,7 @@ class PlaneWarp::Strip {
   private:
     // The rest of a row, of fewer samples than a block has.
     void make_last_block() {
-        unsigned char last[2 * BLOCK];
+        unsigned char last[2 * BLOCK] = {};
         const int whole = down_.blocks;
         unsigned char* const out =
             down_.out + static_cast<std::ptrdiff_t>(whole) * BLOCK * down_.format.bytes;
