@@ -225,10 +225,10 @@ PixelLayout stream_layout(const VideoStabilizer* s) {
     return layout;
 }
 
-// Null with an error in the log.
-std::unique_ptr<PictureWarper> make_warper(const VideoStabilizer* s, const PixelLayout& layout) {
+// Null with an error in the log. Decides for an engine where the options leave that to it.
+std::unique_ptr<PictureWarper> make_warper(VideoStabilizer* s, const PixelLayout& layout) {
     const PictureShape shape = picture_shape(s->width, s->height, layout);
-    const VideoStabilizerOptions& options = s->options;
+    VideoStabilizerOptions& options = s->options;
     if (options.sampling == STABILIZER_SAMPLING_STATED) {
         return std::make_unique<StatedWarper>(shape, options.threads);
     }
@@ -237,9 +237,11 @@ std::unique_ptr<PictureWarper> make_warper(const VideoStabilizer* s, const Pixel
     if (options.engine != STABILIZER_ENGINE_NATIVE) {
         std::unique_ptr<PictureWarper> warper = OpenclPictureWarper::create(shape, resampling);
         if (warper != nullptr || options.engine == STABILIZER_ENGINE_OPENCL) {
+            options.engine = STABILIZER_ENGINE_OPENCL;
             return warper;
         }
         __android_log_print(LOG_WARN, STABILIZER_TAG, "the native engine takes the GPU's place");
+        options.engine = STABILIZER_ENGINE_NATIVE;
     }
     return std::make_unique<NativeWarper>(shape, resampling, options.threads);
 }
@@ -340,8 +342,9 @@ void end_threads(VideoStabilizer* s) {
     }
 }
 
-// Reads the options and decides for an engine; auto is left where OpenCL is to be tried first. pictures: the stream is one of picture frames, which
-// the stated kernels do not know. Returns false with an error in the log.
+// Reads the options and decides for an engine; auto is left where make_warper is to try OpenCL first.
+// pictures: the stream is one of picture frames, which the stated kernels do not know. Returns false
+// with an error in the log.
 bool choose_options(const VideoStabilizerOptions* given, int width, int height, bool pictures,
                     VideoStabilizerOptions& out) {
     const char* fault = read_options(given, width, height, out);
