@@ -96,6 +96,7 @@ void DevicePlan::add_across_places(const PlaneWarp& warp) {
     const int strips = numbers_[PLAN_STRIPS];
     const int lines = numbers_[PLAN_LINES];
     const bool even = warp.evenly_spaced();
+    std::int64_t step = 0;
     PlaneWarp::Placement places[STRIP_BLOCKS];
     begin(PLAN_ACROSS_PLACES);
     numbers_.reserve(numbers_.size() + 2 * static_cast<std::size_t>(lines) *
@@ -104,8 +105,7 @@ void DevicePlan::add_across_places(const PlaneWarp& warp) {
         const int row = line + numbers_[PLAN_FIRST_LINE];
         for (int strip = 0; strip < strips; ++strip) {
             if (even) {
-                warp.place_across(row, strip, 1, places);
-                add(places[0].position);
+                add(warp.place_evenly(row, strip, step));
                 continue;
             }
             const int count = std::min(blocks - strip * STRIP_BLOCKS, STRIP_BLOCKS);
@@ -116,6 +116,11 @@ void DevicePlan::add_across_places(const PlaneWarp& warp) {
                 numbers_.push_back(static_cast<std::int32_t>(places[block].table));
             }
         }
+    }
+    if (even) {
+        numbers_[PLAN_ACROSS_EVEN] = 1;
+        numbers_[PLAN_ACROSS_STEP] = phases_of(step);
+        numbers_[PLAN_ACROSS_STEP_BELOW] = below_phase(step);
     }
 }
 
@@ -137,14 +142,6 @@ void DevicePlan::make(const PlaneShape& shape, const PlaneWarp& warp) {
     numbers_[PLAN_DOWN_ADD] = down.add;
     numbers_[PLAN_DOWN_SHIFT] = down.shift;
     numbers_[PLAN_ACROSS_PAIRS] = warp.table(0).across.pairs;
-    if (warp.evenly_spaced()) {
-        PlaneWarp::Placement two[2];
-        warp.place_across(0, 0, 2, two);
-        const std::int64_t step = two[1].position - two[0].position;
-        numbers_[PLAN_ACROSS_EVEN] = 1;
-        numbers_[PLAN_ACROSS_STEP] = phases_of(step);
-        numbers_[PLAN_ACROSS_STEP_BELOW] = below_phase(step);
-    }
     add_tables(format, warp);
     add_down_places(shape.height, warp);
     add_across_places(warp);

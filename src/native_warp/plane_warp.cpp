@@ -240,14 +240,6 @@ std::int64_t PlaneWarp::place_evenly(int source_row, int strip, std::int64_t& st
 void PlaneWarp::place_across(int source_row, int strip, int blocks, Placement* placements) const {
     const double to_middle = 0.5 * (block_width() - 1);
     const double x = middle_of_first_block(strip);
-    if (evenly_spaced()) {
-        std::int64_t step = 0;
-        const std::int64_t first = place_evenly(source_row, strip, step);
-        for (int block = 0; block < blocks; ++block) {
-            placements[block] = {0, first + block * step};
-        }
-        return;
-    }
     const double top = (source_row - middle_.d * x - middle_.f) / middle_.e;
     Crossing left{&interval_at(top), top};
     find_crossing(x, source_row, left);

@@ -111,11 +111,11 @@ class PlaneWarp {
     };
 
     // The first pass: where the first `blocks` blocks of a strip begin in a row of the source, which
-    // may be one beyond its ends.
+    // may be one beyond its ends. For several transforms.
     void place_across(int source_row, int strip, int blocks, Placement* placements) const;
 
-    // Whether they are equally far apart in all rows, and have table 0: then only the first, and how
-    // far the next ones are from it.
+    // With one transform they are equally far apart in all rows, and have table 0: where the first
+    // begins, and how far the next ones are from it.
     bool evenly_spaced() const { return map_.transforms.size() == 1; }
     std::int64_t place_evenly(int source_row, int strip, std::int64_t& step) const;
 
