@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
-#include <mutex>
 
 #include "platform/mutex_lock.h"
 
@@ -33,6 +32,10 @@ int group_limit() {
     return static_cast<int>(std::min<long long>(whole, WorkPool::MOST_THREADS));
 }
 
+pthread_mutex_t shared_pool_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the next two
+WorkPool* shared_pool = nullptr;
+int shared_pool_uses = 0;
+
 }  // namespace
 
 int usable_processors() {
@@ -44,16 +47,8 @@ int usable_processors() {
     return std::clamp(allowed, 1, group_limit());
 }
 
-namespace {
-
-std::mutex shared_pool_mutex;
-WorkPool* shared_pool = nullptr;
-int shared_pool_uses = 0;
-
-}  // namespace
-
 WorkPool* WorkPool::acquire() {
-    const std::lock_guard<std::mutex> lock(shared_pool_mutex);
+    const MutexLock lock(shared_pool_mutex);
     if (shared_pool == nullptr) {
         shared_pool = new WorkPool;
     }
@@ -63,7 +58,7 @@ WorkPool* WorkPool::acquire() {
 
 void WorkPool::release(WorkPool* pool) {
     {
-        const std::lock_guard<std::mutex> lock(shared_pool_mutex);
+        const MutexLock lock(shared_pool_mutex);
         if (--shared_pool_uses > 0) {
             return;
         }
@@ -114,7 +109,9 @@ void WorkPool::run(DividedWork& work, int count, int participants) {
         start_threads(job.most - 1);
         job.other = jobs_;
         jobs_ = &job;
-        pthread_cond_broadcast(&work_cond_);
+        for (int helper = 1; helper < job.most; ++helper) {
+            pthread_cond_signal(&work_cond_);  // those at work look for more by themselves
+        }
     }
     job.do_items(0);
     if (job.most > 1) {
