@@ -88,7 +88,8 @@ class ProcessGenerator : public Generator {
 };
 std::mutex ProcessGenerator::mutex;
 
-// A generator of its own that draws what lrand48 draws after srand48(seed): POSIX defines both.
+// A generator of its own that draws what lrand48 draws after srand48(seed), by the constants of POSIX.
+// (nrand48 takes those of the process, which lcong48 may change, and reads them without a lock.)
 class SeededGenerator : public Generator {
   public:
     explicit SeededGenerator(std::uint32_t seed) : state_((std::uint64_t{seed} << 16) + 0x330E) {}
