@@ -32,8 +32,8 @@ SpreadCorners::SpreadCorners(int width, int height)
             static_cast<std::size_t>((height + cell_ - 1) / cell_)) {
     bool complete = true;
     for (std::size_t i = 0; i < std::size(THRESHOLDS); ++i) {
-        complete = fast16_init(&detectors_[i], THRESHOLDS[i], 1, THINNING, 0, BORDER, BORDER,
-                               width, height) == 0 &&
+        complete = fast16_init(&detectors_[i], THRESHOLDS[i], 1, THINNING, 0, BORDER, BORDER, width,
+                               height) == 0 &&
                    complete;
     }
     if (!complete) {
