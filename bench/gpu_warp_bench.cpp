@@ -5,12 +5,12 @@
 
 #include <benchmark/benchmark.h>
 
-#include <cmath>
 #include <cstddef>
 #include <cstdio>
 #include <vector>
 
 #include "bench/measure.h"
+#include "bench/usual_map.h"
 #include "gpu_warp/opencl_device.h"
 #include "gpu_warp/opencl_picture_warper.h"
 #include "picture_warp/native_warper.h"
@@ -39,16 +39,6 @@ struct Picture {
     PicturePlanes planes{};
 };
 
-// What hand-held footage needs: a turn of half a degree, the crop of 0.9, a shift.
-WarpMap usual_map(int transforms, int height) {
-    const double angle = 0.5 * 3.14159265358979323846 / 180;
-    const Affine2 all{0.9 * std::cos(angle), -0.9 * std::sin(angle), 40.3,
-                      0.9 * std::sin(angle), 0.9 * std::cos(angle),  20.7};
-    WarpMap map{std::vector<Affine2>(static_cast<std::size_t>(transforms), all)};
-    map.rows_apart = static_cast<double>(height) / transforms;
-    return map;
-}
-
 // height of 16:9, bits (8: planar, 10: P010), sharp, transforms
 void BM_PictureWarp(benchmark::State& state) {
     const auto height = static_cast<int>(state.range(0));
@@ -57,7 +47,7 @@ void BM_PictureWarp(benchmark::State& state) {
                              deep ? 1 : 0, deep ? 1 : 0,       {}};
     const PictureShape shape = picture_shape(height * 16 / 9, height, layout);
     const Resampling resampling = state.range(2) != 0 ? Resampling::LANCZOS3 : Resampling::BILINEAR;
-    const WarpMap map = usual_map(static_cast<int>(state.range(3)), height);
+    const WarpMap map = bench::usual_map(static_cast<int>(state.range(3)), height);
     const Picture source(shape);
     Picture target(shape);
     Picture native_target(shape);

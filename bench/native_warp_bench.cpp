@@ -5,12 +5,12 @@
 
 #include <benchmark/benchmark.h>
 
-#include <cmath>
 #include <cstddef>
 #include <cstring>
 #include <iterator>
 #include <vector>
 
+#include "bench/usual_map.h"
 #include "native_warp/plane_warp.h"
 #include "native_warp/stated_variants.h"
 
@@ -41,16 +41,6 @@ struct Picture {
     std::vector<unsigned char> planes[3];
 };
 
-// What hand-held footage needs: a turn of half a degree, the crop of 0.9, a shift.
-WarpMap usual_map(int transforms, int height) {
-    const double angle = 0.5 * 3.14159265358979323846 / 180;
-    const Affine2 all{0.9 * std::cos(angle), -0.9 * std::sin(angle), 40.3,
-                      0.9 * std::sin(angle), 0.9 * std::cos(angle),  20.7};
-    WarpMap map{std::vector<Affine2>(static_cast<std::size_t>(transforms), all)};
-    map.rows_apart = static_cast<double>(height) / transforms;
-    return map;
-}
-
 // variant, size, bytes a sample, sharp, transforms
 void BM_NativeWarp(benchmark::State& state) {
     const WarpVariant& variant = warp_variants[state.range(0)];
@@ -64,7 +54,7 @@ void BM_NativeWarp(benchmark::State& state) {
     const SampleFormat format{deep ? 2 : 1, deep ? 10 : 8, 0, 1};
     const Picture source(width, height, format);
     Picture target(width, height, format);
-    const WarpMap map = usual_map(static_cast<int>(state.range(4)), height);
+    const WarpMap map = bench::usual_map(static_cast<int>(state.range(4)), height);
     ResamplingKernels kernels(state.range(3) != 0 ? Resampling::LANCZOS3 : Resampling::BILINEAR);
     WarpMap plane;
     PlaneWarp warp;
@@ -94,7 +84,7 @@ void BM_StatedWarp(benchmark::State& state) {
     const Picture source(SIZES[state.range(1)][0], SIZES[state.range(1)][1],
                          {deep ? 2 : 1, deep ? 10 : 8, 0, 1});
     Picture target = source;
-    const Affine2 t = usual_map(1, 1).transforms[0];
+    const Affine2 t = bench::usual_map(1, 1).transforms[0];
     const auto element = [](double value) { return static_cast<float>(value); };
     const float wp[] = {element(t.a), element(t.b), element(t.c),
                         element(t.d), element(t.e), element(t.f)};

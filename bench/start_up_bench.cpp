@@ -74,23 +74,11 @@ void BM_StartUp(benchmark::State& state, const char* engine, bool warm) {
         state.counters[name] = bench::median(times);
     }
 }
-BENCHMARK_CAPTURE(BM_StartUp, native, "native", true)
-    ->ArgNames({"w", "h"})
-    ->Args({1280, 720})
-    ->Iterations(15)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_StartUp, cold, "opencl", false)
-    ->ArgNames({"w", "h"})
-    ->Args({1280, 720})
-    ->Iterations(5)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_StartUp, warm, "opencl", true)
-    ->ArgNames({"w", "h"})
-    ->Args({1280, 720})
-    ->Iterations(15)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
+void start_up(benchmark::internal::Benchmark* b) {
+    b->ArgNames({"w", "h"})->Args({1280, 720})->UseManualTime()->Unit(benchmark::kMillisecond);
+}
+BENCHMARK_CAPTURE(BM_StartUp, native, "native", true)->Apply(start_up)->Iterations(15);
+BENCHMARK_CAPTURE(BM_StartUp, cold, "opencl", false)->Apply(start_up)->Iterations(5);
+BENCHMARK_CAPTURE(BM_StartUp, warm, "opencl", true)->Apply(start_up)->Iterations(15);
 
 }  // namespace
