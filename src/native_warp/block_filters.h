@@ -34,6 +34,7 @@ struct AcrossRun {
     int pairs;                      // of the table, like the next two
     const AcrossPhase* phases;      //
     const std::int16_t* weights;    //
+    const std::int16_t* slopes;     // of the table, or null; another way to the same samples
     const unsigned char* row;       // the sample at position 0
     const std::int64_t* positions;  // of the first pixel of each block
     int blocks;
@@ -43,8 +44,9 @@ struct AcrossRun {
 // Blocks of a row to be resampled across rows of intermediate samples.
 struct DownRun {
     SampleFormat format;
-    const DownPhase* phases;      // of the table, like the weights
+    const DownPhase* phases;      // of the table, like the next two
     const std::int16_t* weights;  //
+    const std::uint16_t* slopes;  // another way to the same samples
     const std::int16_t* rows;     // row r at (r & row_mask) * row_pitch
     int row_mask;
     std::ptrdiff_t row_pitch;

@@ -24,8 +24,9 @@ struct LanePosition {
 
 LanePosition lane_position(int phase, int pixel, double step) {
     const double position = static_cast<double>(phase) / PHASES + pixel * step;
-    const double below = std::floor(position);
-    return {static_cast<int>(below), position - below};
+    int below = static_cast<int>(position);
+    below -= position < below ? 1 : 0;  // std::floor is a call
+    return {below, position - below};
 }
 
 void make_picks(AcrossPhase& phase, const SampleFormat& format) {
@@ -50,12 +51,16 @@ void AcrossTable::make(const SampleFormat& format, const ResamplingWeights& kern
     pairs = kernel.taps() / 2;
     begin = end = 0;
     weights.resize(index(PHASES * pairs * PAIR_WEIGHTS));
+    slopes.clear();
     std::int16_t* out = weights.data();
     for (int p = 0; p < PHASES; ++p) {
         AcrossPhase& phase = phases[p];
         for (int lane = 0; lane < BLOCK; ++lane) {
             const LanePosition at = lane_position(p, lane / format.channels, step);
             const std::int16_t* const taps = kernel.at(at.fraction);
+            if (format.bytes == 1 && pairs == 1) {
+                slopes.push_back(static_cast<std::int16_t>(-2 * taps[1]));
+            }
             phase.first[lane] =
                 (at.sample - (pairs - 1)) * format.channels + lane % format.channels;
             for (int pair = 0; pair < pairs; ++pair) {
@@ -73,10 +78,23 @@ void AcrossTable::make(const SampleFormat& format, const ResamplingWeights& kern
     }
 }
 
+void DownTable::add_slopes(DownPhase& phase) {
+    const std::int16_t* const pairs = weights.data() + phase.weights;
+    const auto first = static_cast<std::int32_t>(slopes.size());
+    bool below_one = true;
+    for (int lane = 0; lane < BLOCK; ++lane) {
+        const int second = pairs[2 * lane_slot(lane) + 1];
+        below_one = below_one && second < 1 << WEIGHT_BITS;
+        slopes.push_back(static_cast<std::uint16_t>(4 * second));
+    }
+    phase.slopes = below_one ? first : -1;
+}
+
 void DownTable::make(const SampleFormat& format, const ResamplingWeights& kernel, double slope) {
     const int taps = kernel.taps();
     begin = end = 0;
     weights.clear();
+    slopes.clear();
     for (int p = 0; p < PHASES; ++p) {
         const int last_pixel = (BLOCK - 1) / format.channels;
         const double end_of_block = slope * last_pixel;
@@ -96,6 +114,10 @@ void DownTable::make(const SampleFormat& format, const ResamplingWeights& kernel
                 weights[index(phase.weights + row / 2 * PAIR_WEIGHTS + 2 * lane_slot(lane) +
                               row % 2)] = lane_weights[t];
             }
+        }
+        phase.slopes = -1;
+        if (format.bytes == 1 && taps == 2 && phase.pairs == 1) {
+            add_slopes(phase);
         }
         begin = std::min(begin, phase.first);
         end = std::max(end, phase.first + 2 * phase.pairs);

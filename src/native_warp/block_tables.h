@@ -54,6 +54,11 @@ struct AcrossTable {
     AcrossPhase phases[PHASES];
     std::vector<std::int16_t> weights;  // [phase][pair][PAIR_WEIGHTS]
 
+    // [phase][lane], for 8 bits and one pair of taps, else empty: -2 times the second weight. Samples
+    // a and b give a + (b - a) * weight, where the product of (a - b) * 128 and this, rounded to 2^15,
+    // is just as exact as the sum of two products.
+    std::vector<std::int16_t> slopes;
+
     // step: source pixels from one output pixel to the next, 0.25..2. Throws std::bad_alloc.
     void make(const SampleFormat& format, const ResamplingWeights& kernel, double step);
 };
@@ -62,6 +67,7 @@ struct DownPhase {
     std::int32_t first;    // row of the first tap, from the block's own
     std::int32_t pairs;    // pairs of rows
     std::int32_t weights;  // index of the first weight
+    std::int32_t slopes;   // index of the first slope; -1: it has none
 };
 
 // Weights across rows. Lanes of a block may be at different rows; rows that a lane does not reach
@@ -72,8 +78,15 @@ struct DownTable {
     DownPhase phases[PHASES];
     std::vector<std::int16_t> weights;  // [pair][PAIR_WEIGHTS] of each phase
 
+    // [lane] of each phase of 8 bits whose lanes all have two taps in the same two rows, with a second
+    // weight of less than one: 4 times that weight, in 16 bits without a sign.
+    std::vector<std::uint16_t> slopes;
+
     // slope: source rows from one output pixel to the next, -0.25..0.25. Throws std::bad_alloc.
     void make(const SampleFormat& format, const ResamplingWeights& kernel, double slope);
+
+  private:
+    void add_slopes(DownPhase& phase);
 };
 
 }  // namespace videostabilizer

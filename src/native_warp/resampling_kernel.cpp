@@ -62,7 +62,9 @@ ResamplingWeights::ResamplingWeights(Resampling resampling, double stretch)
 }
 
 const std::int16_t* ResamplingWeights::at(double fraction) const {
-    const auto index = static_cast<std::size_t>(std::lround(fraction * FRACTIONS));
+    const double place = fraction * FRACTIONS;
+    auto index = static_cast<std::size_t>(place);
+    index += place - static_cast<double>(index) >= 0.5 ? 1 : 0;  // std::lround is a call
     return weights_.data() + index * static_cast<std::size_t>(taps_);
 }
 

@@ -17,6 +17,10 @@
 
 namespace videostabilizer::VS_LEVEL {
 
+// Of intermediate samples of 8 bits, which have 7 more.
+static constexpr std::int16_t MIDDLE = 128 << 7;
+static constexpr std::int16_t ONE_HALF = 1 << 6;
+
 #if defined(__AVX2__)
 
 struct BlockSums {
@@ -73,7 +77,8 @@ inline __m256i unsigned_words(const BlockSums& sums, int shift, int largest) {
                             _mm256_set1_epi16(static_cast<std::int16_t>(largest)));
 }
 inline void store_byte_samples(const BlockSums& sums, int shift, unsigned char* out) {
-    const __m256i words = unsigned_words(sums, shift, 255);
+    const __m256i words = _mm256_packs_epi32(_mm256_srai_epi32(sums.outer, shift),
+                                             _mm256_srai_epi32(sums.inner, shift));
     const __m128i bytes =
         _mm_packus_epi16(_mm256_castsi256_si128(words), _mm256_extracti128_si256(words, 1));
     _mm_storeu_si128(static_cast<__m128i*>(static_cast<void*>(out)), bytes);
@@ -82,6 +87,33 @@ inline void store_word_samples(const BlockSums& sums, int shift, int largest, in
                                unsigned char* out) {
     _mm256_storeu_si256(static_cast<__m256i*>(static_cast<void*>(out)),
                         _mm256_slli_epi16(unsigned_words(sums, shift, largest), up));
+}
+
+// See AcrossTable::slopes. picked: a and b of each lane.
+inline void store_between(Bytes picked, const std::int16_t* slopes, std::int16_t* out) {
+    const __m256i difference = _mm256_slli_epi16(
+        _mm256_maddubs_epi16(picked, _mm256_set1_epi16(static_cast<std::int16_t>(0xFF01))), 7);
+    const __m256i a = _mm256_srli_epi16(_mm256_slli_epi16(picked, 8), 1);
+    const __m256i change = _mm256_mulhrs_epi16(difference, load_words(slopes));
+    _mm256_storeu_si256(static_cast<__m256i*>(static_cast<void*>(out)),
+                        _mm256_add_epi16(_mm256_add_epi16(a, _mm256_set1_epi16(-MIDDLE)), change));
+}
+// See DownTable::slopes.
+inline void store_bytes_between(const std::int16_t* upper, const std::int16_t* lower,
+                                const std::uint16_t* slopes, unsigned char* out) {
+    const __m256i a = load_words(upper);
+    const __m256i difference = _mm256_sub_epi16(load_words(lower), a);
+    const __m256i slope =
+        _mm256_loadu_si256(static_cast<const __m256i*>(static_cast<const void*>(slopes)));
+    // Where the sign makes the factor one too small, the difference is added once more.
+    const __m256i change =
+        _mm256_add_epi16(_mm256_mulhi_epi16(difference, slope),
+                         _mm256_and_si256(difference, _mm256_srai_epi16(slope, 15)));
+    const __m256i words = _mm256_srli_epi16(
+        _mm256_add_epi16(_mm256_add_epi16(a, _mm256_set1_epi16(MIDDLE + ONE_HALF)), change), 7);
+    _mm_storeu_si128(
+        static_cast<__m128i*>(static_cast<void*>(out)),
+        _mm_packus_epi16(_mm256_castsi256_si128(words), _mm256_extracti128_si256(words, 1)));
 }
 
 #elif defined(__SSE4_1__)
@@ -168,6 +200,34 @@ inline void store_word_samples(const BlockSums& sums, int shift, int largest, in
         store_bytes(out + static_cast<std::ptrdiff_t>(16) * half,
                     _mm_slli_epi16(unsigned_words(sums, half, shift, largest), up));
     }
+}
+
+// See AcrossTable::slopes. picked: a and b of each lane.
+inline void store_between(Bytes picked, const std::int16_t* slopes, std::int16_t* out) {
+    const auto between = [](__m128i pairs, __m128i slope) {
+        const __m128i difference = _mm_slli_epi16(
+            _mm_maddubs_epi16(pairs, _mm_set1_epi16(static_cast<std::int16_t>(0xFF01))), 7);
+        const __m128i a = _mm_srli_epi16(_mm_slli_epi16(pairs, 8), 1);
+        return _mm_add_epi16(_mm_add_epi16(a, _mm_set1_epi16(-MIDDLE)),
+                             _mm_mulhrs_epi16(difference, slope));
+    };
+    store_bytes(out, between(picked.low, load_bytes(slopes)));
+    store_bytes(out + 8, between(picked.high, load_bytes(slopes + 8)));
+}
+// See DownTable::slopes.
+inline void store_bytes_between(const std::int16_t* upper, const std::int16_t* lower,
+                                const std::uint16_t* slopes, unsigned char* out) {
+    const auto between = [&](int first) {
+        const __m128i a = load_bytes(upper + first);
+        const __m128i difference = _mm_sub_epi16(load_bytes(lower + first), a);
+        const __m128i slope = load_bytes(slopes + first);
+        // Where the sign makes the factor one too small, the difference is added once more.
+        const __m128i change = _mm_add_epi16(_mm_mulhi_epi16(difference, slope),
+                                             _mm_and_si128(difference, _mm_srai_epi16(slope, 15)));
+        return _mm_srli_epi16(
+            _mm_add_epi16(_mm_add_epi16(a, _mm_set1_epi16(MIDDLE + ONE_HALF)), change), 7);
+    };
+    store_bytes(out, _mm_packus_epi16(between(0), between(8)));
 }
 
 #else
@@ -259,6 +319,31 @@ inline void store_word_samples(const BlockSums& sums, int shift, int largest, in
         vst1q_u8(out + static_cast<std::ptrdiff_t>(16) * half,
                  vreinterpretq_u8_u16(vshlq_u16(unsigned_words(sums, half, shift, largest), move)));
     }
+}
+
+// See AcrossTable::slopes. picked: a and b of each lane.
+inline void store_between(Bytes picked, const std::int16_t* slopes, std::int16_t* out) {
+    const auto between = [](uint8x16_t bytes, int16x8_t slope) {
+        const uint16x8_t pairs = vreinterpretq_u16_u8(bytes);
+        const int16x8_t a = vreinterpretq_s16_u16(vshrq_n_u16(vshlq_n_u16(pairs, 8), 1));
+        const int16x8_t b = vreinterpretq_s16_u16(vshlq_n_u16(vshrq_n_u16(pairs, 8), 7));
+        return vaddq_s16(vaddq_s16(a, vdupq_n_s16(-MIDDLE)), vqrdmulhq_s16(vsubq_s16(a, b), slope));
+    };
+    vst1q_s16(out, between(picked.low, vld1q_s16(slopes)));
+    vst1q_s16(out + 8, between(picked.high, vld1q_s16(slopes + 8)));
+}
+// See DownTable::slopes.
+inline void store_bytes_between(const std::int16_t* upper, const std::int16_t* lower,
+                                const std::uint16_t* slopes, unsigned char* out) {
+    const auto between = [&](int first) {
+        const int16x8_t a = vld1q_s16(upper + first);
+        const int16x8_t difference = vsubq_s16(vld1q_s16(lower + first), a);
+        const int16x8_t slope = vreinterpretq_s16_u16(vshrq_n_u16(vld1q_u16(slopes + first), 1));
+        const int16x8_t words = vaddq_s16(vaddq_s16(a, vdupq_n_s16(MIDDLE + ONE_HALF)),
+                                          vqdmulhq_s16(difference, slope));
+        return vmovn_u16(vshrq_n_u16(vreinterpretq_u16_s16(words), 7));
+    };
+    vst1q_u8(out, vcombine_u8(between(0), between(8)));
 }
 
 #endif
