@@ -43,8 +43,8 @@ struct Picture {
 void BM_PictureWarp(benchmark::State& state) {
     const auto height = static_cast<int>(state.range(0));
     const bool deep = state.range(1) > 8;
-    const PixelLayout layout{CHROMA_420,   CHROMA_SITING_LEFT, deep ? 10 : 8,
-                             deep ? 1 : 0, deep ? 1 : 0,       {}};
+    const PixelLayout layout{
+        CHROMA_420, CHROMA_SITING_LEFT, deep ? 10 : 8, deep ? 1 : 0, deep ? 1 : 0, 0, {}};
     const PictureShape shape = picture_shape(height * 16 / 9, height, layout);
     const Resampling resampling = state.range(2) != 0 ? Resampling::LANCZOS3 : Resampling::BILINEAR;
     const WarpMap map = bench::usual_map(static_cast<int>(state.range(3)), height);

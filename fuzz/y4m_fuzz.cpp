@@ -64,7 +64,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::vector<unsigned char> y = plane(stride_y, header.height);
         std::vector<unsigned char> u = plane(stride_uv, header.chroma_height());
         std::vector<unsigned char> v = u;
-        const video_io::Planes planes = {y.data(), u.data(), v.data(), stride_y, stride_uv};
+        std::vector<unsigned char> alpha = y;
+        const video_io::Planes planes = {y.data(),  u.data(),     v.data(), stride_y,
+                                         stride_uv, alpha.data(), stride_y};
         while (reader.read_frame(planes)) {
             writer.write_frame(planes, reader.frame_parameters());
         }

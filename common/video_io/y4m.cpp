@@ -21,10 +21,11 @@ struct ChromaName {
     std::string_view deep;  // of others, up to the bit depth; "": there are none
 };
 constexpr ChromaName CHROMA_NAMES[] = {
-    {Y4mChroma::C420, "420", "420p"},  {Y4mChroma::C422, "422", "422p"},
-    {Y4mChroma::C444, "444", "444p"},  {Y4mChroma::GREY, "mono", "mono"},
-    {Y4mChroma::C420, "420jpeg", ""},  {Y4mChroma::C420, "420mpeg2", ""},
-    {Y4mChroma::C420, "420paldv", ""},
+    {Y4mChroma::C420, "420", "420p"},        {Y4mChroma::C422, "422", "422p"},
+    {Y4mChroma::C444, "444", "444p"},        {Y4mChroma::GREY, "mono", "mono"},
+    {Y4mChroma::C420, "420jpeg", ""},        {Y4mChroma::C420, "420mpeg2", ""},
+    {Y4mChroma::C420, "420paldv", ""},       {Y4mChroma::C411, "411", ""},
+    {Y4mChroma::C444_ALPHA, "444alpha", ""},
 };
 constexpr int BEYOND_8_BITS[] = {9, 10, 12, 14, 16};
 
@@ -95,12 +96,9 @@ void read_chroma(const std::string& name, Y4mHeader& header) {
             }
         }
     }
-    const std::string fault = "the chroma format is " + quoted(name) +
-                              ", but only 420, 422, 444 and mono of 8 to 16 bits are handled";
-    if (name == "411") {
-        throw Y4mChromaError(fault);
-    }
-    throw Y4mError(fault);
+    throw Y4mError(
+        "the chroma format is " + quoted(name) +
+        ", but only 420, 422, 444 and mono of 8 to 16 bits, 411 and 444alpha are handled");
 }
 
 bool starts_with(std::string_view text, std::string_view start) {
@@ -235,6 +233,9 @@ bool Y4mReader::read_frame(const Planes& planes) {
                        header_.chroma_height(), done);
         }
     }
+    if (header_.has_alpha()) {
+        read_plane(planes.alpha, planes.stride_alpha, header_.width * bytes, header_.height, done);
+    }
     frame_parameters_ = line.substr(FRAME_MAGIC.size());
     ++frames_;
     return true;
@@ -262,6 +263,9 @@ void Y4mWriter::write_frame(const Planes& planes, const std::string& parameters)
             write_plane(plane, planes.stride_uv, header_.chroma_width() * bytes,
                         header_.chroma_height());
         }
+    }
+    if (header_.has_alpha()) {
+        write_plane(planes.alpha, planes.stride_alpha, header_.width * bytes, header_.height);
     }
 }
 

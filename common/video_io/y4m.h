@@ -10,7 +10,7 @@
 
 // YUV4MPEG2: uncompressed video, a header line, then per picture a line starting with FRAME and the
 // planes Y, U, V with packed rows. Here: 4:2:0, 4:2:2, 4:4:4 and grey of 8, 9, 10, 12, 14 and 16
-// bits, any size; chroma sizes are rounded up. Samples beyond 8 bits have two bytes, little endian.
+// bits, 4:1:1 and 4:4:4 with a plane of alpha of 8 bits, any size; chroma sizes are rounded up. Samples beyond 8 bits have two bytes, little endian.
 // Threads: owner only.
 
 namespace video_io {
@@ -20,17 +20,12 @@ struct Y4mError : InputError {
     using InputError::InputError;
 };
 
-// A YUV4MPEG2 stream, but with chroma of 4:1:1, which has to be converted.
-struct Y4mChromaError : Y4mError {
-    using Y4mError::Y4mError;
-};
-
 // Limits on header values, so that a hostile one cannot exhaust memory.
 inline constexpr int Y4M_LARGEST_SIDE = 16384;                          // pixels
 inline constexpr std::int64_t Y4M_MOST_PIXELS = std::int64_t{1} << 26;  // per picture
 inline constexpr std::size_t Y4M_LONGEST_LINE = 4096;  // bytes, without the newline
 
-enum class Y4mChroma { C420, C422, C444, GREY };
+enum class Y4mChroma { C420, C422, C444, GREY, C411, C444_ALPHA };
 
 struct Y4mHeader {
     int width = 0;   // pixels
@@ -46,15 +41,27 @@ struct Y4mHeader {
     int sample_bytes() const { return bit_depth > 8 ? 2 : 1; }
     // 0 x 0 for grey.
     int chroma_width() const {
-        return is_grey() ? 0 : chroma == Y4mChroma::C444 ? width : (width + 1) / 2;
+        switch (chroma) {
+            case Y4mChroma::GREY:
+                return 0;
+            case Y4mChroma::C444:
+            case Y4mChroma::C444_ALPHA:
+                return width;
+            case Y4mChroma::C411:
+                return (width + 3) / 4;
+            default:
+                return (width + 1) / 2;
+        }
     }
     int chroma_height() const {
         return is_grey() ? 0 : chroma == Y4mChroma::C420 ? (height + 1) / 2 : height;
     }
     bool is_grey() const { return chroma == Y4mChroma::GREY; }
+    bool has_alpha() const { return chroma == Y4mChroma::C444_ALPHA; }
     // Bytes of one picture, without its FRAME line.
     std::int64_t frame_bytes() const {
-        return (std::int64_t{width} * height + 2 * std::int64_t{chroma_width()} * chroma_height()) *
+        return (std::int64_t{width} * height * (has_alpha() ? 2 : 1) +
+                2 * std::int64_t{chroma_width()} * chroma_height()) *
                sample_bytes();
     }
 };
@@ -66,14 +73,16 @@ Y4mHeader parse_y4m_header(const std::string& line);
 // rate  frames per second as a ratio, for example "30:1"
 Y4mHeader make_y4m_header(int width, int height, const std::string& rate);
 
-// The planes of a picture, of which a grey one has the first; strides in bytes. Does not own the
-// memory.
+// The planes of a picture, of which a grey one has the first, and only one with alpha the last;
+// strides in bytes. Does not own the memory.
 struct Planes {
     unsigned char* y;
     unsigned char* u;
     unsigned char* v;
     std::ptrdiff_t stride_y;
     std::ptrdiff_t stride_uv;
+    unsigned char* alpha = nullptr;
+    std::ptrdiff_t stride_alpha = 0;
 };
 
 class Y4mReader {

@@ -9,8 +9,8 @@
 
 namespace videostabilizer {
 
-// Frames of any common kind: 4:2:0, 4:2:2, 4:4:4 and grey, planar and semi-planar, 8 to 16 bits, any
-// size from 16 x 16 on, rows with any stride. Streams of them are created by
+// Frames of any common kind: 4:2:0, 4:2:2, 4:4:4, 4:1:1 and grey, planar and semi-planar, with alpha or
+// without, 8 to 16 bits, any size from 16 x 16 on, rows with any stride. Streams of them are created by
 // video_stabilizer_create_for_pictures; see stabilizer.h.
 
 // How many luma samples share a chroma sample. Odd sizes are rounded up: a picture of 17 x 17 has
@@ -20,6 +20,7 @@ enum ChromaFormat : std::int32_t {
     CHROMA_422 = 1,   // two of a row
     CHROMA_444 = 2,   // one
     CHROMA_NONE = 3,  // grey: there is no chroma
+    CHROMA_411 = 4,   // four of a row
 };
 
 // Where the first chroma sample lies among the luma samples that share it. Matters to the axes that
@@ -42,14 +43,18 @@ struct PixelLayout {
                                // order (NV12, NV21, NV16, P010, P016)
     std::int32_t high_bits;    // 1: samples of 9..15 bits are in the upper bits of their two bytes
                                // (P010, P012); 0: in the lower
-    std::int32_t reserved[3];  // 0
+    std::int32_t alpha = 0;    // 1: after Y, U and V a plane of opacity, as large as luma's
+    std::int32_t reserved[2] = {};  // 0
 };
 
-// The planes of a picture: Y, U, V or Y, UV or Y. Those that the layout does not have are ignored.
+// The planes of a picture: Y, U, V or Y, UV or Y. Those that the layout does not have are ignored;
+// `alpha` and its stride are neither read nor written unless the layout has that plane.
 struct PicturePlanes {
     unsigned char* data[3];  // the first row of each, at any address
     std::int32_t stride[3];  // bytes from a row to the next; negative where the first row is the
                              // last in memory; even for samples of two bytes
+    unsigned char* alpha = nullptr;
+    std::int32_t alpha_stride = 0;
 };
 
 // Creates a frame of any layout. Its `format` is PIX_FMT_PICTURE; the other fields of Frame have the

@@ -36,8 +36,8 @@ std::int64_t row_bytes(int width, const PixelLayout& layout, int k) {
 
 const char* planes_fault(int width, const PixelLayout& layout, const PicturePlanes& planes) {
     for (int k = 0; k < plane_count(layout); ++k) {
-        const std::int64_t stride = planes.stride[k];
-        if (planes.data[k] == nullptr) {
+        const std::int64_t stride = plane_stride(planes, k);
+        if (plane_data(planes, k) == nullptr) {
             return "a plane is null";
         }
         if (std::max(stride, -stride) < row_bytes(width, layout, k)) {
@@ -67,9 +67,9 @@ std::int64_t own_strides(int width, int height, const PixelLayout& layout, Pictu
     std::int64_t bytes = 0;
     for (int k = 0; k < plane_count(layout); ++k) {
         const std::int64_t row = row_bytes(width, layout, k);
-        planes.stride[k] =
-            static_cast<std::int32_t>((row + ROW_ALIGNMENT - 1) / ROW_ALIGNMENT * ROW_ALIGNMENT);
-        bytes += std::int64_t{planes.stride[k]} * plane_rows(height, layout, k);
+        const std::int64_t stride = (row + ROW_ALIGNMENT - 1) / ROW_ALIGNMENT * ROW_ALIGNMENT;
+        set_plane(planes, k, nullptr, static_cast<std::int32_t>(stride));
+        bytes += stride * plane_rows(height, layout, k);
     }
     return bytes;
 }
@@ -80,16 +80,17 @@ void place_planes(unsigned char* memory, int height, const PixelLayout& layout,
     const auto address = reinterpret_cast<std::uintptr_t>(memory);
     memory += (ROW_ALIGNMENT - address % ROW_ALIGNMENT) % ROW_ALIGNMENT;
     for (int k = 0; k < plane_count(layout); ++k) {
-        planes.data[k] = memory;
-        memory += static_cast<std::ptrdiff_t>(planes.stride[k]) * plane_rows(height, layout, k);
+        const std::int32_t stride = plane_stride(planes, k);
+        set_plane(planes, k, memory, stride);
+        memory += static_cast<std::ptrdiff_t>(stride) * plane_rows(height, layout, k);
     }
 }
 
 }  // namespace
 
 const char* layout_fault(const PixelLayout& layout) {
-    if (layout.chroma < CHROMA_420 || layout.chroma > CHROMA_NONE) {
-        return "chroma is none of 420, 422, 444 and none";
+    if (layout.chroma < CHROMA_420 || layout.chroma > CHROMA_411) {
+        return "chroma is none of 420, 422, 444, none and 411";
     }
     if (layout.siting < CHROMA_SITING_LEFT || layout.siting > CHROMA_SITING_BOTTOM) {
         return "no such siting";
@@ -101,7 +102,13 @@ const char* layout_fault(const PixelLayout& layout) {
     if (!is_switch(layout.semi_planar) || !is_switch(layout.high_bits)) {
         return "semi_planar or high_bits is neither 0 nor 1";
     }
-    if (std::any_of(layout.reserved, layout.reserved + 3, [](int value) { return value != 0; })) {
+    if (!is_switch(layout.alpha)) {
+        return "alpha is neither 0 nor 1";
+    }
+    if (layout.alpha != 0 && (layout.chroma == CHROMA_NONE || layout.semi_planar != 0)) {
+        return "alpha comes with planes Y, U and V only";
+    }
+    if (std::any_of(layout.reserved, layout.reserved + 2, [](int value) { return value != 0; })) {
         return "reserved fields are set";
     }
     return nullptr;
@@ -109,8 +116,8 @@ const char* layout_fault(const PixelLayout& layout) {
 
 bool operator==(const PixelLayout& a, const PixelLayout& b) {
     const bool has_bits_to_spare = a.bit_depth > 8 && a.bit_depth < 16;
-    const bool shares_chroma = a.chroma == CHROMA_420 || a.chroma == CHROMA_422;
-    return a.chroma == b.chroma && a.bit_depth == b.bit_depth &&
+    const bool shares_chroma = a.chroma != CHROMA_444 && a.chroma != CHROMA_NONE;
+    return a.chroma == b.chroma && a.bit_depth == b.bit_depth && a.alpha == b.alpha &&
            (a.siting == b.siting || !shares_chroma) &&
            (a.semi_planar == b.semi_planar || a.chroma == CHROMA_NONE) &&
            (a.high_bits == b.high_bits || !has_bits_to_spare);
@@ -120,19 +127,20 @@ int plane_count(const PixelLayout& layout) {
     if (layout.chroma == CHROMA_NONE) {
         return 1;
     }
-    return layout.semi_planar != 0 ? 2 : 3;
+    return layout.semi_planar != 0 ? 2 : 3 + layout.alpha;
 }
 
 int plane_samples(int width, const PixelLayout& layout, int k) {
-    if (k == 0) {
+    if (k == 0 || k == 3) {
         return width;
     }
-    const int pixels = layout.chroma == CHROMA_444 ? width : (width + 1) / 2;
+    const int sharing = layout.chroma == CHROMA_444 ? 1 : layout.chroma == CHROMA_411 ? 4 : 2;
+    const int pixels = (width + sharing - 1) / sharing;
     return layout.semi_planar != 0 ? 2 * pixels : pixels;
 }
 
 int plane_rows(int height, const PixelLayout& layout, int k) {
-    return k != 0 && layout.chroma == CHROMA_420 ? (height + 1) / 2 : height;
+    return (k == 1 || k == 2) && layout.chroma == CHROMA_420 ? (height + 1) / 2 : height;
 }
 
 bool is_picture_of(const Frame& frame, int width, int height, const PixelLayout& layout) {
@@ -164,8 +172,9 @@ Frame* picture_frame_create(int width, int height, const PixelLayout* layout,
     if (planes == nullptr) {
         place_planes(reinterpret_cast<unsigned char*>(record + 1), height, *layout, placed);
     } else {
-        std::copy_n(planes->data, plane_count(*layout), placed.data);
-        std::copy_n(planes->stride, plane_count(*layout), placed.stride);
+        for (int k = 0; k < plane_count(*layout); ++k) {
+            set_plane(placed, k, plane_data(*planes, k), plane_stride(*planes, k));
+        }
     }
     record->layout = *layout;
     record->planes = placed;
@@ -185,7 +194,12 @@ int picture_frame_planes(const Frame* frame, PicturePlanes* planes) {
     if (record == nullptr) {
         return -1;
     }
-    *planes = record->planes;
+    std::copy_n(record->planes.data, 3, planes->data);
+    std::copy_n(record->planes.stride, 3, planes->stride);
+    if (record->layout.alpha != 0) {
+        planes->alpha = record->planes.alpha;
+        planes->alpha_stride = record->planes.alpha_stride;
+    }
     return 0;
 }
 

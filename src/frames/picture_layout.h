@@ -22,6 +22,18 @@ int plane_count(const PixelLayout& layout);
 int plane_samples(int width, const PixelLayout& layout, int k);
 int plane_rows(int height, const PixelLayout& layout, int k);
 
+// Plane k of a picture; 3 is alpha.
+inline unsigned char* plane_data(const PicturePlanes& planes, int k) {
+    return k < 3 ? planes.data[k] : planes.alpha;
+}
+inline std::int32_t plane_stride(const PicturePlanes& planes, int k) {
+    return k < 3 ? planes.stride[k] : planes.alpha_stride;
+}
+inline void set_plane(PicturePlanes& planes, int k, unsigned char* data, std::int32_t stride) {
+    (k < 3 ? planes.data[k] : planes.alpha) = data;
+    (k < 3 ? planes.stride[k] : planes.alpha_stride) = stride;
+}
+
 constexpr int sample_bytes(const PixelLayout& layout) {
     return layout.bit_depth > 8 ? 2 : 1;
 }

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 
+#include "frames/picture_layout.h"
 #include "gpu_warp/picture_program.h"
 #include "platform/log.h"
 #include "videostabilizer/result.h"
@@ -128,7 +129,8 @@ bool OpenclPictureWarper::write(const Buffer& buffer, const void* from, std::siz
 
 bool OpenclPictureWarper::upload(int k, const PicturePlanes& source) const {
     const PlaneShape& shape = shape_.plane[k].shape;
-    const RowsInMemory<const unsigned char> host(source.data[k], source.stride[k], shape.height);
+    const RowsInMemory<const unsigned char> host(plane_data(source, k), plane_stride(source, k),
+                                                 shape.height);
     const std::size_t bytes = row_bytes(shape);
     if (host.pitch == bytes || host.rows == 1) {
         return write(planes_[k].source, host.first, host.rows * bytes);
@@ -143,7 +145,8 @@ bool OpenclPictureWarper::upload(int k, const PicturePlanes& source) const {
 
 bool OpenclPictureWarper::download(int k, const PicturePlanes& target) {
     const PlaneShape& shape = shape_.plane[k].shape;
-    const RowsInMemory<unsigned char> host(target.data[k], target.stride[k], shape.height);
+    const RowsInMemory<unsigned char> host(plane_data(target, k), plane_stride(target, k),
+                                           shape.height);
     const std::size_t bytes = row_bytes(shape);
     const std::size_t padded = padded_row_bytes(shape);
     cl_mem memory = planes_[k].target.memory.get();
@@ -217,10 +220,10 @@ bool OpenclPictureWarper::enqueue_plane(int k, const PicturePlanes& source,
     const PlaneShape& shape = shape_.plane[k].shape;
     const Plan& plan = plan_of(k);
     const int blocks = row_blocks(shape);
-    return run_kernel(across_, plan, planes_[k].source, plan.rows, source.stride[k] < 0, blocks,
-                      plan.device.intermediate_rows()) &&
-           run_kernel(down_, plan, plan.rows, planes_[k].target, target.stride[k] < 0, blocks,
-                      shape.height) &&
+    return run_kernel(across_, plan, planes_[k].source, plan.rows, plane_stride(source, k) < 0,
+                      blocks, plan.device.intermediate_rows()) &&
+           run_kernel(down_, plan, plan.rows, planes_[k].target, plane_stride(target, k) < 0,
+                      blocks, shape.height) &&
            download(k, target) && ocl_succeeded(clFlush(queue_.get()), "clFlush");
 }
 
@@ -273,9 +276,10 @@ int OpenclPictureWarper::warp(const PicturePlanes& source, const WarpMap& luma,
     for (int k = 0; k < shape_.planes; ++k) {
         const PlaneWarp& warp = plan_of(k).warp;
         if (!warp.two_passes()) {
-            warp.warp_rows(fastest_variant(warp_variants), {source.data[k], source.stride[k]},
-                           {target.data[k], target.stride[k]}, 0, shape_.plane[k].shape.height,
-                           scratch_);
+            warp.warp_rows(fastest_variant(warp_variants),
+                           {plane_data(source, k), plane_stride(source, k)},
+                           {plane_data(target, k), plane_stride(target, k)}, 0,
+                           shape_.plane[k].shape.height, scratch_);
         }
     }
     end.done = true;

@@ -46,7 +46,7 @@ class OpenclPictureWarper final : public PictureWarper {
         OpenclOwner<cl_mem> memory;
         std::size_t bytes = 0;
     };
-    // Of luma, or of all chroma.
+    // Of luma and alpha, or of all chroma.
     struct Plan {
         WarpMap map;
         PlaneWarp warp;
@@ -74,7 +74,7 @@ class OpenclPictureWarper final : public PictureWarper {
                     bool upside_down, int blocks, int rows) const;
     bool enqueue_plane(int k, const PicturePlanes& source, const PicturePlanes& target);
     bool enqueue(const PicturePlanes& source, const WarpMap& luma, const PicturePlanes& target);
-    const Plan& plan_of(int k) const { return k == 0 ? luma_ : chroma_; }
+    const Plan& plan_of(int k) const { return is_chroma(k) ? chroma_ : luma_; }
 
     PictureShape shape_;
     ResamplingKernels kernels_;
@@ -85,7 +85,7 @@ class OpenclPictureWarper final : public PictureWarper {
     Kernel down_;
     Plan luma_;
     Plan chroma_;
-    Plane planes_[3];
+    Plane planes_[4];
 };
 
 }  // namespace videostabilizer

@@ -82,6 +82,7 @@ void luma_run(const PlaneShape& shape, const RowPositions& from, SourcePlane sou
         }
     }
     const int shift = shape.format.shift;
+    const int largest = (1 << shape.format.depth) - 1;
     for (int i = 0; i < count; ++i) {
         const int p00 = upper[i][0] >> shift;
         const int p01 = upper[i][1] >> shift;
@@ -91,7 +92,8 @@ void luma_run(const PlaneShape& shape, const RowPositions& from, SourcePlane sou
         const float bottom =
             static_cast<float>(p10) + x_fraction[i] * static_cast<float>(p11 - p10);
         const auto value = static_cast<int>(top + y_fraction[i] * (bottom - top));
-        out[i] = static_cast<Sample>(value << shift);
+        const int limited = sizeof(Sample) == 1 || value < largest ? value : largest;
+        out[i] = static_cast<Sample>(limited << shift);
     }
 }
 
@@ -112,32 +114,56 @@ void luma_rows(const PlaneShape& shape, const float wp[6], SourcePlane source, T
     }
 }
 
-// The nearest chroma sample to a luma position, where `step` luma samples, 1 or 2, share one. last: the
-// last luma sample that has chroma.
-inline std::int32_t nearest(float position, float last, int step) {
-    return static_cast<std::int32_t>(within(position + 0.5F, last)) >> (step - 1);
+// The nearest chroma sample to a luma position, where 2^sharing luma samples share one. last: the last
+// luma sample that has chroma.
+inline std::int32_t nearest(float position, float last, int sharing) {
+    return static_cast<std::int32_t>(within(position + 0.5F, last)) >> sharing;
+}
+
+// 1, 2 or 4 luma samples share a chroma sample.
+inline int sharing_of(double step) {
+    return step > 2 ? 2 : step > 1 ? 1 : 0;
+}
+
+// Clamps samples of two bytes at any address.
+inline void limit_words(unsigned char* samples, std::size_t bytes, std::uint16_t largest) {
+    for (std::size_t i = 0; i < bytes; i += sizeof(largest)) {
+        std::uint16_t value = 0;
+        std::memcpy(&value, samples + i, sizeof value);
+        value = value < largest ? value : largest;
+        std::memcpy(samples + i, &value, sizeof value);
+    }
 }
 
 template <std::size_t PIXEL_BYTES>
-void chroma_rows(const PlaneShape& shape, int x_step, int y_step, const float wp[6],
+void chroma_rows(const PlaneShape& shape, const PlaneGrid& grid, const float wp[6],
                  SourcePlane source, TargetPlane target, int first, int last) {
-    const auto last_x = static_cast<float>(x_step * shape.width - 1);
-    const auto last_y = static_cast<float>(y_step * shape.height - 1);
+    const int across = sharing_of(grid.x_step);
+    const int down = sharing_of(grid.y_step);
+    const auto last_x = static_cast<float>((shape.width << across) - 1);
+    const auto last_y = static_cast<float>((shape.height << down) - 1);
+    const bool has_bits_to_spare =
+        shape.format.bytes == 2 && shape.format.shift == 0 && shape.format.depth < 16;
     std::int32_t column[RUN];
     std::int32_t row[RUN];
     for (int y = first; y < last; ++y) {
-        const RowPositions from(wp, static_cast<float>(y_step * y));
+        const RowPositions from(wp, static_cast<float>(y << down));
         unsigned char* to = target.data + y * target.stride;
         for (int x = 0; x < shape.width; x += RUN) {
             const int count = shape.width - x < RUN ? shape.width - x : RUN;
             for (int i = 0; i < count; ++i) {
-                const auto at = static_cast<float>(x_step * (x + i));
-                column[i] = nearest(from.x_step * at + from.x_start, last_x, x_step);
-                row[i] = nearest(from.y_step * at + from.y_start, last_y, y_step);
+                const auto at = static_cast<float>((x + i) << across);
+                column[i] = nearest(from.x_step * at + from.x_start, last_x, across);
+                row[i] = nearest(from.y_step * at + from.y_start, last_y, down);
             }
+            unsigned char* const run = to;
             for (int i = 0; i < count; ++i, to += PIXEL_BYTES) {
                 const std::ptrdiff_t offset = column[i] * static_cast<std::ptrdiff_t>(PIXEL_BYTES);
                 std::memcpy(to, row_of(source, row[i]) + offset, PIXEL_BYTES);
+            }
+            if (has_bits_to_spare) {
+                limit_words(run, static_cast<std::size_t>(count) * PIXEL_BYTES,
+                            static_cast<std::uint16_t>((1 << shape.format.depth) - 1));
             }
         }
     }
@@ -156,8 +182,7 @@ void stated_chroma(const PlaneShape& shape, const PlaneGrid& grid, const float w
     const int pixel_bytes = shape.format.channels * shape.format.bytes;
     (pixel_bytes == 1   ? chroma_rows<1>
      : pixel_bytes == 2 ? chroma_rows<2>
-                        : chroma_rows<4>)(shape, grid.x_step > 1 ? 2 : 1, grid.y_step > 1 ? 2 : 1,
-                                          wp, source, target, first, last);
+                        : chroma_rows<4>)(shape, grid, wp, source, target, first, last);
 }
 
 }  // namespace videostabilizer::VS_LEVEL

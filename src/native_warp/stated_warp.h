@@ -21,8 +21,8 @@ namespace videostabilizer {
 void stated_luma_rows(const PlaneShape& shape, const float wp[6], const SourcePlane& source,
                       const TargetPlane& target, int first, int last);
 
-// grid: only the steps matter, which are 1 or 2; like the kernels, this takes a chroma sample to be
-// where the first of its luma samples is. Sample values are copied as they are.
+// grid: only the steps matter, which are 1, 2 or 4; like the kernels, this takes a chroma sample to be
+// where the first of its luma samples is. Samples are copied, but for values beyond the depth.
 void stated_chroma_rows(const PlaneShape& shape, const PlaneGrid& grid, const float wp[6],
                         const SourcePlane& source, const TargetPlane& target, int first, int last);
 

@@ -57,9 +57,10 @@ struct Extent {
 };
 Extent extent_of(const PictureStageSettings& settings, const PicturePlanes& planes, int k) {
     const int rows = plane_rows(settings.height, settings.layout, k);
+    const unsigned char* const first_row = plane_data(planes, k);
     const unsigned char* const last_row =
-        planes.data[k] + static_cast<std::ptrdiff_t>(rows - 1) * planes.stride[k];
-    const auto first = reinterpret_cast<std::uintptr_t>(planes.data[k]);
+        first_row + static_cast<std::ptrdiff_t>(rows - 1) * plane_stride(planes, k);
+    const auto first = reinterpret_cast<std::uintptr_t>(first_row);
     const auto last = reinterpret_cast<std::uintptr_t>(last_row);
     return {std::min(first, last), std::max(first, last) + row_bytes_of(settings, k)};
 }
@@ -236,12 +237,13 @@ void PictureStage::copy_overlapping(PicturePlanes& source, const PicturePlanes& 
     for (int k = 0; k < plane_count(settings_.layout); ++k) {
         const std::size_t row_bytes = row_bytes_of(settings_, k);
         const int rows = plane_rows(settings_.height, settings_.layout, k);
+        const unsigned char* const from = plane_data(source, k);
+        const std::ptrdiff_t stride = plane_stride(source, k);
         for (int row = 0; row < rows; ++row) {
-            std::copy_n(source.data[k] + static_cast<std::ptrdiff_t>(row) * source.stride[k],
-                        row_bytes, copy + static_cast<std::size_t>(row) * row_bytes);
+            std::copy_n(from + row * stride, row_bytes,
+                        copy + static_cast<std::size_t>(row) * row_bytes);
         }
-        source.data[k] = copy;
-        source.stride[k] = static_cast<std::int32_t>(row_bytes);
+        set_plane(source, k, copy, static_cast<std::int32_t>(row_bytes));
         copy += row_bytes * static_cast<std::size_t>(rows);
     }
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "frames/picture_layout.h"
 #include "videostabilizer/result.h"
 
 namespace videostabilizer {
@@ -34,11 +35,13 @@ int NativeWarper::warp(const PicturePlanes& source, const WarpMap& luma,
     source_ = source;
     target_ = target;
     luma_warp_.prepare(shape_.plane[0].shape, luma, kernels_);
-    int strips = luma_warp_.strips();
     if (shape_.planes > 1) {
         plane_map(luma, shape_.plane[1].grid, plane_map_);
         chroma_warp_.prepare(shape_.plane[1].shape, plane_map_, kernels_);
-        strips += (shape_.planes - 1) * chroma_warp_.strips();
+    }
+    int strips = 0;
+    for (int k = 0; k < shape_.planes; ++k) {
+        strips += warp_of(k).strips();
     }
     const int height = shape_.plane[0].shape.height;
     const int wanted = ITEMS_PER_THREAD * crew_.threads();
@@ -61,9 +64,10 @@ void NativeWarper::item(int index, int participant) noexcept {
     }
     const int first = index % bands_of(k) * band_rows_;
     const int last = std::min(first + band_rows_, shape_.plane[k].shape.height);
-    warp_of(k).warp_strip(fastest_variant(warp_variants), {source_.data[k], source_.stride[k]},
-                          {target_.data[k], target_.stride[k]}, index / bands_of(k), first, last,
-                          scratch_[static_cast<std::size_t>(participant)]);
+    warp_of(k).warp_strip(fastest_variant(warp_variants),
+                          {plane_data(source_, k), plane_stride(source_, k)},
+                          {plane_data(target_, k), plane_stride(target_, k)}, index / bands_of(k),
+                          first, last, scratch_[static_cast<std::size_t>(participant)]);
 }
 
 }  // namespace videostabilizer

@@ -24,7 +24,7 @@ class NativeWarper final : public PictureWarper, private DividedWork {
   private:
     void item(int index, int participant) noexcept override;
     int bands_of(int k) const;
-    const PlaneWarp& warp_of(int k) const { return k == 0 ? luma_warp_ : chroma_warp_; }
+    const PlaneWarp& warp_of(int k) const { return is_chroma(k) ? chroma_warp_ : luma_warp_; }
 
     PictureShape shape_;
     ResamplingKernels kernels_;

@@ -8,14 +8,15 @@ namespace videostabilizer {
 
 namespace {
 
-// Where the first chroma sample lies on an axis with half as many, in luma samples.
-double first_across(ChromaSiting siting) {
+// Where the first chroma sample lies among `sharing` luma samples of a row.
+double first_across(ChromaSiting siting, double sharing) {
     return siting == CHROMA_SITING_CENTRE || siting == CHROMA_SITING_TOP ||
                    siting == CHROMA_SITING_BOTTOM
-               ? 0.5
+               ? 0.5 * (sharing - 1)
                : 0;
 }
 
+// Where it lies among two of a column.
 double first_down(ChromaSiting siting) {
     if (siting == CHROMA_SITING_TOP_LEFT || siting == CHROMA_SITING_TOP) {
         return 0;
@@ -43,15 +44,15 @@ PictureShape picture_shape(int width, int height, const PixelLayout& layout) {
     chroma.shape.width = plane_samples(width, layout, 1) / chroma.shape.format.channels;
     chroma.shape.height = plane_rows(height, layout, 1);
     if (layout.chroma != CHROMA_444) {
-        chroma.grid.x_step = 2;
-        chroma.grid.x_first = first_across(layout.siting);
+        chroma.grid.x_step = layout.chroma == CHROMA_411 ? 4 : 2;
+        chroma.grid.x_first = first_across(layout.siting, chroma.grid.x_step);
     }
     if (layout.chroma == CHROMA_420) {
         chroma.grid.y_step = 2;
         chroma.grid.y_first = first_down(layout.siting);
     }
     for (int k = 1; k < picture.planes; ++k) {
-        picture.plane[k] = chroma;
+        picture.plane[k] = is_chroma(k) ? chroma : picture.plane[0];
     }
     return picture;
 }

@@ -13,11 +13,15 @@ struct PicturePlane {
     PlaneGrid grid;
 };
 
-// The planes of a picture: one of luma, and none, one or two of chroma, which do not differ.
+// The planes of a picture: one of luma; none, one or two of chroma, which do not differ; and plane 3 for
+// alpha, which does not differ from luma's.
 struct PictureShape {
     int planes;
-    PicturePlane plane[3];
+    PicturePlane plane[4];
 };
+constexpr bool is_chroma(int k) {
+    return k == 1 || k == 2;
+}
 
 // layout: one that layout_fault accepts.
 PictureShape picture_shape(int width, int height, const PixelLayout& layout);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "frames/picture_layout.h"
 #include "native_warp/stated_warp.h"
 #include "videostabilizer/result.h"
 
@@ -43,11 +44,11 @@ void StatedWarper::item(int index, int /*participant*/) noexcept {
         index -= bands_of(shape_.plane[k++]);
     }
     const PicturePlane& plane = shape_.plane[k];
-    const SourcePlane source = {source_.data[k], source_.stride[k]};
-    const TargetPlane target = {target_.data[k], target_.stride[k]};
+    const SourcePlane source = {plane_data(source_, k), plane_stride(source_, k)};
+    const TargetPlane target = {plane_data(target_, k), plane_stride(target_, k)};
     const int first = index * BAND;
     const int last = std::min(first + BAND, plane.shape.height);
-    if (k == 0) {
+    if (!is_chroma(k)) {
         stated_luma_rows(plane.shape, transform_.data(), source, target, first, last);
     } else {
         stated_chroma_rows(plane.shape, plane.grid, transform_.data(), source, target, first, last);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "frames/picture_layout.h"
 #include "gpu_warp/opencl_device.h"
 #include "gpu_warp/opencl_picture_warper.h"
 #include "picture_warp/native_warper.h"
@@ -28,8 +29,7 @@ struct Picture {
             bytes[k].assign(
                 static_cast<std::size_t>(stride) * static_cast<std::size_t>(plane.height), 0xA5);
             const int first = upside_down ? (plane.height - 1) * stride : 0;
-            planes.data[k] = bytes[k].data() + first;
-            planes.stride[k] = upside_down ? -stride : stride;
+            set_plane(planes, k, bytes[k].data() + first, upside_down ? -stride : stride);
         }
     }
     void fill_with_noise(unsigned int seed, const SampleFormat& format) {
@@ -45,7 +45,7 @@ struct Picture {
         }
     }
 
-    std::vector<unsigned char> bytes[3];
+    std::vector<unsigned char> bytes[4];
     PicturePlanes planes{};
 };
 
@@ -67,13 +67,14 @@ struct Row {
     bool target_upside_down;
 };
 constexpr Row ROWS[] = {
-    {"yuv420p", {CHROMA_420, CHROMA_SITING_LEFT, 8, 0, 0, {}}, 640, 96, 0, 0, false, false},
-    {"nv12 odd", {CHROMA_420, CHROMA_SITING_CENTRE, 8, 1, 0, {}}, 301, 77, 5, 9, false, true},
-    {"yuv422p10", {CHROMA_422, CHROMA_SITING_LEFT, 10, 0, 0, {}}, 333, 65, 2, 0, true, false},
-    {"p010", {CHROMA_420, CHROMA_SITING_TOP_LEFT, 10, 1, 1, {}}, 258, 50, 0, 6, true, true},
-    {"yuv444p12", {CHROMA_444, CHROMA_SITING_LEFT, 12, 0, 0, {}}, 47, 90, 4, 4, false, false},
-    {"p016", {CHROMA_420, CHROMA_SITING_LEFT, 16, 1, 0, {}}, 130, 33, 0, 0, false, false},
-    {"grey", {CHROMA_NONE, CHROMA_SITING_LEFT, 8, 0, 0, {}}, 16, 16, 0, 0, false, false},
+    {"yuv420p", {CHROMA_420, CHROMA_SITING_LEFT, 8, 0, 0, 0, {}}, 640, 96, 0, 0, false, false},
+    {"nv12 odd", {CHROMA_420, CHROMA_SITING_CENTRE, 8, 1, 0, 0, {}}, 301, 77, 5, 9, false, true},
+    {"yuv422p10", {CHROMA_422, CHROMA_SITING_LEFT, 10, 0, 0, 0, {}}, 333, 65, 2, 0, true, false},
+    {"p010", {CHROMA_420, CHROMA_SITING_TOP_LEFT, 10, 1, 1, 0, {}}, 258, 50, 0, 6, true, true},
+    {"yuv411p", {CHROMA_411, CHROMA_SITING_LEFT, 8, 0, 0, 0, {}}, 301, 70, 0, 0, false, false},
+    {"yuva444p12", {CHROMA_444, CHROMA_SITING_LEFT, 12, 0, 0, 1, {}}, 47, 90, 4, 4, false, false},
+    {"p016", {CHROMA_420, CHROMA_SITING_LEFT, 16, 1, 0, 0, {}}, 130, 33, 0, 0, false, false},
+    {"grey", {CHROMA_NONE, CHROMA_SITING_LEFT, 8, 0, 0, 0, {}}, 16, 16, 0, 0, false, false},
 };
 
 struct Map {

@@ -30,10 +30,13 @@ struct Plane {
 };
 Plane plane_of(const PixelLayout& layout, int k) {
     Plane p{ODD_WIDTH, ODD_HEIGHT, 1, 1, 1, 0, 0};
+    if (k == 3) {
+        return p;
+    }
     if (k > 0 && layout.chroma != CHROMA_444) {
-        p.width = (p.width + 1) / 2;
-        p.step_x = 2;
-        p.first_x = layout.siting == CHROMA_SITING_CENTRE ? 0.5 : 0;
+        p.step_x = layout.chroma == CHROMA_411 ? 4 : 2;
+        p.width = static_cast<int>(std::ceil(p.width / p.step_x));
+        p.first_x = layout.siting == CHROMA_SITING_CENTRE ? 0.5 * (p.step_x - 1) : 0;
     }
     if (k > 0 && layout.chroma == CHROMA_420) {
         p.height = (p.height + 1) / 2;
@@ -44,12 +47,14 @@ Plane plane_of(const PixelLayout& layout, int k) {
     return p;
 }
 int planes_of(const PixelLayout& layout) {
-    return layout.chroma == CHROMA_NONE ? 1 : (layout.semi_planar != 0 ? 2 : 3);
+    return layout.chroma == CHROMA_NONE ? 1 : (layout.semi_planar != 0 ? 2 : 3 + layout.alpha);
 }
 
 unsigned char* sample_at(const PixelLayout& layout, const PicturePlanes& planes, int k, int x,
                          int y) {
-    return planes.data[k] + static_cast<std::ptrdiff_t>(y) * planes.stride[k] +
+    const bool alpha = k == 3;
+    return (alpha ? planes.alpha : planes.data[k]) +
+           static_cast<std::ptrdiff_t>(y) * (alpha ? planes.alpha_stride : planes.stride[k]) +
            static_cast<std::ptrdiff_t>(x) * (layout.bit_depth > 8 ? 2 : 1);
 }
 int shift_of(const PixelLayout& layout) {
@@ -69,8 +74,9 @@ struct HostPicture {
             const int row = p.width * p.channels * (layout.bit_depth > 8 ? 2 : 1) + 14;
             memory[k].assign(static_cast<std::size_t>(row) * static_cast<std::size_t>(p.height),
                              0xEE);
-            planes.data[k] = memory[k].data() + (upside_down ? (p.height - 1) * row : 0);
-            planes.stride[k] = upside_down ? -row : row;
+            (k < 3 ? planes.data[k] : planes.alpha) =
+                memory[k].data() + (upside_down ? (p.height - 1) * row : 0);
+            (k < 3 ? planes.stride[k] : planes.alpha_stride) = upside_down ? -row : row;
         }
     }
     template <typename Level>
@@ -98,7 +104,7 @@ struct HostPicture {
 
     PixelLayout layout;
     PicturePlanes planes{};
-    std::vector<unsigned char> memory[3];
+    std::vector<unsigned char> memory[4];
 };
 
 StabilizerPtr make_stream(const PixelLayout& layout, bool in_place,
@@ -151,15 +157,17 @@ TEST_F(Pictures, OfAllLayoutsAreWarpedWhereTheirSamplesLie) {
         bool upside_down;
         bool over_input = false;  // the output is written to the input's memory, upside down
     } cases[] = {
-        {"4:2:0", {CHROMA_420, CHROMA_SITING_LEFT, 8, 0, 0, {}}, false, false},
-        {"NV12, turned", {CHROMA_420, CHROMA_SITING_LEFT, 8, 1, 0, {}}, false, false, true},
-        {"NV12, JPEG", {CHROMA_420, CHROMA_SITING_CENTRE, 8, 1, 0, {}}, true, false},
-        {"P010", {CHROMA_420, CHROMA_SITING_TOP_LEFT, 10, 1, 1, {}}, false, true},
-        {"4:2:2", {CHROMA_422, CHROMA_SITING_LEFT, 8, 0, 0, {}}, true, true},
-        {"P212", {CHROMA_422, CHROMA_SITING_LEFT, 12, 1, 1, {}}, false, false},
-        {"4:4:4, 10 bits", {CHROMA_444, CHROMA_SITING_LEFT, 10, 0, 0, {}}, false, false},
-        {"grey, 9 bits", {CHROMA_NONE, CHROMA_SITING_LEFT, 9, 0, 0, {}}, true, false},
-        {"4:2:0, 16 bits", {CHROMA_420, CHROMA_SITING_LEFT, 16, 0, 0, {}}, true, false},
+        {"4:2:0", {CHROMA_420, CHROMA_SITING_LEFT, 8, 0, 0, 0, {}}, false, false},
+        {"NV12, turned", {CHROMA_420, CHROMA_SITING_LEFT, 8, 1, 0, 0, {}}, false, false, true},
+        {"NV12, JPEG", {CHROMA_420, CHROMA_SITING_CENTRE, 8, 1, 0, 0, {}}, true, false},
+        {"4:1:1", {CHROMA_411, CHROMA_SITING_CENTRE, 8, 0, 0, 0, {}}, false, false},
+        {"4:2:0 with alpha", {CHROMA_420, CHROMA_SITING_LEFT, 10, 0, 0, 1, {}}, true, false},
+        {"P010", {CHROMA_420, CHROMA_SITING_TOP_LEFT, 10, 1, 1, 0, {}}, false, true},
+        {"4:2:2", {CHROMA_422, CHROMA_SITING_LEFT, 8, 0, 0, 0, {}}, true, true},
+        {"P212", {CHROMA_422, CHROMA_SITING_LEFT, 12, 1, 1, 0, {}}, false, false},
+        {"4:4:4, 10 bits", {CHROMA_444, CHROMA_SITING_LEFT, 10, 0, 0, 0, {}}, false, false},
+        {"grey, 9 bits", {CHROMA_NONE, CHROMA_SITING_LEFT, 9, 0, 0, 0, {}}, true, false},
+        {"4:2:0, 16 bits", {CHROMA_420, CHROMA_SITING_LEFT, 16, 0, 0, 0, {}}, true, false},
     };
     VideoStabilizerOptions options = options_for(STABILIZER_GENTLE);
     options.engine = STABILIZER_ENGINE_NATIVE;
@@ -182,7 +190,8 @@ TEST_F(Pictures, OfAllLayoutsAreWarpedWhereTheirSamplesLie) {
         // Positions are rounded, and so are source and output. Wrong siting costs five levels.
         EXPECT_LT(worst, 0.7 + std::ldexp(1.3, 8 - c.layout.bit_depth));
         for (int k = 0; k < planes_of(c.layout); ++k) {
-            const std::size_t row = static_cast<std::size_t>(std::abs(picture.planes.stride[k]));
+            const std::size_t row = static_cast<std::size_t>(
+                std::abs(k < 3 ? picture.planes.stride[k] : picture.planes.alpha_stride));
             for (std::size_t at = row - 14; at < picture.memory[k].size(); at += row) {
                 EXPECT_EQ(std::count(&picture.memory[k][at], &picture.memory[k][at] + 14, 0xEE),
                           14);
@@ -193,7 +202,7 @@ TEST_F(Pictures, OfAllLayoutsAreWarpedWhereTheirSamplesLie) {
 
 // What a picture's depth, its layout, the engine and the number of threads must not change.
 TEST_F(Pictures, AreStabilizedTheSameWhateverTheirDepth) {
-    const PixelLayout eight = {CHROMA_420, CHROMA_SITING_LEFT, 8, 0, 0, {}};
+    const PixelLayout eight = {CHROMA_420, CHROMA_SITING_LEFT, 8, 0, 0, 0, {}};
     const struct {
         PixelLayout layout;
         int threads;
@@ -201,8 +210,8 @@ TEST_F(Pictures, AreStabilizedTheSameWhateverTheirDepth) {
     } cases[] = {{eight, 1, STABILIZER_ENGINE_NATIVE},
                  {eight, 3, STABILIZER_ENGINE_NATIVE},
                  {eight, 0, STABILIZER_ENGINE_OPENCL},
-                 {{CHROMA_NONE, CHROMA_SITING_LEFT, 10, 0, 0, {}}, 2, STABILIZER_ENGINE_NATIVE},
-                 {{CHROMA_422, CHROMA_SITING_LEFT, 12, 1, 1, {}}, 0, STABILIZER_ENGINE_OPENCL}};
+                 {{CHROMA_NONE, CHROMA_SITING_LEFT, 10, 0, 0, 0, {}}, 2, STABILIZER_ENGINE_NATIVE},
+                 {{CHROMA_422, CHROMA_SITING_LEFT, 12, 1, 1, 0, {}}, 0, STABILIZER_ENGINE_OPENCL}};
     std::vector<Matrix> corrections;
     std::vector<std::vector<unsigned char>> luma;
     for (const auto& c : cases) {
@@ -250,13 +259,16 @@ TEST_F(Pictures, AreStabilizedTheSameWhateverTheirDepth) {
 }
 
 TEST_F(Pictures, AreRefusedWhereTheyDoNotFit) {
-    const PixelLayout good = {CHROMA_420, CHROMA_SITING_LEFT, 10, 1, 1, {}};
-    const PixelLayout bad[] = {{static_cast<ChromaFormat>(4), CHROMA_SITING_LEFT, 8, 0, 0, {}},
-                               {CHROMA_420, static_cast<ChromaSiting>(6), 8, 0, 0, {}},
-                               {CHROMA_420, CHROMA_SITING_LEFT, 7, 0, 0, {}},
-                               {CHROMA_420, CHROMA_SITING_LEFT, 17, 0, 0, {}},
-                               {CHROMA_420, CHROMA_SITING_LEFT, 8, 2, 0, {}},
-                               {CHROMA_420, CHROMA_SITING_LEFT, 8, 0, 0, {0, 1, 0}}};
+    const PixelLayout good = {CHROMA_420, CHROMA_SITING_LEFT, 10, 1, 1, 0, {}};
+    const PixelLayout bad[] = {{static_cast<ChromaFormat>(5), CHROMA_SITING_LEFT, 8, 0, 0, 0, {}},
+                               {CHROMA_420, static_cast<ChromaSiting>(6), 8, 0, 0, 0, {}},
+                               {CHROMA_420, CHROMA_SITING_LEFT, 7, 0, 0, 0, {}},
+                               {CHROMA_420, CHROMA_SITING_LEFT, 17, 0, 0, 0, {}},
+                               {CHROMA_420, CHROMA_SITING_LEFT, 8, 2, 0, 0, {}},
+                               {CHROMA_420, CHROMA_SITING_LEFT, 8, 0, 0, 2, {}},
+                               {CHROMA_NONE, CHROMA_SITING_LEFT, 8, 0, 0, 1, {}},
+                               {CHROMA_420, CHROMA_SITING_LEFT, 8, 1, 0, 1, {}},
+                               {CHROMA_420, CHROMA_SITING_LEFT, 8, 0, 0, 0, {1, 0}}};
     for (const PixelLayout& layout : bad) {
         SCOPED_TRACE(&layout - bad);
         EXPECT_EQ(make_stream(layout, true), nullptr);
@@ -270,7 +282,8 @@ TEST_F(Pictures, AreRefusedWhereTheyDoNotFit) {
     EXPECT_EQ(picture_frame_create(64, 0, &good, nullptr), nullptr);
     std::vector<unsigned char> memory(1 << 16);
     for (const std::int32_t stride : {0, 126, -126, 129}) {
-        const PicturePlanes planes = {{memory.data(), memory.data(), nullptr}, {128, stride, 0}};
+        const PicturePlanes planes = {
+            {memory.data(), memory.data(), nullptr}, {128, stride, 0}, nullptr, 0};
         EXPECT_EQ(picture_frame_create(64, 64, &good, &planes), nullptr) << stride;
     }
 
@@ -293,7 +306,7 @@ TEST_F(Pictures, AreRefusedWhereTheyDoNotFit) {
 // Frames of create_frame that the picture would not fit end the stream.
 TEST_F(Pictures, AreNotWrittenToFramesOfAnotherKind) {
     using Make = Frame* (*)(void*);
-    static constexpr PixelLayout PLANAR = {CHROMA_420, CHROMA_SITING_LEFT, 8, 0, 0, {}};
+    static constexpr PixelLayout PLANAR = {CHROMA_420, CHROMA_SITING_LEFT, 8, 0, 0, 0, {}};
     const Make no_picture = [](void*) { return blank_frame(packed()); };
     const Make smaller = [](void*) {
         return picture_frame_create(WIDTH, HEIGHT - 2, &PLANAR, nullptr);
