@@ -111,7 +111,7 @@ TEST(Media, ReadsWhatFFmpegReads) {
         {"oddffv1.mkv", "-i shaky.y4m -vf crop=101:67:exact=1 -c:v ffv1", "--codec ffv1", "", 45,
          "width=101|height=67\n"},
         {"narrow.y4m", "-i shaky.y4m -pix_fmt yuv411p -strict -1",
-         "--codec mpeg4 --output-format avi", "yuv422p pictures are written as yuv420p"},
+         "--codec mpeg4 --output-format avi", "yuv411p pictures are written as yuv420p"},
         {"web.webm", "-i shaky.y4m -c:v libvpx -deadline realtime", "--codec libvpx"},
     };
     for (const auto& c : cases) {
@@ -166,6 +166,9 @@ TEST(Media, KeepsPixelFormatAndColours) {
         {"yuv444p10le", bt709, "444.mkv", "--preset ultrafast", "out.mov",
          "hevc|codec_tag_string=hvc1"},
         {"yuv422p", bt709, "422.mkv", "", "out.mp4", "h264|"},
+        {"yuva444p10le", bt709, "clear.mkv", "--codec ffv1", "out.mkv", "ffv1|"},
+        {"yuv411p", odd + " -c:v ffv1", "dv.mkv", "--codec ffv1", "out.mkv", "ffv1|"},
+        {"yuv411p", odd, "dv.y4m", "", "out.y4m", "rawvideo|"},
         {"gray10le", odd + bt709, "grey.mkv", "--codec ffv1", "out.mkv", "ffv1|"},
         {"gray12le", odd, "grey.y4m", "", "out.y4m", "rawvideo|"},
         {"yuv422p16le", " -strict -1", "422.y4m", "", "out.y4m", "rawvideo|"},

@@ -68,7 +68,7 @@ TEST(Y4m, TellsWhatIsWrongWithAStream) {
         {magic + "W16384 H16384\n", "too large"},
         {magic + "W2 H2 C420p11\n", "'420p11', but only 420, 422"},
         {magic + "W2 H2 C420jpeg10\n", "'420jpeg10'"},
-        {magic + "W2 H2 XYSCSS=444ALPHA\n", "'444alpha'"},
+        {magic + "W2 H2 XYSCSS=440\n", "'440'"},
         {magic + "W3 H2 Cmono12\nFRAME\n12345", "cut short: 5 of 12 bytes"},
         {magic + "W2 H2 X" + endless + "\n", "longer than"},
         {small + "FRAMES\n", "frame 0 begins with 'FRAMES' instead of FRAME"},
@@ -120,18 +120,19 @@ TEST(PixelFormats, AreTakenAsTheyAreOrConvertedToTheNearest) {
         PixelLayout layout;  // bit_depth 0: not taken
         const char* planar;
     } cases[] = {
-        {"yuv420p", {CHROMA_420, CHROMA_SITING_TOP, 8, 0, 0, {}}, "yuv420p"},
-        {"nv21", {CHROMA_420, CHROMA_SITING_TOP, 8, 1, 0, {}}, "yuv420p"},
-        {"nv16", {CHROMA_422, CHROMA_SITING_TOP, 8, 1, 0, {}}, "yuv422p"},
-        {"nv20le", {CHROMA_422, CHROMA_SITING_TOP, 10, 1, 0, {}}, "yuv422p10le"},
-        {"p010le", {CHROMA_420, CHROMA_SITING_TOP, 10, 1, 1, {}}, "yuv420p10le"},
-        {"p016le", {CHROMA_420, CHROMA_SITING_TOP, 16, 1, 0, {}}, "yuv420p16le"},
-        {"yuv444p9le", {CHROMA_444, CHROMA_SITING_TOP, 9, 0, 0, {}}, "yuv444p9le"},
-        {"gray", {CHROMA_NONE, CHROMA_SITING_TOP, 8, 0, 0, {}}, "gray"},
-        {"gray14le", {CHROMA_NONE, CHROMA_SITING_TOP, 14, 0, 0, {}}, "gray14le"},
+        {"yuv420p", {CHROMA_420, CHROMA_SITING_TOP, 8, 0, 0, 0, {}}, "yuv420p"},
+        {"nv21", {CHROMA_420, CHROMA_SITING_TOP, 8, 1, 0, 0, {}}, "yuv420p"},
+        {"nv16", {CHROMA_422, CHROMA_SITING_TOP, 8, 1, 0, 0, {}}, "yuv422p"},
+        {"nv20le", {CHROMA_422, CHROMA_SITING_TOP, 10, 1, 0, 0, {}}, "yuv422p10le"},
+        {"p010le", {CHROMA_420, CHROMA_SITING_TOP, 10, 1, 1, 0, {}}, "yuv420p10le"},
+        {"p016le", {CHROMA_420, CHROMA_SITING_TOP, 16, 1, 0, 0, {}}, "yuv420p16le"},
+        {"yuv444p9le", {CHROMA_444, CHROMA_SITING_TOP, 9, 0, 0, 0, {}}, "yuv444p9le"},
+        {"gray", {CHROMA_NONE, CHROMA_SITING_TOP, 8, 0, 0, 0, {}}, "gray"},
+        {"gray14le", {CHROMA_NONE, CHROMA_SITING_TOP, 14, 0, 0, 0, {}}, "gray14le"},
         {"yuv420p10be", {}, "yuv420p10le"},
-        {"yuva422p12le", {}, "yuv422p12le"},
-        {"yuv411p", {}, "yuv422p"},
+        {"yuva422p12le", {CHROMA_422, CHROMA_SITING_TOP, 12, 0, 0, 1, {}}, "yuv422p12le"},
+        {"ya8", {}, "gray"},
+        {"yuv411p", {CHROMA_411, CHROMA_SITING_TOP, 8, 0, 0, 0, {}}, "yuv411p"},
         {"yuv440p", {}, "yuv444p"},
         {"yuyv422", {}, "yuv422p"},
         {"y210le", {}, "yuv422p10le"},
@@ -148,7 +149,7 @@ TEST(PixelFormats, AreTakenAsTheyAreOrConvertedToTheNearest) {
             apps::layout_of(format, AVCHROMA_LOC_TOP).value_or(PixelLayout{});
         EXPECT_TRUE(layout.chroma == c.layout.chroma && layout.bit_depth == c.layout.bit_depth &&
                     layout.siting == c.layout.siting && layout.high_bits == c.layout.high_bits &&
-                    layout.semi_planar == c.layout.semi_planar);
+                    layout.semi_planar == c.layout.semi_planar && layout.alpha == c.layout.alpha);
         EXPECT_EQ(apps::name_of(apps::planar_format_for(format)), c.planar);
     }
     EXPECT_EQ(apps::turned(AVCHROMA_LOC_UNSPECIFIED, 1), AVCHROMA_LOC_TOP);

@@ -90,10 +90,13 @@ const AVCodec* find_encoder(const AVOutputFormat& format, const std::string& nam
 
 // How far a format is from that of the pictures; less is better. What is lost comes first, bits before
 // chroma, then what is written in vain.
-std::array<int, 8> distance(AVPixelFormat format, AVPixelFormat pictures) {
+std::array<int, 9> distance(AVPixelFormat format, AVPixelFormat pictures) {
     const AVPixelFormat plain = without_range(format);
-    const auto amount = [](AVPixelFormat of) {
+    const auto amount = [pictures](AVPixelFormat of) {
         const videostabilizer::ChromaFormat chroma = chroma_of(of);
+        if (chroma == videostabilizer::CHROMA_411) {  // 4:2:2 has all of it, 4:2:0 has not
+            return chroma_of(pictures) == chroma ? 1 : 0;
+        }
         return chroma == videostabilizer::CHROMA_NONE ? -1 : static_cast<int>(chroma);
     };
     const int bits = bit_depth_of(plain) - bit_depth_of(pictures);
@@ -101,11 +104,13 @@ std::array<int, 8> distance(AVPixelFormat format, AVPixelFormat pictures) {
     return {sws_isSupportedOutput(format) != 0 ? 0 : 1,
             amount(plain) < 0 && chroma < 0 ? 1 : 0,  // all colour
             layout_of(plain, AVCHROMA_LOC_UNSPECIFIED) ? 0 : 1,
+            has_alpha(pictures) && !has_alpha(format) ? 1 : 0,
             std::max(-bits, 0),
             std::max(-chroma, 0),
             std::max(chroma, 0),
             std::max(bits, 0),
-            (plain == pictures ? 0 : 2) + (format == plain ? 0 : 1)};
+            (has_alpha(format) && !has_alpha(pictures) ? 4 : 0) + (plain == pictures ? 0 : 2) +
+                (format == plain ? 0 : 1)};
 }
 
 // The format of the encoder that is nearest to the pictures'.
@@ -420,11 +425,12 @@ void MediaSink::open_encoder(const PictureFormat& format, const EncoderOptions& 
                                     avcodec_get_name(codec->id) + " video");
     }
     encoder_format_ = pixel_format_of(*codec, format.pixel_format);
-    if (bit_depth_of(encoder_format_) != bit_depth_of(format.pixel_format) ||
+    const bool drops_alpha = has_alpha(format.pixel_format) && !has_alpha(encoder_format_);
+    if (drops_alpha || bit_depth_of(encoder_format_) != bit_depth_of(format.pixel_format) ||
         chroma_of(encoder_format_) != chroma_of(format.pixel_format)) {
         notes_.push_back(name_of(format.pixel_format) + " pictures are written as " +
                          name_of(encoder_format_) + ", the nearest that the encoder " +
-                         codec->name + " takes");
+                         codec->name + " takes" + (drops_alpha ? "; transparency is dropped" : ""));
     }
     int result = 0;
     encoder_ = try_encoder(codec, format, options, width_, height_, result);
@@ -619,15 +625,19 @@ AvFramePtr MediaSink::padded(const AVFrame& picture) {
         padded_pictures_ = std::make_unique<PicturePool>(format, encoder_->width, encoder_->height);
     }
     AvFramePtr frame = padded_pictures_->take();
-    for (int i = 0; i < 3 && frame->data[i] != nullptr; ++i) {
-        const bool pairs = i > 0 && layout.semi_planar != 0;
+    int chroma_x = 0;
+    int chroma_y = 0;
+    av_pix_fmt_get_chroma_sub_sample(format, &chroma_x, &chroma_y);
+    for (int i = 0; i < 4 && frame->data[i] != nullptr; ++i) {
+        const bool chroma = i == 1 || i == 2;
+        const bool pairs = chroma && layout.semi_planar != 0;
         const std::size_t sample = (layout.bit_depth > 8 ? 2U : 1U) * (pairs ? 2U : 1U);
-        const bool halved_x = i > 0 && layout.chroma != videostabilizer::CHROMA_444;
-        const bool halved_y = i > 0 && layout.chroma == videostabilizer::CHROMA_420;
         const auto columns = [&](int width) {
-            return static_cast<std::size_t>(halved_x ? (width + 1) / 2 : width);
+            return static_cast<std::size_t>(chroma ? AV_CEIL_RSHIFT(width, chroma_x) : width);
         };
-        const auto rows = [&](int height) { return halved_y ? (height + 1) / 2 : height; };
+        const auto rows = [&](int height) {
+            return chroma ? AV_CEIL_RSHIFT(height, chroma_y) : height;
+        };
         const std::size_t bytes = columns(width_) * sample;
         for (int y = 0; y < rows(frame->height); ++y) {
             const int from = std::min(y, rows(height_) - 1);

@@ -272,16 +272,22 @@ void MediaSource::choose_conversion(const AVFrame& decoded, const MediaSourceOpt
         layout_of(format, decoded.chroma_location);
     const bool moved = task_.deinterlace || task_.quarter_turns != 0;
     const bool is_planar = layout && layout->semi_planar == 0;
-    const bool keeps = layout && (is_planar || !(moved || options.planar));
+    // Deinterlacing knows no transparency, and YUV4MPEG2 only one kind of it.
+    const bool keeps_alpha =
+        !task_.deinterlace && (!options.planar || format == AV_PIX_FMT_YUVA444P);
+    const bool keeps =
+        layout && (is_planar || !(moved || options.planar)) && (layout->alpha == 0 || keeps_alpha);
     task_.format = keeps ? format : planar_format_for(format);
-    // Turned 4:2:2 would have half the rows of chroma, which the stabilizer does not take.
-    if (task_.quarter_turns % 2 != 0 && chroma_of(format) == videostabilizer::CHROMA_422) {
-        task_.format = planar_format(videostabilizer::CHROMA_444, bit_depth_of(task_.format));
+    // Turned 4:2:2 and 4:1:1 have fewer rows of chroma than columns, which the stabilizer does not take.
+    if (task_.quarter_turns % 2 != 0 && (chroma_of(format) == videostabilizer::CHROMA_422 ||
+                                         chroma_of(format) == videostabilizer::CHROMA_411)) {
+        task_.format = planar_format(videostabilizer::CHROMA_444, bit_depth_of(task_.format),
+                                     has_alpha(task_.format));
     }
-    if (!layout || chroma_of(task_.format) != chroma_of(format)) {
+    const bool drops_alpha = has_alpha(format) && !has_alpha(task_.format);
+    if (!layout || drops_alpha || chroma_of(task_.format) != chroma_of(format)) {
         notes_.push_back("pictures are converted from " + name_of(format) + " to " +
-                         name_of(task_.format) +
-                         (has_alpha(format) ? "; transparency is dropped" : ""));
+                         name_of(task_.format) + (drops_alpha ? "; transparency is dropped" : ""));
     }
     if (task_.deinterlace) {
         notes_.emplace_back("interlaced pictures are deinterlaced");

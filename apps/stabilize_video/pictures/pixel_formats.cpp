@@ -77,16 +77,19 @@ AVPixelFormat without_range(AVPixelFormat format) {
 std::optional<vs::PixelLayout> layout_of(AVPixelFormat format, AVChromaLocation location) {
     constexpr std::uint64_t OTHER = AV_PIX_FMT_FLAG_BE | AV_PIX_FMT_FLAG_PAL |
                                     AV_PIX_FMT_FLAG_BITSTREAM | AV_PIX_FMT_FLAG_HWACCEL |
-                                    AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_ALPHA |
-                                    AV_PIX_FMT_FLAG_BAYER | AV_PIX_FMT_FLAG_FLOAT;
+                                    AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_BAYER |
+                                    AV_PIX_FMT_FLAG_FLOAT;
     const AVPixFmtDescriptor& d = descriptor_of(format);
     if (has_flag(format, OTHER) || !has_plain_samples(d)) {
         return std::nullopt;
     }
     const bool grey = d.nb_components == 1;
-    const bool planes = d.nb_components == 3 && d.comp[0].plane == 0 && d.comp[1].plane != 0;
+    const bool alpha = d.nb_components == 4 && d.comp[2].plane == 2 && d.comp[3].plane == 3;
+    const bool planes =
+        (d.nb_components == 3 || alpha) && d.comp[0].plane == 0 && d.comp[1].plane == 1;
     const bool known_chroma =
-        d.log2_chroma_w <= 1 && d.log2_chroma_h <= 1 && d.log2_chroma_w >= d.log2_chroma_h;
+        (d.log2_chroma_w <= 1 && d.log2_chroma_h <= 1 && d.log2_chroma_w >= d.log2_chroma_h) ||
+        (d.log2_chroma_w == 2 && d.log2_chroma_h == 0);
     if (!grey && !(planes && known_chroma)) {
         return std::nullopt;
     }
@@ -96,12 +99,16 @@ std::optional<vs::PixelLayout> layout_of(AVPixelFormat format, AVChromaLocation 
     layout.bit_depth = d.comp[0].depth;
     layout.semi_planar = !grey && d.comp[1].plane == d.comp[2].plane ? 1 : 0;
     layout.high_bits = d.comp[0].shift > 0 ? 1 : 0;
+    layout.alpha = alpha ? 1 : 0;
     return layout;
 }
 
-AVPixelFormat planar_format(vs::ChromaFormat chroma, int bit_depth) {
-    constexpr const char* STARTS[] = {"yuv420p", "yuv422p", "yuv444p", "gray"};
+AVPixelFormat planar_format(vs::ChromaFormat chroma, int bit_depth, bool alpha) {
+    constexpr const char* STARTS[] = {"420p", "422p", "444p", "gray", "411p"};
     std::string name = STARTS[chroma];
+    if (chroma != vs::CHROMA_NONE) {
+        name.insert(0, alpha ? "yuva" : "yuv");
+    }
     if (bit_depth > 8) {
         name += std::to_string(bit_depth) + "le";
     }
@@ -126,6 +133,8 @@ vs::PicturePlanes planes_of(const AVFrame& picture) {
         planes.data[i] = picture.data[i];
         planes.stride[i] = picture.linesize[i];
     }
+    planes.alpha = picture.data[3];
+    planes.alpha_stride = picture.linesize[3];
     return planes;
 }
 
@@ -161,6 +170,9 @@ vs::ChromaFormat chroma_of(AVPixelFormat format) {
     }
     if (d.log2_chroma_w == 0) {
         return vs::CHROMA_444;
+    }
+    if (d.log2_chroma_w == 2 && d.log2_chroma_h == 0) {
+        return vs::CHROMA_411;
     }
     return d.log2_chroma_h == 0 ? vs::CHROMA_422 : vs::CHROMA_420;
 }

@@ -21,11 +21,12 @@ std::optional<videostabilizer::PixelLayout> layout_of(AVPixelFormat format,
                                                       AVChromaLocation location);
 
 // The planar format that the stabilizer takes with the same chroma and bit depth, or the next that
-// have no less of either.
+// have no less of either; without alpha.
 AVPixelFormat planar_format_for(AVPixelFormat format);
 
 // The planar format of these properties, AV_PIX_FMT_NONE if there is none.
-AVPixelFormat planar_format(videostabilizer::ChromaFormat chroma, int bit_depth);
+AVPixelFormat planar_format(videostabilizer::ChromaFormat chroma, int bit_depth,
+                            bool alpha = false);
 
 // The planes of a picture for the stabilizer.
 videostabilizer::PicturePlanes planes_of(const AVFrame& picture);

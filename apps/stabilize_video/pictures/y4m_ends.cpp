@@ -37,11 +37,15 @@ constexpr std::pair<const char*, AVChromaLocation> SITINGS[] = {
 };
 
 AVPixelFormat pixel_format_of(const video_io::Y4mHeader& header) {
+    if (header.has_alpha()) {
+        return planar_format(videostabilizer::CHROMA_444, header.bit_depth, true);
+    }
     constexpr std::pair<video_io::Y4mChroma, videostabilizer::ChromaFormat> CHROMAS[] = {
         {video_io::Y4mChroma::C420, videostabilizer::CHROMA_420},
         {video_io::Y4mChroma::C422, videostabilizer::CHROMA_422},
         {video_io::Y4mChroma::C444, videostabilizer::CHROMA_444},
         {video_io::Y4mChroma::GREY, videostabilizer::CHROMA_NONE},
+        {video_io::Y4mChroma::C411, videostabilizer::CHROMA_411},
     };
     for (const auto& [theirs, ours] : CHROMAS) {
         if (header.chroma == theirs) {
@@ -53,9 +57,12 @@ AVPixelFormat pixel_format_of(const video_io::Y4mHeader& header) {
 
 // The name of chroma format, bit depth and siting.
 std::string chroma_name(const PictureFormat& format) {
-    constexpr const char* NAMES[] = {"420", "422", "444", "mono"};
+    constexpr const char* NAMES[] = {"420", "422", "444", "mono", "411"};
     const int depth = bit_depth_of(format.pixel_format);
     const videostabilizer::ChromaFormat chroma = chroma_of(format.pixel_format);
+    if (has_alpha(format.pixel_format)) {
+        return "444alpha";
+    }
     if (depth == 8 && chroma == videostabilizer::CHROMA_420) {
         switch (format.chroma_location) {
             case AVCHROMA_LOC_CENTER:
@@ -118,8 +125,8 @@ video_io::Y4mHeader header_of(const PictureFormat& format, const std::string& li
 }
 
 video_io::Planes y4m_planes(const AVFrame& picture) {
-    return {picture.data[0], picture.data[1], picture.data[2], picture.linesize[0],
-            picture.linesize[1]};
+    return {picture.data[0],     picture.data[1], picture.data[2],    picture.linesize[0],
+            picture.linesize[1], picture.data[3], picture.linesize[3]};
 }
 
 }  // namespace
@@ -151,22 +158,7 @@ std::int64_t Y4mSource::expected_pictures() const {
 
 bool Y4mSource::recognises(video_io::FdSource& stream) {
     constexpr std::string_view MAGIC = "YUV4MPEG2";
-    if (stream.peek(MAGIC.size()) != MAGIC) {
-        return false;
-    }
-    // Byte by byte: a live stream may stop after its header.
-    std::size_t size = MAGIC.size();
-    std::string_view start;
-    do {
-        start = stream.peek(++size);
-    } while (start.size() == size && start.back() != '\n' && size <= video_io::Y4M_LONGEST_LINE);
-    try {
-        video_io::parse_y4m_header(std::string(start.substr(0, start.find('\n'))));
-    } catch (const video_io::Y4mChromaError&) {
-        return false;
-    } catch (const video_io::Y4mError&) {  // the reader reports it
-    }
-    return true;
+    return stream.peek(MAGIC.size()) == MAGIC;
 }
 
 Y4mSink::Y4mSink(const std::string& path, const PictureFormat& format,

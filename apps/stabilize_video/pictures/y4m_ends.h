@@ -25,8 +25,7 @@ class Y4mSource : public PictureSource {
     AvFramePtr read(PictureTag& tag) override;
     std::int64_t expected_pictures() const override;
 
-    // Whether the stream begins with a YUV4MPEG2 header, unless of 4:1:1, which FFmpeg can convert.
-    // Consumes nothing.
+    // Whether the stream begins with a YUV4MPEG2 header. Consumes nothing.
     static bool recognises(video_io::FdSource& stream);
 
   private:
@@ -38,7 +37,7 @@ class Y4mSource : public PictureSource {
 
 class Y4mSink : public PictureSink {
   public:
-    // format       its pixel format is planar
+    // format       its pixel format is planar, with alpha only in 4:4:4 of 8 bits
     // header_line  of the input, to be copied; "": made from the format
     // Throws OutputError, ExistsError.
     Y4mSink(const std::string& path, const PictureFormat& format, const std::string& header_line,
