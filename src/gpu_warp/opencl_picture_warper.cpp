@@ -3,6 +3,7 @@
 #include "gpu_warp/opencl_picture_warper.h"
 
 #include <cstdlib>
+#include <vector>
 
 #include "frames/picture_layout.h"
 #include "gpu_warp/picture_program.h"
@@ -45,6 +46,20 @@ struct RowsInMemory {
           rows(static_cast<std::size_t>(height)) {}
 };
 
+// Whether the device can have work groups of our shape, whatever the kernel.
+bool device_has_group(cl_device_id device) {
+    cl_uint dimensions = 0;
+    if (clGetDeviceInfo(device, CL_DEVICE_MAX_WORK_ITEM_DIMENSIONS, sizeof(dimensions), &dimensions,
+                        nullptr) != CL_SUCCESS ||
+        dimensions < 2) {
+        return false;
+    }
+    std::vector<std::size_t> most(dimensions);
+    return clGetDeviceInfo(device, CL_DEVICE_MAX_WORK_ITEM_SIZES, dimensions * sizeof(std::size_t),
+                           most.data(), nullptr) == CL_SUCCESS &&
+           most[0] >= GROUP[0] && most[1] >= GROUP[1];
+}
+
 }  // namespace
 
 std::unique_ptr<OpenclPictureWarper> OpenclPictureWarper::create(const PictureShape& shape,
@@ -75,7 +90,7 @@ bool OpenclPictureWarper::create_kernel(const char* name, Kernel& kernel) {
             "clGetKernelWorkGroupInfo")) {
         return false;
     }
-    kernel.in_groups = most >= GROUP[0] * GROUP[1];
+    kernel.in_groups = most >= GROUP[0] * GROUP[1] && device_has_group(ocl_runtime().devices[0]);
     return true;
 }
 
