@@ -153,6 +153,15 @@ struct RawOptions {
     bool overwrite = false;
 };
 
+void refuse_stated_opencl(const Options& options) {
+    const bool stated =
+        options.sampling == "stated" || (options.sampling.empty() && options.strength == "gentle");
+    if (options.engine == "opencl" && stated) {
+        throw CLI::ValidationError("--engine opencl",
+                                   "is not for the stated sampling, which gentle has");
+    }
+}
+
 void read_crop(const std::string& crop, Options& options) {
     if (crop == "auto") {
         if (options.strength == "gentle") {
@@ -315,6 +324,7 @@ std::optional<Options> parse_options(int argc, char** argv, int& status) {
         app.parse(argc, argv);
         options.input_options = key_values(raw.input_options);
         read_crop(raw.crop, options);
+        refuse_stated_opencl(options);
         check(options, raw.files);
     } catch (const CLI::ParseError& error) {
         status = app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
