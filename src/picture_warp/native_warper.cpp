@@ -39,8 +39,8 @@ int NativeWarper::warp(const PicturePlanes& source, const WarpMap& luma,
         plane_map(luma, shape_.plane[1].grid, plane_map_);
         chroma_warp_.prepare(shape_.plane[1].shape, plane_map_, kernels_);
     }
-    int strips = 0;
-    for (int k = 0; k < shape_.planes; ++k) {
+    int strips = luma_warp_.strips();
+    for (int k = 1; k < shape_.planes; ++k) {
         strips += warp_of(k).strips();
     }
     const int height = shape_.plane[0].shape.height;
