@@ -21,6 +21,9 @@ constexpr double PAN_Y_SECONDS = 11;
 constexpr double ROLL_SECONDS = 4;
 constexpr double ZOOM_SECONDS = 5;
 
+constexpr double WHIP_SECONDS = 0.3;
+constexpr double WHIP_EVERY_SECONDS = 2;
+
 // Root mean square of the shake at strength 1.
 constexpr double SHAKE_POSITION = 0.006;  // picture widths
 constexpr double SHAKE_ANGLE = 0.006;     // radians
@@ -43,10 +46,24 @@ double moving_seconds(double t) {
     return SET_OFF_SECONDS * s * s * s * (1 - 0.5 * s);
 }
 
-// Smooth step from 0 at t = 0 to 1: 3 s^2 - 2 s^3.
-double set_off(double t) {
-    const double s = std::clamp(t / SET_OFF_SECONDS, 0.0, 1.0);
+// Smooth step from 0 at t = 0 to 1 at t = `seconds`: 3 s^2 - 2 s^3.
+double smooth_step(double t, double seconds) {
+    const double s = std::clamp(t / seconds, 0.0, 1.0);
     return s * s * (3 - 2 * s);
+}
+
+double set_off(double t) {
+    return smooth_step(t, SET_OFF_SECONDS);
+}
+
+// Position of the whipped camera, -1/2 to 1/2.
+double whipped(double t) {
+    const double whips = std::floor(std::max(t, 0.0) / WHIP_EVERY_SECONDS);  // begun so far
+    if (whips == 0) {
+        return -0.5;
+    }
+    const double to = std::fmod(whips, 2) == 0 ? -0.5 : 0.5;
+    return to * (2 * smooth_step(t - whips * WHIP_EVERY_SECONDS, WHIP_SECONDS) - 1);
 }
 
 }  // namespace
@@ -120,22 +137,26 @@ CameraPath::CameraPath(const CameraSettings& settings)
     : settings_(settings),
       x_(make_waves(settings.shake * SHAKE_POSITION * settings.width, mix(settings.seed, 1))),
       y_(make_waves(settings.shake * SHAKE_POSITION * settings.width, mix(settings.seed, 2))),
-      angle_(make_waves(settings.shake * SHAKE_ANGLE, mix(settings.seed, 3))),
+      angle_(make_waves(settings.shake * settings.shake_roll * SHAKE_ANGLE, mix(settings.seed, 3))),
       zoom_(make_waves(settings.shake * SHAKE_ZOOM, mix(settings.seed, 4))) {}
 
-Pose CameraPath::steady(int frame) const {
+Pose CameraPath::steady(double frame) const {
     const double seconds = frame / settings_.fps;
     const double t =
         settings_.hold_seconds > 0 ? moving_seconds(seconds - settings_.hold_seconds) : seconds;
     Pose pose;
-    pose.x = settings_.pan * PAN_X * settings_.width * sin_turns(t / PAN_X_SECONDS);
-    pose.y = settings_.pan * PAN_Y * settings_.height * sin_turns(t / PAN_Y_SECONDS);
+    const double panned = settings_.pan_speed * t;
+    pose.x = settings_.pan * PAN_X * settings_.width * sin_turns(panned / PAN_X_SECONDS);
+    pose.y = settings_.pan * PAN_Y * settings_.height * sin_turns(panned / PAN_Y_SECONDS);
+    if (settings_.whip > 0) {
+        pose.x += settings_.whip * settings_.width * whipped(t);
+    }
     pose.angle = settings_.roll * sin_turns(t / ROLL_SECONDS);
     pose.zoom = 1 + settings_.zoom_swing * sin_turns(t / ZOOM_SECONDS);
     return pose;
 }
 
-Pose CameraPath::shaky(int frame) const {
+Pose CameraPath::shaky(double frame) const {
     const double seconds = frame / settings_.fps;
     const double share =
         settings_.hold_seconds > 0 ? set_off(seconds - settings_.hold_seconds) : 1.0;
@@ -150,7 +171,8 @@ Pose CameraPath::shaky(int frame) const {
 double CameraPath::reach_x() const {
     const double turned = settings_.width + (settings_.roll + bound(angle_)) * settings_.height;
     const double zoom = 1 - settings_.zoom_swing - bound(zoom_);
-    return settings_.pan * PAN_X * settings_.width + bound(x_) + 0.5 * turned / zoom;
+    return (settings_.pan * PAN_X + 0.5 * settings_.whip) * settings_.width + bound(x_) +
+           0.5 * turned / zoom;
 }
 
 double CameraPath::reach_y() const {

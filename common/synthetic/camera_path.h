@@ -49,6 +49,11 @@ struct CameraSettings {
     double roll = 0;          // amplitude of an intended rotation, radians
     double zoom_swing = 0;    // amplitude of an intended zoom, relative, below 1
     std::uint64_t seed = 1;   // of the shake
+    double shake_roll = 1;    // strength of the shake's rotation, relative to that of the rest
+    double pan_speed = 1;     // of the intended movement, relative; above 0
+    // Every two seconds the camera is whipped round by this many picture widths within 0.3 seconds,
+    // to the right and back in turn; part of the intended movement. 0: never.
+    double whip = 0;
 };
 
 // A slow periodic pan, which stays within a known area however long the clip is, optionally with
@@ -59,8 +64,9 @@ class CameraPath {
   public:
     explicit CameraPath(const CameraSettings& settings);
 
-    Pose steady(int frame) const;  // the intended path, without shake
-    Pose shaky(int frame) const;   // the actual path
+    // Between frames, too: both paths are continuous.
+    Pose steady(double frame) const;  // the intended path, without shake
+    Pose shaky(double frame) const;   // the actual path
 
     // Half the size of the scene area that pictures of this path can show, pixels.
     double reach_x() const;

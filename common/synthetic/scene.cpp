@@ -18,8 +18,6 @@ constexpr double UNITS_PER_PICTURE = 360;
 
 constexpr double FOREGROUND_SECONDS = 5;  // period
 
-constexpr int NOISE_BITS = 16;  // size of the noise table; each row starts at a random entry
-
 double unit_of(const CameraSettings& camera) {
     return std::max(1.0, std::min(camera.width, camera.height) / UNITS_PER_PICTURE);
 }
@@ -28,55 +26,48 @@ int even_size(double reach) {
     return 2 * static_cast<int>(std::ceil(reach)) + 4;
 }
 
-// Fixed point: positions with 24 fractional bits, so that rounding errors stay below a thousandth of
-// a pixel over the widest row.
-constexpr int POSITION_BITS = 24;
-constexpr int WEIGHT_BITS = 8;
+// Motion blur: views this many pixels apart at the corners look like one.
+constexpr double SUB_FRAME_PIXELS = 1;
+constexpr int FEWEST_SUB_FRAMES = 4;
+constexpr int MOST_SUB_FRAMES = 32;
 
-std::int64_t to_fixed(double value) {
-    return static_cast<std::int64_t>(std::floor(value * (1 << POSITION_BITS) + 0.5));
-}
-
-// Fills a plane by bilinear sampling of the source; `view` maps destination to source positions,
-// beyond the edges the nearest sample is taken.
-void sample_plane(const std::vector<std::uint8_t>& source, int source_width, int source_height,
-                  const Affine& view, unsigned char* to, std::ptrdiff_t stride, int width,
-                  int height) {
-    // The right and lower neighbours must exist.
-    const std::int64_t last_x = (static_cast<std::int64_t>(source_width - 1) << POSITION_BITS) - 1;
-    const std::int64_t last_y = (static_cast<std::int64_t>(source_height - 1) << POSITION_BITS) - 1;
-    const std::int64_t step_x = to_fixed(view.a);
-    const std::int64_t step_y = to_fixed(view.d);
-    constexpr int WEIGHT_SHIFT = POSITION_BITS - WEIGHT_BITS;
-    constexpr int ONE = 1 << WEIGHT_BITS;
-    for (int row = 0; row < height; ++row) {
-        std::int64_t x = to_fixed(view.map_x(0, row));
-        std::int64_t y = to_fixed(view.map_y(0, row));
-        unsigned char* out = to + row * stride;
-        for (int column = 0; column < width; ++column) {
-            const std::int64_t sx = std::clamp<std::int64_t>(x, 0, last_x);
-            const std::int64_t sy = std::clamp<std::int64_t>(y, 0, last_y);
-            const int fx = static_cast<int>(sx >> WEIGHT_SHIFT) & (ONE - 1);
-            const int fy = static_cast<int>(sy >> WEIGHT_SHIFT) & (ONE - 1);
-            const std::uint8_t* p =
-                source.data() + (sy >> POSITION_BITS) * source_width + (sx >> POSITION_BITS);
-            const int top = p[0] * (ONE - fx) + p[1] * fx;
-            const int bottom = p[source_width] * (ONE - fx) + p[source_width + 1] * fx;
-            out[column] = static_cast<unsigned char>(
-                (top * (ONE - fy) + bottom * fy + ONE * ONE / 2) >> (2 * WEIGHT_BITS));
-            x += step_x;
-            y += step_y;
-        }
+Painting paint(const ClipSettings& settings, const CameraPath& path) {
+    const int width = even_size(path.reach_x());
+    const int height = even_size(path.reach_y());
+    const double unit = unit_of(settings.camera);
+    switch (settings.scenery) {
+        case Scenery::WALLS:
+            return paint_walls(width, height, unit, settings.camera.seed);
+        case Scenery::PAPER:
+            return paint_paper(width, height, unit, settings.camera.seed);
+        case Scenery::TOWN:
+            break;
     }
+    return paint_town(width, height, unit, settings.camera.seed);
 }
 
-// From chroma positions of the picture to chroma positions of the painting. Chroma sample i of
-// either sits at luma position 2 i + 1/2.
-Affine chroma_view(const Affine& luma) {
-    Affine view = luma;
-    view.c = 0.5 * (luma.map_x(0.5, 0.5) - 0.5);
-    view.f = 0.5 * (luma.map_y(0.5, 0.5) - 0.5);
-    return view;
+// Beyond the edges the nearest sample is taken.
+void sample_line(const SourcePlane& source, const Affine& view, const Line& line) {
+    const std::int64_t last_x = source.last_x();
+    const std::int64_t last_y = source.last_y();
+    follow_line(line, view, [&](unsigned char& sample, std::int64_t x, std::int64_t y) {
+        sample = static_cast<unsigned char>(source.at(std::clamp<std::int64_t>(x, 0, last_x),
+                                                      std::clamp<std::int64_t>(y, 0, last_y)));
+    });
+}
+
+// The part of a row or column between columns `left` and `right`; `view` maps from `left` on.
+Line part_of(const Line& line, int left, int right) {
+    Line part = line;
+    if (line.is_row) {
+        part.x = 0;
+        part.to += left * line.step;
+        part.count = right - left;
+    } else {
+        part.x = line.x - left;
+        part.count = line.x >= left && line.x < right ? line.count : 0;
+    }
+    return part;
 }
 
 }  // namespace
@@ -84,79 +75,139 @@ Affine chroma_view(const Affine& luma) {
 ShakyClip::ShakyClip(const ClipSettings& settings)
     : settings_(settings),
       path_(settings.camera),
-      town_(paint_town(even_size(path_.reach_x()), even_size(path_.reach_y()),
-                       unit_of(settings.camera), settings.camera.seed)) {
-    if (settings.noise <= 0) {
-        return;
+      painting_(paint(settings, path_)),
+      actors_(settings.actors, settings.camera),
+      sensor_(settings.sensor, settings.shutter, settings.camera, settings.noise) {}
+
+ShakyClip::Moment ShakyClip::moment_at(double frame) const {
+    Moment moment;
+    moment.view = picture_to_scene(path_.shaky(frame), width(), height());
+    moment.view.c += 0.5 * painting_.width;  // the path's origin is the painting's centre
+    moment.view.f += 0.5 * painting_.height;
+    if (settings_.foreground > 0) {
+        // A strip of the painting that moves to and fro in the scene, seen by the same camera. Its
+        // edges stay vertical in the picture.
+        const double turns = frame / settings_.camera.fps / FOREGROUND_SECONDS;
+        const double walked = 0.5 * (1 - settings_.foreground) * width() * sin_turns(turns);
+        const double middle = 0.5 * width() + walked - path_.shaky(frame).x + path_.steady(frame).x;
+        const double half = 0.5 * settings_.foreground * width();
+        moment.left = std::clamp(static_cast<int>(middle - half), 0, width()) & ~1;
+        moment.right = std::clamp(static_cast<int>(middle + half), 0, width()) & ~1;
+        moment.moved = moment.view;
+        moment.moved.c += moment.view.a * moment.left - walked;
+        moment.moved.f += moment.view.d * moment.left;
     }
-    // Approximately Gaussian: the sum of twelve uniform values has standard deviation 1.
-    Random random(mix(settings.camera.seed, 200));
-    noise_.resize(std::size_t{1} << NOISE_BITS);
-    for (std::int8_t& value : noise_) {
-        double sum = -6;
-        for (int i = 0; i < 12; ++i) {
-            sum += random.unit();
+    moment.actors = actors_.at(frame, path_);
+    return moment;
+}
+
+// Draws line i of luma (plane 0) or of both chroma planes (plane 1).
+void ShakyClip::draw_line(int plane, const Moment& moment, const video_io::Planes& planes,
+                          int i) const {
+    const bool luma = plane == 0;
+    const int divisor = luma ? 1 : 2;
+    const int columns = luma ? width() : (width() + 1) / 2;
+    const int rows = luma ? height() : (height() + 1) / 2;
+    const std::ptrdiff_t stride = luma ? planes.stride_y : planes.stride_uv;
+    const bool is_row = !settings_.shutter.by_columns;
+    const auto line_of = [&](unsigned char* samples) -> Line {
+        return is_row ? Line{samples + i * stride, 1, columns, 0, i, true}
+                      : Line{samples + i, stride, rows, i, 0, false};
+    };
+    const auto draw = [&](unsigned char* samples, const std::vector<std::uint8_t>& source) {
+        const SourcePlane from(source, painting_.width / divisor, painting_.height / divisor);
+        const Line line = line_of(samples);
+        sample_line(from, luma ? moment.view : chroma_view(moment.view), line);
+        if (moment.left < moment.right) {
+            sample_line(from, luma ? moment.moved : chroma_view(moment.moved),
+                        part_of(line, moment.left / divisor, moment.right / divisor));
         }
-        value = static_cast<std::int8_t>(
-            std::clamp(std::floor(settings.noise * sum + 0.5), -127.0, 127.0));
+    };
+    if (luma) {
+        draw(planes.y, painting_.y);
+        actors_.draw_luma(moment.actors, line_of(planes.y));
+    } else {
+        draw(planes.u, painting_.u);
+        draw(planes.v, painting_.v);
+        actors_.draw_chroma(moment.actors, line_of(planes.u), line_of(planes.v));
     }
 }
 
-// Draws the painting seen through `view` into `columns` columns from x on, both even except for the
-// last column of an odd picture.
-void ShakyClip::draw(const Affine& view, const video_io::Planes& planes, int x, int columns) const {
-    sample_plane(town_.y, town_.width, town_.height, view, planes.y + x, planes.stride_y, columns,
-                 height());
-    const Affine chroma = chroma_view(view);
-    const int chroma_width = (columns + 1) / 2;
-    const int chroma_height = (height() + 1) / 2;
-    sample_plane(town_.u, town_.width / 2, town_.height / 2, chroma, planes.u + x / 2,
-                 planes.stride_uv, chroma_width, chroma_height);
-    sample_plane(town_.v, town_.width / 2, town_.height / 2, chroma, planes.v + x / 2,
-                 planes.stride_uv, chroma_width, chroma_height);
+// The picture of a shutter that is open for a moment only, without what the sensor does to it.
+void ShakyClip::draw_at(double frame, const video_io::Planes& planes) const {
+    const ShutterSettings& shutter = settings_.shutter;
+    const int lines = shutter.by_columns ? width() : height();
+    const bool rolls = std::abs(shutter.readout) > 0;
+    Moment moment = moment_at(frame);
+    for (int i = 0; i < lines; ++i) {
+        if (rolls) {
+            moment = moment_at(frame + shutter.line_time(i, lines));
+        }
+        draw_line(0, moment, planes, i);
+    }
+    for (int i = 0; i < (lines + 1) / 2; ++i) {
+        if (rolls) {
+            moment = moment_at(frame + shutter.line_time(2 * i + 0.5, lines));
+        }
+        draw_line(1, moment, planes, i);
+    }
+}
+
+// Views to average for the motion blur of a frame.
+int ShakyClip::sub_frames(int frame) const {
+    const double half = 0.5 * settings_.shutter.exposure;
+    if (half <= 0) {
+        return 1;
+    }
+    const Affine motion =
+        true_motion(path_.shaky(frame - half), path_.shaky(frame + half), width(), height());
+    double furthest = 0;
+    for (const int x : {0, width()}) {
+        for (const int y : {0, height()}) {
+            furthest = std::max(
+                {furthest, std::abs(motion.map_x(x, y) - x), std::abs(motion.map_y(x, y) - y)});
+        }
+    }
+    return std::clamp(static_cast<int>(furthest / SUB_FRAME_PIXELS), FEWEST_SUB_FRAMES,
+                      MOST_SUB_FRAMES);
 }
 
 void ShakyClip::render(int frame, const video_io::Planes& planes) const {
-    Affine view = picture_to_scene(path_.shaky(frame), width(), height());
-    view.c += 0.5 * town_.width;  // the path's origin is the painting's centre
-    view.f += 0.5 * town_.height;
-    draw(view, planes, 0, width());
-    if (settings_.foreground > 0) {
-        draw_foreground(frame, view, planes);
-    }
-    if (!noise_.empty()) {
-        add_noise(frame, planes);
-    }
-}
-
-// A strip of the painting that moves to and fro in the scene, seen by the same camera. Its edges stay
-// vertical in the picture.
-void ShakyClip::draw_foreground(int frame, const Affine& view,
-                                const video_io::Planes& planes) const {
-    const double turns = frame / settings_.camera.fps / FOREGROUND_SECONDS;
-    const double walked = 0.5 * (1 - settings_.foreground) * width() * sin_turns(turns);
-    const double middle = 0.5 * width() + walked - path_.shaky(frame).x + path_.steady(frame).x;
-    const double half = 0.5 * settings_.foreground * width();
-    const int left = std::clamp(static_cast<int>(middle - half), 0, width()) & ~1;
-    const int right = std::clamp(static_cast<int>(middle + half), 0, width()) & ~1;
-    Affine moved = view;
-    moved.c += view.a * left - walked;
-    moved.f += view.d * left;
-    draw(moved, planes, left, right - left);
-}
-
-void ShakyClip::add_noise(int frame, const video_io::Planes& planes) const {
-    constexpr std::size_t MASK = (std::size_t{1} << NOISE_BITS) - 1;
-    for (int row = 0; row < height(); ++row) {
-        const auto start =
-            static_cast<std::size_t>(mix(settings_.camera.seed, static_cast<std::uint64_t>(frame),
-                                         static_cast<std::uint64_t>(row)));
-        unsigned char* out = planes.y + row * planes.stride_y;
-        for (int column = 0; column < width(); ++column) {
-            const int value =
-                out[column] + noise_[(start + static_cast<std::size_t>(column)) & MASK];
-            out[column] = static_cast<unsigned char>(std::clamp(value, 0, 255));
+    const int views = sub_frames(frame);
+    if (views == 1) {
+        draw_at(frame, planes);
+    } else {
+        const int chroma_width = (width() + 1) / 2;
+        const int chroma_height = (height() + 1) / 2;
+        const std::ptrdiff_t luma = std::ptrdiff_t{width()} * height();
+        const std::ptrdiff_t chroma = std::ptrdiff_t{chroma_width} * chroma_height;
+        std::vector<unsigned char> view(static_cast<std::size_t>(luma + 2 * chroma));
+        std::vector<int> sums(view.size());
+        const video_io::Planes parts{view.data(), view.data() + luma, view.data() + luma + chroma,
+                                     width(), chroma_width};
+        for (int i = 0; i < views; ++i) {
+            draw_at(frame + settings_.shutter.exposure * ((i + 0.5) / views - 0.5), parts);
+            for (std::size_t k = 0; k < sums.size(); ++k) {
+                sums[k] += view[k];
+            }
         }
+        const int* sum = sums.data();
+        const auto average = [&](unsigned char* to, std::ptrdiff_t stride, int columns, int rows) {
+            for (int y = 0; y < rows; ++y) {
+                for (int x = 0; x < columns; ++x) {
+                    to[y * stride + x] = static_cast<unsigned char>((*sum++ + views / 2) / views);
+                }
+            }
+        };
+        average(planes.y, planes.stride_y, width(), height());
+        average(planes.u, planes.stride_uv, chroma_width, chroma_height);
+        average(planes.v, planes.stride_uv, chroma_width, chroma_height);
+    }
+    sensor_.expose(frame, planes);
+    sensor_.read(frame, planes);
+    actors_.draw_overlay(planes);
+    if (settings_.sensor.compression > 0) {
+        sensor_.compress(planes);
     }
 }
 

@@ -5,7 +5,10 @@
 #include <cstdint>
 #include <vector>
 
+#include "common/synthetic/actors.h"
 #include "common/synthetic/camera_path.h"
+#include "common/synthetic/sampling.h"
+#include "common/synthetic/sensor.h"
 #include "common/synthetic/town.h"
 #include "common/video_io/y4m.h"
 
@@ -17,18 +20,28 @@ struct ClipSettings {
     // Width of an object that moves to and fro in the foreground, as high as the picture; share of
     // the picture's width, 0..1.
     double foreground = 0;
+    Scenery scenery = Scenery::TOWN;
+    ShutterSettings shutter;
+    ActorSettings actors;
+    SensorSettings sensor;
 };
 
 // A shaky clip of any length, rendered frame by frame, whose true camera motion is known. The same
 // settings give the same bytes on every machine.
+//
+// With a rolling shutter or motion blur every line shows the scene, and what stands in it, at the
+// moments of its own exposure along the continuous path; the true pose of a frame is that in the
+// middle of the exposure of its middle line.
 //
 // Threads: thread-safe.
 class ShakyClip {
   public:
     // Upper limits of the settings.
     static constexpr int LARGEST_SIDE = 8192;  // pixels
-    static constexpr double STRONGEST_SHAKE = 10;
+    static constexpr double STRONGEST_SHAKE = 30;
     static constexpr double WIDEST_PAN = 4;
+    static constexpr double WIDEST_WHIP = 2;
+    static constexpr double STRONGEST_ROLL = 0.8;  // radians
 
     // Any size from 1 up, also odd.
     explicit ShakyClip(const ClipSettings& settings);
@@ -44,14 +57,24 @@ class ShakyClip {
     Affine motion(int from, int to) const;
 
   private:
-    void draw(const Affine& view, const video_io::Planes& planes, int x, int columns) const;
-    void draw_foreground(int frame, const Affine& view, const video_io::Planes& planes) const;
-    void add_noise(int frame, const video_io::Planes& planes) const;
+    // What a line of the picture sees.
+    struct Moment {
+        Affine view;              // from the picture to the painting
+        int left = 0, right = 0;  // columns of the object in the foreground
+        Affine moved;             // from these columns to the painting
+        Actors::Moment actors;
+    };
+
+    Moment moment_at(double frame) const;
+    int sub_frames(int frame) const;
+    void draw_at(double frame, const video_io::Planes& planes) const;
+    void draw_line(int plane, const Moment& moment, const video_io::Planes& planes, int i) const;
 
     ClipSettings settings_;
     CameraPath path_;
-    Painting town_;
-    std::vector<std::int8_t> noise_;
+    Painting painting_;
+    Actors actors_;
+    Sensor sensor_;
 };
 
 }  // namespace synthetic

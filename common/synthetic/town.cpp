@@ -266,4 +266,31 @@ Painting paint_town(int width, int height, double unit, std::uint64_t seed) {
     return finish(canvas);
 }
 
+Painting paint_walls(int width, int height, double unit, std::uint64_t seed) {
+    constexpr Colour WALL = rgb(150, 142, 130);
+    Canvas canvas(width, height, unit);
+    canvas.rectangle(0, 0, width / unit, height / unit, WALL);
+    Random random(mix(seed, 110));
+    for (double x = 0; x < width / unit; x += random.between(60, 140)) {
+        for (double y = -20; y < height / unit; y += random.between(60, 140)) {
+            const double right = x + random.between(15, 70);
+            const double bottom = y + random.between(15, 70);
+            canvas.fill(y, bottom, x, right, x, right, lighter(WALL, random.below(17) - 8));
+        }
+    }
+    add_noise(canvas, 220 * unit, 30, mix(seed, 111));
+    add_noise(canvas, 60 * unit, 8, mix(seed, 112));
+    add_noise(canvas, 14 * unit, 2, mix(seed, 113));
+    return finish(canvas);
+}
+
+Painting paint_paper(int width, int height, double unit, std::uint64_t seed) {
+    Canvas canvas(width, height, unit);
+    canvas.rectangle(0, 0, width / unit, height / unit, rgb(150, 150, 148));
+    canvas.disc(0.5 * width / unit, 0.5 * height / unit, 14, rgb(40, 40, 44));
+    add_noise(canvas, 300 * unit, 6, mix(seed, 120));  // shading
+    add_noise(canvas, 3 * unit, 0.7, mix(seed, 121));  // fibres
+    return finish(canvas);
+}
+
 }  // namespace synthetic

@@ -16,6 +16,9 @@ struct Painting {
     std::vector<std::uint8_t> v;
 };
 
+// What a clip can show.
+enum class Scenery { TOWN, WALLS, PAPER };
+
 // Paints a hillside town: rows of gabled houses with windows, trees, soft shadows. There are corners
 // to detect, texture at many scales and colour everywhere.
 //
@@ -23,5 +26,11 @@ struct Painting {
 // unit           size of the smallest details, pixels, at least 1; a window is 7 units wide
 // seed           selects the town; the same on every machine
 Painting paint_town(int width, int height, double unit, std::uint64_t seed);
+
+// Likewise, rooms with plain walls: soft shading, few and faint edges.
+Painting paint_walls(int width, int height, double unit, std::uint64_t seed);
+
+// Likewise, grey paper, which is all but plain, with one dark dot in the middle.
+Painting paint_paper(int width, int height, double unit, std::uint64_t seed);
 
 }  // namespace synthetic
