@@ -5,8 +5,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <array>
 #include <cmath>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -22,7 +22,21 @@
 #include "common/shaky_clip/clip_options.h"
 #include "common/synthetic/scene.h"
 #include "common/synthetic/shake_metrics.h"
+#include "videostabilizer/log.h"
 #include "videostabilizer/videostabilizer.h"
+
+// In place of the library's: pairs and motions that are not found are what is counted here.
+extern "C" int __android_log_print(int priority, const char* /*tag*/, const char* format, ...) {
+    constexpr int ERROR = 6;
+    if (priority < ERROR) {
+        return 0;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = std::vfprintf(stderr, format, arguments);
+    va_end(arguments);
+    return length;
+}
 
 namespace {
 
@@ -84,7 +98,7 @@ Affine inverse(const Affine& m) {
             -m.d / det, m.a / det,  (m.c * m.d - m.a * m.f) / det};
 }
 
-// The options between `begin` and the end of a line, as shaky-clip takes them.
+// From options as shaky-clip takes them.
 synthetic::ClipSettings parse_clip(const std::string& text) {
     synthetic::ClipOptions options;
     options.size = "640x360";
@@ -217,8 +231,8 @@ std::vector<synthetic::PathPoint> true_path(const synthetic::ShakyClip& clip,
     const double centre_y = 0.5 * clip.height();
     std::vector<synthetic::PathPoint> path;
     for (const Affine& back : origins) {
-        const Affine view = synthetic::picture_to_scene(
-            clip.path().shaky(static_cast<int>(path.size())), clip.width(), clip.height());
+        const Affine view = synthetic::picture_to_scene(clip.pose(static_cast<int>(path.size())),
+                                                        clip.width(), clip.height());
         const double x = centre_x + shift * (back.map_x(centre_x, centre_y) - centre_x);
         const double y = centre_y + shift * (back.map_y(centre_x, centre_y) - centre_y);
         path.push_back({view.map_x(x, y), view.map_y(x, y),
@@ -298,7 +312,8 @@ int run(int argc, char** argv) {
         "dB."};
     app.add_option("NAMES", options.names, "Clips of the file; without names: all of them");
     app.add_option("--file", options.file, "Names and options of clips")->capture_default_str();
-    app.add_option("--clip", options.clip, "One clip instead, by its options: --clip '--noise 9'");
+    app.add_option("--clip", options.clip,
+                   "One clip instead, by its options: --clip=\"--noise 9 --face 0.4\"");
     app.add_option("--strength", options.strength, "0: gentle ... 3: maximum")
         ->check(CLI::Range(0, 3))
         ->capture_default_str();

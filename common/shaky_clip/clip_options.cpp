@@ -65,9 +65,12 @@ void add_numbers(CLI::App& app, ClipOptions& options) {
          "Motion blur: exposure time, share of the frame interval"},
         {"Shutter", "--readout", clip.shutter.readout, -1, 1,
          "Rolling shutter: from the first row to the last, share of the frame interval; below\n"
-         "0 from the last to the first. The true path is that of the middle row"},
+         "0 from the last to the first. The true path is that of the middle row, and with\n"
+         "motion blur the mean over its exposure"},
         {"Light", "--brightness", clip.sensor.brightness, 0.01, 2, "Factor; below 1: darker"},
         {"Light", "--contrast", clip.sensor.contrast, 0.01, 2, "Factor, about a middle grey"},
+        {"Light", "--scene-contrast", clip.scene_contrast, 0, 1,
+         "Factor likewise, not for what is in the foreground"},
         {"Light", "--haze", clip.sensor.haze, 0, 1, "Share of a bright veil"},
         {"Light", "--exposure", clip.sensor.exposure, 0, 0.9,
          "The exposure changes by this share, in waves and in steps"},

@@ -51,7 +51,7 @@ void print_line(video_io::FdSink& sink, const std::string& line) {
 }
 
 std::string path_line(const synthetic::ShakyClip& clip, const Options& options, int frame) {
-    const synthetic::Pose shaky = clip.path().shaky(frame);
+    const synthetic::Pose shaky = clip.pose(frame);
     const synthetic::Pose steady = clip.path().steady(frame);
     const synthetic::Affine motion =
         frame == 0 ? synthetic::Affine() : clip.motion(frame - 1, frame);

@@ -18,6 +18,8 @@ constexpr double UNITS_PER_PICTURE = 360;
 
 constexpr double FOREGROUND_SECONDS = 5;  // period
 
+constexpr double MIDDLE_GREY = 118;
+
 double unit_of(const CameraSettings& camera) {
     return std::max(1.0, std::min(camera.width, camera.height) / UNITS_PER_PICTURE);
 }
@@ -32,18 +34,19 @@ constexpr int FEWEST_SUB_FRAMES = 4;
 constexpr int MOST_SUB_FRAMES = 32;
 
 Painting paint(const ClipSettings& settings, const CameraPath& path) {
-    const int width = even_size(path.reach_x());
-    const int height = even_size(path.reach_y());
-    const double unit = unit_of(settings.camera);
-    switch (settings.scenery) {
-        case Scenery::WALLS:
-            return paint_walls(width, height, unit, settings.camera.seed);
-        case Scenery::PAPER:
-            return paint_paper(width, height, unit, settings.camera.seed);
-        case Scenery::TOWN:
-            break;
+    using Painter = Painting (*)(int, int, double, std::uint64_t);
+    const Painter painter = settings.scenery == Scenery::WALLS   ? paint_walls
+                            : settings.scenery == Scenery::PAPER ? paint_paper
+                                                                 : paint_town;
+    Painting painting = painter(even_size(path.reach_x()), even_size(path.reach_y()),
+                                unit_of(settings.camera), settings.camera.seed);
+    if (settings.scene_contrast < 1) {
+        for (std::uint8_t& level : painting.y) {
+            level = static_cast<std::uint8_t>(
+                std::floor(MIDDLE_GREY + settings.scene_contrast * (level - MIDDLE_GREY) + 0.5));
+        }
     }
-    return paint_town(width, height, unit, settings.camera.seed);
+    return painting;
 }
 
 // Beyond the edges the nearest sample is taken.
@@ -211,8 +214,24 @@ void ShakyClip::render(int frame, const video_io::Planes& planes) const {
     }
 }
 
+// Gauss' quadrature with three points, exact for polynomials of degree 5.
+Pose ShakyClip::pose(int frame) const {
+    const double exposure = settings_.shutter.exposure;
+    Pose mean = path_.shaky(frame);
+    if (exposure <= 0) {
+        return mean;
+    }
+    const double offset = 0.5 * exposure * std::sqrt(0.6);
+    const Pose before = path_.shaky(frame - offset);
+    const Pose after = path_.shaky(frame + offset);
+    for (double Pose::*const part : {&Pose::x, &Pose::y, &Pose::angle, &Pose::zoom}) {
+        mean.*part = (5 * before.*part + 8 * mean.*part + 5 * after.*part) / 18;
+    }
+    return mean;
+}
+
 Affine ShakyClip::motion(int from, int to) const {
-    return true_motion(path_.shaky(from), path_.shaky(to), width(), height());
+    return true_motion(pose(from), pose(to), width(), height());
 }
 
 }  // namespace synthetic

@@ -21,6 +21,7 @@ struct ClipSettings {
     // the picture's width, 0..1.
     double foreground = 0;
     Scenery scenery = Scenery::TOWN;
+    double scene_contrast = 1;  // of the scenery, not of what stands before it; factor, 0..1
     ShutterSettings shutter;
     ActorSettings actors;
     SensorSettings sensor;
@@ -30,8 +31,7 @@ struct ClipSettings {
 // settings give the same bytes on every machine.
 //
 // With a rolling shutter or motion blur every line shows the scene, and what stands in it, at the
-// moments of its own exposure along the continuous path; the true pose of a frame is that in the
-// middle of the exposure of its middle line.
+// moments of its own exposure along the continuous path.
 //
 // Threads: thread-safe.
 class ShakyClip {
@@ -53,7 +53,11 @@ class ShakyClip {
     // Draws picture `frame` (from 0): width x height luma, half size (rounded up) chroma.
     void render(int frame, const video_io::Planes& planes) const;
 
-    // The true motion, maps positions in frame `from` to frame `to`, in pixels.
+    // The true pose of a frame: that of its middle line, the mean over the exposure, which is where
+    // a blurred picture seems to be taken from.
+    Pose pose(int frame) const;
+
+    // The true motion between these poses, maps positions in frame `from` to frame `to`, in pixels.
     Affine motion(int from, int to) const;
 
   private:

@@ -28,7 +28,8 @@ struct ShutterSettings {
     double exposure =
         0;  // 0..1: share of the frame interval; the pictures blur by the motion in it
     // -1..1: share of the frame interval from the first row to the last; below 0 from the last to
-    // the first. Frame n is at time n in the middle of the exposure of its middle row.
+    // the first. Frame n is at time n in the middle of the exposure of its middle row, half-way
+    // between the first and the last.
     double readout = 0;
     bool by_columns = false;  // columns in place of rows, as in turned pictures
 
