@@ -30,8 +30,8 @@ double noise_at(double x, double y, double period, std::uint64_t seed) {
     const double column = std::floor(x / period);
     const double row = std::floor(y / period);
     const auto lattice = [=](int dx, int dy) {
-        const auto cell = mix(seed, static_cast<std::uint64_t>(static_cast<int>(column) + dx),
-                              static_cast<std::uint64_t>(static_cast<int>(row) + dy));
+        const auto cell = mix(seed, static_cast<std::uint64_t>(std::llround(column) + dx),
+                              static_cast<std::uint64_t>(std::llround(row) + dy));
         return static_cast<double>(cell >> 11U) * 0x1p-52 - 1;
     };
     double s = x / period - column;

@@ -145,7 +145,8 @@ Sensor::Sensor(const SensorSettings& settings, const ShutterSettings& shutter,
         for (int level = 0; level < 256; ++level) {
             // Black has some noise, too.
             const double light = std::max(level - BLACK, 2) / 219.0;
-            shot_.push_back(static_cast<int>(256 * settings.shot_noise * std::sqrt(light) + 0.5));
+            shot_.push_back(
+                static_cast<int>(std::floor(256 * settings.shot_noise * std::sqrt(light) + 0.5)));
         }
     }
 }
@@ -181,6 +182,7 @@ void Sensor::expose(int frame, const video_io::Planes& planes) const {
                       : shutter_.by_columns                                     ? width
                                                                                 : height;
     std::vector<Gain> gains;
+    gains.reserve(static_cast<std::size_t>(lines));
     for (int i = 0; i < lines; ++i) {
         gains.push_back(gain_at(frame, lines > 1 ? shutter_.line_time(i, lines) : 0));
     }

@@ -271,12 +271,17 @@ Painting paint_walls(int width, int height, double unit, std::uint64_t seed) {
     Canvas canvas(width, height, unit);
     canvas.rectangle(0, 0, width / unit, height / unit, WALL);
     Random random(mix(seed, 110));
-    for (double x = 0; x < width / unit; x += random.between(60, 140)) {
-        for (double y = -20; y < height / unit; y += random.between(60, 140)) {
-            const double right = x + random.between(15, 70);
-            const double bottom = y + random.between(15, 70);
-            canvas.fill(y, bottom, x, right, x, right, lighter(WALL, random.below(17) - 8));
-        }
+    // Doors, pictures, corners: some 100 units apart.
+    constexpr double APART = 100;
+    const int columns = static_cast<int>(width / unit / APART) + 1;
+    const int rows = static_cast<int>(height / unit / APART) + 1;
+    for (int i = 0; i < columns * rows; ++i) {
+        const int row = i / columns;
+        const double x = (i - row * columns) * APART + random.between(-30, 30);
+        const double y = row * APART + random.between(-30, 30);
+        const double panel_width = random.between(15, 70);
+        const double panel_height = random.between(15, 70);
+        canvas.rectangle(x, y, panel_width, panel_height, lighter(WALL, random.below(17) - 8));
     }
     add_noise(canvas, 220 * unit, 30, mix(seed, 111));
     add_noise(canvas, 60 * unit, 8, mix(seed, 112));

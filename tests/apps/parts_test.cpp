@@ -28,22 +28,66 @@ namespace {
 
 using testing::HasSubstr;
 
+std::uint64_t fnv_1a(const std::vector<unsigned char>& bytes) {
+    return std::accumulate(
+        bytes.begin(), bytes.end(), std::uint64_t{0xcbf29ce484222325U},
+        [](std::uint64_t hash, unsigned char byte) { return (hash ^ byte) * 0x100000001b3U; });
+}
+
 // Results on different machines are compared, so every machine must make the same clip. Other values
 // mean another clip: then results before and after cannot be compared.
 TEST(ShakyClip, IsTheSameEverywhere) {
-    synthetic::ClipSettings settings;
-    settings.camera.width = 97;
-    settings.camera.height = 61;
-    settings.noise = 3;
-    const synthetic::ShakyClip clip(settings);
-    const PictureBuffer picture(video_io::make_y4m_header(clip.width(), clip.height(), "30:1"));
-    clip.render(100, picture.planes);
-    const auto fnv_1a = [](std::uint64_t hash, unsigned char byte) {
-        return (hash ^ byte) * 0x100000001b3U;
-    };
-    EXPECT_EQ(std::accumulate(picture.pixels.begin(), picture.pixels.end(),
-                              std::uint64_t{0xcbf29ce484222325U}, fnv_1a),
-              10219615497223829076U);
+    synthetic::ClipSettings plain;
+    plain.camera.width = 97;
+    plain.camera.height = 61;
+    plain.noise = 3;
+    synthetic::ClipSettings hard = plain;
+    hard.camera.whip = 1;
+    hard.foreground = 0.2;
+    hard.scene_contrast = 0.5;
+    hard.shutter = {0.5, 0.7, true};
+    hard.actors = {0.3, 0.3, 0.4, 0.2, 0.3};
+    hard.sensor = {0.8, 0.9, 0.2, 0.3, 10, 0.2, 100, 5, 12};
+    const struct {
+        const synthetic::ClipSettings& settings;
+        std::uint64_t hash;
+    } cases[] = {{plain, 10219615497223829076U}, {hard, 905734893486060761U}};
+    for (const auto& c : cases) {
+        const synthetic::ShakyClip clip(c.settings);
+        const PictureBuffer picture(video_io::make_y4m_header(clip.width(), clip.height(), "30:1"));
+        clip.render(100, picture.planes);
+        EXPECT_EQ(fnv_1a(picture.pixels), c.hash);
+    }
+}
+
+// Each line of a rolling shutter is the one that a camera without has at that moment; the frame rate
+// of that one is so high that it has a frame for every line.
+TEST(ShakyClip, RollsLineByLine) {
+    for (const bool by_columns : {false, true}) {
+        for (const double readout : {1.0, -1.0}) {
+            SCOPED_TRACE(testing::Message() << readout << (by_columns ? " columns" : " rows"));
+            constexpr int SIDE = 31;
+            synthetic::ClipSettings settings;
+            settings.camera.width = settings.camera.height = SIDE;
+            settings.camera.shake = 10;
+            settings.actors.person = 0.5;
+            synthetic::ClipSettings fast = settings;
+            fast.camera.fps *= SIDE;
+            settings.shutter = {0, readout, by_columns};
+            const auto header = video_io::make_y4m_header(SIDE, SIDE, "30:1");
+            const PictureBuffer rolled(header);
+            const PictureBuffer whole(header);
+            synthetic::ShakyClip(settings).render(7, rolled.planes);
+            const synthetic::ShakyClip clip(fast);
+            for (int i = 0; i < SIDE; ++i) {
+                clip.render(7 * SIDE + static_cast<int>(readout) * (i - SIDE / 2), whole.planes);
+                for (int k = 0; k < SIDE; ++k) {
+                    const int sample = by_columns ? k * SIDE + i : i * SIDE + k;
+                    EXPECT_NEAR(rolled.planes.y[sample], whole.planes.y[sample], 1) << i;
+                }
+            }
+        }
+    }
 }
 
 // That frames come back as they were read is shown by fuzz/y4m_fuzz.cpp.
