@@ -357,4 +357,19 @@ TEST(Media, MakesComparisonPlotAndFigures) {
     EXPECT_EQ(studio.size("out.png"), "width=1200|height=1050\n");
 }
 
+// Nothing is worse than "shake 0.00 before, 0.00 after" of a clip that shakes unseen.
+TEST(Media, TellsThatNoMotionWasFound) {
+    const Studio studio;
+    studio.make("-f lavfi -i color=gray:s=320x240:r=30:d=1 grey.y4m");
+    const Outcome outcome = run_program(studio, "grey.y4m out.mp4 --json out.json --plot out.svg");
+    ASSERT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_THAT(outcome.errors, HasSubstr("note: no motion was found"));
+    EXPECT_THAT(outcome.errors, HasSubstr("shake not found\n"));
+    const auto json = nlohmann::json::parse(read_file(studio.file("out.json")));
+    EXPECT_EQ(json["motion_found"], false);
+    EXPECT_EQ(json["failed_motions"], 29);
+    EXPECT_TRUE(json["shake"]["before_px_rms"].is_null());
+    EXPECT_TRUE(json["reduction_db"]["jitter"].is_null());
+}
+
 }  // namespace

@@ -55,9 +55,16 @@ struct Panel {
 constexpr Panel PANELS[] = {
     {"to the right [pixels]", [](const CameraView& view) { return view.x; }},
     {"down [pixels]", [](const CameraView& view) { return view.y; }},
-    {"turned clockwise [degrees]", [](const CameraView& view) { return view.angle * DEGREES; }},
+    {"clockwise [degrees]", [](const CameraView& view) { return view.angle * DEGREES; }},
 };
-constexpr int PANEL_COUNT = 3;
+
+// What a panel shows; the axis includes `low` and `high`.
+struct Graph {
+    const char* label;
+    std::vector<PLFLT> shaky;  // empty: there is one line only
+    std::vector<PLFLT> steady;
+    double low, high;
+};
 
 std::vector<PLFLT> values(const std::vector<CameraView>& views, const Panel& panel) {
     std::vector<PLFLT> result;
@@ -92,6 +99,7 @@ void draw_sample(double x, const char* text, Colour colour, double width) {
 void PathPlot::add(const FollowedFrame& point) {
     shaky_.push_back(point.shaky);
     steady_.push_back(point.steady);
+    crops_.push_back(static_cast<double>(point.report.crop));
 }
 
 bool PathPlot::knows(const std::string& path) {
@@ -122,24 +130,35 @@ std::vector<double> PathPlot::times() const {
     return times;
 }
 
+bool PathPlot::crop_changes() const {
+    const auto [least, most] = std::minmax_element(crops_.begin(), crops_.end());
+    return !crops_.empty() && *most > *least;
+}
+
 void PathPlot::draw_panels(const std::vector<double>& times) const {
     const double last = times.size() > 1 ? times.back() : 1;
-    const double height = (TOP - BOTTOM - (PANEL_COUNT - 1) * GAP) / PANEL_COUNT;
-    for (int i = 0; i < PANEL_COUNT; ++i) {
-        const Panel& panel = PANELS[i];
-        const std::vector<PLFLT> shaky = values(shaky_, panel);
-        const std::vector<PLFLT> steady = values(steady_, panel);
-        double low = 0;
-        double high = 0;
-        for (const auto* line : {&shaky, &steady}) {
+    std::vector<Graph> graphs;
+    for (const Panel& panel : PANELS) {
+        graphs.push_back({panel.label, values(shaky_, panel), values(steady_, panel), 0, 0});
+    }
+    if (crop_changes()) {
+        const auto [least, most] = std::minmax_element(crops_.begin(), crops_.end());
+        graphs.push_back({"shown part", {}, crops_, *least, *most});
+    }
+    const auto count = static_cast<double>(graphs.size());
+    const double height = (TOP - BOTTOM - (count - 1) * GAP) / count;
+    double top = TOP;
+    for (const Graph& graph : graphs) {
+        double low = graph.low;
+        double high = graph.high;
+        for (const auto* line : {&graph.shaky, &graph.steady}) {
             for (const double value : *line) {
                 low = std::min(low, value);
                 high = std::max(high, value);
             }
         }
         const double margin = std::max(0.05 * (high - low), 1e-3);
-        const double top = TOP - i * (height + GAP);
-        const bool lowest = i == PANEL_COUNT - 1;
+        const bool lowest = &graph == &graphs.back();
         plvpor(LEFT, RIGHT, top - height, top);
         plwind(0, last, low - margin, high + margin);
         plschr(0, 0.65);
@@ -148,12 +167,15 @@ void PathPlot::draw_panels(const std::vector<double>& times) const {
         plbox("g", 0, 0, "g", 0, 0);
         plcol0(INK);
         plbox(lowest ? "bcnst" : "bcst", 0, 0, "bcnstv", 0, 0);
-        plmtex("l", 5.0, 0.5, 0.5, panel.label);
+        plmtex("l", 5.0, 0.5, 0.5, graph.label);
         if (lowest) {
             plmtex("b", 3.0, 0.5, 0.5, frame_rate_ > 0 ? "time [seconds]" : "frame");
         }
-        draw_line(times, shaky, SHAKY, 1.2);
-        draw_line(times, steady, STEADY, 2.5);
+        if (!graph.shaky.empty()) {
+            draw_line(times, graph.shaky, SHAKY, 1.2);
+        }
+        draw_line(times, graph.steady, STEADY, 2.5);
+        top -= height + GAP;
     }
 }
 

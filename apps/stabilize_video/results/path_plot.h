@@ -9,7 +9,8 @@
 
 namespace apps {
 
-// Plot of the camera path before and after: x, y and angle over time. Threads: owner only.
+// Plot of the camera path before and after: x, y and angle over time; beside them the crop, where it
+// changes. Threads: owner only.
 class PathPlot {
   public:
     // frame_rate  frames per second; 0: the time axis is in frames
@@ -34,6 +35,7 @@ class PathPlot {
 
   private:
     std::vector<double> times() const;
+    bool crop_changes() const;
     void draw_panels(const std::vector<double>& times) const;
     void draw_texts() const;
 
@@ -42,6 +44,7 @@ class PathPlot {
     std::string summary_;
     std::vector<CameraView> shaky_;
     std::vector<CameraView> steady_;
+    std::vector<double> crops_;
 };
 
 }  // namespace apps

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -48,6 +50,7 @@ void ShakeReport::add(const FollowedFrame& point) noexcept {
     const double crop = static_cast<double>(point.report.crop);
     crops_ += crop;
     least_crop_ = std::min(least_crop_, crop);
+    most_crop_ = std::max(most_crop_, crop);
     ++frames_;
 }
 
@@ -56,8 +59,13 @@ double ShakeReport::mean_track_ratio() const {
     return found > 0 ? track_ratios_ / static_cast<double>(found) : 0;
 }
 
+bool ShakeReport::is_measured() const {
+    return frames_ > 2 && 2 * failed_ < motions_;
+}
+
 double ShakeReport::rms(const Track& track) const {
-    return frames_ > 2 ? std::sqrt(track.squares / static_cast<double>(frames_ - 2)) : 0;
+    return is_measured() ? std::sqrt(track.squares / static_cast<double>(frames_ - 2))
+                         : std::numeric_limits<double>::quiet_NaN();
 }
 
 double ShakeReport::shake_before() const {
@@ -71,6 +79,28 @@ double ShakeReport::shake_after() const {
 double ShakeReport::residual_db() const {
     constexpr double NOTHING = 1e-6;  // pixels
     return 20 * std::log10(std::max(shake_after(), NOTHING) / std::max(shake_before(), NOTHING));
+}
+
+std::string ShakeReport::shake_text() const {
+    if (!is_measured()) {
+        return "shake not found";
+    }
+    char text[96];
+    std::snprintf(text, sizeof text, "shake %.2f pixels before, %.2f after", shake_before(),
+                  shake_after());
+    return text;
+}
+
+std::string ShakeReport::lost_note() const {
+    constexpr std::int64_t MANY = 10;  // more than one in so many
+    if (MANY * failed_ <= motions_) {
+        return "";
+    }
+    if (failed_ == motions_) {
+        return "no motion was found in the pictures; they are cropped, and not stabilised";
+    }
+    return "the motion was not found in " + std::to_string(failed_) + " of " +
+           std::to_string(motions_) + " frames; there the steady pictures may move";
 }
 
 double ShakeReport::mean_granted() const {
@@ -125,13 +155,16 @@ class JsonObject {
 };
 
 void add_shake(JsonObject& json, const ShakeReport& report, const PathRecord& path, double rate) {
+    json.add("motion_found", report.is_measured());
     JsonObject shake(1);
     shake.add("before_px_rms", report.shake_before());
     shake.add("after_px_rms", report.shake_after());
     shake.add("residual_db", report.residual_db());
     json.add("shake", shake);
     if (rate > 0) {
-        const synthetic::Shake db = path.reduction(rate);
+        constexpr double NONE = std::numeric_limits<double>::quiet_NaN();
+        const synthetic::Shake db =
+            report.is_measured() ? path.reduction(rate) : synthetic::Shake{NONE, NONE, NONE, NONE};
         JsonObject reduction(1);
         reduction.add("jitter", db.jitter);
         reduction.add("rotation", db.rotation);
@@ -187,6 +220,7 @@ void write_json(video_io::ByteSink& sink, const ShakeReport& report, const PathR
     JsonObject shown(1);
     shown.add("mean", report.mean_crop());
     shown.add("least", report.least_crop());
+    shown.add("most", report.most_crop());
     json.add("crop_shown", shown);
     json.add("mean_track_ratio", report.mean_track_ratio());
     json.add("failed_motions", report.failed_motions());

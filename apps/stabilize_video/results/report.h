@@ -17,22 +17,27 @@ namespace apps {
 
 // Statistics of a stream, gathered frame by frame in constant memory.
 //
-// Shake is the root mean square of the second difference of the path of the picture centre, pixels.
+// Shake is the root mean square of the second difference of the path of the picture centre, pixels. It
+// is NaN unless most of the motions were found: the others are made up.
 class ShakeReport {
   public:
     void add(const FollowedFrame& point) noexcept;
 
     double mean_track_ratio() const;  // of the motions found, 0 to 1; 0 if there is none
     std::int64_t failed_motions() const { return failed_; }
+    bool is_measured() const;                          // whether there is a path to speak of
     double shake_before() const;                       // pixels
     double shake_after() const;                        // pixels
     double residual_db() const;                        // shake_after relative to shake_before
+    std::string shake_text() const;                    // for users
+    std::string lost_note() const;                     // on motions not found; "" if they are few
     std::int64_t guarded() const { return guarded_; }  // frames limited by the edge guard
     double mean_granted() const;  // share of the correction in these frames; 1 if none
     std::int64_t scene_starts() const { return scene_starts_; }
     std::int64_t repaired() const { return repaired_; }
     double mean_crop() const { return frames_ > 0 ? crops_ / static_cast<double>(frames_) : 1; }
     double least_crop() const { return least_crop_; }
+    double most_crop() const { return frames_ > 0 ? most_crop_ : 1; }
 
   private:
     struct Track {
@@ -53,6 +58,7 @@ class ShakeReport {
     std::int64_t repaired_ = 0;
     double crops_ = 0;       // sum
     double least_crop_ = 1;  // part of the width and height that is shown
+    double most_crop_ = 0;
     Track shaky_;
     Track steady_;
 };

@@ -22,9 +22,7 @@ std::string summary(const JobFacts& facts, const ShakeReport& report) {
                       1000 * facts.options.look_ahead / av_q2d(rate));
         result += text;
     }
-    std::snprintf(text, sizeof text, "; shake %.2f pixels before, %.2f after",
-                  report.shake_before(), report.shake_after());
-    result += text;
+    result += "; " + report.shake_text();
     if (facts.options.edge_guard != 0 && facts.frames > 0) {
         std::snprintf(
             text, sizeof text, "; edge guard in %.0f %% of frames, granting %.0f %%",

@@ -313,6 +313,10 @@ int Job::conclude(const StreamResult& result) {
     if (interrupted) {
         return keep_partial(result);
     }
+    if (const std::string note = extras_->report().lost_note(); !note.empty()) {
+        notes_.push_back(note);
+        say(options_, "note: " + note);
+    }
     const JobFacts facts{options_.inputs[0],      options_.output, options_.strength,
                          input_.source->format(), result.options,  notes_,
                          result.frames,           result.seconds,  damage_};
@@ -366,11 +370,13 @@ void Job::tell_success(const StreamResult& result) const {
     }
     const ShakeReport& report = extras_->report();
     const double seconds = result.seconds.total;
-    std::fprintf(stderr,
-                 "stabilize-video: %lld frames in %.*f s; shake %.2f pixels before, %.2f after "
-                 "(%.1f dB)\n",
+    std::fprintf(stderr, "stabilize-video: %lld frames in %.*f s; %s",
                  static_cast<long long>(result.frames), seconds < 10 ? 1 : 0, seconds,
-                 report.shake_before(), report.shake_after(), report.residual_db());
+                 report.shake_text().c_str());
+    if (report.is_measured()) {
+        std::fprintf(stderr, " (%.1f dB)", report.residual_db());
+    }
+    std::fputc('\n', stderr);
 }
 
 int Job::run() {
