@@ -215,7 +215,7 @@ void ShakyClip::render(int frame, const video_io::Planes& planes) const {
 }
 
 // Gauss' quadrature with three points, exact for polynomials of degree 5.
-Pose ShakyClip::pose(int frame) const {
+Pose ShakyClip::pose(double frame) const {
     const double exposure = settings_.shutter.exposure;
     Pose mean = path_.shaky(frame);
     if (exposure <= 0) {

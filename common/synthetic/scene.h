@@ -54,8 +54,9 @@ class ShakyClip {
     void render(int frame, const video_io::Planes& planes) const;
 
     // The true pose of a frame: that of its middle line, the mean over the exposure, which is where
-    // a blurred picture seems to be taken from.
-    Pose pose(int frame) const;
+    // a blurred picture seems to be taken from. Line i of n is taken at the pose of
+    // frame + ShutterSettings::line_time(i, n).
+    Pose pose(double frame) const;
 
     // The true motion between these poses, maps positions in frame `from` to frame `to`, in pixels.
     Affine motion(int from, int to) const;
