@@ -10,12 +10,11 @@
 #include <iterator>
 #include <vector>
 
+#include "camera_motion/camera_motion.h"
 #include "common/synthetic/scene.h"
 #include "features/fast16_variants.h"
 #include "features/lucas_kanade_variants.h"
-#include "motion/direct_alignment.h"
 #include "motion/ransac_variants.h"
-#include "motion/similarity_fit.h"
 #include "pipeline/decimate.h"
 
 // Drops the tracker's log of lost points, so that no terminal is measured.
@@ -234,31 +233,19 @@ void BM_EstimateAllDraws(benchmark::State& state) {
 }
 BENCHMARK(BM_EstimateAllDraws)->Apply(each_row<estimate_variants>);
 
-// The cost of refinement: the similarity fit alone, and with the alignment of the pictures.
-void BM_Refine(benchmark::State& state) {
+// The camera's step as the strengths from standard on find it, in place of all of the above.
+void BM_CameraMotion(benchmark::State& state) {
     const Size& size = SIZES[state.range(0)];
-    const bool on_pictures = state.range(1) != 0;
-    Analysis analysis(size);
-    analysis.track(track_variants[0]);
-    const SimilarityFit fit(picture_centre(size.width, size.height), size.scale);
-    DirectAlignment alignment(size.width, size.height, size.scale);
-    const LumaPair pictures = {analysis.pictures[0].data(), analysis.pictures[1].data(), size.width,
-                               size.width};
+    const Analysis analysis(size);
+    CameraMotion motion(size.width, size.height);
+    std::size_t next = 0;
     for (auto unused : state) {
-        CameraPose step;
-        fit.refine(analysis.matched_prev, analysis.matched_next, step);
-        if (on_pictures &&
-            !alignment.refine(pictures, analysis.matched_prev, analysis.matched_next, step)) {
-            state.SkipWithError("not refined");
-            break;
-        }
+        const CameraStep step = motion.add(analysis.pictures[next].data(), size.width);
+        next = 1 - next;
         benchmark::DoNotOptimize(step);
     }
 }
-BENCHMARK(BM_Refine)
-    ->ArgNames({"size", "on_pictures"})
-    ->ArgsProduct({{0, 1, 2}, {0, 1}})
-    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CameraMotion)->ArgName("size")->DenseRange(0, 2)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

@@ -38,7 +38,7 @@
 namespace videostabilizer {
 
 class PictureStage;   // internal
-class SpreadCorners;  // internal
+class CameraMotion;  // internal
 class SteadyPath;     // internal
 
 // The host's allocator of output frames; used only when in_place is 0.
@@ -144,11 +144,7 @@ struct VideoStabilizer {
     // Pictures of more than 8 bits, with steady_path: the upper 8 of the luma of frame i, packed, in
     // i mod 2; else empty.
     std::vector<unsigned char> upper_bits[2];
-    // Beside steady_path: the corners for it, found instead of those of fast_params.
-    SpreadCorners* spread_corners;
-    std::size_t strong_corners;              // of the previous image
-    std::vector<KeyPoint> back_points;       // next_points tracked back into the previous image
-    std::vector<unsigned char> back_status;  //
+    CameraMotion* camera_motion;  // finds the steps for steady_path; null without
 };
 
 // Sets up OpenCL, once per process.
@@ -199,9 +195,8 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create(int width, int heig
 //
 // Memory per stream, in bytes, with s the decimation (1, 2 or 4) and a = look_ahead:
 //   host memory    2 (width / s) (height / s) + 300 a + 100,000
-//                  edge_guard, repair_motions or scene_cuts: 320 a + 40,000 more, and up to
-//                  (width / s) (height / s) for corners, in pictures of noise
-//                  edge_guard: 200,000 more
+//                  edge_guard, repair_motions or scene_cuts: 320 a + 350,000 more, and two thirds of
+//                  width height
 //   OpenCL device  2 height (stride_y + stride_uv) with the stated sampling; with the others 5 for
 //                  each sample of a picture, 7 beyond 8 bits, and 300,000, in part host memory
 //   native engine  130,000 instead, 66,000 for each thread but the first, and up to 370,000 more

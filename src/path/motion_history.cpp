@@ -14,11 +14,6 @@ namespace {
 // Except for SPEED_STEPS, half and twice the values change no result in the clips of docs/strength.md,
 // in which the ranges in the comments were measured.
 
-// Four samples, from where on the estimate has its wide tolerance.
-constexpr std::size_t ENOUGH_CORNERS = 24;
-// Corners per inlier. Found steps have 2.2 at most, steps between unrelated scenes 16 at least.
-constexpr std::size_t STRANGE_SHARE = 10;
-
 // Of the picture's diagonal; the largest step of a handheld camera, also while walking, is 0.03 of it.
 constexpr double CALM_SHARE = 0.05;
 
@@ -44,19 +39,11 @@ MotionHistory::MotionHistory(int width, int height, int reach, bool repairs, boo
       finds_cuts_(finds_cuts),
       ring_(static_cast<std::size_t>(2 * reach + SPARE_STEPS)) {}
 
-CameraPose* MotionHistory::add(std::int64_t k, const float motion[9], const MotionLog& log,
-                               std::size_t corners) {
-    Step& step = ring_[ring_slot(k, ring_.size())];
-    step.found = log.status == 0 && pose_of_motion(motion, centre_, step.pose) &&
-                 std::abs(step.pose.angle) <= LARGEST_TURN &&
-                 std::abs(step.pose.zoom) <= LARGEST_ZOOM;
-    const auto together = static_cast<std::size_t>(std::max(log.ninliers, 0));
-    step.strange = corners >= ENOUGH_CORNERS && together * STRANGE_SHARE < corners;
-    if (!step.found) {
-        step.pose = {};
-    }
+void MotionHistory::add(std::int64_t k, const CameraStep& step) {
+    const bool found = step.found && std::abs(step.pose.angle) <= LARGEST_TURN &&
+                       std::abs(step.pose.zoom) <= LARGEST_ZOOM;
+    ring_[ring_slot(k, ring_.size())] = {found ? step.pose : CameraPose{}, found, step.strange};
     steps_ = k + 1;
-    return step.found ? &step.pose : nullptr;
 }
 
 bool MotionHistory::is_known(std::int64_t k) const {

@@ -6,16 +6,16 @@
 #include <cstdint>
 #include <vector>
 
+#include "camera_motion/camera_step.h"
 #include "motion/camera_pose.h"
-#include "videostabilizer/ransac.h"
 
 namespace videostabilizer {
 
 // The camera's motion from frame to frame, with gaps closed and scene cuts marked. Step k leads from
 // frame k to frame k + 1.
 //
-// A scene cut is a step that was not found although the earlier picture had enough corners (24), of
-// which less than a tenth agreed on any motion, while the steps before and after it were found and
+// A scene cut is a step that was not found although the earlier picture had enough to be followed,
+// hardly any of which agreed on a motion, while the steps before and after it were found and
 // are small (below a twentieth of the diagonal). A picture that is dark, blurred, covered or flashed
 // is no cut: the steps into and out of it are both lost. Nor is a whip pan, which loses several steps
 // or has large ones beside the lost one.
@@ -30,10 +30,8 @@ class MotionHistory {
     // std::bad_alloc.
     MotionHistory(int width, int height, int reach, bool repairs, bool finds_cuts);
 
-    // Adds step k, one more than the last: the motion as estimated, and the number of corners in the
-    // earlier picture. Returns the step, to be refined, or null when none was found.
-    CameraPose* add(std::int64_t k, const float motion[9], const MotionLog& log,
-                    std::size_t corners);
+    // Adds step k, one more than the last.
+    void add(std::int64_t k, const CameraStep& step);
 
     // The camera's step from frame k to k + 1, with gaps closed.
     CameraPose step(std::int64_t k) const;
@@ -56,7 +54,7 @@ class MotionHistory {
     struct Step {
         CameraPose pose;
         bool found;
-        bool strange;  // hardly any corners agreed
+        bool strange;  // see CameraStep
     };
 
     bool is_known(std::int64_t k) const;

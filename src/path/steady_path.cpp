@@ -12,28 +12,11 @@ namespace videostabilizer {
 SteadyPath::SteadyPath(const SteadyPathSettings& settings)
     : history_(settings.width, settings.height, settings.look_ahead, settings.repair_motions,
                settings.scene_cuts),
-      fit_(history_.centre(), settings.scale),
       guards_(settings.edge_guard),
       planner_({settings.width, settings.height, settings.look_ahead, settings.sigma,
                 settings.crop_ratio, settings.crop_least, settings.crop_most}),
       crop_ratio_(settings.crop_ratio),
-      camera_(static_cast<std::size_t>(settings.look_ahead) + 1) {
-    if (guards_) {
-        alignment_.emplace(settings.width, settings.height, settings.scale);
-    }
-}
-
-void SteadyPath::add(std::int64_t k, const float motion[9], const MotionLog& log,
-                     std::size_t corners, const std::vector<KeyPoint>& from,
-                     const std::vector<KeyPoint>& to, const LumaPair& pictures) {
-    CameraPose* const step = history_.add(k, motion, log, corners);
-    if (step != nullptr) {
-        fit_.refine(from, to, *step);
-        if (alignment_) {
-            alignment_->refine(pictures, from, to, *step);
-        }
-    }
-}
+      camera_(static_cast<std::size_t>(settings.look_ahead) + 1) {}
 
 // Puts step k, as it is known here, into the ring that the filter and the observer read.
 void SteadyPath::store_step(std::int64_t k, std::vector<SimpleLA::Mat<float>*>& motions,

@@ -4,11 +4,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <vector>
 
-#include "motion/direct_alignment.h"
-#include "motion/similarity_fit.h"
+#include "camera_motion/camera_step.h"
 #include "path/motion_history.h"
 #include "path/path_planner.h"
 #include "videostabilizer/gaussian_motion_filter.h"
@@ -34,7 +32,6 @@ struct SteadyPathSettings {
     double crop_ratio;    // part of the width and height that is shown, 0.5..1
     double crop_least;    // its bounds, where the crop adapts; else 0
     double crop_most;     //
-    double scale;         // pixel of the analysis image, in pixels of the picture
     bool edge_guard;      // PathPlanner replaces the filter
     bool repair_motions;  // gaps in the motion are closed
     bool scene_cuts;      // the smoothing stops at scene cuts
@@ -51,11 +48,8 @@ class SteadyPath {
   public:
     explicit SteadyPath(const SteadyPathSettings& settings);  // throws std::bad_alloc
 
-    // Adds step k, see MotionHistory::add, with the pairs that it was estimated from and the two
-    // pictures, which are read during the call only.
-    void add(std::int64_t k, const float motion[9], const MotionLog& log, std::size_t corners,
-             const std::vector<KeyPoint>& from, const std::vector<KeyPoint>& to,
-             const LumaPair& pictures);
+    // Adds step k, one more than the last.
+    void add(std::int64_t k, const CameraStep& step) { history_.add(k, step); }
 
     // Writes the correcting transform of frame n, before the crop. Frames come in order, each once;
     // `newest` is the newest that was added. `motions` and `logs` are the ring that the filter works
@@ -72,9 +66,7 @@ class SteadyPath {
                         SimpleLA::Mat<float>& correction) const;
 
     MotionHistory history_;
-    SimilarityFit fit_;
     bool guards_;
-    std::optional<DirectAlignment> alignment_;  // with the guard
     PathPlanner planner_;
     double crop_ratio_;
     std::vector<CameraPose>

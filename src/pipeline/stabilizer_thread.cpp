@@ -9,7 +9,7 @@
 #include <new>
 #include <utility>
 
-#include "features/spread_corners.h"
+#include "camera_motion/camera_motion.h"
 #include "motion/seeded_motion.h"
 #include "path/crop.h"
 #include "path/frame_numbers.h"
@@ -52,57 +52,17 @@ LumaPlane luma(const VideoStabilizer* s, std::int64_t n, const Frame* frame) {
     return {frame->plane_y, s->picture_stage != nullptr ? frame->stride_y : frame->width};
 }
 
-// Stores the newest frame and makes its analysis image.
-void take_newest(VideoStabilizer* s, Frame* frame, unsigned char* image) {
-    const std::int64_t n = s->newest_frame + 1;
-    set_newest_frame(s, n);
-    s->ring_frames[slot_of(s, n)] = frame;
-    if (s->format == PIX_FMT_PICTURE && s->layout.bit_depth > 8) {
-        if (s->steady_path == nullptr) {
-            take_upper_bits(*frame, s->layout, s->scale, image);
-            return;
-        }
-        take_upper_bits(*frame, s->layout, 1, s->upper_bits[n % 2].data());
-    }
-    const LumaPlane plane = luma(s, n, frame);
-    decimate_rows(plane.data, plane.pitch, frame->width, frame->height, s->scale, image);
-}
-
-// Loses the corners that do not come back when they are tracked from the newest image into the one
-// before (Z. Kalal, K. Mikolajczyk, J. Matas, "Forward-backward error", 2010).
-void track_back(VideoStabilizer* s, int width, int height) {
-    constexpr float MOST_OFF = 1.0F;  // pixels
-    s->back_points.resize(s->prev_points.size());
-    s->back_status.resize(s->prev_points.size());
-    lk_pyramid_image(s->cur_luma, s->prev_luma, width, height, &s->lk_params, s->next_points,
-                     s->back_points, s->back_status);
-    for (std::size_t i = 0; i < s->prev_points.size(); ++i) {
-        const float x = s->back_points[i].x - s->prev_points[i].x;
-        const float y = s->back_points[i].y - s->prev_points[i].y;
-        if (s->back_status[i] == 0 || !(x * x + y * y < MOST_OFF * MOST_OFF)) {
-            s->track_status[i] = 0;
-        }
-    }
-}
-
 // Detects corners in the previous image and tracks them into the current one.
 void track_corners(VideoStabilizer* s) {
     const int width = s->width / s->scale;
     const int height = s->height / s->scale;
     s->prev_points.clear();
     s->prev_points.reserve(static_cast<std::size_t>(s->max_points));
-    if (s->spread_corners != nullptr) {
-        s->strong_corners = s->spread_corners->find(s->prev_luma, s->prev_points);
-    } else {
-        fast16(s->prev_luma, s->prev_points, width, height, &s->fast_params);
-    }
+    fast16(s->prev_luma, s->prev_points, width, height, &s->fast_params);
     s->next_points.resize(s->prev_points.size());
     s->track_status.resize(s->prev_points.size());
     lk_pyramid_image(s->prev_luma, s->cur_luma, width, height, &s->lk_params, s->prev_points,
                      s->next_points, s->track_status);
-    if (s->spread_corners != nullptr) {
-        track_back(s, width, height);
-    }
 }
 
 KeyPoint to_full_resolution(KeyPoint point, float scale) {
@@ -142,16 +102,50 @@ void estimate_motion(VideoStabilizer* s) {
         estimateGlobalMotionRansac(*s->motions[slot], log, s->matched_prev, s->matched_next,
                                    s->ransac_params);
     }
-    if (s->steady_path != nullptr) {
-        // The previous frame is still in the ring: look_ahead is at least 1.
-        const Frame* const earlier = s->ring_frames[slot];
-        const Frame* const later = s->ring_frames[slot_of(s, s->newest_frame)];
-        const LumaPlane from_luma = luma(s, from, earlier);
-        const LumaPlane to_luma = luma(s, s->newest_frame, later);
-        const LumaPair pictures = {from_luma.data, to_luma.data, from_luma.pitch, to_luma.pitch};
-        s->steady_path->add(from, s->motions[slot]->data, log, s->strong_corners, s->matched_prev,
-                            s->matched_next, pictures);
+}
+
+// The same for the steady path, from the pictures themselves. The previous one is still in the ring:
+// look_ahead is at least 1.
+void find_camera_step(VideoStabilizer* s) {
+    const Frame* const frame = s->ring_frames[slot_of(s, s->newest_frame)];
+    const LumaPlane plane = luma(s, s->newest_frame, frame);
+    const CameraStep step = s->camera_motion->add(plane.data, plane.pitch);
+    if (s->newest_frame == 0) {
+        return;
     }
+    const std::int64_t from = s->newest_frame - 1;
+    const std::size_t slot = slot_of(s, from);
+    motion_of_pose(step.pose, picture_centre(s->options.picture_width, s->options.picture_height),
+                   s->motions[slot]->data);
+    MotionLog& log = s->motion_logs[slot];
+    log.npoints = step.followed;
+    log.ninliers = step.agreeing;
+    log.track_ratio = step.sites > 0 && step.found
+                          ? static_cast<float>(step.followed) / static_cast<float>(step.sites)
+                          : 0;
+    log.status = step.found ? 0 : 1;
+    s->steady_path->add(from, step);
+}
+
+// Stores the newest frame and makes its analysis image, unless the steady path needs none.
+void take_newest(VideoStabilizer* s, Frame* frame, unsigned char* image) {
+    const std::int64_t n = s->newest_frame + 1;
+    set_newest_frame(s, n);
+    s->ring_frames[slot_of(s, n)] = frame;
+    const bool is_deep = s->format == PIX_FMT_PICTURE && s->layout.bit_depth > 8;
+    if (s->steady_path != nullptr) {
+        if (is_deep) {
+            take_upper_bits(*frame, s->layout, 1, s->upper_bits[n % 2].data());
+        }
+        find_camera_step(s);
+        return;
+    }
+    if (is_deep) {
+        take_upper_bits(*frame, s->layout, s->scale, image);
+        return;
+    }
+    const LumaPlane plane = luma(s, n, frame);
+    decimate_rows(plane.data, plane.pitch, frame->width, frame->height, s->scale, image);
 }
 
 bool is_finite(const SimpleLA::Mat<float>& correction) {
@@ -264,10 +258,12 @@ int later_frames(VideoStabilizer* s) {
             return RESULT_NO_FRAME;
         }
         take_newest(s, frame, s->cur_luma);
-        track_corners(s);
-        std::swap(s->prev_luma, s->cur_luma);
-        match_points(s);
-        estimate_motion(s);
+        if (s->steady_path == nullptr) {
+            track_corners(s);
+            std::swap(s->prev_luma, s->cur_luma);
+            match_points(s);
+            estimate_motion(s);
+        }
         if (s->newest_frame - s->sent_frame > s->radius) {
             send_corrected(s, s->sent_frame + 1);
         }

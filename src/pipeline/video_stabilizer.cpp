@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "features/spread_corners.h"
+#include "camera_motion/camera_motion.h"
 #include "frames/picture_layout.h"
 #include "gpu_warp/opencl_device.h"
 #include "gpu_warp/opencl_picture_warper.h"
@@ -104,15 +104,6 @@ LK_Params tracker_params(int scale) {
     return params;
 }
 
-// For corners of the whole picture, which are tracked back as well.
-void steady_tracker(int image_width, LK_Params& params) {
-    constexpr float REACH = 0.2F;      // of the width
-    constexpr int TRACKED_BORDER = 4;  // pixels
-    params.max_disp_x = params.max_disp_y =
-        std::max(params.max_disp_x, REACH * static_cast<float>(image_width));
-    params.border_x = params.border_y = TRACKED_BORDER;
-}
-
 // Steps of creation. Each returns false after logging an error, or throws std::bad_alloc.
 
 bool create_analysis(VideoStabilizer* s) {
@@ -159,7 +150,6 @@ SteadyPathSettings steady_path_settings(const VideoStabilizer* s) {
         settings.crop_least = static_cast<double>(options.crop_least);
         settings.crop_most = static_cast<double>(options.crop_most);
     }
-    settings.scale = s->scale;
     settings.edge_guard = options.edge_guard != 0;
     settings.repair_motions = options.repair_motions != 0;
     settings.scene_cuts = options.scene_cuts != 0;
@@ -191,9 +181,7 @@ void create_history(VideoStabilizer* s) {
                              static_cast<std::size_t>(s->height));
             }
         }
-        const int image_width = s->width / s->scale;
-        s->spread_corners = new SpreadCorners(image_width, s->height / s->scale);
-        steady_tracker(image_width, s->lk_params);
+        s->camera_motion = new CameraMotion(settings.width, settings.height);
     }
     s->warp_pool.reserve(WARP_POOL_SIZE);
     for (int i = 0; i < WARP_POOL_SIZE; ++i) {
@@ -509,7 +497,7 @@ void video_stabilizer_delete(VideoStabilizer* stabilizer) {
     if (s->filter != nullptr) {
         gaussian_motion_filter_delete(s->filter);
     }
-    delete s->spread_corners;
+    delete s->camera_motion;
     delete s->steady_path;
     if (s->transformer != nullptr) {
         affine_transformer_ocl_delete(s->transformer);

@@ -14,7 +14,6 @@
 #include <utility>
 #include <vector>
 
-#include "features/spread_corners.h"
 #include "pipeline/decimate.h"
 #include "platform/cpu_level.h"
 #include "tests/features/picture.h"
@@ -50,48 +49,6 @@ TEST(Decimate, TakesEveryStepthPixelOfEveryStepthRow) {
             std::vector<unsigned char> row(static_cast<std::size_t>(columns));
             decimate_row(luma.pixels.data(), width / columns, row.data(), columns);
             ASSERT_TRUE(std::equal(row.begin(), row.end(), expected.pixels.begin()));
-        }
-    }
-}
-
-// Weak corners are used only where there are too few strong ones, and an even picture has none.
-TEST(SpreadCorners, CoverPicturesOfAnySizeAndContrast) {
-    const struct {
-        int width, height;
-        int contrast;  // of the left half and of the right half, in 16ths
-        int contrast_right;
-        bool left, right, strong;  // where corners are expected
-    } cases[] = {
-        {640, 360, 16, 16, true, true, true},  {270, 480, 16, 16, true, true, true},
-        {360, 202, 16, 16, true, true, true},  {640, 360, 3, 3, true, true, false},
-        {640, 360, 16, 3, true, true, true},   {640, 360, 16, 0, true, false, true},
-        {640, 360, 0, 0, false, false, false}, {64, 64, 16, 16, true, true, true},
-        {32, 32, 16, 16, false, false, false},
-    };
-    for (const auto& c : cases) {
-        const Picture picture(c.width, c.height, [&](int x, int y) {
-            const int contrast = x < c.width / 2 ? c.contrast : c.contrast_right;
-            return 128 + (texture(x, y, 1) - 128) * contrast / 16;
-        });
-        SpreadCorners spread(c.width, c.height);
-        std::vector<KeyPoint> corners = {{1, 1, 1, 0}};
-        const std::size_t strong = spread.find(picture.pixels.data(), corners);
-        const auto in_left = std::count_if(corners.begin(), corners.end(), [&](const KeyPoint& k) {
-            return k.x < static_cast<float>(c.width) / 2 - 4;
-        });
-        const auto in_right = std::count_if(corners.begin(), corners.end(), [&](const KeyPoint& k) {
-            return k.x > static_cast<float>(c.width) / 2 + 4;
-        });
-        SCOPED_TRACE(testing::Message() << c.width << " x " << c.height << ", " << c.contrast
-                                        << " and " << c.contrast_right);
-        const int enough = c.width > 100 ? 20 : 1;
-        EXPECT_EQ(c.left, in_left >= enough) << in_left;
-        EXPECT_EQ(c.right, in_right >= enough) << in_right;
-        EXPECT_EQ(c.strong, strong >= static_cast<std::size_t>(enough));
-        EXPECT_LE(corners.size(), 256U);
-        for (const KeyPoint& k : corners) {
-            ASSERT_TRUE(k.x >= 16 && k.y >= 16 && k.x < static_cast<float>(c.width) - 16 &&
-                        k.y < static_cast<float>(c.height) - 16);
         }
     }
 }

@@ -340,7 +340,7 @@ TEST(PathPlanner, FollowsAPanInsteadOfHangingAtTheLimit) {
     }
 }
 
-// Steps of a shift right each: 'x' is not found, 'X' not found with hardly any inliers.
+// Steps of a shift right each: 'x' is not found, 'X' not found and strange.
 TEST(MotionHistory, ClosesGapsAndTellsThemFromSceneCuts) {
     const struct {
         const char* steps;  // shifts in pixels
@@ -361,10 +361,12 @@ TEST(MotionHistory, ClosesGapsAndTellsThemFromSceneCuts) {
         std::int64_t k = 0;
         for (const char* step = c.steps; *step != '\0'; ++step, ++k) {
             const bool found = *step >= '0' && *step <= '9';
-            const float shift = found ? static_cast<float>(*step - '0') : 0.0F;
-            const float motion[9] = {1, 0, -shift, 0, 1, 0, 0, 0, 1};
-            const MotionLog log = {50, *step == 'X' ? 4 : 40, 1, found ? 0 : 1};
-            EXPECT_EQ(history.add(k, motion, log, 50) != nullptr, found);
+            const double shift = found ? *step - '0' : 0;
+            CameraStep camera;
+            camera.pose.x = shift;
+            camera.found = found;
+            camera.strange = *step == 'X';
+            history.add(k, camera);
         }
         expect_pose(history.step(c.k), {c.shift, 0, 0, 0}, 1e-5, 0);
         EXPECT_EQ(history.is_repaired(c.k), c.repaired);

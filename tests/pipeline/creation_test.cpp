@@ -179,11 +179,11 @@ TEST_F(Options, TakeTheMemoryThatIsDocumented) {
         const StabilizerPtr s = make_stabilizer(packed(), true, &options);
         return live_bytes() - before;
     };
-    constexpr long CORNERS = 40'000;
+    constexpr long MOTION = 350'000 + 2L * WIDTH * HEIGHT / 3;
     const long least = bytes_of(1, 0, 0);
     EXPECT_LE(bytes_of(120, 0, 0) - least, 300 * 119);
-    EXPECT_LE(bytes_of(120, 1, 0) - least, 300 * 119 + 320 * 120 + CORNERS);
-    EXPECT_LE(bytes_of(120, 0, 1) - least, 300 * 119 + 320 * 120 + CORNERS + 200'000);
+    EXPECT_LE(bytes_of(120, 1, 0) - least, 300 * 119 + 320 * 120 + MOTION);
+    EXPECT_LE(bytes_of(120, 0, 1) - least, 300 * 119 + 320 * 120 + MOTION);
 }
 
 TEST_F(Push, RefusesFramesThatAreNotOfTheStream) {

@@ -1,0 +1,239 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "camera_motion/similarity_consensus.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+
+namespace videostabilizer {
+
+namespace {
+
+// With a third of the sightings right one sample in nine is good: some 16, of which the best is taken.
+constexpr int SAMPLES = 150;
+// Sampling is skipped below this share of the largest cost. This saves time only.
+constexpr double WELL_EXPLAINED = 0.15;
+constexpr int REWEIGHTINGS = 4;
+constexpr std::size_t FEWEST = 2;
+
+// Of a step of a handheld camera, that of a walking person included.
+constexpr double USUAL_TURN = 0.01;   // radians
+constexpr double USUAL_ZOOM = 0.006;  // logarithm
+constexpr double LARGEST_TURN = 0.5;
+constexpr double LARGEST_ZOOM = 0.4;
+
+// With depth in the scene, displacements differ by more than noise. Then the fit includes more
+// sightings, so that it does not select one layer in this frame and another in the next.
+constexpr double SOFTNESS = 6;  // variances of an error with a weight of 1/4; measured
+constexpr double LEAST_SCATTER =
+    0.001;  // pixels; below what a patch can tell; avoids division by 0
+
+// The normal equations of a similarity, the right side as the last column.
+struct Equations {
+    double m[4][5] = {};
+
+    // Adds a displacement of (dx, dy) at (x, y), with a symmetric weight matrix.
+    void add(double x, double y, double dx, double dy, double wxx, double wxy, double wyy) {
+        const double in_x[4] = {x, -y, 1, 0};
+        const double in_y[4] = {y, x, 0, 1};
+        for (int i = 0; i < 4; ++i) {
+            const double to_x = in_x[i] * wxx + in_y[i] * wxy;
+            const double to_y = in_x[i] * wxy + in_y[i] * wyy;
+            for (int j = i; j < 4; ++j) {
+                m[i][j] += to_x * in_x[j] + to_y * in_y[j];
+            }
+            m[i][4] += to_x * dx + to_y * dy;
+        }
+    }
+
+    // Adds a preference for a value of an unknown.
+    void prefer(int unknown, double value, double deviation) {
+        const double weight = 1 / (deviation * deviation);
+        m[unknown][unknown] += weight;
+        m[unknown][4] += weight * value;
+    }
+
+    // Elimination without pivoting: the matrix is positive definite, or singular.
+    bool solve(Similarity& s) {
+        constexpr double SINGULAR =
+            1e-9;  // of a diagonal element: rounding leaves some 1e-16 of it
+        double x[4];
+        for (int i = 0; i < 4; ++i) {
+            for (int j = 0; j < i; ++j) {
+                m[i][j] = m[j][i];
+            }
+        }
+        for (int i = 0; i < 4; ++i) {
+            const double least = SINGULAR * m[i][i];
+            for (int k = 0; k < i; ++k) {
+                const double factor = m[i][k] / m[k][k];
+                for (int j = k; j < 5; ++j) {
+                    m[i][j] -= factor * m[k][j];
+                }
+            }
+            if (!(m[i][i] > least)) {
+                return false;
+            }
+        }
+        for (int i = 3; i >= 0; --i) {
+            double sum = m[i][4];
+            for (int j = i + 1; j < 4; ++j) {
+                sum -= m[i][j] * x[j];
+            }
+            x[i] = sum / m[i][i];
+        }
+        s = {x[0], x[1], x[2], x[3]};
+        return true;
+    }
+};
+
+double squared_error(const Sighting& s, const Similarity& change) {
+    const double ex = s.dx - change.map_x(s.x, s.y);
+    const double ey = s.dy - change.map_y(s.x, s.y);
+    return ex * ex + ey * ey;
+}
+
+// The same where noise matters: across an edge in full, along it hardly at all.
+double seen_error(const Sighting& s, const Similarity& change) {
+    constexpr double CERTAIN = 0.04;  // square pixels: a smaller variance is as good as none
+    const double ex = s.dx - change.map_x(s.x, s.y);
+    const double ey = s.dy - change.map_y(s.x, s.y);
+    const double vxx = CERTAIN + s.vxx;
+    const double vyy = CERTAIN + s.vyy;
+    return CERTAIN * (vyy * ex * ex - 2 * s.vxy * ex * ey + vxx * ey * ey) /
+           (vxx * vyy - s.vxy * s.vxy);
+}
+
+// The change that explains two sightings exactly; false when they are too close, or it is none of a
+// camera.
+bool through(const Sighting& s, const Sighting& t, double shortest, Similarity& change) {
+    const double x = t.x - s.x;
+    const double y = t.y - s.y;
+    const double dx = t.dx - s.dx;
+    const double dy = t.dy - s.dy;
+    const double square = x * x + y * y;
+    if (square < shortest * shortest) {
+        return false;
+    }
+    change.a = (x * dx + y * dy) / square;
+    change.b = (x * dy - y * dx) / square;
+    change.c = s.dx - change.a * s.x + change.b * s.y;
+    change.d = s.dy - change.b * s.x - change.a * s.y;
+    return std::abs(change.a) < LARGEST_ZOOM && std::abs(change.b) < LARGEST_TURN;
+}
+
+}  // namespace
+
+double SimilarityConsensus::sample(const std::vector<Sighting>& sightings,
+                                   const ConsensusSettings& settings, Similarity& change) const {
+    const double most = settings.cap * settings.cap;
+    double all = 0;
+    for (const Sighting& s : sightings) {
+        all += s.counts ? s.vote * most : 0;
+    }
+    if (!(all > 0)) {
+        return 0;
+    }
+    const auto cost = [&](const Similarity& candidate, double limit) {
+        double sum = 0;
+        for (const Sighting& s : sightings) {
+            if (s.counts) {
+                sum += s.vote * std::min(seen_error(s, candidate), most);
+                if (sum >= limit) {
+                    break;
+                }
+            }
+        }
+        return sum;
+    };
+    double least = cost(change, 1e300);
+    const auto consider = [&](const Similarity& candidate) {
+        const double c = cost(candidate, least);
+        if (c < least) {
+            least = c;
+            change = candidate;
+        }
+    };
+    std::uint32_t state = 1;
+    const auto draw = [&state, n = sightings.size()] {
+        state = state * 1664525U + 1013904223U;
+        return static_cast<std::size_t>(state >> 8U) % n;
+    };
+    const int samples = least > WELL_EXPLAINED * all ? SAMPLES : 0;
+    for (int k = 0; k < samples; ++k) {
+        const Sighting& s = sightings[draw()];
+        const Sighting& t = sightings[draw()];
+        if (s.counts && k % 4 == 0) {
+            consider({0, 0, s.dx, s.dy});
+        }
+        Similarity candidate{};
+        if (s.counts && t.counts && through(s, t, settings.shortest_base, candidate)) {
+            consider(candidate);
+        }
+    }
+    return 1 - least / all;
+}
+
+// The variance, square pixels, of the displacements minus `change`, from the median of their squared
+// lengths (2 ln 2 variances, for Gaussian noise); negative when there are too few.
+double SimilarityConsensus::variance_of(const std::vector<Sighting>& sightings,
+                                        const Similarity& change, double gate) {
+    errors_.clear();
+    for (const Sighting& s : sightings) {
+        if (s.counts && s.trust > 0) {
+            const double error = squared_error(s, change);
+            if (error < gate * gate) {
+                errors_.push_back(error);
+            }
+        }
+    }
+    if (errors_.size() < FEWEST) {
+        return -1;
+    }
+    const auto middle = errors_.begin() + static_cast<std::ptrdiff_t>(errors_.size() / 2);
+    std::nth_element(errors_.begin(), middle, errors_.end());
+    return std::max(LEAST_SCATTER * LEAST_SCATTER, *middle / (2 * std::log(2.0)));
+}
+
+bool SimilarityConsensus::refine(std::vector<Sighting>& sightings, const Similarity& assumed,
+                                 const ConsensusSettings& settings, Similarity& change,
+                                 double& scatter) {
+    const double gate = settings.gate;
+    const double flat = settings.flat_scatter * settings.flat_scatter;
+    for (int k = 0; k < REWEIGHTINGS; ++k) {
+        const double variance = variance_of(sightings, change, gate);
+        if (variance < 0) {
+            return false;
+        }
+        scatter = std::sqrt(variance);
+        const double softness = SOFTNESS * (1 + variance / flat);
+        Equations equations;
+        equations.prefer(0, 1 - assumed.a, USUAL_ZOOM);
+        equations.prefer(1, -assumed.b, USUAL_TURN);
+        for (Sighting& s : sightings) {
+            s.agreement = 0;
+            const double ex = s.dx - change.map_x(s.x, s.y);
+            const double ey = s.dy - change.map_y(s.x, s.y);
+            if (!s.counts || !(s.trust > 0) || !(ex * ex + ey * ey < gate * gate)) {
+                continue;
+            }
+            const double vxx = variance + s.vxx;
+            const double vyy = variance + s.vyy;
+            const double determinant = vxx * vyy - s.vxy * s.vxy;
+            const double error =
+                (vyy * ex * ex - 2 * s.vxy * ex * ey + vxx * ey * ey) / determinant;
+            const double part = 1 + error / softness;
+            s.agreement = 1 / (part * part);
+            const double share = s.trust * s.agreement / determinant;
+            equations.add(s.x, s.y, s.dx, s.dy, share * vyy, -share * s.vxy, share * vxx);
+        }
+        if (!equations.solve(change)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace videostabilizer
