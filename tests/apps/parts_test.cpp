@@ -196,9 +196,18 @@ TEST(PixelFormats, AreTakenAsTheyAreOrConvertedToTheNearest) {
                     layout.semi_planar == c.layout.semi_planar && layout.alpha == c.layout.alpha);
         EXPECT_EQ(apps::name_of(apps::planar_format_for(format)), c.planar);
     }
-    EXPECT_EQ(apps::turned(AVCHROMA_LOC_UNSPECIFIED, 1), AVCHROMA_LOC_TOP);
-    EXPECT_EQ(apps::turned(AVCHROMA_LOC_BOTTOMLEFT, 1), AVCHROMA_LOC_TOPLEFT);
-    EXPECT_EQ(apps::turned(AVCHROMA_LOC_CENTER, 3), AVCHROMA_LOC_CENTER);
+    const struct {
+        AVChromaLocation from;
+        apps::Orientation orientation;
+        AVChromaLocation to;
+    } turns[] = {{AVCHROMA_LOC_UNSPECIFIED, {1, false}, AVCHROMA_LOC_TOP},
+                 {AVCHROMA_LOC_BOTTOMLEFT, {1, false}, AVCHROMA_LOC_TOPLEFT},
+                 {AVCHROMA_LOC_LEFT, {1, true}, AVCHROMA_LOC_TOP},
+                 {AVCHROMA_LOC_LEFT, {0, true}, AVCHROMA_LOC_UNSPECIFIED},
+                 {AVCHROMA_LOC_CENTER, {3, true}, AVCHROMA_LOC_CENTER}};
+    for (const auto& c : turns) {
+        EXPECT_EQ(apps::turned(c.from, c.orientation), c.to);
+    }
 }
 
 void to_matrix(const synthetic::Affine& m, float matrix[9]) {

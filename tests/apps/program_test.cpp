@@ -64,7 +64,7 @@ TEST(StabilizeVideo, GivesTheSameThroughPipesAsWithFiles) {
 
 TEST(StabilizeVideo, KeepsTheParametersOfFrames) {
     const Folder folder;
-    std::string stream = "YUV4MPEG2 W16 H16 F25:1 It A4:3 Xcomment\n";
+    std::string stream = "YUV4MPEG2 W16 H16 F25:1 Ip A4:3 Xcomment\n";
     for (int frame = 0; frame < 25; ++frame) {
         stream +=
             "FRAME X" + std::to_string(frame) + "\n" + std::string(384, static_cast<char>(frame));

@@ -4,7 +4,13 @@
 
 #include <videostabilizer/version.h>
 
+extern "C" {
+#include <libavutil/parseutils.h>
+}
+
 #include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -109,16 +115,54 @@ class HelpFormatter : public CLI::Formatter {
     }
 };
 
-std::vector<std::pair<std::string, std::string>> key_values(const std::vector<std::string>& texts) {
+std::vector<std::pair<std::string, std::string>> key_values(const char* option,
+                                                            const std::vector<std::string>& texts) {
     std::vector<std::pair<std::string, std::string>> result;
     for (const std::string& text : texts) {
         const std::size_t equals = text.find('=');
         if (equals == std::string::npos || equals == 0) {
-            throw CLI::ValidationError("--input-option", "'" + text + "' is not KEY=VALUE");
+            throw CLI::ValidationError(option, "'" + text + "' is not KEY=VALUE");
         }
         result.emplace_back(text.substr(0, equals), text.substr(equals + 1));
     }
     return result;
+}
+
+// A time as FFmpeg writes it, in microseconds.
+std::int64_t time_of(const char* option, const std::string& text) {
+    std::int64_t time = 0;
+    if (av_parse_time(&time, text.c_str(), 1) < 0 || time < 0) {
+        throw CLI::ValidationError(option, "'" + text + "' is no time; write 90.5 or 1:30.5");
+    }
+    return time;
+}
+
+// A number with k or M for thousands or millions.
+std::int64_t bitrate_of(const std::string& text) {
+    constexpr double MOST = 1e10;
+    char* end = nullptr;
+    const double number = std::strtod(text.c_str(), &end);
+    const std::string unit = end;
+    const double factor = unit == "M" ? 1e6 : (unit == "k" || unit == "K" ? 1e3 : 1);
+    const bool known = unit.empty() || factor > 1;
+    if (!known || !(number * factor >= 1000 && number * factor <= MOST)) {
+        throw CLI::ValidationError("--bitrate", "'" + text + "' is no bit rate; write 8M or 2500k");
+    }
+    return static_cast<std::int64_t>(number * factor);
+}
+
+// CLI11 takes NaN for a number within any range.
+CLI::Validator number_in(double least, double most) {
+    return {[least, most](std::string& text) -> std::string {
+                double value = 0;
+                const bool within =
+                    CLI::detail::lexical_cast(text, value) && value >= least && value <= most;
+                char message[96];
+                std::snprintf(message, sizeof message, "%.40s is not in %g to %g", text.c_str(),
+                              least, most);
+                return within ? "" : message;
+            },
+            ""};
 }
 
 // Checks beyond those of CLI11.
@@ -132,12 +176,18 @@ void check(Options& options, std::vector<std::string>& files) {
                 throw CLI::ValidationError(name, "is for a single file, not for --output-dir");
             }
         }
+    } else if (options.jobs > 0) {
+        throw CLI::ValidationError("--jobs", "is for --output-dir");
     } else if (files.size() == 2) {
         options.output = files.back();
         files.pop_back();
     } else {
-        throw CLI::ValidationError(files.size() == 1 ? "OUT is required"
-                                                     : "more than one input needs --output-dir");
+        constexpr const char* WRONG[] = {"IN and OUT are required", "OUT is required"};
+        throw CLI::ValidationError(files.size() < 2 ? WRONG[files.size()]
+                                                    : "more than one input needs --output-dir");
+    }
+    if (files.empty()) {
+        throw CLI::ValidationError("IN is required");
     }
     options.inputs = files;
     if (!options.plot_file.empty() && !PathPlot::knows(options.plot_file)) {
@@ -150,7 +200,12 @@ struct RawOptions {
     std::vector<std::string> files;
     std::vector<std::string> input_options;
     std::string crop;  // a number or "auto"
+    std::vector<std::string> encoder_options;
+    std::string start;
+    std::string duration;
+    std::string bitrate;
     bool overwrite = false;
+    bool no_audio = false;
 };
 
 void refuse_stated_opencl(const Options& options) {
@@ -160,6 +215,21 @@ void refuse_stated_opencl(const Options& options) {
         throw CLI::ValidationError("--engine opencl",
                                    "is not for the stated sampling, which gentle has");
     }
+}
+
+void read_texts(const RawOptions& raw, Options& options) {
+    options.input_options = key_values("--input-option", raw.input_options);
+    options.encoder_options = key_values("--encoder-option", raw.encoder_options);
+    if (!raw.start.empty()) {
+        options.start_us = time_of("--start", raw.start);
+    }
+    if (!raw.duration.empty()) {
+        options.duration_us = time_of("--duration", raw.duration);
+    }
+    if (!raw.bitrate.empty()) {
+        options.bitrate = bitrate_of(raw.bitrate);
+    }
+    options.audio = !raw.no_audio;
 }
 
 void read_crop(const std::string& crop, Options& options) {
@@ -200,13 +270,13 @@ void add_steadiness(CLI::App& app, Options& options, RawOptions& raw) {
         "much "
         "as the shake allows, slowly changing")
         ->type_name("RATIO")
-        ->check(CLI::IsMember({"auto"}) | CLI::Range(0.5, 1.0));
+        ->check(CLI::IsMember({"auto"}) | number_in(0.5, 1));
     add("--crop-least", options.crop_least, "The least that --crop auto shows (default: 0.65)")
         ->type_name("RATIO")
-        ->check(CLI::Range(0.5, 0.99));
+        ->check(number_in(0.5, 0.99));
     add("--crop-most", options.crop_most, "The most that --crop auto shows (default: 0.95)")
         ->type_name("RATIO")
-        ->check(CLI::Range(0.5, 0.99));
+        ->check(number_in(0.5, 0.99));
 }
 
 void add_pictures(CLI::App& app, Options& options) {
@@ -242,10 +312,19 @@ void add_output(CLI::App& app, Options& options, RawOptions& raw) {
     add("--crf", options.crf,
         "Quality for encoders that have it; smaller is better (default: 18 for h264, 20 for hevc)")
         ->type_name("NUMBER")
-        ->check(CLI::Range(0.0, 63.0));
+        ->check(number_in(0, 63));
     add("--preset", options.preset,
         "Speed for encoders that have it, from ultrafast to veryslow (default: fast)")
         ->type_name("NAME");
+    add("--bitrate", raw.bitrate, "Bits per second, such as 8M or 2500k, in place of a quality")
+        ->type_name("RATE")
+        ->excludes("--crf");
+    add("--encoder-option", raw.encoder_options,
+        "FFmpeg option for the encoder, such as g=60; may be repeated")
+        ->type_name("KEY=VALUE")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->expected(1);
+    app.add_flag("--no-audio", raw.no_audio, "Leave the sound out")->group("Output");
     add("--output-format", options.output_format, "Container (default: by the file name)")
         ->type_name("NAME");
     add("--output-dir", options.output_dir,
@@ -255,6 +334,10 @@ void add_output(CLI::App& app, Options& options, RawOptions& raw) {
         ->type_name("COUNT")
         ->check(CLI::Range(1, 1024));
     app.add_flag("--overwrite", raw.overwrite, "Replace existing files")->group("Output");
+    app.add_flag("--skip-existing", options.skip_existing,
+                 "Leave out files whose output exists, as when a batch is run again")
+        ->group("Output")
+        ->excludes("--overwrite");
     app.add_flag("--keep-partial", options.keep_partial,
                  "When interrupted, keep what is done as OUT with .partial before its ending")
         ->group("Output");
@@ -271,6 +354,29 @@ void add_input(CLI::App& app, Options& options, RawOptions& raw) {
         ->type_name("KEY=VALUE")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
         ->expected(1);
+}
+
+void add_part(CLI::App& app, Options& options, RawOptions& raw) {
+    app.add_option("--stream", options.stream,
+                   "Number of the video stream, as ffprobe shows it (default: the one with the "
+                   "largest pictures)")
+        ->group("Input")
+        ->type_name("NUMBER")
+        ->check(CLI::Range(0, 1 << 16));
+    app.add_option("--start", raw.start,
+                   "Begin at this time of the input, in seconds or as H:MM:SS")
+        ->group("Input")
+        ->type_name("TIME");
+    app.add_option("--duration", raw.duration, "End after this time")
+        ->group("Input")
+        ->type_name("TIME");
+    app.add_option("--interlaced", options.interlaced,
+                   "What becomes of interlaced video. full-rate (the default): a picture for each "
+                   "field, 50 per second of 50i; keep-rate: one for both; ignore: taken for "
+                   "progressive")
+        ->group("Input")
+        ->type_name("MODE")
+        ->check(CLI::IsMember({"full-rate", "keep-rate", "ignore"}));
 }
 
 void add_more_results(CLI::App& app, Options& options) {
@@ -300,6 +406,19 @@ void add_messages(CLI::App& app, Options& options) {
         ->excludes(quiet);
 }
 
+// Prints help, version or what is wrong with the command line. Returns the exit status.
+int tell(const CLI::App& app, const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) {
+        return app.exit(error);
+    }
+    std::fprintf(stderr,
+                 "stabilize-video: %s\n"
+                 "Usage: %s\n"
+                 "stabilize-video --help explains the options.\n",
+                 error.what(), USAGE);
+    return EXIT_USAGE;
+}
+
 }  // namespace
 
 std::optional<Options> parse_options(int argc, char** argv, int& status) {
@@ -311,23 +430,23 @@ std::optional<Options> parse_options(int argc, char** argv, int& status) {
     app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.set_help_flag();  // moved to the other messages
     app.add_option("FILES", raw.files)
-        ->required()
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
         ->group("");
     add_steadiness(app, options, raw);
     add_pictures(app, options);
     add_output(app, options, raw);
     add_input(app, options, raw);
+    add_part(app, options, raw);
     add_more_results(app, options);
     add_messages(app, options);
     try {
         app.parse(argc, argv);
-        options.input_options = key_values(raw.input_options);
+        read_texts(raw, options);
         read_crop(raw.crop, options);
         refuse_stated_opencl(options);
         check(options, raw.files);
     } catch (const CLI::ParseError& error) {
-        status = app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+        status = tell(app, error);
         return std::nullopt;
     }
     if (raw.overwrite) {

@@ -4,6 +4,7 @@
 
 #include <videostabilizer/stabilizer_options.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -34,13 +35,21 @@ struct Options {
 
     std::string input_format;
     std::vector<std::pair<std::string, std::string>> input_options;
+    std::optional<int> stream;  // of the input, as FFmpeg counts
+    std::string interlaced = "full-rate";
+    std::int64_t start_us = 0;
+    std::optional<std::int64_t> duration_us;
 
     std::string output_format;
     std::string codec;
     std::optional<double> crf;
     std::string preset;
+    std::int64_t bitrate = 0;  // bits per second; 0: by quality
+    std::vector<std::pair<std::string, std::string>> encoder_options;
+    bool audio = true;
     video_io::Existing existing = video_io::Existing::KEEP;
     bool keep_partial = false;
+    bool skip_existing = false;
 
     std::string strength = "standard";
     std::optional<int> look_ahead;  // frames

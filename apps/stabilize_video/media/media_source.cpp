@@ -4,8 +4,6 @@
 
 extern "C" {
 #include <libavdevice/avdevice.h>
-#include <libavutil/display.h>
-#include <libavutil/dovi_meta.h>
 }
 
 #include <sys/stat.h>
@@ -15,6 +13,7 @@ extern "C" {
 #include <cstdio>
 #include <new>
 
+#include "apps/stabilize_video/media/video_facts.h"
 #include "apps/stabilize_video/pictures/pixel_formats.h"
 
 namespace apps {
@@ -23,6 +22,8 @@ namespace {
 
 constexpr int STREAM_BUFFER_BYTES = 1 << 16;
 constexpr AVRational MICROSECONDS{1, AV_TIME_BASE};
+// By how much sound may be behind the pictures in a file.
+constexpr std::int64_t PATIENCE_US = 2 * std::int64_t{AV_TIME_BASE};
 
 bool is_character_device(const std::string& path) {
     struct stat info {};
@@ -42,25 +43,6 @@ bool reads_still_images(const AVInputFormat& format) {
            (name.size() > 5 && name.compare(name.size() - 5, 5, ENDING) == 0);
 }
 
-bool interlaced_order(AVFieldOrder order) {
-    return order != AV_FIELD_UNKNOWN && order != AV_FIELD_PROGRESSIVE;
-}
-
-// How a player should rotate the picture, in quarter turns clockwise.
-int quarter_turns(const AVStream& stream) {
-    const std::uint8_t* matrix =
-        av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr);
-    if (matrix == nullptr) {
-        return 0;
-    }
-    const double counterclockwise =
-        av_display_rotation_get(reinterpret_cast<const std::int32_t*>(matrix));
-    if (std::isnan(counterclockwise)) {
-        return 0;
-    }
-    return ((-static_cast<int>(std::lround(counterclockwise / 90)) % 4) + 4) % 4;
-}
-
 // Formats that are full range by their name have the same layout as others.
 void use_plain_format(AVFrame& frame) {
     const auto format = static_cast<AVPixelFormat>(frame.format);
@@ -68,14 +50,6 @@ void use_plain_format(AVFrame& frame) {
         frame.format = without_range(format);
         frame.color_range = AVCOL_RANGE_JPEG;
     }
-}
-
-// A piece of metadata of a picture, or else of the stream.
-const std::uint8_t* side_data(const AVFrame& picture, AVFrameSideDataType type,
-                              const AVStream& stream, AVPacketSideDataType stream_type) {
-    const AVFrameSideData* of_picture = av_frame_get_side_data(&picture, type);
-    return of_picture != nullptr ? of_picture->data
-                                 : av_stream_get_side_data(&stream, stream_type, nullptr);
 }
 
 }  // namespace
@@ -122,7 +96,9 @@ void MediaSource::open(const std::string& url, const MediaSourceOptions& options
     if (found < 0) {
         throw video_io::InputError("cannot read " + name_ + ": " + av_reason(found));
     }
-    find_video();
+    find_video(options);
+    clock_ = std::make_unique<StreamClock>(*context_);
+    choose_range(options);
     open_decoder();
     packet_ = make_packet();
     read_first_picture(options);
@@ -181,7 +157,7 @@ void MediaSource::open_container(const std::string& url, const MediaSourceOption
 
 // The first picture decides the format of all.
 void MediaSource::read_first_picture(const MediaSourceOptions& options) {
-    const AvFramePtr first = decode();
+    const AvFramePtr first = decode_wanted();
     if (!first) {
         if (stream_failure_) {
             std::rethrow_exception(stream_failure_);
@@ -202,20 +178,40 @@ void MediaSource::read_first_picture(const MediaSourceOptions& options) {
     format_.pixel_aspect = first_->sample_aspect_ratio;
 }
 
-void MediaSource::find_video() {
-    const int index = av_find_best_stream(context_.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    const bool only_cover =
-        index >= 0 && (context_->streams[index]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
-    if (index < 0 || only_cover) {
+void MediaSource::find_video(const MediaSourceOptions& options) {
+    video_ = choose_video(*context_, options.stream);
+    if (video_ == nullptr) {
+        if (options.stream) {
+            throw NoVideoError("stream " + std::to_string(*options.stream) + " of " + name_ +
+                               " is no video");
+        }
         const bool sound =
             av_find_best_stream(context_.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0) >= 0;
         throw NoVideoError(name_ + (sound ? " contains audio but no video" : " contains no video"));
     }
-    video_ = context_->streams[index];
     const bool one_picture = context_->nb_streams == 1 && video_->nb_frames <= 1;
     const bool numbered = name_.find('%') != std::string::npos;
     if (reads_still_images(*context_->iformat) && one_picture && !numbered && !stream_) {
         throw NoVideoError(name_ + " is a still image, not a video");
+    }
+}
+
+// Goes to the start of the part that is wanted. Time stamps then count from there. Otherwise those of
+// broadcasts, whose clocks start anywhere, are moved to 0; other files keep their start.
+void MediaSource::choose_range(const MediaSourceOptions& options) {
+    const bool broadcast = (context_->iformat->flags & AVFMT_TS_DISCONT) != 0;
+    const std::int64_t begin = context_->start_time == AV_NOPTS_VALUE ? 0 : context_->start_time;
+    zero_us_ = broadcast ? begin : 0;
+    if (options.start_us > 0) {
+        zero_us_ = begin + options.start_us;
+        if (context_->pb != nullptr && (context_->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0) {
+            // Where this fails, everything before is read and dropped.
+            avformat_seek_file(context_.get(), -1, INT64_MIN, zero_us_, zero_us_, 0);
+        }
+    }
+    starts_late_ = options.start_us > 0;
+    if (options.duration_us) {
+        stop_us_ = (starts_late_ ? zero_us_ : begin) + *options.duration_us;
     }
 }
 
@@ -251,35 +247,43 @@ void MediaSource::start_format(const AVFrame& decoded, const MediaSourceOptions&
     choose_conversion(decoded, options);
     make_converter(decoded);
     format_.pixel_format = task_.format;
+    take_facts(*context_, *video_, decoded, format_, notes_);
     format_.time_base = video_->time_base;
-    format_.nominal_rate = av_guess_frame_rate(context_.get(), video_, nullptr);
-    format_.frame_rate = format_.nominal_rate;
-    if (video_->avg_frame_rate.num > 0) {
-        format_.frame_rate = video_->avg_frame_rate;
+    if (converter_) {
+        format_.time_base = converter_->time_base();
     }
-    take_colours(decoded);
-    take_hdr(decoded);
+    if (task_.deinterlace == Deinterlace::FULL_RATE) {
+        constexpr AVRational FIELDS{2, 1};
+        format_.frame_rate = av_mul_q(format_.frame_rate, FIELDS);
+        format_.nominal_rate = av_mul_q(format_.nominal_rate, FIELDS);
+    }
+    if (options.turn_upright) {
+        format_.chroma_location = turned(format_.chroma_location, format_.orientation);
+        format_.orientation = Orientation{};
+    }
 }
 
 void MediaSource::choose_conversion(const AVFrame& decoded, const MediaSourceOptions& options) {
-    task_.deinterlace =
-        decoded.interlaced_frame != 0 || interlaced_order(video_->codecpar->field_order);
+    if (is_interlaced(*video_, decoded)) {
+        task_.deinterlace = options.deinterlace;
+    }
     if (options.turn_upright) {
-        task_.quarter_turns = quarter_turns(*video_);
+        task_.orientation = orientation_of(*video_);
     }
     const auto format = static_cast<AVPixelFormat>(decoded.format);
     const std::optional<videostabilizer::PixelLayout> layout =
         layout_of(format, decoded.chroma_location);
-    const bool moved = task_.deinterlace || task_.quarter_turns != 0;
+    const bool deinterlaced = task_.deinterlace != Deinterlace::NONE;
+    const bool moved = deinterlaced || !task_.orientation.upright();
     const bool is_planar = layout && layout->semi_planar == 0;
     // Deinterlacing knows no transparency, and YUV4MPEG2 only one kind of it.
     const bool keeps_alpha =
-        !task_.deinterlace && (!options.planar || format == AV_PIX_FMT_YUVA444P);
+        !deinterlaced && (!options.planar || format == AV_PIX_FMT_YUVA444P);
     const bool keeps =
         layout && (is_planar || !(moved || options.planar)) && (layout->alpha == 0 || keeps_alpha);
     task_.format = keeps ? format : planar_format_for(format);
     // Turned 4:2:2 and 4:1:1 have fewer rows of chroma than columns, which the stabilizer does not take.
-    if (task_.quarter_turns % 2 != 0 && (chroma_of(format) == videostabilizer::CHROMA_422 ||
+    if (task_.orientation.quarter_turns % 2 != 0 && (chroma_of(format) == videostabilizer::CHROMA_422 ||
                                          chroma_of(format) == videostabilizer::CHROMA_411)) {
         task_.format = planar_format(videostabilizer::CHROMA_444, bit_depth_of(task_.format),
                                      has_alpha(task_.format));
@@ -289,59 +293,21 @@ void MediaSource::choose_conversion(const AVFrame& decoded, const MediaSourceOpt
         notes_.push_back("pictures are converted from " + name_of(format) + " to " +
                          name_of(task_.format) + (drops_alpha ? "; transparency is dropped" : ""));
     }
-    if (task_.deinterlace) {
-        notes_.emplace_back("interlaced pictures are deinterlaced");
+    if (deinterlaced) {
+        notes_.emplace_back(task_.deinterlace == Deinterlace::FULL_RATE
+                                ? "interlaced pictures are deinterlaced, one picture for each field"
+                                : "interlaced pictures are deinterlaced");
     }
-    if (task_.quarter_turns != 0) {
+    if (!task_.orientation.upright()) {
         notes_.emplace_back(
-            "pictures are rotated upright, since the output format has no rotation tag");
-    }
-}
-
-void MediaSource::take_colours(const AVFrame& decoded) {
-    if (is_rgb(static_cast<AVPixelFormat>(decoded.format))) {
-        format_.range = AVCOL_RANGE_MPEG;
-        format_.matrix = AVCOL_SPC_BT709;
-    } else {
-        format_.range = decoded.color_range;
-        format_.matrix = decoded.colorspace;
-    }
-    format_.primaries = decoded.color_primaries;
-    format_.transfer = decoded.color_trc;
-    format_.chroma_location = turned(decoded.chroma_location, task_.quarter_turns);
-}
-
-// Metadata of high dynamic range: what holds for the whole stream is kept.
-void MediaSource::take_hdr(const AVFrame& decoded) {
-    const auto* mastering = reinterpret_cast<const AVMasteringDisplayMetadata*>(
-        side_data(decoded, AV_FRAME_DATA_MASTERING_DISPLAY_METADATA, *video_,
-                  AV_PKT_DATA_MASTERING_DISPLAY_METADATA));
-    if (mastering != nullptr) {
-        format_.mastering = *mastering;
-    }
-    const auto* light = reinterpret_cast<const AVContentLightMetadata*>(side_data(
-        decoded, AV_FRAME_DATA_CONTENT_LIGHT_LEVEL, *video_, AV_PKT_DATA_CONTENT_LIGHT_LEVEL));
-    if (light != nullptr) {
-        format_.light = *light;
-    }
-    if (av_frame_get_side_data(&decoded, AV_FRAME_DATA_DYNAMIC_HDR_PLUS) != nullptr) {
-        notes_.emplace_back("HDR10+ metadata, which changes from scene to scene, is dropped");
-    }
-    const auto* dolby = reinterpret_cast<const AVDOVIDecoderConfigurationRecord*>(
-        av_stream_get_side_data(video_, AV_PKT_DATA_DOVI_CONF, nullptr));
-    if (dolby != nullptr ||
-        av_frame_get_side_data(&decoded, AV_FRAME_DATA_DOVI_RPU_BUFFER) != nullptr) {
-        const bool alone = dolby != nullptr && dolby->dv_bl_signal_compatibility_id == 0;
-        notes_.emplace_back(
-            alone ? "Dolby Vision metadata is dropped; this video has a profile whose "
-                    "colours are wrong without it"
-                  : "Dolby Vision metadata is dropped");
+            "pictures are turned upright, since the output format has no rotation tag");
     }
 }
 
 void MediaSource::make_converter(const AVFrame& decoded) {
     converter_.reset();
-    if (decoded.format != task_.format || task_.deinterlace || task_.quarter_turns != 0) {
+    if (decoded.format != task_.format || task_.deinterlace != Deinterlace::NONE ||
+        !task_.orientation.upright()) {
         converter_ = std::make_unique<PictureConverter>(decoded, video_->time_base, task_);
     }
 }
@@ -355,7 +321,22 @@ void MediaSource::set_packet_receiver(std::function<void(const AVPacket&)> recei
     }
 }
 
+// Whether a packet lies within the part that is wanted.
+bool MediaSource::is_wanted(const AVPacket& packet) const {
+    if (packet.pts == AV_NOPTS_VALUE) {
+        return true;
+    }
+    const AVRational unit = context_->streams[packet.stream_index]->time_base;
+    const std::int64_t begin = av_rescale_q(packet.pts, unit, MICROSECONDS);
+    const std::int64_t duration =
+        av_rescale_q(std::max<std::int64_t>(packet.duration, 1), unit, MICROSECONDS);
+    return (!starts_late_ || begin + duration > zero_us_) && begin < stop_us_;
+}
+
 void MediaSource::forward(const AVPacket& packet) {
+    if (!is_wanted(packet)) {
+        return;
+    }
     if (receiver_) {
         receiver_(packet);
     } else if (opening_) {
@@ -383,6 +364,7 @@ bool MediaSource::read_packet() {
         }
         return false;
     }
+    clock_->correct(*packet_);
     const AVPacket& packet = *packet_;
     const AVStream& stream = *context_->streams[packet.stream_index];
     if (packet.pts != AV_NOPTS_VALUE) {
@@ -396,6 +378,9 @@ bool MediaSource::read_packet() {
     if (cut) {
         ++cut_packets_;
     } else if (&stream == video_) {
+        past_stop_ = past_stop_ || (packet.dts != AV_NOPTS_VALUE &&
+                                    av_rescale_q(packet.dts, stream.time_base, MICROSECONDS) >
+                                        stop_us_ + PATIENCE_US);
         const int sent = avcodec_send_packet(decoder_.get(), &packet);
         if (sent < 0 && sent != AVERROR(EAGAIN)) {
             ++decode_errors_;
@@ -435,6 +420,8 @@ AvFramePtr MediaSource::decode() {
             "the pictures change from " + size_text(decoded_width_, decoded_height_) + " to " +
             size_text(frame->width, frame->height) + " after picture " + std::to_string(pictures_));
     }
+    frame->sample_aspect_ratio = av_guess_sample_aspect_ratio(context_.get(), video_, frame.get());
+    mark_interlaced(*video_, *frame);
     if (frame->decode_error_flags != 0 || (frame->flags & AV_FRAME_FLAG_CORRUPT) != 0) {
         ++damaged_pictures_;
     }
@@ -460,6 +447,36 @@ AvFramePtr MediaSource::decode() {
     return frame;
 }
 
+// The next picture of the part that is wanted; null at the end.
+AvFramePtr MediaSource::decode_wanted() {
+    for (;;) {
+        AvFramePtr picture = decode();
+        if (!picture) {
+            return nullptr;
+        }
+        const std::int64_t time = av_rescale_q(picture->pts, video_->time_base, MICROSECONDS);
+        constexpr std::int64_t ROUNDING_US = 1000;
+        if (time >= stop_us_) {
+            // The sound of the last pictures follows.
+            while (!past_stop_ && read_packet()) {
+                drop_pictures();
+            }
+            input_ended_ = true;
+            stopped_ = true;
+            return nullptr;
+        }
+        if (!starts_late_ || time >= zero_us_ - ROUNDING_US) {
+            return picture;
+        }
+    }
+}
+
+void MediaSource::drop_pictures() {
+    const AvFramePtr dropped = make_av_frame();
+    while (avcodec_receive_frame(decoder_.get(), dropped.get()) >= 0) {
+    }
+}
+
 // The next picture in the wanted form; null at the end.
 AvFramePtr MediaSource::next_picture() {
     for (;;) {
@@ -472,7 +489,7 @@ AvFramePtr MediaSource::next_picture() {
                 return nullptr;
             }
         }
-        AvFramePtr decoded = decode();
+        AvFramePtr decoded = stopped_ ? nullptr : decode_wanted();
         if (!converter_ && (!decoded || decoded->format == task_.format)) {
             return decoded;
         }
@@ -491,12 +508,30 @@ AvFramePtr MediaSource::next_picture() {
     }
 }
 
+// Of both pictures that are made of two fields, the first gets the captions.
+std::shared_ptr<const AVBufferRef> MediaSource::captions_of(const AVFrame& picture) {
+    const AVFrameSideData* data = av_frame_get_side_data(&picture, AV_FRAME_DATA_A53_CC);
+    if (data == nullptr || (last_captions_ && last_captions_->data == data->data)) {
+        return nullptr;
+    }
+    last_captions_ =
+        std::shared_ptr<const AVBufferRef>(av_buffer_ref(data->buf), [](const AVBufferRef* buffer) {
+            AVBufferRef* owned = const_cast<AVBufferRef*>(buffer);
+            av_buffer_unref(&owned);
+        });
+    if (!last_captions_) {
+        throw std::bad_alloc();
+    }
+    return last_captions_;
+}
+
 AvFramePtr MediaSource::read(PictureTag& tag) {
     AvFramePtr picture = first_ ? std::move(first_) : next_picture();
     if (picture) {
         tag.time = picture->pts;
         tag.duration = picture->pkt_duration;
         tag.parameters.clear();
+        tag.captions = captions_of(*picture);
         ++pictures_;
     }
     return picture;
@@ -506,27 +541,33 @@ std::int64_t MediaSource::expected_pictures() const {
     if (live_) {
         return -1;
     }
-    if (video_->nb_frames > 0) {
-        return video_->nb_frames;
+    const bool whole = !starts_late_ && stop_us_ == INT64_MAX;
+    const int per_frame = task_.deinterlace == Deinterlace::FULL_RATE ? 2 : 1;
+    if (video_->nb_frames > 0 && whole) {
+        return video_->nb_frames * per_frame;
     }
     const double rate = av_q2d(format_.frame_rate);
     if (context_->duration <= 0 || !(rate > 0)) {
         return -1;
     }
-    return std::llround(static_cast<double>(context_->duration) / AV_TIME_BASE * rate);
+    const std::int64_t begin = context_->start_time == AV_NOPTS_VALUE ? 0 : context_->start_time;
+    const std::int64_t from = starts_late_ ? zero_us_ : begin;
+    const std::int64_t length = std::min(begin + context_->duration, stop_us_) - from;
+    return std::llround(static_cast<double>(std::max<std::int64_t>(length, 0)) / AV_TIME_BASE *
+                        rate);
 }
 
 std::string MediaSource::damage() const {
     // The duration that a container states may be off by a few pictures.
     constexpr double TOLERATED_SECONDS = 0.5;
     std::string what;
-    const bool states_duration =
-        !live_ && context_->duration > 0 &&
-        context_->duration_estimation_method != AVFMT_DURATION_FROM_BITRATE;
+    const bool states_duration = !live_ && context_->duration > 0 && !stopped_ &&
+                                 context_->duration_estimation_method == AVFMT_DURATION_FROM_STREAM;
     const std::int64_t start = context_->start_time == AV_NOPTS_VALUE ? 0 : context_->start_time;
+    // Of files that do not start at 0, some containers state the duration, others the end.
+    const std::int64_t end = end_us_ - std::min<std::int64_t>(start, 0);
     const double missing =
-        states_duration ? static_cast<double>(context_->duration - (end_us_ - start)) / AV_TIME_BASE
-                        : 0;
+        states_duration ? static_cast<double>(context_->duration - end) / AV_TIME_BASE : 0;
     const bool early = input_ended_ && missing > TOLERATED_SECONDS;
     if (!read_failure_.empty()) {
         what = "the input ended early: " + read_failure_;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "apps/stabilize_video/media/picture_converter.h"
+#include "apps/stabilize_video/media/stream_clock.h"
 #include "apps/stabilize_video/pictures/ffmpeg.h"
 #include "apps/stabilize_video/pictures/picture_stream.h"
 #include "common/video_io/byte_io.h"
@@ -27,11 +28,16 @@ struct MediaSourceOptions {
     bool turn_upright = false;
     // Planar pictures only.
     bool planar = false;
+    Deinterlace deinterlace = Deinterlace::FULL_RATE;  // of interlaced pictures
+    std::optional<int> stream;                         // number of the video stream; else the best
+    // The part that is wanted, from the start of the file; else all of it.
+    std::int64_t start_us = 0;
+    std::optional<std::int64_t> duration_us;
     // Once true, reading ends soon. May be null; must outlive the source.
     const std::atomic<bool>* stop = nullptr;
 };
 
-// Any video that FFmpeg reads: the best video stream decoded, all other streams as packets. Pictures
+// Any video that FFmpeg reads: one video stream decoded, all other streams as packets. Pictures
 // are the decoder's own where the stabilizer takes their format.
 //
 // Threads: owner only; FFmpeg decodes with threads of its own.
@@ -57,23 +63,28 @@ class MediaSource : public PictureSource {
     const AVFormatContext& container() const { return *context_; }
     const AVStream& video() const { return *video_; }
     bool is_live() const { return live_; }
+    // What is to become 0 in the output, microseconds.
+    std::int64_t zero_us() const { return zero_us_; }
     const Notes& notes() const { return notes_; }
 
   private:
     void open(const std::string& url, const MediaSourceOptions& options);
     AvioPtr make_stream_io();
     void open_container(const std::string& url, const MediaSourceOptions& options);
-    void find_video();
+    void find_video(const MediaSourceOptions& options);
+    void choose_range(const MediaSourceOptions& options);
     void open_decoder();
     void read_first_picture(const MediaSourceOptions& options);
     void start_format(const AVFrame& decoded, const MediaSourceOptions& options);
     void choose_conversion(const AVFrame& decoded, const MediaSourceOptions& options);
-    void take_colours(const AVFrame& decoded);
-    void take_hdr(const AVFrame& decoded);
     void make_converter(const AVFrame& decoded);
     bool read_packet();
+    bool is_wanted(const AVPacket& packet) const;
     void forward(const AVPacket& packet);
     AvFramePtr decode();
+    AvFramePtr decode_wanted();
+    void drop_pictures();
+    std::shared_ptr<const AVBufferRef> captions_of(const AVFrame& picture);
     AvFramePtr next_picture();
 
     std::string name_;
@@ -83,8 +94,14 @@ class MediaSource : public PictureSource {
     AvioPtr io_;  // of `stream_`; used by context_ until that is closed
     DemuxerPtr context_;
     AVStream* video_ = nullptr;  // owned by context_
+    std::unique_ptr<StreamClock> clock_;
     CodecContextPtr decoder_;
     PacketPtr packet_;
+    std::int64_t zero_us_ = 0;
+    std::int64_t stop_us_ = INT64_MAX;  // end of the part that is wanted
+    bool starts_late_ = false;
+    bool past_stop_ = false;
+    bool stopped_ = false;  // there, not at the end of the file
     bool live_ = false;
     bool opening_ = true;
     bool input_ended_ = false;
@@ -99,6 +116,7 @@ class MediaSource : public PictureSource {
     AvFramePtr first_;  // decoded while opening
     std::optional<std::int64_t> last_time_;
     std::int64_t pictures_ = 0;
+    std::shared_ptr<const AVBufferRef> last_captions_;
 
     std::function<void(const AVPacket&)> receiver_;
     std::deque<PacketPtr> early_packets_;  // read before there was a receiver

@@ -59,7 +59,6 @@ PictureConverter::PictureConverter(const AVFrame& sample, AVRational time_base, 
     : width_(sample.width),
       height_(sample.height),
       format_(sample.format),
-      time_base_(time_base),
       graph_(avfilter_graph_alloc()) {
     if (!graph_) {
         throw std::bad_alloc();
@@ -72,30 +71,27 @@ PictureConverter::PictureConverter(const AVFrame& sample, AVRational time_base, 
                       ":pixel_aspect=" + ratio(sample.sample_aspect_ratio),
                   nullptr);
     AVFilterContext* last = source_;
-    if (task.deinterlace) {
-        last = add(graph, "bwdif", "mode=send_frame:deint=interlaced", last);
+    if (task.deinterlace != Deinterlace::NONE) {
+        const bool fields = task.deinterlace == Deinterlace::FULL_RATE;
+        last = add(graph, "bwdif",
+                   std::string("deint=interlaced:mode=") + (fields ? "send_field" : "send_frame"),
+                   last);
     }
     if (format_ != task.format) {
         last = add(graph, "scale", scaling(sample, task.format), last);
         last = add(graph, "format", name_of(task.format), last);
     }
-    switch (task.quarter_turns) {
-        case 1:
-            last = add(graph, "transpose", "dir=clock", last);
-            break;
-        case 2:
-            last = add(graph, "hflip", "", add(graph, "vflip", "", last));
-            break;
-        case 3:
-            last = add(graph, "transpose", "dir=cclock", last);
-            break;
-        default:
-            break;
+    for (const auto& [filter, arguments] : upright_filters(task.orientation)) {
+        last = add(graph, filter, arguments, last);
     }
     // In case a filter prefers another.
     last = add(graph, "format", name_of(task.format), last);
     sink_ = add(graph, "buffersink", "", last);
     check(avfilter_graph_config(graph, nullptr));
+}
+
+AVRational PictureConverter::time_base() const {
+    return av_buffersink_get_time_base(sink_);
 }
 
 bool PictureConverter::accepts(const AVFrame& picture) const {
@@ -113,9 +109,6 @@ AvFramePtr PictureConverter::pull() {
         return nullptr;
     }
     check(result);
-    if (picture->pts != AV_NOPTS_VALUE) {
-        picture->pts = av_rescale_q(picture->pts, av_buffersink_get_time_base(sink_), time_base_);
-    }
     return picture;
 }
 

@@ -2,27 +2,31 @@
 
 #pragma once
 
-#include <cstdint>
-#include <string>
-
 #include "apps/stabilize_video/pictures/ffmpeg.h"
+#include "apps/stabilize_video/pictures/orientation.h"
 
 namespace apps {
+
+// What becomes of interlaced pictures: one picture for each field, one for both, or what they are.
+enum class Deinterlace { NONE, FULL_RATE, KEEP_RATE };
 
 // Converts decoded pictures: pixel format, deinterlacing, rotation. Threads: owner only.
 class PictureConverter {
   public:
     struct Task {
         AVPixelFormat format = AV_PIX_FMT_NONE;
-        bool deinterlace = false;
-        int quarter_turns = 0;  // clockwise, 0 to 3
+        Deinterlace deinterlace = Deinterlace::NONE;
+        Orientation orientation;  // to be turned upright
     };
 
-    // Converts pictures of the size and format of `sample`. `time_base` is that of their time
-    // stamps. YUV keeps its range (full or limited) where the format has none of its own; RGB becomes
+    // Converts pictures of the size and format of `sample`. `time_base` is the unit
+    // of their time stamps. YUV keeps its range (full or limited) where the format has none of its own; RGB becomes
     // limited BT.709.
     // Throws InputError when this cannot be done.
     PictureConverter(const AVFrame& sample, AVRational time_base, const Task& task);
+
+    // Unit of the time stamps of converted pictures.
+    AVRational time_base() const;
 
     // Whether the picture has the size and format of the sample.
     bool accepts(const AVFrame& picture) const;
@@ -37,7 +41,6 @@ class PictureConverter {
     int width_;
     int height_;
     int format_;
-    AVRational time_base_;
     FilterGraphPtr graph_;
     AVFilterContext* source_ = nullptr;  // both owned by the graph
     AVFilterContext* sink_ = nullptr;

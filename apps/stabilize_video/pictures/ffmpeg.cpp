@@ -3,9 +3,35 @@
 #include "apps/stabilize_video/pictures/ffmpeg.h"
 
 #include <array>
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <new>
 
 namespace apps {
+
+namespace {
+
+std::atomic<bool> log_shown{false};
+thread_local std::string first_error;
+
+void receive_log(void* source, int level, const char* format, va_list arguments) {
+    if (level <= AV_LOG_ERROR && first_error.empty()) {
+        va_list again;
+        va_copy(again, arguments);
+        std::array<char, 512> text{};
+        std::vsnprintf(text.data(), text.size(), format, again);
+        va_end(again);
+        first_error = text.data();
+        first_error.erase(first_error.find_last_not_of(" .\n") + 1);
+    }
+    if (log_shown) {
+        av_log_default_callback(source, level, format, arguments);
+    }
+}
+
+}  // namespace
 
 PacketPtr make_packet() {
     PacketPtr packet(av_packet_alloc());
@@ -66,7 +92,24 @@ std::string size_text(int width, int height) {
 }
 
 void show_ffmpeg_log(bool show) {
+    log_shown = show;
     av_log_set_level(show ? AV_LOG_WARNING : AV_LOG_QUIET);
+    av_log_set_callback(receive_log);
+    if (!show) {
+        setenv("SVT_LOG", "0", 0);  // this encoder writes to the terminal by itself
+    }
+}
+
+std::string ffmpeg_error() {
+    return first_error;
+}
+
+void forget_ffmpeg_error() {
+    first_error.clear();
+}
+
+std::string ffmpeg_error_or(int code) {
+    return first_error.empty() ? av_reason(code) : first_error;
 }
 
 }  // namespace apps

@@ -43,6 +43,11 @@ struct FilterGraphDeleter {
 };
 using FilterGraphPtr = std::unique_ptr<AVFilterGraph, FilterGraphDeleter>;
 
+struct BufferDeleter {
+    void operator()(AVBufferRef* buffer) const { av_buffer_unref(&buffer); }
+};
+using BufferPtr = std::unique_ptr<AVBufferRef, BufferDeleter>;
+
 // A demuxer; does not own an AVIOContext that was supplied to it.
 struct DemuxerCloser {
     void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
@@ -103,7 +108,14 @@ std::string av_reason(int error);
 // "1280x720".
 std::string size_text(int width, int height);
 
-// Shows FFmpeg's own messages on the terminal, or not.
+// Shows the messages of FFmpeg and its encoders on the terminal, or none.
 void show_ffmpeg_log(bool show);
+
+// What FFmpeg said about a failure on this thread since the last call of forget_ffmpeg_error: its first
+// error, "" if there was none. The codes that its functions return rarely name the cause.
+std::string ffmpeg_error();
+void forget_ffmpeg_error();
+// The same, or else the text of the code.
+std::string ffmpeg_error_or(int code);
 
 }  // namespace apps

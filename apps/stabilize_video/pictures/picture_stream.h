@@ -3,11 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "apps/stabilize_video/pictures/ffmpeg.h"
+#include "apps/stabilize_video/pictures/orientation.h"
 #include "common/video_io/byte_io.h"
 
 extern "C" {
@@ -45,6 +47,9 @@ struct PictureFormat {
     AVChromaLocation chroma_location = AVCHROMA_LOC_UNSPECIFIED;
     std::optional<AVMasteringDisplayMetadata> mastering;
     std::optional<AVContentLightMetadata> light;
+    Orientation orientation;             // as a player has to turn the pictures
+    AVCodecID codec = AV_CODEC_ID_NONE;  // of the input
+    bool has_captions = false;
 };
 
 // What travels with one picture.
@@ -52,6 +57,8 @@ struct PictureTag {
     std::int64_t time = 0;      // ticks
     std::int64_t duration = 0;  // ticks; 0: unknown
     std::string parameters;     // of a YUV4MPEG2 FRAME line
+    std::shared_ptr<const AVBufferRef>
+        captions;  // CEA-608 and 708, as AV_FRAME_DATA_A53_CC; or null
 };
 
 class PictureSource {
@@ -77,6 +84,9 @@ class PictureSink {
 
     // Writes the next picture. Its pixels must not change any more. Throws OutputError.
     virtual void write(const AVFrame& picture, const PictureTag& tag) = 0;
+
+    // What the user should know and only shows while pictures are written; "": nothing.
+    virtual std::string late_note() const { return ""; }
 
     // Writes everything that is still buffered; the last write. Throws OutputError.
     virtual void finish() = 0;

@@ -177,22 +177,4 @@ vs::ChromaFormat chroma_of(AVPixelFormat format) {
     return d.log2_chroma_h == 0 ? vs::CHROMA_422 : vs::CHROMA_420;
 }
 
-AVChromaLocation turned(AVChromaLocation location, int quarter_turns) {
-    // Each is the one before, turned clockwise. On the right nothing has a name.
-    constexpr AVChromaLocation SIDES[] = {AVCHROMA_LOC_LEFT, AVCHROMA_LOC_TOP,
-                                          AVCHROMA_LOC_UNSPECIFIED, AVCHROMA_LOC_BOTTOM};
-    constexpr AVChromaLocation CORNERS[] = {AVCHROMA_LOC_BOTTOMLEFT, AVCHROMA_LOC_TOPLEFT,
-                                            AVCHROMA_LOC_UNSPECIFIED, AVCHROMA_LOC_UNSPECIFIED};
-    if (location == AVCHROMA_LOC_UNSPECIFIED && quarter_turns != 0) {
-        location = AVCHROMA_LOC_LEFT;
-    }
-    for (const auto& ring : {SIDES, CORNERS}) {
-        const auto* const at = std::find(ring, ring + 4, location);
-        if (location != AVCHROMA_LOC_UNSPECIFIED && at != ring + 4) {
-            return ring[(at - ring + quarter_turns) % 4];
-        }
-    }
-    return location;
-}
-
 }  // namespace apps

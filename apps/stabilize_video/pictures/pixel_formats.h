@@ -40,7 +40,4 @@ bool has_alpha(AVPixelFormat format);
 int bit_depth_of(AVPixelFormat format);
 videostabilizer::ChromaFormat chroma_of(AVPixelFormat format);
 
-// Where chroma lies after a rotation by quarter turns clockwise; unspecified if that has no name.
-AVChromaLocation turned(AVChromaLocation location, int quarter_turns);
-
 }  // namespace apps

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <utility>
 
@@ -156,18 +157,43 @@ std::int64_t Y4mSource::expected_pictures() const {
     return size < 0 ? -1 : (size - line_bytes) / (header.frame_bytes() + FRAME_LINE_BYTES);
 }
 
-bool Y4mSource::recognises(video_io::FdSource& stream) {
+bool Y4mSource::recognises(video_io::FdSource& stream, bool deinterlace) {
     constexpr std::string_view MAGIC = "YUV4MPEG2";
-    return stream.peek(MAGIC.size()) == MAGIC;
+    if (stream.peek(MAGIC.size()) != MAGIC) {
+        return false;
+    }
+    // Byte by byte: a live stream may stop after its header.
+    std::size_t size = MAGIC.size();
+    std::string_view start;
+    do {
+        start = stream.peek(++size);
+    } while (start.size() == size && start.back() != '\n' && size <= video_io::Y4M_LONGEST_LINE);
+    const bool fields = start.find(" It") != std::string_view::npos ||
+                        start.find(" Ib") != std::string_view::npos;
+    return !(deinterlace && fields);
 }
 
 Y4mSink::Y4mSink(const std::string& path, const PictureFormat& format,
                  const std::string& header_line, video_io::Existing existing,
                  const std::atomic<bool>* stop)
-    : file_(path, stop, existing), writer_(file_.sink(), header_of(format, header_line)) {}
+    : file_(path, stop, existing),
+      writer_(file_.sink(), header_of(format, header_line)),
+      ticks_per_picture_(av_q2d(av_inv_q(av_mul_q(
+          format.frame_rate.num > 0 ? format.frame_rate : UNKNOWN_RATE, format.time_base)))) {}
 
 void Y4mSink::write(const AVFrame& picture, const PictureTag& tag) {
+    if (!first_time_) {
+        first_time_ = tag.time;
+    }
+    const double expected = static_cast<double>(pictures_) * ticks_per_picture_;
+    const double offset = static_cast<double>(tag.time - *first_time_) - expected;
+    varies_ = varies_ || std::abs(offset) > std::max(1.0, ticks_per_picture_);
+    ++pictures_;
     writer_.write_frame(y4m_planes(picture), tag.parameters);
+}
+
+std::string Y4mSink::late_note() const {
+    return varies_ ? "the time between pictures varies, which YUV4MPEG2 cannot tell" : "";
 }
 
 }  // namespace apps

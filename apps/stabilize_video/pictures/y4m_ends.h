@@ -3,7 +3,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "apps/stabilize_video/pictures/picture_pool.h"
@@ -25,8 +27,9 @@ class Y4mSource : public PictureSource {
     AvFramePtr read(PictureTag& tag) override;
     std::int64_t expected_pictures() const override;
 
-    // Whether the stream begins with a YUV4MPEG2 header. Consumes nothing.
-    static bool recognises(video_io::FdSource& stream);
+    // Whether the stream begins with a YUV4MPEG2 header, unless FFmpeg has to deinterlace the pictures.
+    // Consumes nothing.
+    static bool recognises(video_io::FdSource& stream, bool deinterlace);
 
   private:
     std::unique_ptr<video_io::FdSource> stream_;
@@ -44,6 +47,7 @@ class Y4mSink : public PictureSink {
             video_io::Existing existing, const std::atomic<bool>* stop);
 
     void write(const AVFrame& picture, const PictureTag& tag) override;
+    std::string late_note() const override;
     void finish() override { file_.sink().flush(); }
 
     void commit() override { file_.commit(); }
@@ -52,6 +56,10 @@ class Y4mSink : public PictureSink {
   private:
     video_io::OutputFile file_;
     video_io::Y4mWriter writer_;
+    double ticks_per_picture_;
+    std::optional<std::int64_t> first_time_;
+    std::int64_t pictures_ = 0;
+    bool varies_ = false;  // the time between pictures
 };
 
 }  // namespace apps

@@ -9,6 +9,7 @@ extern "C" {
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 #include "apps/stabilize_video/pictures/pixel_formats.h"
 
@@ -43,15 +44,21 @@ std::string label(const char* text, int height) {
 SideBySide::SideBySide(const std::string& path, const PictureFormat& format,
                        const EncoderOptions& options, const std::atomic<bool>* stop)
     : format_(format) {
-    side_width_ = even(std::min(format.width, WIDEST_SIDE));
-    side_height_ = even(
-        static_cast<int>(std::int64_t{format.height} * side_width_ / std::max(format.width, 1)));
+    PictureFormat wide = format;
+    if (format.orientation.quarter_turns % 2 != 0) {
+        std::swap(wide.width, wide.height);
+        wide.pixel_aspect = av_inv_q(format.pixel_aspect);
+    }
+    wide.orientation = Orientation{};
+    wide.chroma_location = turned(format.chroma_location, format.orientation);
+    side_width_ = even(std::min(wide.width, WIDEST_SIDE));
+    side_height_ =
+        even(static_cast<int>(std::int64_t{wide.height} * side_width_ / std::max(wide.width, 1)));
     try {
         make_graph(true);
     } catch (const video_io::OutputError&) {
         make_graph(false);  // no font was found
     }
-    PictureFormat wide = format;
     wide.width = 2 * side_width_;
     wide.height = side_height_;
     wide.pixel_format = planar_format_for(format.pixel_format);
@@ -69,7 +76,11 @@ void SideBySide::make_graph(bool labelled) {
                            std::to_string(format_.time_base.den);
     const std::string range = format_.range == AVCOL_RANGE_JPEG ? "full" : "limited";
     const std::string format = ",format=" + name_of(planar_format_for(format_.pixel_format));
-    const std::string fit = ",scale=" + std::to_string(side_width_) + ":" +
+    std::string upright;
+    for (const auto& [filter, arguments] : upright_filters(format_.orientation)) {
+        upright += std::string(",") + filter + (*arguments == '\0' ? "" : "=") + arguments;
+    }
+    const std::string fit = upright + ",scale=" + std::to_string(side_width_) + ":" +
                             std::to_string(side_height_) + ":in_range=" + range +
                             ":out_range=" + range + format;
     const auto side = [&](const char* text) {

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string>
 
-#include "apps/stabilize_video/media/media_sink.h"
+#include "apps/stabilize_video/output/media_sink.h"
 #include "apps/stabilize_video/pictures/ffmpeg.h"
 #include "apps/stabilize_video/pictures/picture_stream.h"
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "apps/stabilize_video/cli/options.h"
-#include "apps/stabilize_video/media/media_sink.h"
+#include "apps/stabilize_video/output/media_sink.h"
 #include "apps/stabilize_video/results/path_follower.h"
 #include "apps/stabilize_video/results/path_plot.h"
 #include "apps/stabilize_video/results/report.h"

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <iterator>
@@ -16,8 +17,8 @@
 
 #include "apps/stabilize_video/cli/interruption.h"
 #include "apps/stabilize_video/cli/library_log.h"
-#include "apps/stabilize_video/media/media_sink.h"
 #include "apps/stabilize_video/media/media_source.h"
+#include "apps/stabilize_video/output/media_sink.h"
 #include "apps/stabilize_video/pictures/y4m_ends.h"
 #include "apps/stabilize_video/results/path_follower.h"
 #include "apps/stabilize_video/run/extras.h"
@@ -82,6 +83,21 @@ void refuse_same_files(const Options& options) {
     }
 }
 
+// The value that belongs to a name, or the other one if the name is not in the table.
+template <typename Value, std::size_t COUNT>
+Value named(const std::pair<const char*, Value> (&table)[COUNT], const std::string& name,
+            Value otherwise) {
+    const auto* const entry = std::find_if(std::begin(table), std::end(table),
+                                           [&](const auto& e) { return name == e.first; });
+    return entry == std::end(table) ? otherwise : entry->second;
+}
+
+constexpr std::pair<const char*, Deinterlace> DEINTERLACING[] = {
+    {"full-rate", Deinterlace::FULL_RATE},
+    {"keep-rate", Deinterlace::KEEP_RATE},
+    {"ignore", Deinterlace::NONE},
+};
+
 // The input: YUV4MPEG2 by our own reader, everything else by FFmpeg.
 struct Input {
     std::unique_ptr<PictureSource> source;
@@ -103,11 +119,17 @@ Input open_input(const Options& options) {
         media_options.planar ||
         !keeps_rotation(*output_format_for(options.output, options.output_format));
     media_options.stop = stop;
+    media_options.stream = options.stream;
+    media_options.deinterlace = named(DEINTERLACING, options.interlaced, Deinterlace::FULL_RATE);
+    media_options.start_us = options.start_us;
+    media_options.duration_us = options.duration_us;
 
     Input input;
     struct stat info {};
     const bool exists = name == "-" || stat(name.c_str(), &info) == 0;
-    const bool by_name = is_url(name) || (exists && name != "-" && S_ISCHR(info.st_mode)) ||
+    const bool numbered = !exists && name.find('%') != std::string::npos;
+    const bool by_name = is_url(name) || numbered ||
+                         (exists && name != "-" && S_ISCHR(info.st_mode)) ||
                          (!options.input_format.empty() && name != "-");
     std::unique_ptr<MediaSource> media;
     if (by_name) {
@@ -116,7 +138,9 @@ Input open_input(const Options& options) {
         auto stream = std::make_unique<video_io::FdSource>(name, stop);
         const bool regular = stream->file_size() >= 0;
         input.live = !regular;
-        if (options.input_format.empty() && Y4mSource::recognises(*stream)) {
+        const bool part = options.start_us > 0 || options.duration_us;
+        if (options.input_format.empty() && !part &&
+            Y4mSource::recognises(*stream, options.interlaced != "ignore")) {
             auto y4m = std::make_unique<Y4mSource>(std::move(stream));
             input.y4m_header = y4m->header_line();
             input.source = std::move(y4m);
@@ -139,15 +163,6 @@ void refuse_small_pictures(const PictureFormat& format) {
                                    "; the smallest that can be stabilised are " +
                                    size_text(SMALLEST_SIDE, SMALLEST_SIDE));
     }
-}
-
-// The value that belongs to a name, or the other one if the name is not in the table.
-template <typename Value, std::size_t COUNT>
-Value named(const std::pair<const char*, Value> (&table)[COUNT], const std::string& name,
-            Value otherwise) {
-    const auto* const entry = std::find_if(std::begin(table), std::end(table),
-                                           [&](const auto& e) { return name == e.first; });
-    return entry == std::end(table) ? otherwise : entry->second;
 }
 
 constexpr std::pair<const char*, vs::VideoStabilizerStrength> STRENGTHS[] = {
@@ -207,7 +222,8 @@ class Job {
         return is_url(options_.output) || video_io::is_direct_output(options_.output);
     }
     StreamResult stabilize();
-    int conclude(const StreamResult& result);
+    int conclude(StreamResult result);
+    void finish_video(StreamSeconds& seconds);
     int keep_partial(const StreamResult& result);
     std::string describe_damage(const StreamResult& result) const;
     int tell_damage(const StreamResult& result) const;
@@ -230,6 +246,9 @@ void Job::open_outputs() {
     encoder.codec = options_.codec;
     encoder.crf = options_.crf;
     encoder.preset = options_.preset;
+    encoder.bitrate = options_.bitrate;
+    encoder.own = options_.encoder_options;
+    encoder.audio = options_.audio;
     encoder.existing = options_.existing;
     sink_ = open_video(encoder);
     extras_ = std::make_unique<Extras>(options_, input_.source->format(), encoder,
@@ -300,7 +319,16 @@ StreamResult Job::stabilize() {
         {*input_.source, *sink_, settings_, &path, *extras_, progress, interruption().stop_input});
 }
 
-int Job::conclude(const StreamResult& result) {
+// Encoders hold pictures back until the end.
+void Job::finish_video(StreamSeconds& seconds) {
+    const auto start = std::chrono::steady_clock::now();
+    sink_->finish();
+    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+    seconds.writing += taken.count();
+    seconds.total += taken.count();
+}
+
+int Job::conclude(StreamResult result) {
     const bool interrupted = interruption().signalled();
     if (interrupted && !options_.keep_partial) {
         throw video_io::InputError("interrupted");
@@ -309,13 +337,15 @@ int Job::conclude(const StreamResult& result) {
         std::rethrow_exception(result.input_failure);  // nothing worth keeping
     }
     damage_ = describe_damage(result);
-    sink_->finish();
+    finish_video(result.seconds);
     if (interrupted) {
         return keep_partial(result);
     }
-    if (const std::string note = extras_->report().lost_note(); !note.empty()) {
-        notes_.push_back(note);
-        say(options_, "note: " + note);
+    for (const std::string& note : {extras_->report().lost_note(), sink_->late_note()}) {
+        if (!note.empty()) {
+            notes_.push_back(note);
+            say(options_, "note: " + note);
+        }
     }
     const JobFacts facts{options_.inputs[0],      options_.output, options_.strength,
                          input_.source->format(), result.options,  notes_,

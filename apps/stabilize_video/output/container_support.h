@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include "apps/stabilize_video/pictures/ffmpeg.h"
+
+// What containers can hold besides the video, and what is put there in place of the rest.
+
+namespace apps {
+
+// QuickTime and what is derived from it.
+bool is_quicktime(const AVOutputFormat& muxer);
+
+// Whether files of this format can hold sound at all.
+bool holds_sound(const AVOutputFormat& muxer);
+
+// Whether a stream can be copied into a file of this format, so that others can use it there.
+bool holds(const AVOutputFormat& muxer, const AVStream& stream);
+
+// The codec tag of a stream in this format; 0: the muxer's choice. The same tag may mean something else
+// there.
+unsigned tag_in(const AVOutputFormat& muxer, const AVCodecParameters& parameters);
+
+// The codec for sound or subtitles that cannot be copied: the one that users of this format expect;
+// AV_CODEC_ID_NONE if there is none.
+AVCodecID substitute(const AVOutputFormat& muxer, const AVCodecParameters& parameters);
+
+}  // namespace apps
