@@ -91,7 +91,7 @@ bool is_text(AVCodecID codec) {
 
 AVCodecID sound_for(const AVOutputFormat& muxer, int channels) {
     constexpr int STEREO = 2;
-    if (is_transport(muxer) || is_quicktime(muxer)) {
+    if (is_transport(muxer) || is_quicktime(muxer) || is_one_of(muxer, {"flv"})) {
         return AV_CODEC_ID_AAC;
     }
     if (is_program_stream(muxer) || is_one_of(muxer, {"avi"})) {
@@ -159,11 +159,13 @@ bool holds(const AVOutputFormat& muxer, const AVStream& stream) {
                parameters.sample_rate == SAMPLE_RATE;
     }
     // Data has no codec but its tag.
-    if (parameters.codec_type == AVMEDIA_TYPE_DATA && codec == AV_CODEC_ID_BIN_DATA &&
-        (!is_quicktime(muxer) || parameters.codec_tag != MKTAG('g', 'p', 'm', 'd'))) {
+    const bool data = parameters.codec_type == AVMEDIA_TYPE_DATA && codec == AV_CODEC_ID_BIN_DATA;
+    if (data && (!is_quicktime(muxer) || parameters.codec_tag != MKTAG('g', 'p', 'm', 'd'))) {
         return false;
     }
-    if (avformat_query_codec(&muxer, codec, FF_COMPLIANCE_NORMAL) == 0) {
+    // Matroska also has names for what AVI can hold, QuickTime for data, and do not tell here.
+    const bool tells = !data && std::strcmp(muxer.name, "matroska") != 0;
+    if (tells && avformat_query_codec(&muxer, codec, FF_COMPLIANCE_NORMAL) == 0) {
         return false;
     }
     return (muxer.flags & AVFMT_NOFILE) != 0 || begins_file(muxer, parameters, stream);

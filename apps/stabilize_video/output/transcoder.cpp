@@ -49,6 +49,10 @@ CodecContextPtr make_encoder(AVCodecID id, const AVOutputFormat& muxer) {
     if (encoder && (muxer.flags & AVFMT_GLOBALHEADER) != 0) {
         encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     }
+    constexpr int RATE_OF_MXF = 48000;
+    if (encoder && std::strncmp(muxer.name, "mxf", 3) == 0) {
+        encoder->sample_rate = RATE_OF_MXF;
+    }
     return encoder;
 }
 
@@ -103,7 +107,10 @@ class SoundTranscoder : public Transcoder {
         if (av_channel_layout_copy(&encoder_->ch_layout, best) < 0) {
             throw std::bad_alloc();
         }
-        encoder_->sample_rate = nearest_rate(codec.supported_samplerates, decoder_->sample_rate);
+        if (encoder_->sample_rate == 0) {
+            encoder_->sample_rate =
+                nearest_rate(codec.supported_samplerates, decoder_->sample_rate);
+        }
         encoder_->sample_fmt =
             codec.sample_fmts == nullptr ? decoder_->sample_fmt : codec.sample_fmts[0];
         encoder_->time_base = {1, encoder_->sample_rate};

@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include <gmock/gmock.h>
+
+#include <string>
+
+#include "tests/apps/run_program.h"
+
+// Files as phones, cameras, broadcasts and screen recorders make them: what ffmpeg -c copy or a plain
+// transcode keeps has to be kept.
+
+namespace {
+
+// What the commands below use. FF makes files; v, a, f print what a file has: of the video, of the
+// sound, of the container. Clips begin with shaky.y4m: 64 x 48, 30 frames per second, 30 frames.
+constexpr const char* SHELL = R"(
+export LC_ALL=C; P=$PROGRAM
+FF() { ffmpeg -nostdin -loglevel error -y "$@"; }
+probe() { ffprobe -v quiet -of csv=p=0 "$@" | sed 's/,*$//' | grep . || echo none; }
+v() { probe -select_streams v:0 -show_entries stream=$1 $2 | head -1; }
+a() { probe -select_streams a:0 -show_entries stream=$1 $2 | head -1; }
+f() { probe -show_entries format_tags=$1 $2; }
+frames() { probe -select_streams v:0 -count_packets -show_entries stream=nb_read_packets $1 | head -1; }
+times() { probe -select_streams $1 -show_entries packet=pts_time $2 | sort -n; }
+steps() { times $1 $2 | awk 'NR > 1 && ($1 - l > 0.2 || $1 <= l) { bad = 1 } { l = $1 } END { print bad ? "jumps" : "even" }'; }
+)";
+
+struct Row {
+    const char* name;
+    const char* make;   // input files, from those there are
+    const char* run;    // the program
+    int status;         // its exit status
+    const char* says;   // a part of its messages
+    const char* check;  // prints what matters
+    const char* expected;
+};
+
+constexpr Row ROWS[] = {
+    {"pixel aspect of the container", "FF -i shaky.y4m -aspect 16:9 -c:v prores sar.mov",
+     "$P -q sar.mov sar.mkv; $P -q sar.mov sar.y4m", 0, "",
+     "v sample_aspect_ratio sar.mkv; head -c 60 sar.y4m | grep -ao 'A[0-9]*:[0-9]*'",
+     "4:3\nA4:3\n"},
+    {"pieces that do not start at 0",
+     "FF -i sound.mkv -c copy -f segment -segment_time 0.5 piece%d.mkv",
+     "$P -q piece1.mkv steady1.mkv", 0, "", "times v piece1.mkv | cmp - <(times v steady1.mkv)",
+     ""},
+    {"two recordings joined",
+     "FF -i sound.mkv -c:v mpeg2video -c:a mp2 one.ts; FF -i one.ts -c copy -output_ts_offset 5000 "
+     "two.ts; cat one.ts one.ts > restart.ts; cat one.ts two.ts > jump.ts",
+     "$P -q restart.ts restart.mp4 && $P -q jump.ts jump.mkv", 0, "",
+     "for i in restart.mp4 jump.mkv; do frames $i; steps v $i; steps a $i;"
+     "probe -show_entries format=duration $i | cut -c 1; done",
+     "60\neven\neven\n2\n60\neven\neven\n2\n"},
+    {"equal times of sound", "FF -i sound.mkv -c:v mpeg4 -c:a adpcm_ima_wav adpcm.avi",
+     "$P -q adpcm.avi adpcm.mkv", 0, "", "a codec_name adpcm.mkv", "adpcm_ima_wav\n"},
+    {"sound that the container cannot hold",
+     "FF -i sound.mkv -c:v copy -c:a flac flac.mkv; FF -i sound.mkv -c:v copy -c:a pcm_s16le "
+     "pcm.mkv",
+     "for o in mp4 mov ts mpg webm; do $P -q flac.mkv flac.$o; $P -q pcm.mkv pcm.$o; done", 0, "",
+     "for i in flac pcm; do for o in mp4 mov ts mpg webm; do a codec_name $i.$o; done; done",
+     "aac\naac\naac\nmp2\nopus\naac\npcm_s16le\naac\nmp2\nopus\n"},
+    {"pictures only, and no sound wanted", "",
+     "$P pcm.mkv out.gif; $P -q --no-audio pcm.mkv mute.mp4", 0, "cannot hold it",
+     "a codec_name out.gif; a codec_name mute.mp4", "none\nnone\n"},
+    {"subtitles that the container cannot hold",
+     "printf '1\\n00:00:00,200 --> 00:00:00,900\\nHello\\n' > words.srt;"
+     "FF -i sound.mkv -i words.srt -c copy -c:s mov_text words.mp4",
+     "$P -q words.mp4 words.mkv && $P -q words.mkv words.webm && $P words.mkv words.mpg", 0,
+     "stream 2 (subtitle, subrip) is left out",
+     "for i in mkv webm; do probe -select_streams s -show_entries "
+     "packet=duration_time:stream=codec_name words.$i; done",
+     "0.700000\nsubrip\n0.700000\nwebvtt\n"},
+    {"HEVC in QuickTime, bit depth and colours of HLG, mastering display",
+     "FF -i shaky.y4m -pix_fmt yuv420p10le -color_primaries bt2020 -colorspace bt2020nc -color_trc "
+     "smpte2084 -c:v libx265 -preset ultrafast -x265-params \"log-level=none:hdr10=1:"
+     "master-display=G(13250,34500)B(7500,3000)R(34000,16000)WP(15635,16450)L(10000000,1)"
+     ":max-cll=1000,400\" hdr.mkv",
+     "for o in mp4 mov; do $P -q hdr.mkv hdr.$o; done", 0, "",
+     "for o in mp4 mov; do v codec_tag_string,pix_fmt,color_transfer hdr.$o;"
+     "probe -read_intervals %+#1 -show_entries frame_side_data=max_content hdr.$o; done",
+     "hvc1,yuv420p10le,smpte2084\n1000\nhvc1,yuv420p10le,smpte2084\n1000\n"},
+    // The matrix in the header of the track: 4 bytes each, of which the first is 1 in 16.16.
+    {"mirrored, and upright beside each other",
+     "FF -i shaky.y4m -frames:v 12 -c:v libx264 plain.mp4; FF -i plain.mp4 -c copy -metadata:s:v:0 "
+     "rotate=90 turned.mp4; cp plain.mp4 mirrored.mp4; at=$(grep -abo tkhd mirrored.mp4 | cut -d: "
+     "-f1); printf '\\377\\377\\0\\0' | dd of=mirrored.mp4 bs=1 seek=$((at + 44)) conv=notrunc "
+     "status=none",
+     "$P -q plain.mp4 plain.mkv; $P -q mirrored.mp4 mirrored.mkv;"
+     "$P -q turned.mp4 out.mp4 --compare upright.mkv --overwrite",
+     0, "",
+     "v width,height upright.mkv; FF -i plain.mkv -i mirrored.mkv -lavfi "
+     "'[0]hflip[a];[a][1]psnr=-' "
+     "-f null - | sed 's/.*psnr_avg:\\([0-9]\\).*/\\1/' | sort -u | tr '\\n' ' '",
+     "96,64\n4 "},
+    {"what phones tell of themselves",
+     "FF -i sound.mkv -c copy -movflags use_metadata_tags -metadata "
+     "com.apple.quicktime.model='Phone 3' -metadata com.android.version=14 -metadata "
+     "location=+48.1+011.5/ -metadata creation_time=2024-05-01T10:00:00Z keys.mov",
+     "for o in mov mp4 mkv; do $P -q keys.mov phone.$o; done", 0, "",
+     "for o in mov mp4 mkv; do for i in com.apple.quicktime.model com.android.version location= "
+     "creation_time; do probe -show_entries format_tags phone.$o -of flat | grep -i "
+     "\"tags.${i//./_}\""
+     " | cut -d= -f2 | cut -c 1-11; done; done",
+     "\"Phone 3\"\n\"14\"\n\"+48.1000+0\n\"2024-05-01\n\"Phone "
+     "3\"\n\"14\"\n\"+48.1000+0\n\"2024-05-01\n"
+     "\"Phone 3\"\n\"14\"\n\"+48.1000+0\n\"2024-05-01\n"},
+    {"closed captions",
+     // User data of a picture goes before its first slice.
+     "FF -i shaky.y4m -c:v mpeg2video -bf 0 -q:v 2 plain.m2v; perl -0777 -pe "
+     "'s/(\\0\\0\\x01)\\x01/$1\\xb2GA94\\x03\\x41\\xff\\xfc\\x94\\x2c\\xff$1\\x01/g' plain.m2v > "
+     "captions.m2v",
+     "$P -q captions.m2v captions.mp4; $P captions.m2v captions.avi --codec mpeg4", 0,
+     "captions are dropped",
+     "probe -show_entries frame_side_data=side_data_type captions.mp4 | grep -c A53", "30\n"},
+    {"fonts",
+     "printf font > a.ttf; FF -i sound.mkv -c copy -attach a.ttf -metadata:s:t "
+     "mimetype=application/x-truetype-font fonts.mkv",
+     "$P -q fonts.mkv kept.mkv", 0, "",
+     "probe -select_streams t -show_entries stream=codec_name:stream_tags=filename kept.mkv",
+     "ttf,a.ttf\n"},
+    {"telemetry of action cameras",
+     "sed 's/tx3g/gpmd/; s/sbtl/meta/; s/nmhd/gmhd/' words.mp4 > gpmd.mp4",
+     "$P -q gpmd.mp4 telemetry.mp4; $P -q gpmd.mp4 telemetry.mov; $P gpmd.mp4 telemetry.mkv", 0,
+     "(data, bin_data) is left out",
+     "for o in mp4 mov; do probe -select_streams d -show_entries stream=codec_tag_string "
+     "telemetry.$o; done; probe -select_streams d -show_entries packet=pts_time,size gpmd.mp4 | "
+     "cmp "
+     "- <(probe -select_streams d -show_entries packet=pts_time,size telemetry.mp4)",
+     "gpmd\ngpmd\n"},
+    {"interlaced",
+     "FF -i shaky.y4m -vf fps=50,interlace -flags +ilme+ildct -c:v mpeg2video fields.ts;"
+     "sed '1s/Ip/It/' shaky.y4m > fields.y4m",
+     "$P -q fields.ts full.mp4 && $P -q fields.ts half.mp4 --interlaced keep-rate && $P -q "
+     "fields.y4m "
+     "full.y4m && $P -q fields.y4m same.y4m --interlaced ignore",
+     0, "",
+     "v avg_frame_rate full.mp4; head -1 full.y4m | cut -c 1-26; head -1 same.y4m | cut -c 1-26;"
+     "for i in full.mp4 half.mp4 full.y4m; do frames $i; done",
+     "50/1\nYUV4MPEG2 W64 H48 F60:1 Ip\nYUV4MPEG2 W64 H48 F30:1 It\n50\n25\n60\n"},
+    {"AVI of pictures out of order, of varying rate",
+     "FF -i shaky.y4m -f lavfi -i sine=440:d=1 -c:a pcm_s16le -vf 'select=mod(n\\,7)' -vsync vfr "
+     "-c:v libx264 -bf 3 vary.mkv",
+     "$P -q vary.mkv vary.avi; $P vary.mkv vary.y4m", 0, "time between pictures varies",
+     "v r_frame_rate vary.avi; paste -d, <(probe -select_streams v -show_entries packet=dts_time "
+     "vary.avi) <(times v vary.mkv) | awk -F, 'NR > 1 && ($1 - $2) ^ 2 > 0.002 { print }'",
+     "30/1\n"},
+};
+
+TEST(RealFiles, KeepWhatTheyHave) {
+    const Folder folder;
+    write_clip(folder.file("shaky.y4m"), 64, 48, 30);
+    write_file(folder.file("shell"), SHELL);
+    const auto shell = [&](const std::string& command) {
+        return run_shell(
+            folder, "export PROGRAM; bash -c '. ./shell; eval \"$0\"' \"$(cat <<'END'\n" + command +
+                        "\nEND\n)\"");
+    };
+    ASSERT_EQ(shell("FF -i shaky.y4m -f lavfi -i sine=440:d=1 -c:v libx264 -preset ultrafast -g 10 "
+                    "-bf 2 -c:a aac sound.mkv")
+                  .errors,
+              "");
+    for (const Row& row : ROWS) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(shell(row.make).errors, "");
+        const Outcome outcome = shell(row.run);
+        EXPECT_EQ(outcome.status, row.status);
+        EXPECT_THAT(outcome.errors, testing::HasSubstr(row.says));
+        if (*row.says == '\0') {
+            EXPECT_EQ(outcome.errors, "");
+        }
+        EXPECT_EQ(shell("{ " + std::string(row.check) + "\n} >&2").errors, row.expected);
+    }
+}
+
+}  // namespace
