@@ -4,7 +4,9 @@
 
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 
 #include "apps/stabilize_video/cli/interruption.h"
@@ -38,6 +40,9 @@ void tell(const char* what) {
 
 int main(int argc, char** argv) {
     std::set_terminate(end_at_once);
+    // Compilers of OpenCL drivers exit or abort when they fail.
+    std::atexit(video_io::PendingFile::remove_all);
+    std::signal(SIGABRT, [](int) { video_io::PendingFile::remove_all(); });
     try {
         int status = apps::EXIT_DONE;
         const auto options = apps::parse_options(argc, argv, status);

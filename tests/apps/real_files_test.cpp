@@ -144,6 +144,70 @@ constexpr Row ROWS[] = {
      "v r_frame_rate vary.avi; paste -d, <(probe -select_streams v -show_entries packet=dts_time "
      "vary.avi) <(times v vary.mkv) | awk -F, 'NR > 1 && ($1 - $2) ^ 2 > 0.002 { print }'",
      "30/1\n"},
+    {"nohup", "",
+     "(trap '' HUP; $P -q --input-format lavfi testsrc2=d=9999 endless.mkv & sleep 1;"
+     "kill -HUP $!; sleep 0.3; kill -TERM $!; wait $!)",
+     130, "interrupted", "ls endless.mkv* .endless* 2>/dev/null | wc -l", "0\n"},
+    {"no folder for a cache", "",
+     "HOME=/proc/none POCL_CACHE_DIR=/proc/none $P -q plain.mp4 uncached.mp4", 0, "",
+     "frames uncached.mp4", "12\n"},
+    {"other encoders", "",
+     "$P -q sound.mkv mpeg2.mkv --codec mpeg2video; $P -q sound.mkv mpeg4.ts --codec mpeg4;"
+     "$P -q sound.mkv prores.mov --codec prores --no-audio; $P -q sar.mov dnxhr.mov --codec dnxhd "
+     "--encoder-option threads=1 --start 0.5 --duration 0.2; $P -q sound.mkv x.mkv --codec av1;"
+     "$P -q sound.mkv b.mkv --bitrate 300k --encoder-option g=7",
+     0, "dnxhd cannot be used: ",
+     "for i in mpeg2.mkv mpeg4.ts prores.mov; do v codec_name $i; done;"
+     "probe -select_streams v -show_entries packet=flags b.mkv | grep -c K",
+     "mpeg2video\nmpeg4\nprores\n5\n"},
+    {"encoders that cannot be used", "",
+     "for o in '--preset bad' '--crf 60' '--codec h264_vaapi' '--codec h264_nvenc' "
+     "'--encoder-option "
+     "q=z' '--codec nonsense'; do $P sound.mkv x.mp4 $o --overwrite || n=$((n+1)); done; exit $n",
+     6, "has no preset 'bad'; it has ultrafast", "ls x.mp4 2>/dev/null | wc -l", "0\n"},
+    {"silence", "", "for c in hevc av1; do $P -q plain.mp4 silent.mkv --codec $c --overwrite; done",
+     0, "", "v codec_name silent.mkv", "av1\n"},
+    {"a report that cannot be written", "", "$P -q plain.mp4 kept.mp4 --json /dev/full", 3,
+     "the video itself is complete", "frames kept.mp4", "12\n"},
+    {"a batch again", "$P -q --output-dir all plain.mp4 words.mp4",
+     "$P --output-dir all --skip-existing "
+     "plain.mp4 words.mp4 mirrored.mp4 && $P --skip-existing plain.mp4 kept.mp4",
+     0, "2 of them were before", "ls all | wc -l", "3\n"},
+    {"faults of the input are its own",
+     "FF -i sound.mkv -c:v mpeg2video -c:a ac3 s.ts; head -c 9000 s.ts > cut.ts",
+     "$P -q cut.ts cut.mp4", 5, "pictures of the input are damaged",
+     "$P plain.mp4 - --output-format mp4 2>&1 >/dev/full | grep -o 'needs a file'; cat plain.mp4 | "
+     "$P -q - "
+     "x.mp4 2>&1 | grep -o 'index comes last'",
+     "needs a file\nindex comes last\n"},
+    {"numbered pictures", "FF -i shaky.y4m -frames:v 12 in%03d.png",
+     "$P -q in%03d.png seq.mp4 && $P -q --no-audio plain.mp4 out%02d.jpg && $P -q plain.mp4 "
+     "out%02d.jpg",
+     3, "out01.jpg exists already", "frames seq.mp4; ls out*.jpg | wc -l", "12\n12\n"},
+    {"wrong command lines", "",
+     "for o in '' '--crop nan a b' '--jobs 2 a b' '--bitrate 9x a b' '--start x a b' '--stream 1 "
+     "sound.mkv x.mp4' '--stream 0 sound.mkv x.mp4'; do $P $o 2>&1 | head -1 >&2; done",
+     0, "stabilize-video: IN and OUT are required\nstabilize-video: --crop: 'nan' is not auto",
+     "frames x.mp4", "30\n"},
+    {"two videos",
+     "FF -i sound.mkv -i sar.mov -map 0:v -map 1:v -c copy -disposition:v:0 0 two.mkv",
+     "$P -q two.mkv first.mkv && $P two.mkv second.mkv --stream 1", 0, "which was prores",
+     "for i in first second; do probe -select_streams v:1 -show_entries stream=codec_name $i.mkv; "
+     "done",
+     "prores\nh264\n"},
+    {"transparency", "FF -i shaky.y4m -pix_fmt yuva444p10le -c:v prores_ks alpha.mov",
+     "$P alpha.mov opaque.mp4", 0, "transparency is dropped", "v codec_name,pix_fmt opaque.mp4",
+     "hevc,yuv444p12le\n"},
+    {"quality of older codecs", "$P -q shaky.y4m exact.y4m",
+     "for c in vp8 theora mpeg4 h264; do $P -q shaky.y4m q$c.mkv --codec $c; done", 0, "",
+     "for c in vp8 theora mpeg4 h264; do FF -i q$c.mkv -i exact.y4m -lavfi psnr=- -f null - | "
+     "grep -o 'psnr_avg:[0-9]*' | awk -F: -v c=$c '$2 < 34 { print c, $0 }'; done",
+     ""},
+    {"no OpenCL driver", "", "OCL_ICD_VENDORS=/none $P plain.mp4 y.mp4 --engine opencl", 4,
+     "is a driver installed? (pocl-opencl-icd", ":", ""},
+    {"a part", "", "$P -q --start 0.5 --duration 0.3 sound.mkv part.mp4", 0, "",
+     "frames part.mp4; v start_time part.mp4; a duration part.mp4 | cut -c 1-3",
+     "9\n0.000000\n0.3\n"},
 };
 
 TEST(RealFiles, KeepWhatTheyHave) {

@@ -152,15 +152,17 @@ std::int64_t bitrate_of(const std::string& text) {
 }
 
 // CLI11 takes NaN for a number within any range.
-CLI::Validator number_in(double least, double most) {
-    return {[least, most](std::string& text) -> std::string {
+CLI::Validator number_in(double least, double most, const char* word = "a number") {
+    return {[least, most, word](std::string& text) -> std::string {
                 double value = 0;
-                const bool within =
-                    CLI::detail::lexical_cast(text, value) && value >= least && value <= most;
+                if (text == word ||
+                    (CLI::detail::lexical_cast(text, value) && value >= least && value <= most)) {
+                    return "";
+                }
                 char message[96];
-                std::snprintf(message, sizeof message, "%.40s is not in %g to %g", text.c_str(),
-                              least, most);
-                return within ? "" : message;
+                std::snprintf(message, sizeof message, "'%.40s' is not %s or not in %g to %g",
+                              text.c_str(), word, least, most);
+                return message;
             },
             ""};
 }
@@ -270,7 +272,7 @@ void add_steadiness(CLI::App& app, Options& options, RawOptions& raw) {
         "much "
         "as the shake allows, slowly changing")
         ->type_name("RATIO")
-        ->check(CLI::IsMember({"auto"}) | number_in(0.5, 1));
+        ->check(number_in(0.5, 1, "auto"));
     add("--crop-least", options.crop_least, "The least that --crop auto shows (default: 0.65)")
         ->type_name("RATIO")
         ->check(number_in(0.5, 0.99));

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "apps/stabilize_video/cli/progress.h"
 #include "common/video_io/output_file.h"
 
 namespace apps {
@@ -69,7 +70,8 @@ struct Options {
 
     bool quiet = false;
     bool verbose = false;
-    bool progress = true;  // unless quiet
+    bool progress = true;                       // unless quiet
+    SharedProgress* shared_progress = nullptr;  // of a file of a batch
 };
 
 // Parses the command line. Returns nothing, and the exit status, after help or an error was printed.

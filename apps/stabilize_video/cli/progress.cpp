@@ -34,12 +34,6 @@ std::string clock_text(double seconds) {
     return text("%lld:%02lld:%02lld", whole / 3600, whole / 60 % 60, whole % 60);
 }
 
-int terminal_columns() {
-    constexpr int USUAL = 80;
-    winsize size{};
-    return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : USUAL;
-}
-
 std::string bar(double part) {
     constexpr std::size_t LENGTH = 24;
     const auto filled = static_cast<std::size_t>(part * static_cast<double>(LENGTH));
@@ -48,13 +42,23 @@ std::string bar(double part) {
 
 }  // namespace
 
-Progress::Progress(bool wanted, std::int64_t total, double rate)
+int terminal_columns() {
+    constexpr int USUAL = 80;
+    winsize size{};
+    return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : USUAL;
+}
+
+Progress::Progress(bool wanted, std::int64_t total, double rate, SharedProgress* shared)
     : wanted_(wanted),
+      shared_(shared),
       terminal_(isatty(STDERR_FILENO) == 1),
       total_(total),
       rate_(rate),
       start_(Clock::now()),
       next_(start_) {
+    if (shared_ != nullptr) {
+        shared_->total = total;
+    }
     if (terminal_) {
         next_ += REDRAW_INTERVAL;
     } else {
@@ -69,6 +73,9 @@ Progress::~Progress() {
 }
 
 void Progress::show(std::int64_t frames) {
+    if (shared_ != nullptr) {
+        shared_->frames = frames;
+    }
     if (!wanted_) {
         return;
     }

@@ -155,12 +155,23 @@ void MediaSource::open_container(const std::string& url, const MediaSourceOption
             (context->pb->seekable & AVIO_SEEKABLE_NORMAL) == 0;
 }
 
+// Whether this is QuickTime or MP4 whose index follows pictures that have gone by.
+bool MediaSource::is_index_missing() const {
+    return live_ && std::string(context_->iformat->name).find("mp4") != std::string::npos;
+}
+
 // The first picture decides the format of all.
 void MediaSource::read_first_picture(const MediaSourceOptions& options) {
     const AvFramePtr first = decode_wanted();
     if (!first) {
         if (stream_failure_) {
             std::rethrow_exception(stream_failure_);
+        }
+        if (is_index_missing()) {
+            throw video_io::InputError(
+                "cannot read " + name_ +
+                ": its index comes last, so that it cannot be read from a pipe; read a file, or "
+                "put the index first (ffmpeg -i IN -c copy -movflags +faststart OUT)");
         }
         throw video_io::InputError("no picture of " + name_ + " can be decoded" +
                                    (read_failure_.empty() ? "" : ": " + read_failure_));
@@ -321,19 +332,27 @@ void MediaSource::set_packet_receiver(std::function<void(const AVPacket&)> recei
     }
 }
 
-// Whether a packet lies within the part that is wanted.
-bool MediaSource::is_wanted(const AVPacket& packet) const {
+// Whether a packet lies within the part that is wanted. Of subtitles that begin before it, the rest is
+// taken.
+bool MediaSource::is_wanted(AVPacket& packet) const {
     if (packet.pts == AV_NOPTS_VALUE) {
         return true;
     }
-    const AVRational unit = context_->streams[packet.stream_index]->time_base;
-    const std::int64_t begin = av_rescale_q(packet.pts, unit, MICROSECONDS);
-    const std::int64_t duration =
-        av_rescale_q(std::max<std::int64_t>(packet.duration, 1), unit, MICROSECONDS);
-    return (!starts_late_ || begin + duration > zero_us_) && begin < stop_us_;
+    const AVStream& stream = *context_->streams[packet.stream_index];
+    const std::int64_t begin = av_rescale_q(packet.pts, stream.time_base, MICROSECONDS);
+    const std::int64_t late = av_rescale_q(zero_us_ - begin, MICROSECONDS, stream.time_base);
+    if (starts_late_ && late > 0) {
+        if (stream.codecpar->codec_type != AVMEDIA_TYPE_SUBTITLE || packet.duration <= late) {
+            return false;
+        }
+        packet.pts += late;
+        packet.dts = packet.pts;
+        packet.duration -= late;
+    }
+    return begin < stop_us_;
 }
 
-void MediaSource::forward(const AVPacket& packet) {
+void MediaSource::forward(AVPacket& packet) {
     if (!is_wanted(packet)) {
         return;
     }
@@ -386,7 +405,7 @@ bool MediaSource::read_packet() {
             ++decode_errors_;
         }
     } else {
-        forward(packet);
+        forward(*packet_);
     }
     av_packet_unref(packet_.get());
     return true;

@@ -74,13 +74,14 @@ class MediaSource : public PictureSource {
     void find_video(const MediaSourceOptions& options);
     void choose_range(const MediaSourceOptions& options);
     void open_decoder();
+    bool is_index_missing() const;
     void read_first_picture(const MediaSourceOptions& options);
     void start_format(const AVFrame& decoded, const MediaSourceOptions& options);
     void choose_conversion(const AVFrame& decoded, const MediaSourceOptions& options);
     void make_converter(const AVFrame& decoded);
     bool read_packet();
-    bool is_wanted(const AVPacket& packet) const;
-    void forward(const AVPacket& packet);
+    bool is_wanted(AVPacket& packet) const;
+    void forward(AVPacket& packet);
     AvFramePtr decode();
     AvFramePtr decode_wanted();
     void drop_pictures();

@@ -10,6 +10,7 @@ extern "C" {
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <iterator>
 
 #include "apps/stabilize_video/pictures/pixel_formats.h"
 
@@ -28,9 +29,9 @@ struct Quality {
 };
 constexpr Quality QUALITIES[] = {
     {"libx264", 18, 51, "fast", 0, 0}, {"libx265", 20, 51, "fast", 0, 0},
-    {"libvpx-vp9", 28, 63, "", 0, 0},  {"libvpx", 4, 63, "", 0, 50},
+    {"libvpx-vp9", 28, 63, "", 0, 0},  {"libvpx", 12, 63, "", 0, 50},
     {"libaom-av1", 26, 63, "", 0, 0},  {"libsvtav1", 28, 63, "", 0, 0},
-    {"libtheora", -1, 0, "", 10, 0},   {"mpeg4", -1, 0, "", 2, 0},
+    {"libtheora", -1, 0, "", 8, 0},    {"mpeg4", -1, 0, "", 2, 0},
 };
 
 Quality quality_of(const std::string& encoder) {
@@ -44,8 +45,13 @@ Quality quality_of(const std::string& encoder) {
 }
 
 // Encoders that are better than the one that FFmpeg takes for a codec.
-constexpr std::pair<AVCodecID, const char*> PREFERRED[] = {{AV_CODEC_ID_AV1, "libsvtav1"},
-                                                           {AV_CODEC_ID_PRORES, "prores_ks"}};
+struct Preferred {
+    AVCodecID codec;
+    const char* encoder;
+    int least_side;  // of pictures, pixels
+};
+constexpr Preferred PREFERRED[] = {{AV_CODEC_ID_AV1, "libsvtav1", 64},
+                                   {AV_CODEC_ID_PRORES, "prores_ks", 1}};
 
 // Whether files of this format can hold video of this codec. Of muxers that do not tell, those whose
 // default is H.264 or one of its predecessors can hold H.264, and those of transport streams HEVC.
@@ -79,27 +85,6 @@ const AVCodec* default_encoder(const AVOutputFormat& format, const std::string& 
                                                                 : format.video_codec);
 }
 
-// By the name of an encoder or a codec.
-const AVCodec* encoder_named(const std::string& name, AVPixelFormat pictures) {
-    const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
-    const AVCodecDescriptor* descriptor = avcodec_descriptor_get_by_name(name.c_str());
-    if (descriptor != nullptr && (codec == nullptr || codec->id == descriptor->id)) {
-        for (const auto& [id, encoder] : PREFERRED) {
-            const AVCodec* better =
-                id == descriptor->id ? avcodec_find_encoder_by_name(encoder) : nullptr;
-            if (better != nullptr &&
-                chroma_of(nearest_format(*better, pictures)) == chroma_of(pictures)) {
-                return better;
-            }
-        }
-        codec = codec != nullptr ? codec : avcodec_find_encoder(descriptor->id);
-    }
-    if (codec == nullptr || codec->type != AVMEDIA_TYPE_VIDEO) {
-        throw video_io::OutputError("there is no video encoder '" + name + "'");
-    }
-    return codec;
-}
-
 // How far a format is from that of the pictures; less is better. What is lost comes first, bits before
 // chroma, then what is written in vain.
 std::array<int, 9> distance(AVPixelFormat format, AVPixelFormat pictures) {
@@ -123,6 +108,32 @@ std::array<int, 9> distance(AVPixelFormat format, AVPixelFormat pictures) {
             std::max(bits, 0),
             (has_alpha(format) && !has_alpha(pictures) ? 4 : 0) + (plain == pictures ? 0 : 2) +
                 (format == plain ? 0 : 1)};
+}
+
+bool keeps_samples(const AVCodec& codec, AVPixelFormat pictures) {
+    const std::array<int, 9> lost = distance(nearest_format(codec, pictures), pictures);
+    return lost[1] == 0 && lost[3] == 0 && lost[4] == 0 && lost[5] == 0;
+}
+
+// By the name of an encoder or a codec.
+const AVCodec* encoder_named(const std::string& name, const PictureFormat& pictures) {
+    const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
+    const AVCodecDescriptor* descriptor = avcodec_descriptor_get_by_name(name.c_str());
+    if (descriptor != nullptr && (codec == nullptr || codec->id == descriptor->id)) {
+        for (const auto& [id, encoder, side] : PREFERRED) {
+            const AVCodec* better =
+                id == descriptor->id ? avcodec_find_encoder_by_name(encoder) : nullptr;
+            if (better != nullptr && std::min(pictures.width, pictures.height) >= side &&
+                keeps_samples(*better, pictures.pixel_format)) {
+                return better;
+            }
+        }
+        codec = codec != nullptr ? codec : avcodec_find_encoder(descriptor->id);
+    }
+    if (codec == nullptr || codec->type != AVMEDIA_TYPE_VIDEO) {
+        throw video_io::OutputError("there is no video encoder '" + name + "'");
+    }
+    return codec;
 }
 
 // The frame rate as it would be if no picture were missing. What containers tell as such may be a common
@@ -189,6 +200,27 @@ std::string x26x_parameters(bool x265, const PictureFormat& format) {
     return parameters;
 }
 
+void set_preset(AVCodecContext& encoder, const std::string& preset) {
+    constexpr const char* OF_X26X[] = {"ultrafast", "superfast", "veryfast", "faster",   "fast",
+                                       "medium",    "slow",      "slower",   "veryslow", "placebo"};
+    const std::string name = encoder.codec->name;
+    if (preset.empty()) {
+        return;
+    }
+    std::string hint;
+    bool known = true;
+    if (name == "libx264" || name == "libx265") {
+        known = std::find(std::begin(OF_X26X), std::end(OF_X26X), preset) != std::end(OF_X26X);
+        for (const char* one : OF_X26X) {
+            hint += (hint.empty() ? "; it has " : ", ") + std::string(one);
+        }
+    }
+    if (!known || av_opt_set(encoder.priv_data, "preset", preset.c_str(), 0) < 0) {
+        throw video_io::OutputError("the encoder " + name + " has no preset '" + preset + "'" +
+                                    hint);
+    }
+}
+
 // DNxHD has fixed bit rates for a few sizes and rates; its successor DNxHR takes any.
 void set_profile(AVCodecContext& encoder) {
     const std::string name = encoder.codec->name;
@@ -205,9 +237,9 @@ void set_profile(AVCodecContext& encoder) {
 }  // namespace
 
 const AVCodec& choose_encoder(const AVOutputFormat& muxer, const std::string& path,
-                              const EncoderOptions& options, AVPixelFormat pictures) {
+                              const EncoderOptions& options, const PictureFormat& pictures) {
     const AVCodec* codec = options.codec.empty()
-                               ? default_encoder(muxer, path, bit_depth_of(pictures))
+                               ? default_encoder(muxer, path, bit_depth_of(pictures.pixel_format))
                                : encoder_named(options.codec, pictures);
     if (codec == nullptr) {
         throw video_io::OutputError(std::string("there is no encoder for ") + muxer.long_name);
@@ -278,11 +310,8 @@ void set_quality(AVCodecContext& encoder, const EncoderOptions& options) {
         encoder.flags |= AV_CODEC_FLAG_QSCALE;
         encoder.global_quality = quality.scale * FF_QP2LAMBDA;
     }
-    const std::string preset = options.preset.empty() ? quality.preset : options.preset;
-    if (!preset.empty()) {
-        av_opt_set(encoder.priv_data, "preset", preset.c_str(), 0);
-    }
-    if (name == "libvpx-vp9" || name == "libaom-av1") {  // slow by default
+    set_preset(encoder, options.preset.empty() ? quality.preset : options.preset);
+    if (name == "libvpx-vp9" || name == "libaom-av1" || name == "libvpx") {  // slow by default
         av_opt_set_int(encoder.priv_data, "cpu-used", options.live ? 7 : 4, 0);
         av_opt_set_int(encoder.priv_data, "row-mt", 1, 0);
     }

@@ -32,7 +32,7 @@ struct EncoderOptions {
 
 // Throws OutputError if there is none, or the container cannot hold what it makes.
 const AVCodec& choose_encoder(const AVOutputFormat& muxer, const std::string& path,
-                              const EncoderOptions& options, AVPixelFormat pictures);
+                              const EncoderOptions& options, const PictureFormat& pictures);
 
 // The format of the encoder that is nearest to the pictures'.
 AVPixelFormat nearest_format(const AVCodec& codec, AVPixelFormat pictures);

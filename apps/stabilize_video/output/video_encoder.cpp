@@ -39,7 +39,7 @@ VideoEncoder::VideoEncoder(const AVOutputFormat& muxer, const std::string& path,
       height_(format.height),
       unit_(format.time_base),
       packet_(make_packet()) {
-    const AVCodec& codec = choose_encoder(muxer, path, options, format.pixel_format);
+    const AVCodec& codec = choose_encoder(muxer, path, options, format);
     format_ = nearest_format(codec, format.pixel_format);
     open(muxer, codec, format, options, notes);
     const bool drops_alpha = has_alpha(format.pixel_format) && !has_alpha(format_);

@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "apps/stabilize_video/cli/batch_progress.h"
 #include "apps/stabilize_video/cli/interruption.h"
 #include "apps/stabilize_video/pictures/ffmpeg.h"
 #include "apps/stabilize_video/run/job.h"
@@ -107,8 +108,8 @@ void watch_terminal() {
 }
 
 // The process of one file, from its fork on.
-[[noreturn]] void run_child(const Options& options, const File& file, int messages,
-                            pid_t parent) noexcept {
+[[noreturn]] void run_child(const Options& options, const File& file, SharedProgress& progress,
+                            int messages, pid_t parent) noexcept {
     setpgid(0, 0);
     // In case the parent is killed.
     prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -125,6 +126,7 @@ void watch_terminal() {
     one.output = file.output;
     one.output_dir.clear();
     one.progress = false;
+    one.shared_progress = &progress;
     const int status = run_job(one);
     std::fflush(nullptr);
     _exit(status);
@@ -133,7 +135,9 @@ void watch_terminal() {
 class Batch {
   public:
     Batch(const Options& options, std::vector<File> files)
-        : options_(options), files_(std::move(files)) {}
+        : options_(options),
+          files_(std::move(files)),
+          progress_(options.progress && !options.quiet && !options.verbose, files_.size()) {}
     ~Batch() { end_all(); }
     Batch(const Batch&) = delete;
     Batch& operator=(const Batch&) = delete;
@@ -141,6 +145,8 @@ class Batch {
     int run();
 
   private:
+    void leave_out_existing();
+    void show_progress();
     void start_next();
     bool start(File& file);
     void pass_signals_on();
@@ -148,16 +154,22 @@ class Batch {
     void suspend() const;
     void wait_for_messages();
     void read_messages(File& file);
-    void tell_lines(File& file) const;
+    void tell_lines(File& file);
     void take_status(File& file, int status);
     void end_all();
-    int conclude() const;
+    int conclude();
+    std::size_t index_of(const File& file) const {
+        return static_cast<std::size_t>(&file - files_.data());
+    }
+    std::size_t count_done() const;
 
     const Options& options_;
     std::vector<File> files_;
+    BatchProgress progress_;
     std::size_t next_ = 0;  // not started yet
     std::vector<File*> running_;
-    int passed_on_ = 0;  // signals
+    std::size_t present_ = 0;  // files that were there already
+    int passed_on_ = 0;        // signals
 };
 
 bool Batch::start(File& file) {
@@ -169,7 +181,7 @@ bool Batch::start(File& file) {
     const pid_t parent = getpid();
     const pid_t process = fork();
     if (process == 0) {
-        run_child(options_, file, ends[1], parent);
+        run_child(options_, file, progress_.of(index_of(file)), ends[1], parent);
     }
     close(ends[1]);
     if (process < 0) {
@@ -189,7 +201,7 @@ void Batch::start_next() {
     const std::size_t at_once = options_.jobs > 0 ? static_cast<std::size_t>(options_.jobs) : cores;
     while (next_ < files_.size() && running_.size() < at_once && !interruption().signalled()) {
         File& file = files_[next_];
-        if (!start(file)) {
+        if (file.status != EXIT_DONE && !start(file)) {
             if (!running_.empty()) {
                 return;  // again when one of these has ended
             }
@@ -245,7 +257,7 @@ void Batch::wait_for_messages() {
                    running_.end());
 }
 
-void Batch::tell_lines(File& file) const {
+void Batch::tell_lines(File& file) {
     constexpr const char* PREFIX = "stabilize-video: ";
     for (std::size_t end = 0; (end = file.said.find('\n')) != std::string::npos;) {
         std::string line = file.said.substr(0, end);
@@ -255,6 +267,7 @@ void Batch::tell_lines(File& file) const {
         }
         file.reason = line;
         if (!options_.quiet) {
+            progress_.clear();
             std::fprintf(stderr, "%s: %s\n", file.input.c_str(), line.c_str());
         }
     }
@@ -306,13 +319,14 @@ void Batch::end_all() {
     }
 }
 
-int Batch::conclude() const {
-    std::size_t done = 0;
-    for (const File& file : files_) {
-        if (file.status == EXIT_DONE) {
-            ++done;
-        }
-    }
+std::size_t Batch::count_done() const {
+    return static_cast<std::size_t>(std::count_if(
+        files_.begin(), files_.end(), [](const File& file) { return file.status == EXIT_DONE; }));
+}
+
+int Batch::conclude() {
+    progress_.clear();
+    const std::size_t done = count_done();
     if (interruption().signalled()) {
         std::fprintf(stderr, "stabilize-video: interrupted; %zu of %zu files done\n", done,
                      files_.size());
@@ -320,8 +334,10 @@ int Batch::conclude() const {
     }
     if (done == files_.size()) {
         if (!options_.quiet) {
-            std::fprintf(stderr, "stabilize-video: all %zu files are in %s\n", files_.size(),
-                         options_.output_dir.c_str());
+            const std::string present =
+                present_ == 0 ? "" : "; " + std::to_string(present_) + " of them were before";
+            std::fprintf(stderr, "stabilize-video: all %zu files are in %s%s\n", files_.size(),
+                         options_.output_dir.c_str(), present.c_str());
         }
         return EXIT_DONE;
     }
@@ -334,8 +350,28 @@ int Batch::conclude() const {
     return EXIT_BATCH;
 }
 
+void Batch::leave_out_existing() {
+    for (File& file : files_) {
+        std::error_code ignored;
+        if (options_.skip_existing && fs::exists(file.output, ignored)) {
+            file.status = EXIT_DONE;
+            ++present_;
+        }
+    }
+}
+
+void Batch::show_progress() {
+    std::vector<BatchProgress::Running> running;
+    for (const File* file : running_) {
+        running.push_back({index_of(*file), file->input});
+    }
+    progress_.show(running, count_done());
+}
+
 int Batch::run() {
+    leave_out_existing();
     for (;;) {
+        show_progress();
         pass_signals_on();
         start_next();
         if (running_.empty()) {

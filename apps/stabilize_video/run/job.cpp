@@ -61,6 +61,11 @@ void say(const Options& options, const std::string& text) {
     }
 }
 
+bool exists(const std::string& path) {
+    struct stat info {};
+    return path != "-" && !is_url(path) && stat(path.c_str(), &info) == 0;
+}
+
 void refuse_same_files(const Options& options) {
     const std::array<const std::string*, 5> outputs = {&options.output, &options.path_file,
                                                        &options.json_file, &options.plot_file,
@@ -126,10 +131,10 @@ Input open_input(const Options& options) {
 
     Input input;
     struct stat info {};
-    const bool exists = name == "-" || stat(name.c_str(), &info) == 0;
-    const bool numbered = !exists && name.find('%') != std::string::npos;
+    const bool found = name == "-" || stat(name.c_str(), &info) == 0;
+    const bool numbered = !found && name.find('%') != std::string::npos;
     const bool by_name = is_url(name) || numbered ||
-                         (exists && name != "-" && S_ISCHR(info.st_mode)) ||
+                         (found && name != "-" && S_ISCHR(info.st_mode)) ||
                          (!options.input_format.empty() && name != "-");
     std::unique_ptr<MediaSource> media;
     if (by_name) {
@@ -314,7 +319,7 @@ StreamResult Job::stabilize() {
     }
     const double rate = format.frame_rate.num > 0 ? av_q2d(format.frame_rate) : 0;
     Progress progress(options_.progress && !options_.quiet && !options_.verbose,
-                      input_.source->expected_pictures(), rate);
+                      input_.source->expected_pictures(), rate, options_.shared_progress);
     return stabilize_stream(
         {*input_.source, *sink_, settings_, &path, *extras_, progress, interruption().stop_input});
 }
@@ -439,6 +444,10 @@ int report_failure(ExitCode code, const char* what) {
 int run_job(const Options& options) {
     try {
         watch_signals(options.keep_partial ? OnSignal::FINISH_OUTPUT : OnSignal::STOP);
+        if (options.skip_existing && exists(options.output)) {
+            say(options, options.output + " exists already, and is left as it is");
+            return EXIT_DONE;
+        }
         show_library_log(options.verbose);
         show_ffmpeg_log(options.verbose);
         return Job(options).run();

@@ -4,8 +4,11 @@
 
 #include <videostabilizer/videostabilizer.h>
 
+#include <unistd.h>
+
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -28,6 +31,34 @@ namespace {
 LibraryError library_error(const std::string& what) {
     const std::string reported = library_errors();
     return LibraryError(reported.empty() ? what : what + " (" + reported + ")");
+}
+
+// OpenCL drivers that compile for processors keep what they have compiled.
+std::string unwritable_cache() {
+    const auto variable = [](const char* name) {
+        const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe)
+        return std::string(value == nullptr ? "" : value);
+    };
+    std::string folder = variable("POCL_CACHE_DIR");
+    if (folder.empty()) {
+        folder = variable("XDG_CACHE_HOME");
+    }
+    if (folder.empty()) {
+        folder = variable("HOME");
+    }
+    return folder.empty() || access(folder.c_str(), W_OK) == 0 ? "" : folder;
+}
+
+LibraryError opencl_error() {
+    LibraryError error = library_error("OpenCL cannot be used");
+    std::string what = error.what();
+    const std::string folder = unwritable_cache();
+    if (what.find("platforms") != std::string::npos) {
+        what += "; is a driver installed? (pocl-opencl-icd for processors, or that of the GPU)";
+    } else if (!folder.empty()) {
+        what += "; its cache folder cannot be written: " + folder;
+    }
+    return LibraryError(what + "; --engine native needs none");
 }
 
 struct StabilizerDeleter {
@@ -107,7 +138,7 @@ StabilizerPtr make_stabilizer(const StreamParts& parts, Pictures& pictures) {
     const bool may_use_opencl = parts.options.engine != vs::STABILIZER_ENGINE_NATIVE;
     const bool needs_opencl = parts.options.engine == vs::STABILIZER_ENGINE_OPENCL;
     if (may_use_opencl && vs::video_stabilizer_module_init() != 0 && needs_opencl) {
-        throw library_error("OpenCL cannot be used");
+        throw opencl_error();
     }
     forget_library_errors();
     const PictureFormat& format = parts.source.format();
