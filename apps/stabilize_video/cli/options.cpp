@@ -170,6 +170,9 @@ CLI::Validator number_in(double least, double most, const char* word = "a number
 // Checks beyond those of CLI11.
 void check(Options& options, std::vector<std::string>& files) {
     if (!options.output_dir.empty()) {
+        if (options.preview) {
+            throw CLI::ValidationError("--preview", "is for a single file, not for --output-dir");
+        }
         for (const auto& [name, file] : {std::pair{"--path", &options.path_file},
                                          {"--json", &options.json_file},
                                          {"--plot", &options.plot_file},
@@ -387,6 +390,10 @@ void add_more_results(CLI::App& app, Options& options) {
     };
     add("--compare", options.compare_file,
         "Video of the shaky and the steady pictures side by side");
+    app.add_flag(
+           "--preview", options.preview,
+           "Show both side by side in a window while they are made; needs ffplay and a display")
+        ->group("More results");
     add("--plot", options.plot_file, "Plot of the camera path before and after, .png or .svg");
     add("--path", options.path_file,
         "The camera path as CSV: per frame the measured and the steady position (pixels, degrees, "

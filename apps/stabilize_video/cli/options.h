@@ -67,6 +67,7 @@ struct Options {
     std::string json_file;
     std::string plot_file;
     std::string compare_file;
+    bool preview = false;
 
     bool quiet = false;
     bool verbose = false;

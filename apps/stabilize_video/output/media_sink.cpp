@@ -75,11 +75,14 @@ void copy_chapters(const AVFormatContext& from, AVFormatContext& to, std::int64_
     }
 }
 
-// Whether the metadata has keys of makers of cameras, such as com.apple.quicktime.model.
-bool has_reverse_names(const AVDictionary* metadata) {
+// Whether the metadata has keys of makers of cameras, such as com.apple.quicktime.model, for which the
+// usual places for metadata have no room.
+bool has_makers_keys(const AVOutputFormat& muxer, const AVDictionary* metadata) {
+    const bool is_mov = std::strcmp(muxer.name, "mov") == 0;
     const AVDictionaryEntry* entry = nullptr;
     while ((entry = av_dict_get(metadata, "", entry, AV_DICT_IGNORE_SUFFIX)) != nullptr) {
-        if (std::strncmp(entry->key, "com.", 4) == 0) {
+        const std::string key = entry->key;
+        if (key.rfind("com.", 0) == 0 || (!is_mov && (key == "make" || key == "model"))) {
             return true;
         }
     }
@@ -224,7 +227,7 @@ void MediaSink::write_header(const EncoderOptions& options) {
     Dictionary settings;
     if (keeps_rotation(*context_->oformat)) {
         std::string flags = !options.live && pending_ ? "+faststart" : "";
-        if (has_reverse_names(context_->metadata)) {
+        if (has_makers_keys(*context_->oformat, context_->metadata)) {
             flags += "+use_metadata_tags";
         }
         if (!flags.empty()) {

@@ -59,6 +59,9 @@ Extras::Extras(const Options& options, const PictureFormat& format, const Encode
     if (compare_.is_wanted()) {
         comparison_ = std::make_unique<SideBySide>(options.compare_file, format, encoder, stop);
     }
+    if (options.preview) {
+        preview_ = std::make_unique<Preview>(format);
+    }
     if (path_.is_wanted()) {
         path_file_ =
             std::make_unique<video_io::OutputFile>(options.path_file, stop, options.existing);
@@ -92,13 +95,26 @@ void Extras::add(const FollowedFrame& point) noexcept {
 
 void Extras::add_shaky(const AVFrame& picture) noexcept {
     compare_.attempt([&] { comparison_->add_shaky(picture); });
+    if (preview_) {
+        try {
+            preview_->add_shaky(picture);
+        } catch (const std::bad_alloc&) {  // this picture is not shown
+        }
+    }
 }
 
 void Extras::add_steady(const AVFrame& picture, const PictureTag& tag) noexcept {
     compare_.attempt([&] { comparison_->add_steady(picture, tag); });
+    if (preview_) {
+        try {
+            preview_->add_steady(picture);
+        } catch (const std::bad_alloc&) {  // this picture is not shown
+        }
+    }
 }
 
 std::vector<std::string> Extras::finish(const JobFacts& facts) {
+    preview_.reset();
     compare_.attempt([&] {
         comparison_->finish();
         comparison_->commit();

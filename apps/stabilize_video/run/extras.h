@@ -13,6 +13,7 @@
 #include "apps/stabilize_video/output/media_sink.h"
 #include "apps/stabilize_video/results/path_follower.h"
 #include "apps/stabilize_video/results/path_plot.h"
+#include "apps/stabilize_video/results/preview.h"
 #include "apps/stabilize_video/results/report.h"
 #include "apps/stabilize_video/results/side_by_side.h"
 #include "common/video_io/output_file.h"
@@ -83,6 +84,8 @@ class Extras {
 
     Extra compare_;
     std::unique_ptr<SideBySide> comparison_;
+
+    std::unique_ptr<Preview> preview_;  // null: not wanted
 
     Extra path_;
     std::unique_ptr<video_io::OutputFile> path_file_;

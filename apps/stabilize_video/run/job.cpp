@@ -234,7 +234,7 @@ class Job {
     int tell_damage(const StreamResult& result) const;
     void tell_success(const StreamResult& result) const;
 
-    const Options& options_;
+    Options options_;
     vs::VideoStabilizerOptions settings_{};
     Input input_;
     Notes notes_;
@@ -424,6 +424,10 @@ int Job::run() {
     settings_ = stabilizer_options(options_, !input_.live && !is_direct());
     if (options_.crop == 1.0F && settings_.edge_guard != 0) {
         notes_.emplace_back("--crop 1 leaves no margin: nothing can be corrected");
+    }
+    if (options_.preview && !Preview::obstacle().empty()) {
+        notes_.push_back(Preview::obstacle());
+        options_.preview = false;
     }
     open_outputs();
     for (const std::string& note : notes_) {
