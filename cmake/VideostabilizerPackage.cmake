@@ -73,6 +73,7 @@ if(VIDEOSTABILIZER_BUILD_APPS)
     # Loaded at run time: what draws the plots.
     DEPENDS "plplot-driver-cairo"
     RECOMMENDS "pocl-opencl-icd | opencl-icd, fonts-dejavu-core, bash-completion"
+    SUGGESTS "ffmpeg"  # ffplay, for --preview
     DESCRIPTION "take the shake out of hand-held video
 The program stabilize-video reads any video file, camera or pipe that FFmpeg
 can read, steadies the picture, and writes it with sound, subtitles, times and

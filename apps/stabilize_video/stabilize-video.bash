@@ -26,7 +26,11 @@ _stabilize_video() {
       return
       ;;
     --codec)
-      mapfile -t COMPREPLY < <(compgen -W 'h264 hevc vp9 av1 ffv1 mpeg4' -- "$cur")
+      mapfile -t COMPREPLY < <(compgen -W 'h264 hevc vp9 av1 prores ffv1 mpeg4' -- "$cur")
+      return
+      ;;
+    --interlaced)
+      mapfile -t COMPREPLY < <(compgen -W 'full-rate keep-rate ignore' -- "$cur")
       return
       ;;
     --output-dir)
@@ -42,7 +46,8 @@ _stabilize_video() {
       return
       ;;
     --look-ahead | --crop-least | --crop-most | --threads | --crf | --jobs | --input-format | \
-      --input-option | --output-format)
+      --input-option | --output-format | --bitrate | --encoder-option | --stream | --start | \
+      --duration)
       return
       ;;
   esac

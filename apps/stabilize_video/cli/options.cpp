@@ -46,6 +46,16 @@ constexpr const char* FOOTER =
     "  7    some files of a batch failed\n"
     "  130  interrupted\n"
     "\n"
+    "Environment:\n"
+    "  OCL_ICD_VENDORS           where the drivers of OpenCL are listed\n"
+    "  POCL_CACHE_DIR, XDG_CACHE_HOME, HOME\n"
+    "                            where such a driver keeps what it has compiled; the native "
+    "engine\n"
+    "                            needs none of it\n"
+    "  DISPLAY, WAYLAND_DISPLAY  the display for --preview\n"
+    "  FONTCONFIG_FILE           fonts for the captions of --compare\n"
+    "  http_proxy                for inputs and outputs that are URLs\n"
+    "\n"
     "Examples:\n"
     "  stabilize-video shaky.mp4 steady.mp4\n"
     "                            a file\n"
@@ -53,6 +63,8 @@ constexpr const char* FOOTER =
     "                            with a comparison and a plot of the camera path\n"
     "  stabilize-video --output-dir steady holiday/*.mp4\n"
     "                            a batch\n"
+    "  stabilize-video --input-option framerate=25 in/%04d.png steady.mp4\n"
+    "                            numbered pictures\n"
     "  stabilize-video /dev/video0 - --output-format mpegts | ffplay -\n"
     "                            a camera, live";
 
@@ -305,9 +317,9 @@ void add_pictures(CLI::App& app, Options& options) {
         ->check(CLI::Range(0, 64));
 }
 
-void add_output(CLI::App& app, Options& options, RawOptions& raw) {
+void add_encoding(CLI::App& app, Options& options, RawOptions& raw) {
     const auto add = [&app](const char* name, auto& value, const char* description) {
-        return app.add_option(name, value, description)->group("Output");
+        return app.add_option(name, value, description)->group("Encoding");
     };
     add("--codec", options.codec,
         "Video codec or encoder (default: h264, or hevc for pictures of more than 8 bits, where "
@@ -329,6 +341,12 @@ void add_output(CLI::App& app, Options& options, RawOptions& raw) {
         ->type_name("KEY=VALUE")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
         ->expected(1);
+}
+
+void add_output(CLI::App& app, Options& options, RawOptions& raw) {
+    const auto add = [&app](const char* name, auto& value, const char* description) {
+        return app.add_option(name, value, description)->group("Output");
+    };
     app.add_flag("--no-audio", raw.no_audio, "Leave the sound out")->group("Output");
     add("--output-format", options.output_format, "Container (default: by the file name)")
         ->type_name("NAME");
@@ -443,6 +461,7 @@ std::optional<Options> parse_options(int argc, char** argv, int& status) {
         ->group("");
     add_steadiness(app, options, raw);
     add_pictures(app, options);
+    add_encoding(app, options, raw);
     add_output(app, options, raw);
     add_input(app, options, raw);
     add_part(app, options, raw);
