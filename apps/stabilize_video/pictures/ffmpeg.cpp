@@ -96,7 +96,8 @@ void show_ffmpeg_log(bool show) {
     av_log_set_level(show ? AV_LOG_WARNING : AV_LOG_QUIET);
     av_log_set_callback(receive_log);
     if (!show) {
-        setenv("SVT_LOG", "0", 0);  // this encoder writes to the terminal by itself
+        // This encoder writes to the terminal by itself. No thread runs yet.
+        setenv("SVT_LOG", "0", 0);  // NOLINT(concurrency-mt-unsafe)
     }
 }
 

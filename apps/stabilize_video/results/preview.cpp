@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
+#include <system_error>
 #include <utility>
 
 #include "apps/stabilize_video/results/side_by_side.h"
@@ -29,6 +29,10 @@ constexpr std::chrono::milliseconds INTERVAL{33};  // as often as is seen
 bool is_set(const char* variable) {
     const char* value = std::getenv(variable);  // NOLINT(concurrency-mt-unsafe)
     return value != nullptr && *value != '\0';
+}
+
+std::string reason(int error) {
+    return std::generic_category().message(error);
 }
 
 }  // namespace
@@ -66,7 +70,7 @@ void Preview::start_player() {
         "-i",         "pipe:0",        nullptr};
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
-        throw video_io::OutputError(std::string("--preview: ") + std::strerror(errno));
+        throw video_io::OutputError(std::string("--preview: ") + reason(errno));
     }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -83,7 +87,7 @@ void Preview::start_player() {
     if (failed != 0) {
         close(ends[1]);
         throw video_io::OutputError(std::string("--preview cannot start ffplay: ") +
-                                    std::strerror(failed));
+                                    reason(failed));
     }
     pipe_ = ends[1];
 }
