@@ -104,8 +104,8 @@ TEST(Media, ReadsWhatFFmpegReads) {
     } cases[] = {
         {"rgb.avi", "-i shaky.y4m -pix_fmt bgr24 -c:v rawvideo", "", "from bgr24 to yuv444p"},
         {"alpha.mkv", "-i shaky.y4m -pix_fmt yuva420p -c:v ffv1", "", "transparency is dropped"},
-        {"fields.mpg", "-i shaky.y4m -vf interlace -flags +ilme+ildct -c:v mpeg2video", "",
-         "deinterlaced", 22},
+        {"fields.mpg", "-i shaky.y4m -vf interlace -flags +ilme+ildct -c:v mpeg2video",
+         "--interlaced keep-rate", "deinterlaced", 22},
         {"odd.mkv", "-i shaky.y4m -vf crop=101:67:exact=1 -c:v ffv1", "", "even sizes", 45,
          "width=102|height=68\n"},
         {"oddffv1.mkv", "-i shaky.y4m -vf crop=101:67:exact=1 -c:v ffv1", "--codec ffv1", "", 45,

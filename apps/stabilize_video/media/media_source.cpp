@@ -340,8 +340,8 @@ bool MediaSource::is_wanted(AVPacket& packet) const {
     }
     const AVStream& stream = *context_->streams[packet.stream_index];
     const std::int64_t begin = av_rescale_q(packet.pts, stream.time_base, MICROSECONDS);
-    const std::int64_t late = av_rescale_q(zero_us_ - begin, MICROSECONDS, stream.time_base);
-    if (starts_late_ && late > 0) {
+    if (starts_late_ && begin < zero_us_) {
+        const std::int64_t late = av_rescale_q(zero_us_ - begin, MICROSECONDS, stream.time_base);
         if (stream.codecpar->codec_type != AVMEDIA_TYPE_SUBTITLE || packet.duration <= late) {
             return false;
         }
@@ -397,9 +397,10 @@ bool MediaSource::read_packet() {
     if (cut) {
         ++cut_packets_;
     } else if (&stream == video_) {
-        past_stop_ = past_stop_ || (packet.dts != AV_NOPTS_VALUE &&
-                                    av_rescale_q(packet.dts, stream.time_base, MICROSECONDS) >
-                                        stop_us_ + PATIENCE_US);
+        past_stop_ =
+            past_stop_ ||
+            (packet.dts != AV_NOPTS_VALUE &&
+             av_rescale_q(packet.dts, stream.time_base, MICROSECONDS) - PATIENCE_US > stop_us_);
         const int sent = avcodec_send_packet(decoder_.get(), &packet);
         if (sent < 0 && sent != AVERROR(EAGAIN)) {
             ++decode_errors_;
