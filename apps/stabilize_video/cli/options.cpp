@@ -242,6 +242,9 @@ void read_texts(const RawOptions& raw, Options& options) {
     }
     if (!raw.duration.empty()) {
         options.duration_us = time_of("--duration", raw.duration);
+        if (*options.duration_us == 0) {
+            throw CLI::ValidationError("--duration", "is 0");
+        }
     }
     if (!raw.bitrate.empty()) {
         options.bitrate = bitrate_of(raw.bitrate);

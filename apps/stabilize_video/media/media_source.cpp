@@ -22,6 +22,8 @@ namespace {
 
 constexpr int STREAM_BUFFER_BYTES = 1 << 16;
 constexpr AVRational MICROSECONDS{1, AV_TIME_BASE};
+// From one picture of a broadcast that stands alone to the next.
+constexpr std::int64_t LONGEST_GROUP_US = 10 * std::int64_t{AV_TIME_BASE};
 // By how much sound may be behind the pictures in a file.
 constexpr std::int64_t PATIENCE_US = 2 * std::int64_t{AV_TIME_BASE};
 
@@ -167,6 +169,9 @@ void MediaSource::read_first_picture(const MediaSourceOptions& options) {
         if (stream_failure_) {
             std::rethrow_exception(stream_failure_);
         }
+        if (starts_late_ && input_ended_ && last_time_) {
+            throw video_io::InputError(name_ + " ends before --start");
+        }
         if (is_index_missing()) {
             throw video_io::InputError(
                 "cannot read " + name_ +
@@ -215,9 +220,13 @@ void MediaSource::choose_range(const MediaSourceOptions& options) {
     zero_us_ = broadcast ? begin : 0;
     if (options.start_us > 0) {
         zero_us_ = begin + options.start_us;
-        if (context_->pb != nullptr && (context_->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0) {
+        // Broadcasts have no index: there it goes to any packet, and the pictures up to the next that
+        // stands alone cannot be decoded.
+        const std::int64_t target = zero_us_ - (broadcast ? LONGEST_GROUP_US : 0);
+        if (target > begin && context_->pb != nullptr &&
+            (context_->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0) {
             // Where this fails, everything before is read and dropped.
-            avformat_seek_file(context_.get(), -1, INT64_MIN, zero_us_, zero_us_, 0);
+            avformat_seek_file(context_.get(), -1, INT64_MIN, target, target, 0);
         }
     }
     starts_late_ = options.start_us > 0;

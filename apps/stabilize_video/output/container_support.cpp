@@ -158,6 +158,11 @@ bool holds(const AVOutputFormat& muxer, const AVStream& stream) {
         return (codec == AV_CODEC_ID_PCM_S16LE || codec == AV_CODEC_ID_PCM_S24LE) &&
                parameters.sample_rate == SAMPLE_RATE;
     }
+    // It would count their packets of varying length as if they were alike.
+    constexpr AVCodecID NOT_IN_AVI[] = {AV_CODEC_ID_FLAC, AV_CODEC_ID_VORBIS, AV_CODEC_ID_OPUS};
+    if (is_one_of(muxer, {"avi"}) && contains(NOT_IN_AVI, codec)) {
+        return false;
+    }
     // Data has no codec but its tag.
     const bool data = parameters.codec_type == AVMEDIA_TYPE_DATA && codec == AV_CODEC_ID_BIN_DATA;
     if (data && (!is_quicktime(muxer) || parameters.codec_tag != MKTAG('g', 'p', 'm', 'd'))) {
