@@ -473,6 +473,7 @@ AvFramePtr MediaSource::decode() {
     last_time_ = time;
     frame->pts = time;
     frame->pict_type = AV_PICTURE_TYPE_NONE;
+    keep_captions(*frame);
     return frame;
 }
 
@@ -537,21 +538,29 @@ AvFramePtr MediaSource::next_picture() {
     }
 }
 
-// Of both pictures that are made of two fields, the first gets the captions.
-std::shared_ptr<const AVBufferRef> MediaSource::captions_of(const AVFrame& picture) {
-    const AVFrameSideData* data = av_frame_get_side_data(&picture, AV_FRAME_DATA_A53_CC);
-    if (data == nullptr || (last_captions_ && last_captions_->data == data->data)) {
-        return nullptr;
+void MediaSource::keep_captions(const AVFrame& decoded) {
+    const AVFrameSideData* data = av_frame_get_side_data(&decoded, AV_FRAME_DATA_A53_CC);
+    if (data == nullptr) {
+        return;
     }
-    last_captions_ =
-        std::shared_ptr<const AVBufferRef>(av_buffer_ref(data->buf), [](const AVBufferRef* buffer) {
-            AVBufferRef* owned = const_cast<AVBufferRef*>(buffer);
-            av_buffer_unref(&owned);
-        });
-    if (!last_captions_) {
+    BufferPtr reference(av_buffer_ref(data->buf));
+    if (!reference) {
         throw std::bad_alloc();
     }
-    return last_captions_;
+    captions_[decoded.pts] = std::move(reference);
+}
+
+// Of the two pictures that are made of two fields, the one with the time of both gets the captions.
+std::shared_ptr<const AVBufferRef> MediaSource::captions_at(std::int64_t time) {
+    const std::int64_t decoded = av_rescale_q(time, format_.time_base, video_->time_base);
+    const auto found = captions_.find(decoded);
+    std::shared_ptr<const AVBufferRef> captions;
+    if (found != captions_.end() &&
+        av_rescale_q(decoded, video_->time_base, format_.time_base) == time) {
+        captions = std::move(found->second);
+    }
+    captions_.erase(captions_.begin(), captions_.upper_bound(decoded));
+    return captions;
 }
 
 AvFramePtr MediaSource::read(PictureTag& tag) {
@@ -560,7 +569,7 @@ AvFramePtr MediaSource::read(PictureTag& tag) {
         tag.time = picture->pts;
         tag.duration = picture->pkt_duration;
         tag.parameters.clear();
-        tag.captions = captions_of(*picture);
+        tag.captions = captions_at(picture->pts);
         ++pictures_;
     }
     return picture;

@@ -7,6 +7,7 @@
 #include <deque>
 #include <exception>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -85,7 +86,8 @@ class MediaSource : public PictureSource {
     AvFramePtr decode();
     AvFramePtr decode_wanted();
     void drop_pictures();
-    std::shared_ptr<const AVBufferRef> captions_of(const AVFrame& picture);
+    void keep_captions(const AVFrame& decoded);
+    std::shared_ptr<const AVBufferRef> captions_at(std::int64_t time);
     AvFramePtr next_picture();
 
     std::string name_;
@@ -117,7 +119,8 @@ class MediaSource : public PictureSource {
     AvFramePtr first_;  // decoded while opening
     std::optional<std::int64_t> last_time_;
     std::int64_t pictures_ = 0;
-    std::shared_ptr<const AVBufferRef> last_captions_;
+    // Of pictures that are being converted, by the time that the decoder gave.
+    std::map<std::int64_t, std::shared_ptr<const AVBufferRef>> captions_;
 
     std::function<void(const AVPacket&)> receiver_;
     std::deque<PacketPtr> early_packets_;  // read before there was a receiver
