@@ -100,7 +100,7 @@ R(34000,16000)WP(15635,16450)L(10000000,1):max-cll=1000,400" hdr.mkv)",
             cut -d= -f2 | cut -c 2-6; done; done | tr '\n' ' ')",
      "Phone 14\" +48.1 2024- Phone 14\" +48.1 2024- Phone 14\" +48.1 2024- "},
     // User data of a picture goes before its first slice.
-    {"closed captions", R"(FF -i shaky.y4m -c:v mpeg2video -bf 0 -q:v 2 plain.m2v
+    {"closed captions", R"(FF -i shaky.y4m -c:v mpeg2video -flags +ilme+ildct -bf 0 plain.m2v
         captions='\xb2GA94\x03\x41\xff\xfc\x94\x2c\xff'
         perl -0777 -pe "s/(\\0\\0\\x01)\\x01/\$1$captions\$1\\x01/g" plain.m2v > captions.m2v)",
      "$P -q captions.m2v captions.mp4; $P captions.m2v captions.avi --codec mpeg4", 0,

@@ -2,12 +2,6 @@
 
 #include "apps/stabilize_video/media/media_source.h"
 
-extern "C" {
-#include <libavdevice/avdevice.h>
-}
-
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -20,22 +14,11 @@ namespace apps {
 
 namespace {
 
-constexpr int STREAM_BUFFER_BYTES = 1 << 16;
 constexpr AVRational MICROSECONDS{1, AV_TIME_BASE};
 // From one picture of a broadcast that stands alone to the next.
 constexpr std::int64_t LONGEST_GROUP_US = 10 * std::int64_t{AV_TIME_BASE};
 // By how much sound may be behind the pictures in a file.
 constexpr std::int64_t PATIENCE_US = 2 * std::int64_t{AV_TIME_BASE};
-
-bool is_character_device(const std::string& path) {
-    struct stat info {};
-    return stat(path.c_str(), &info) == 0 && S_ISCHR(info.st_mode);
-}
-
-bool is_regular_file(const std::string& path) {
-    struct stat info {};
-    return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
-}
 
 // Whether the demuxer reads still images, as a video of one picture.
 bool reads_still_images(const AVInputFormat& format) {
@@ -57,47 +40,17 @@ void use_plain_format(AVFrame& frame) {
 }  // namespace
 
 MediaSource::MediaSource(const std::string& url, const MediaSourceOptions& options)
-    : name_(url), stop_(options.stop) {
-    open(url, options);
+    : input_(url, options), context_(&input_.context()) {
+    open(options);
 }
 
 MediaSource::MediaSource(std::unique_ptr<video_io::FdSource> stream,
                          const MediaSourceOptions& options)
-    : name_(stream->name()), stream_(std::move(stream)), stop_(options.stop) {
-    open("", options);
+    : input_(std::move(stream), options), context_(&input_.context()) {
+    open(options);
 }
 
-// Has FFmpeg read from `stream_`.
-AvioPtr MediaSource::make_stream_io() {
-    auto* buffer = static_cast<unsigned char*>(av_malloc(STREAM_BUFFER_BYTES));
-    AvioPtr io(avio_alloc_context(
-        buffer, STREAM_BUFFER_BYTES, 0, this,
-        [](void* self, std::uint8_t* to, int size) {
-            auto& source = *static_cast<MediaSource*>(self);
-            try {
-                const std::size_t got =
-                    source.stream_->read_available(to, static_cast<std::size_t>(size));
-                return got == 0 ? AVERROR_EOF : static_cast<int>(got);
-            } catch (const video_io::InputError&) {
-                source.stream_failure_ = std::current_exception();
-                return AVERROR(EIO);
-            }
-        },
-        nullptr, nullptr));
-    if (!io) {
-        av_free(buffer);
-        throw std::bad_alloc();
-    }
-    return io;
-}
-
-void MediaSource::open(const std::string& url, const MediaSourceOptions& options) {
-    avdevice_register_all();
-    open_container(url, options);
-    const int found = avformat_find_stream_info(context_.get(), nullptr);
-    if (found < 0) {
-        throw video_io::InputError("cannot read " + name_ + ": " + av_reason(found));
-    }
+void MediaSource::open(const MediaSourceOptions& options) {
     find_video(options);
     clock_ = std::make_unique<StreamClock>(*context_);
     choose_range(options);
@@ -107,79 +60,15 @@ void MediaSource::open(const std::string& url, const MediaSourceOptions& options
     opening_ = false;
 }
 
-void MediaSource::open_container(const std::string& url, const MediaSourceOptions& options) {
-    std::string container = options.container;
-    if (container.empty() && is_character_device(url)) {
-        container = "video4linux2";
-    }
-    const AVInputFormat* format = nullptr;
-    if (!container.empty()) {
-        format = av_find_input_format(container.c_str());
-        if (format == nullptr) {
-            throw video_io::InputError("there is no input format '" + container + "'");
-        }
-    }
-    Dictionary settings;
-    for (const auto& [key, value] : options.options) {
-        settings.set(key, value);
-    }
-    // A plain name is a file, even if it contains colons.
-    const std::string location = is_regular_file(url) ? "file:" + url : url;
-
-    AVFormatContext* context = avformat_alloc_context();
-    if (context == nullptr) {
-        throw std::bad_alloc();
-    }
-    context_.reset(context);
-    context->interrupt_callback.opaque = this;
-    context->interrupt_callback.callback = [](void* self) {
-        const std::atomic<bool>* stop = static_cast<MediaSource*>(self)->stop_;
-        return stop != nullptr && stop->load() ? 1 : 0;
-    };
-    if (stream_) {
-        io_ = make_stream_io();
-        context->pb = io_.get();
-    }
-    context = context_.release();  // freed by a failing avformat_open_input
-    const int opened = avformat_open_input(&context, location.c_str(), format, settings.address());
-    context_.reset(context);
-    if (opened < 0) {
-        if (stream_failure_) {
-            std::rethrow_exception(stream_failure_);
-        }
-        throw video_io::InputError("cannot read " + name_ + ": " + av_reason(opened));
-    }
-    if (const std::string key = settings.first_key(); !key.empty()) {
-        throw video_io::InputError("the input format '" + std::string(context->iformat->name) +
-                                   "' has no option '" + key + "'");
-    }
-    live_ = (context->iformat->flags & AVFMT_NOFILE) != 0 || context->pb == nullptr ||
-            (context->pb->seekable & AVIO_SEEKABLE_NORMAL) == 0;
-}
-
-// Whether this is QuickTime or MP4 whose index follows pictures that have gone by.
-bool MediaSource::is_index_missing() const {
-    return live_ && std::string(context_->iformat->name).find("mp4") != std::string::npos;
-}
-
 // The first picture decides the format of all.
 void MediaSource::read_first_picture(const MediaSourceOptions& options) {
     const AvFramePtr first = decode_wanted();
     if (!first) {
-        if (stream_failure_) {
-            std::rethrow_exception(stream_failure_);
-        }
+        input_.rethrow_failure();
         if (starts_late_ && input_ended_ && last_time_) {
-            throw video_io::InputError(name_ + " ends before --start");
+            throw video_io::InputError(input_.name() + " ends before --start");
         }
-        if (is_index_missing()) {
-            throw video_io::InputError(
-                "cannot read " + name_ +
-                ": its index comes last, so that it cannot be read from a pipe; read a file, or "
-                "put the index first (ffmpeg -i IN -c copy -movflags +faststart OUT)");
-        }
-        throw video_io::InputError("no picture of " + name_ + " can be decoded" +
-                                   (read_failure_.empty() ? "" : ": " + read_failure_));
+        throw video_io::InputError(input_.why_empty());
     }
     start_format(*first, options);
     if (converter_) {
@@ -187,7 +76,7 @@ void MediaSource::read_first_picture(const MediaSourceOptions& options) {
     }
     first_ = converter_ ? next_picture() : AvFramePtr(av_frame_clone(first.get()));
     if (!first_) {
-        throw video_io::InputError("no picture of " + name_ + " can be converted");
+        throw video_io::InputError("no picture of " + input_.name() + " can be converted");
     }
     format_.width = first_->width;
     format_.height = first_->height;
@@ -198,24 +87,25 @@ void MediaSource::find_video(const MediaSourceOptions& options) {
     video_ = choose_video(*context_, options.stream);
     if (video_ == nullptr) {
         if (options.stream) {
-            throw NoVideoError("stream " + std::to_string(*options.stream) + " of " + name_ +
-                               " is no video");
+            throw NoVideoError("stream " + std::to_string(*options.stream) + " of " +
+                               input_.name() + " is no video");
         }
         const bool sound =
-            av_find_best_stream(context_.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0) >= 0;
-        throw NoVideoError(name_ + (sound ? " contains audio but no video" : " contains no video"));
+            av_find_best_stream(context_, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0) >= 0;
+        throw NoVideoError(input_.name() +
+                           (sound ? " contains audio but no video" : " contains no video"));
     }
     const bool one_picture = context_->nb_streams == 1 && video_->nb_frames <= 1;
-    const bool numbered = name_.find('%') != std::string::npos;
-    if (reads_still_images(*context_->iformat) && one_picture && !numbered && !stream_) {
-        throw NoVideoError(name_ + " is a still image, not a video");
+    const bool numbered = input_.name().find('%') != std::string::npos;
+    if (reads_still_images(*context_->iformat) && one_picture && !numbered && input_.has_name()) {
+        throw NoVideoError(input_.name() + " is a still image, not a video");
     }
 }
 
 // Goes to the start of the part that is wanted. Time stamps then count from there. Otherwise those of
 // broadcasts, whose clocks start anywhere, are moved to 0; other files keep their start.
 void MediaSource::choose_range(const MediaSourceOptions& options) {
-    const bool broadcast = (context_->iformat->flags & AVFMT_TS_DISCONT) != 0;
+    const bool broadcast = input_.is_broadcast();
     const std::int64_t begin = context_->start_time == AV_NOPTS_VALUE ? 0 : context_->start_time;
     zero_us_ = broadcast ? begin : 0;
     if (options.start_us > 0) {
@@ -223,10 +113,9 @@ void MediaSource::choose_range(const MediaSourceOptions& options) {
         // Broadcasts have no index: there it goes to any packet, and the pictures up to the next that
         // stands alone cannot be decoded.
         const std::int64_t target = zero_us_ - (broadcast ? LONGEST_GROUP_US : 0);
-        if (target > begin && context_->pb != nullptr &&
-            (context_->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0) {
+        if (target > begin && input_.seekable()) {
             // Where this fails, everything before is read and dropped.
-            avformat_seek_file(context_.get(), -1, INT64_MIN, target, target, 0);
+            avformat_seek_file(context_, -1, INT64_MIN, target, target, 0);
         }
     }
     starts_late_ = options.start_us > 0;
@@ -239,7 +128,7 @@ void MediaSource::open_decoder() {
     const AVCodecParameters& parameters = *video_->codecpar;
     const AVCodec* codec = avcodec_find_decoder(parameters.codec_id);
     if (codec == nullptr) {
-        throw NoVideoError("there is no decoder for the video in " + name_ + " (" +
+        throw NoVideoError("there is no decoder for the video in " + input_.name() + " (" +
                            avcodec_get_name(parameters.codec_id) + ")");
     }
     decoder_.reset(avcodec_alloc_context3(codec));
@@ -247,16 +136,16 @@ void MediaSource::open_decoder() {
         throw std::bad_alloc();
     }
     decoder_->pkt_timebase = video_->time_base;
-    decoder_->framerate = av_guess_frame_rate(context_.get(), video_, nullptr);
+    decoder_->framerate = av_guess_frame_rate(context_, video_, nullptr);
     decoder_->thread_count = 0;
-    if (live_) {  // frame threads would delay by a picture each
+    if (input_.is_live()) {  // frame threads would delay by a picture each
         decoder_->thread_type = FF_THREAD_SLICE;
         decoder_->flags |= AV_CODEC_FLAG_LOW_DELAY;
     }
     const int result = avcodec_open2(decoder_.get(), codec, nullptr);
     if (result < 0) {
-        throw video_io::InputError("the decoder " + std::string(codec->name) + " rejects " + name_ +
-                                   ": " + av_reason(result));
+        throw video_io::InputError("the decoder " + std::string(codec->name) + " rejects " +
+                                   input_.name() + ": " + av_reason(result));
     }
 }
 
@@ -375,21 +264,7 @@ void MediaSource::forward(AVPacket& packet) {
 // Passes the next packet of the input to the decoder or the receiver. Returns false at the end of the
 // input, whatever the reason.
 bool MediaSource::read_packet() {
-    // Not every demuxer checks the interrupt callback.
-    if (stop_ != nullptr && stop_->load()) {
-        throw video_io::InputError("interrupted");
-    }
-    const int result = av_read_frame(context_.get(), packet_.get());
-    if (result < 0) {
-        if (stream_failure_) {
-            std::rethrow_exception(stream_failure_);
-        }
-        if (result == AVERROR_EXIT) {
-            throw video_io::InputError("interrupted");
-        }
-        if (result != AVERROR_EOF) {
-            read_failure_ = av_reason(result);
-        }
+    if (!input_.read(*packet_)) {
         return false;
     }
     clock_->correct(*packet_);
@@ -401,8 +276,8 @@ bool MediaSource::read_packet() {
     }
     // A packet cut by the end of the file would give an incomplete picture. In broadcasts, packets
     // around every gap are marked corrupt, but most can be decoded.
-    const bool broadcast = (context_->iformat->flags & AVFMT_TS_DISCONT) != 0;
-    const bool cut = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0 && !live_ && !broadcast;
+    const bool broadcast = input_.is_broadcast();
+    const bool cut = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0 && !input_.is_live() && !broadcast;
     if (cut) {
         ++cut_packets_;
     } else if (&stream == video_) {
@@ -449,7 +324,7 @@ AvFramePtr MediaSource::decode() {
             "the pictures change from " + size_text(decoded_width_, decoded_height_) + " to " +
             size_text(frame->width, frame->height) + " after picture " + std::to_string(pictures_));
     }
-    frame->sample_aspect_ratio = av_guess_sample_aspect_ratio(context_.get(), video_, frame.get());
+    frame->sample_aspect_ratio = av_guess_sample_aspect_ratio(context_, video_, frame.get());
     mark_interlaced(*video_, *frame);
     if (frame->decode_error_flags != 0 || (frame->flags & AV_FRAME_FLAG_CORRUPT) != 0) {
         ++damaged_pictures_;
@@ -576,7 +451,7 @@ AvFramePtr MediaSource::read(PictureTag& tag) {
 }
 
 std::int64_t MediaSource::expected_pictures() const {
-    if (live_) {
+    if (input_.is_live()) {
         return -1;
     }
     const bool whole = !starts_late_ && stop_us_ == INT64_MAX;
@@ -599,7 +474,7 @@ std::string MediaSource::damage() const {
     // The duration that a container states may be off by a few pictures.
     constexpr double TOLERATED_SECONDS = 0.5;
     std::string what;
-    const bool states_duration = !live_ && context_->duration > 0 && !stopped_ &&
+    const bool states_duration = !input_.is_live() && context_->duration > 0 && !stopped_ &&
                                  context_->duration_estimation_method == AVFMT_DURATION_FROM_STREAM;
     const std::int64_t start = context_->start_time == AV_NOPTS_VALUE ? 0 : context_->start_time;
     // Of files that do not start at 0, some containers state the duration, others the end.
@@ -607,8 +482,8 @@ std::string MediaSource::damage() const {
     const double missing =
         states_duration ? static_cast<double>(context_->duration - end) / AV_TIME_BASE : 0;
     const bool early = input_ended_ && missing > TOLERATED_SECONDS;
-    if (!read_failure_.empty()) {
-        what = "the input ended early: " + read_failure_;
+    if (!input_.failure().empty()) {
+        what = "the input ended early: " + input_.failure();
     } else if (early || cut_packets_ > 0) {
         what = "the input is cut short";
     }

@@ -2,10 +2,8 @@
 
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <deque>
-#include <exception>
 #include <functional>
 #include <map>
 #include <memory>
@@ -14,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "apps/stabilize_video/media/container_input.h"
 #include "apps/stabilize_video/media/picture_converter.h"
 #include "apps/stabilize_video/media/stream_clock.h"
 #include "apps/stabilize_video/pictures/ffmpeg.h"
@@ -22,9 +21,7 @@
 
 namespace apps {
 
-struct MediaSourceOptions {
-    std::string container;  // FFmpeg's name of a demuxer or device; "": detected
-    std::vector<std::pair<std::string, std::string>> options;  // for it, by name
+struct MediaSourceOptions : ContainerInput::Options {
     // Rotate the pictures upright, for outputs without a rotation tag.
     bool turn_upright = false;
     // Planar pictures only.
@@ -34,8 +31,6 @@ struct MediaSourceOptions {
     // The part that is wanted, from the start of the file; else all of it.
     std::int64_t start_us = 0;
     std::optional<std::int64_t> duration_us;
-    // Once true, reading ends soon. May be null; must outlive the source.
-    const std::atomic<bool>* stop = nullptr;
 };
 
 // Any video that FFmpeg reads: one video stream decoded, all other streams as packets. Pictures
@@ -63,19 +58,16 @@ class MediaSource : public PictureSource {
 
     const AVFormatContext& container() const { return *context_; }
     const AVStream& video() const { return *video_; }
-    bool is_live() const { return live_; }
+    bool is_live() const { return input_.is_live(); }
     // What is to become 0 in the output, microseconds.
     std::int64_t zero_us() const { return zero_us_; }
     const Notes& notes() const { return notes_; }
 
   private:
-    void open(const std::string& url, const MediaSourceOptions& options);
-    AvioPtr make_stream_io();
-    void open_container(const std::string& url, const MediaSourceOptions& options);
+    void open(const MediaSourceOptions& options);
     void find_video(const MediaSourceOptions& options);
     void choose_range(const MediaSourceOptions& options);
     void open_decoder();
-    bool is_index_missing() const;
     void read_first_picture(const MediaSourceOptions& options);
     void start_format(const AVFrame& decoded, const MediaSourceOptions& options);
     void choose_conversion(const AVFrame& decoded, const MediaSourceOptions& options);
@@ -90,12 +82,8 @@ class MediaSource : public PictureSource {
     std::shared_ptr<const AVBufferRef> captions_at(std::int64_t time);
     AvFramePtr next_picture();
 
-    std::string name_;
-    std::unique_ptr<video_io::FdSource> stream_;  // null: FFmpeg opens the input itself
-    std::exception_ptr stream_failure_;
-    const std::atomic<bool>* stop_;
-    AvioPtr io_;  // of `stream_`; used by context_ until that is closed
-    DemuxerPtr context_;
+    ContainerInput input_;
+    AVFormatContext* context_;   // of input_
     AVStream* video_ = nullptr;  // owned by context_
     std::unique_ptr<StreamClock> clock_;
     CodecContextPtr decoder_;
@@ -105,7 +93,6 @@ class MediaSource : public PictureSource {
     bool starts_late_ = false;
     bool past_stop_ = false;
     bool stopped_ = false;  // there, not at the end of the file
-    bool live_ = false;
     bool opening_ = true;
     bool input_ended_ = false;
 
@@ -128,7 +115,6 @@ class MediaSource : public PictureSource {
     std::int64_t decode_errors_ = 0;
     std::int64_t damaged_pictures_ = 0;
     std::int64_t cut_packets_ = 0;
-    std::string read_failure_;
     std::int64_t end_us_ = 0;  // latest end of a packet, microseconds of the container
 };
 
