@@ -78,7 +78,10 @@ PictureConverter::PictureConverter(const AVFrame& sample, AVRational time_base, 
                    last);
     }
     if (format_ != task.format) {
-        last = add(graph, "scale", scaling(sample, task.format), last);
+        last = add(
+            graph, "scale",
+            scaling(sample, task.format) + (task.matrix_of_jpeg ? ":out_color_matrix=bt601" : ""),
+            last);
         last = add(graph, "format", name_of(task.format), last);
     }
     for (const auto& [filter, arguments] : upright_filters(task.orientation)) {

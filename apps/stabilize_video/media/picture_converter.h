@@ -16,7 +16,8 @@ class PictureConverter {
     struct Task {
         AVPixelFormat format = AV_PIX_FMT_NONE;
         Deinterlace deinterlace = Deinterlace::NONE;
-        Orientation orientation;  // to be turned upright
+        Orientation orientation;      // to be turned upright
+        bool matrix_of_jpeg = false;  // that of BT.601, as files of JPEG are always read
     };
 
     // Converts pictures of the size and format of `sample`. `time_base` is the unit

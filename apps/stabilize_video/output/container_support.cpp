@@ -141,6 +141,12 @@ bool holds(const AVOutputFormat& muxer, const AVStream& stream) {
             }
             break;
         case AVMEDIA_TYPE_VIDEO:
+            // Covers have a place in the metadata of MP4, which QuickTime does not have.
+            if ((stream.disposition & AV_DISPOSITION_ATTACHED_PIC) != 0 &&
+                is_one_of(muxer, {"mov"})) {
+                return false;
+            }
+            break;
         case AVMEDIA_TYPE_SUBTITLE:
         case AVMEDIA_TYPE_DATA:
             break;

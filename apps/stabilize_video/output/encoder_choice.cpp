@@ -273,7 +273,7 @@ AVRational encoder_tick(const AVOutputFormat& muxer, const AVCodec& codec,
     }
     // These tell the times of pictures by counting them.
     const std::string name = muxer.name;
-    if (name == "avi" || name == "gxf" || name.rfind("mxf", 0) == 0) {
+    if (name == "avi" || name == "gxf" || name == "swf" || name.rfind("mxf", 0) == 0) {
         return av_inv_q(rate);
     }
     constexpr int FINEST_OF_MPEG4 = 65535;

@@ -186,8 +186,12 @@ void MediaSink::fail(int result) const {
     if (result == AVERROR(EPIPE)) {
         throw video_io::OutputError("cannot write " + path_ + ": the reader has closed it");
     }
-    throw video_io::OutputError("cannot write " + path_ + ": " +
-                                (result == AVERROR_EXIT ? "interrupted" : av_reason(result)));
+    std::string reason = result == AVERROR_EXIT ? "interrupted" : av_reason(result);
+    // The muxer knows better.
+    if (result == AVERROR(EINVAL) || result == AVERROR_INVALIDDATA || result == AVERROR(EPERM)) {
+        reason = ffmpeg_error_or(result);
+    }
+    throw video_io::OutputError("cannot write " + path_ + ": " + reason);
 }
 
 void MediaSink::add_video(const PictureFormat& format) {
@@ -252,6 +256,7 @@ void MediaSink::write_header(const EncoderOptions& options) {
 
 void MediaSink::write_packet(AVPacket& packet) {
     const std::lock_guard<std::mutex> lock(mutex_);
+    forget_ffmpeg_error();
     int result = av_interleaved_write_frame(context_.get(), &packet);
     if (result >= 0 && context_->pb != nullptr) {
         result = context_->pb->error;

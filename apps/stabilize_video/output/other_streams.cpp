@@ -133,6 +133,10 @@ void OtherStreams::write(Transfer& transfer, AVPacket& packet, AVRational unit,
         packet.dts -= offset;
     }
     av_packet_rescale_ts(&packet, unit, transfer.to->time_base);
+    if (packet.dts == AV_NOPTS_VALUE && packet.pts == AV_NOPTS_VALUE) {
+        packet.dts = packet.pts =
+            transfer.last ? *transfer.last + std::max<std::int64_t>(packet.duration, 1) : 0;
+    }
     if (packet.dts != AV_NOPTS_VALUE) {
         const bool may_repeat = (to_.oformat->flags & AVFMT_TS_NONSTRICT) != 0;
         const std::int64_t least =

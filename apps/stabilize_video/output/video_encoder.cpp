@@ -38,6 +38,7 @@ VideoEncoder::VideoEncoder(const AVOutputFormat& muxer, const std::string& path,
     : width_(format.width),
       height_(format.height),
       unit_(format.time_base),
+      still_(std::strcmp(muxer.name, "image2") == 0),
       packet_(make_packet()) {
     const AVCodec& codec = choose_encoder(muxer, path, options, format);
     format_ = nearest_format(codec, format.pixel_format);
@@ -219,6 +220,7 @@ AvFramePtr VideoEncoder::converted(AvFramePtr picture) {
     if (!converter_) {
         PictureConverter::Task task;
         task.format = format_;
+        task.matrix_of_jpeg = still_ && encoder_->codec_id == AV_CODEC_ID_MJPEG;
         converter_ = std::make_unique<PictureConverter>(*picture, encoder_->time_base, task);
     }
     converter_->push(picture.get());

@@ -58,6 +58,7 @@ class VideoEncoder {
     int width_;                               // of the pictures; the encoder's may be larger by one
     int height_;
     AVRational unit_;                                 // of the pictures' times
+    bool still_;                                      // each is a file of its own
     std::optional<std::int64_t> last_time_;           // in units of the encoder
     std::map<std::int64_t, std::int64_t> durations_;  // of the pictures in the encoder, by time
     PacketPtr packet_;
