@@ -38,10 +38,14 @@ VideoEncoder::VideoEncoder(const AVOutputFormat& muxer, const std::string& path,
     : width_(format.width),
       height_(format.height),
       unit_(format.time_base),
-      still_(std::strcmp(muxer.name, "image2") == 0),
+      range_(format.range),
       packet_(make_packet()) {
     const AVCodec& codec = choose_encoder(muxer, path, options, format);
+    is_jpeg_file_ = codec.id == AV_CODEC_ID_MJPEG && std::strcmp(muxer.name, "image2") == 0;
     format_ = nearest_format(codec, format.pixel_format);
+    if (is_jpeg_file_) {
+        format_ = with_full_range(format_);
+    }
     open(muxer, codec, format, options, notes);
     const bool drops_alpha = has_alpha(format.pixel_format) && !has_alpha(format_);
     if (drops_alpha || bit_depth_of(format_) != bit_depth_of(format.pixel_format) ||
@@ -90,7 +94,7 @@ int VideoEncoder::try_open(const AVOutputFormat& muxer, const AVCodec& codec,
                             : format.frame_rate;
     encoder.sample_aspect_ratio = format.pixel_aspect;
     encoder.pix_fmt = format_;
-    encoder.color_range = format.range;
+    encoder.color_range = is_jpeg_file_ ? AVCOL_RANGE_JPEG : format.range;
     encoder.color_primaries = format.primaries;
     encoder.color_trc = format.transfer;
     encoder.colorspace = format.matrix;
@@ -220,7 +224,7 @@ AvFramePtr VideoEncoder::converted(AvFramePtr picture) {
     if (!converter_) {
         PictureConverter::Task task;
         task.format = format_;
-        task.matrix_of_jpeg = still_ && encoder_->codec_id == AV_CODEC_ID_MJPEG;
+        task.matrix_of_jpeg = is_jpeg_file_;
         converter_ = std::make_unique<PictureConverter>(*picture, encoder_->time_base, task);
     }
     converter_->push(picture.get());
@@ -238,7 +242,7 @@ void VideoEncoder::write(const AVFrame& picture, const PictureTag& tag, const Re
     last_time_ = time;
     frame->pts = time;
     frame->pkt_duration = av_rescale_q(tag.duration, unit_, encoder_->time_base);
-    frame->color_range = encoder_->color_range;
+    frame->color_range = range_;
     frame->color_primaries = encoder_->color_primaries;
     frame->color_trc = encoder_->color_trc;
     frame->colorspace = encoder_->colorspace;
@@ -246,6 +250,9 @@ void VideoEncoder::write(const AVFrame& picture, const PictureTag& tag, const Re
     frame->sample_aspect_ratio = encoder_->sample_aspect_ratio;
     durations_[time] = frame->pkt_duration;
     AvFramePtr ready = converted(std::move(frame));
+    if (ready) {
+        ready->color_range = encoder_->color_range;
+    }
     if (ready && hardware_) {
         ready = hardware_->upload(*ready);
     }

@@ -57,9 +57,10 @@ class VideoEncoder {
     AVPixelFormat format_ = AV_PIX_FMT_NONE;  // of what is encoded
     int width_;                               // of the pictures; the encoder's may be larger by one
     int height_;
-    AVRational unit_;                                 // of the pictures' times
-    bool still_;                                      // each is a file of its own
-    std::optional<std::int64_t> last_time_;           // in units of the encoder
+    AVRational unit_;                        // of the pictures' times
+    AVColorRange range_;                     // of the pictures
+    bool is_jpeg_file_ = false;              // each picture; these are read as full range, BT.601
+    std::optional<std::int64_t> last_time_;  // in units of the encoder
     std::map<std::int64_t, std::int64_t> durations_;  // of the pictures in the encoder, by time
     PacketPtr packet_;
 };

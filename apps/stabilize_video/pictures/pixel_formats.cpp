@@ -74,6 +74,15 @@ AVPixelFormat without_range(AVPixelFormat format) {
     return format;
 }
 
+AVPixelFormat with_full_range(AVPixelFormat format) {
+    for (const auto& [with, without] : WITH_RANGE) {
+        if (without == format) {
+            return with;
+        }
+    }
+    return format;
+}
+
 std::optional<vs::PixelLayout> layout_of(AVPixelFormat format, AVChromaLocation location) {
     constexpr std::uint64_t OTHER = AV_PIX_FMT_FLAG_BE | AV_PIX_FMT_FLAG_PAL |
                                     AV_PIX_FMT_FLAG_BITSTREAM | AV_PIX_FMT_FLAG_HWACCEL |

@@ -15,6 +15,9 @@ namespace apps {
 // The format without a range of its own: yuv420p for yuvj420p.
 AVPixelFormat without_range(AVPixelFormat format);
 
+// The format that is full range by its name: yuvj420p for yuv420p; the same if there is none.
+AVPixelFormat with_full_range(AVPixelFormat format);
+
 // The stabilizer's layout of pictures of this format; nothing for formats that it does not take.
 // Without a location the chroma is on the left, as it mostly is in video.
 std::optional<videostabilizer::PixelLayout> layout_of(AVPixelFormat format,
