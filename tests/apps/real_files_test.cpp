@@ -178,9 +178,13 @@ R(34000,16000)WP(15635,16450)L(10000000,1):max-cll=1000,400" hdr.mkv)",
      R"(for i in first second; do
         probe -select_streams v:1 -show_entries stream=codec_name $i.mkv; done)",
      "prores\nh264\n"},
-    {"transparency", "FF -i shaky.y4m -pix_fmt yuva444p10le -c:v prores_ks alpha.mov",
-     "$P alpha.mov opaque.mp4", 0, "transparency is dropped", "v codec_name,pix_fmt opaque.mp4",
-     "hevc,yuv444p12le\n"},
+    {"transparency", R"(FF -i shaky.y4m -pix_fmt yuva444p10le -c:v prores_ks alpha.mov
+        FF -i shaky.y4m -frames:v 5 -pix_fmt rgba clear%d.png)",
+     R"($P -q alpha.mov clear.mov --codec prores; $P -q clear%d.png kept%d.png
+        $P alpha.mov opaque.mp4)",
+     0, "transparency is dropped",
+     R"(for i in clear.mov kept1.png opaque.mp4; do v codec_name,pix_fmt $i; done)",
+     "prores,yuva444p12le\npng,rgba\nhevc,yuv444p12le\n"},
     {"quality of older codecs", "$P -q shaky.y4m exact.y4m",
      "for c in vp8 theora mpeg4 h264; do $P -q shaky.y4m q$c.mkv --codec $c; done", 0, "",
      R"(for c in vp8 theora mpeg4 h264; do FF -i q$c.mkv -i exact.y4m -lavfi psnr=- -f null - |

@@ -186,14 +186,21 @@ void MediaSource::choose_conversion(const AVFrame& decoded, const MediaSourceOpt
     const bool moved = deinterlaced || !task_.orientation.upright();
     const bool is_planar = layout && layout->semi_planar == 0;
     // Deinterlacing knows no transparency, and YUV4MPEG2 only one kind of it.
-    const bool keeps_alpha =
-        !deinterlaced && (!options.planar || format == AV_PIX_FMT_YUVA444P);
+    const bool keeps_alpha = !deinterlaced && (!options.planar || format == AV_PIX_FMT_YUVA444P);
     const bool keeps =
         layout && (is_planar || !(moved || options.planar)) && (layout->alpha == 0 || keeps_alpha);
     task_.format = keeps ? format : planar_format_for(format);
+    const AVPixelFormat clear =
+        planar_format(chroma_of(task_.format), bit_depth_of(task_.format), true);
+    if (!keeps && has_alpha(format) && chroma_of(format) != videostabilizer::CHROMA_NONE &&
+        !deinterlaced && (!options.planar || clear == AV_PIX_FMT_YUVA444P) &&
+        clear != AV_PIX_FMT_NONE) {
+        task_.format = clear;
+    }
     // Turned 4:2:2 and 4:1:1 have fewer rows of chroma than columns, which the stabilizer does not take.
-    if (task_.orientation.quarter_turns % 2 != 0 && (chroma_of(format) == videostabilizer::CHROMA_422 ||
-                                         chroma_of(format) == videostabilizer::CHROMA_411)) {
+    if (task_.orientation.quarter_turns % 2 != 0 &&
+        (chroma_of(format) == videostabilizer::CHROMA_422 ||
+         chroma_of(format) == videostabilizer::CHROMA_411)) {
         task_.format = planar_format(videostabilizer::CHROMA_444, bit_depth_of(task_.format),
                                      has_alpha(task_.format));
     }

@@ -168,8 +168,8 @@ bool Y4mSource::recognises(video_io::FdSource& stream, bool deinterlace) {
     do {
         start = stream.peek(++size);
     } while (start.size() == size && start.back() != '\n' && size <= video_io::Y4M_LONGEST_LINE);
-    const bool fields = start.find(" It") != std::string_view::npos ||
-                        start.find(" Ib") != std::string_view::npos;
+    const bool fields =
+        start.find(" It") != std::string_view::npos || start.find(" Ib") != std::string_view::npos;
     return !(deinterlace && fields);
 }
 
