@@ -59,6 +59,9 @@ constexpr Row ROWS[] = {
      0, "",
      "for o in mp4 mov ts mpg webm; do a codec_name flac.$o; a codec_name pcm_s16le.$o; done",
      "aac\naac\naac\npcm_s16le\naac\naac\nmp2\nmp2\nopus\nopus\n"},
+    {"sound that begins late", R"(FF -f lavfi -i testsrc2=s=64x48:r=25:d=11 -itsoffset 10 \
+        -f lavfi -i sine=d=1 -map 0 -map 1 -c:v mpeg2video -c:a aac late.ts)",
+     "$P -q late.ts late.mp4", 0, "", "a codec_name,start_time late.mp4 | cut -c 1-7", "aac,9.9\n"},
     {"no sound in pictures, or none wanted", "",
      "$P flac.mkv out.gif; $P -q --no-audio flac.mkv mute.mp4", 0, "cannot hold it",
      "a codec_name out.gif; a codec_name mute.mp4", "none\nnone\n"},
@@ -192,6 +195,11 @@ R(34000,16000)WP(15635,16450)L(10000000,1):max-cll=1000,400" hdr.mkv)",
      ""},
     {"no OpenCL driver", "", "OCL_ICD_VENDORS=/none $P plain.mp4 no.mp4 --engine opencl", 4,
      "is a driver installed? (pocl-opencl-icd", ":", ""},
+    {"a preview", R"(mkdir bin; printf '#!/bin/sh\ncat > seen.nut\n' > bin/ffplay
+        chmod +x bin/ffplay)",
+     R"(PATH=$PWD/bin:$PATH DISPLAY=:9 $P -q --preview last.mov seen.mp4
+        DISPLAY='' WAYLAND_DISPLAY='' $P --preview plain.mp4 unseen.mp4)",
+     0, "no display", "v codec_name,width seen.nut", "rawvideo,1280\n"},
     {"a part", "", "$P -q --start 0.5 --duration 0.3 sound.mkv part.mp4", 0, "",
      "frames part.mp4; v start_time part.mp4; a duration part.mp4 | cut -c 1-3",
      "9\n0.023000\n0.3\n"},

@@ -8,6 +8,7 @@ extern "C" {
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <new>
 
 namespace apps {
@@ -64,6 +65,15 @@ AvioPtr ContainerInput::make_stream_io() {
 
 void ContainerInput::open(const std::string& url, const Options& options) {
     avdevice_register_all();
+    open_once(url, options, false);
+    if (seekable() && has_unknown_sound()) {  // it begins later than FFmpeg looks by itself
+        context_.reset();
+        open_once(url, options, true);
+    }
+}
+
+// farther  look for streams farther than FFmpeg does by itself
+void ContainerInput::open_once(const std::string& url, const Options& options, bool farther) {
     std::string container = options.container;
     if (container.empty() && is_character_device(url)) {
         container = "video4linux2";
@@ -87,6 +97,10 @@ void ContainerInput::open(const std::string& url, const Options& options) {
         throw std::bad_alloc();
     }
     context_.reset(context);
+    if (farther) {
+        context->probesize = 100'000'000;  // bytes
+        context->max_analyze_duration = 60 * std::int64_t{AV_TIME_BASE};
+    }
     context->interrupt_callback.opaque = this;
     context->interrupt_callback.callback = [](void* self) {
         const std::atomic<bool>* stop = static_cast<ContainerInput*>(self)->stop_;
@@ -112,6 +126,16 @@ void ContainerInput::open(const std::string& url, const Options& options) {
     if (found < 0) {
         throw video_io::InputError("cannot read " + name_ + ": " + av_reason(found));
     }
+}
+
+bool ContainerInput::has_unknown_sound() const {
+    for (unsigned i = 0; i < context_->nb_streams; ++i) {
+        const AVCodecParameters& parameters = *context_->streams[i]->codecpar;
+        if (parameters.codec_type == AVMEDIA_TYPE_AUDIO && parameters.sample_rate <= 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 bool ContainerInput::seekable() const {

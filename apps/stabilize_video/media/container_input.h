@@ -49,7 +49,9 @@ class ContainerInput {
 
   private:
     void open(const std::string& url, const Options& options);
+    void open_once(const std::string& url, const Options& options, bool farther);
     AvioPtr make_stream_io();
+    bool has_unknown_sound() const;
 
     std::string name_;
     std::unique_ptr<video_io::FdSource> stream_;  // null: FFmpeg opens the input itself
