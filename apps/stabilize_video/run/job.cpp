@@ -143,7 +143,7 @@ Input open_input(const Options& options) {
         auto stream = std::make_unique<video_io::FdSource>(name, stop);
         const bool regular = stream->file_size() >= 0;
         input.live = !regular;
-        const bool part = options.start_us > 0 || options.duration_us;
+        const bool part = options.start_us > 0 || options.duration_us || options.stream;
         if (options.input_format.empty() && !part &&
             Y4mSource::recognises(*stream, options.interlaced != "ignore")) {
             auto y4m = std::make_unique<Y4mSource>(std::move(stream));
