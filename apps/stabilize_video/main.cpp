@@ -36,22 +36,38 @@ void tell(const char* what) {
     _exit(apps::EXIT_LIBRARY);
 }
 
+bool returned = false;  // from main
+
+// Compilers of OpenCL drivers exit or abort when they fail.
+void end_of_a_library() {
+    video_io::PendingFile::remove_all();
+    if (!returned) {
+        tell("a library has ended the program");
+        _exit(apps::EXIT_LIBRARY);
+    }
+}
+
+int run(int argc, char** argv) {
+    int status = apps::EXIT_DONE;
+    const auto options = apps::parse_options(argc, argv, status);
+    if (!options) {
+        return status;
+    }
+    return options->output_dir.empty() ? apps::run_job(*options) : apps::run_batch(*options);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     std::set_terminate(end_at_once);
-    // Compilers of OpenCL drivers exit or abort when they fail.
-    std::atexit(video_io::PendingFile::remove_all);
+    std::atexit(end_of_a_library);
     std::signal(SIGABRT, [](int) { video_io::PendingFile::remove_all(); });
+    int status = apps::EXIT_LIBRARY;
     try {
-        int status = apps::EXIT_DONE;
-        const auto options = apps::parse_options(argc, argv, status);
-        if (!options) {
-            return status;
-        }
-        return options->output_dir.empty() ? apps::run_job(*options) : apps::run_batch(*options);
+        status = run(argc, argv);
     } catch (const std::exception& error) {
         tell(error.what());
-        return apps::EXIT_LIBRARY;
     }
+    returned = true;
+    return status;
 }

@@ -81,6 +81,14 @@ R(34000,16000)WP(15635,16450)L(10000000,1):max-cll=1000,400" hdr.mkv)",
      R"(for o in mp4 mov; do v codec_tag_string,pix_fmt,color_transfer hdr.$o
         probe -read_intervals %+#1 -show_entries frame_side_data=max_content hdr.$o; done)",
      "hvc1,yuv420p10le,smpte2084\n1000\nhvc1,yuv420p10le,smpte2084\n1000\n"},
+    {"colours that only the container knows", R"(FF -i shaky.y4m -frames:v 5 -s 256x144 \
+        -pix_fmt yuv422p10le -color_primaries bt2020 -color_trc arib-std-b67 -colorspace bt2020nc \
+        -c:v dnxhd -profile:v dnxhr_hqx studio.mov)",
+     "$P -q studio.mov studio.mkv; $P -q studio.mov graded.mov --codec prores", 0, "",
+     R"(for i in studio.mkv graded.mov; do
+        v codec_name,pix_fmt,color_space,color_transfer,color_primaries $i; done)",
+     "hevc,yuv422p10le,bt2020nc,arib-std-b67,bt2020\nprores,yuv422p10le,bt2020nc,arib-std-b67,"
+     "bt2020\n"},
     // The matrix in the header of the track: 4 bytes each, of which the first is 1 in 16.16.
     {"mirrored, and upright beside each other",
      R"(FF -i shaky.y4m -frames:v 12 -c:v libx264 plain.mp4

@@ -27,17 +27,29 @@ const std::uint8_t* side_data(const AVFrame& picture, AVFrameSideDataType type,
                                  : av_stream_get_side_data(&stream, stream_type, nullptr);
 }
 
-void take_colours(const AVFrame& first, PictureFormat& format) {
+// What the pictures do not tell, the container may.
+void take_colours(const AVFrame& first, const AVStream& video, PictureFormat& format) {
+    const AVCodecParameters& parameters = *video.codecpar;
+    const auto either = [](auto of_picture, auto of_container, auto unknown) {
+        return of_picture != unknown ? of_picture : of_container;
+    };
     if (is_rgb(static_cast<AVPixelFormat>(first.format))) {
         format.range = AVCOL_RANGE_MPEG;
         format.matrix = AVCOL_SPC_BT709;
     } else {
-        format.range = first.color_range;
-        format.matrix = first.colorspace;
+        format.range = either(first.color_range, parameters.color_range, AVCOL_RANGE_UNSPECIFIED);
+        format.matrix = either(first.colorspace, parameters.color_space, AVCOL_SPC_UNSPECIFIED);
+        // Pictures of DNxHR say BT.709 where they do not know.
+        if (parameters.codec_id == AV_CODEC_ID_DNXHD &&
+            parameters.color_space != AVCOL_SPC_UNSPECIFIED) {
+            format.matrix = parameters.color_space;
+        }
     }
-    format.primaries = first.color_primaries;
-    format.transfer = first.color_trc;
-    format.chroma_location = first.chroma_location;
+    format.primaries =
+        either(first.color_primaries, parameters.color_primaries, AVCOL_PRI_UNSPECIFIED);
+    format.transfer = either(first.color_trc, parameters.color_trc, AVCOL_TRC_UNSPECIFIED);
+    format.chroma_location =
+        either(first.chroma_location, parameters.chroma_location, AVCHROMA_LOC_UNSPECIFIED);
 }
 
 // Metadata of high dynamic range: what holds for the whole stream is kept.
@@ -112,7 +124,7 @@ void take_facts(AVFormatContext& container, AVStream& video, const AVFrame& firs
     format.frame_rate = video.avg_frame_rate.num > 0 ? video.avg_frame_rate : format.nominal_rate;
     format.orientation = orientation_of(video);
     format.has_captions = av_frame_get_side_data(&first, AV_FRAME_DATA_A53_CC) != nullptr;
-    take_colours(first, format);
+    take_colours(first, video, format);
     take_hdr(first, video, format, notes);
 }
 
