@@ -61,7 +61,11 @@ constexpr Row ROWS[] = {
      "aac\naac\naac\npcm_s16le\naac\naac\nmp2\nmp2\nopus\nopus\n"},
     {"sound that begins late", R"(FF -f lavfi -i testsrc2=s=64x48:r=25:d=11 -itsoffset 10 \
         -f lavfi -i sine=d=1 -map 0 -map 1 -c:v mpeg2video -c:a aac late.ts)",
-     "$P -q late.ts late.mp4", 0, "", "a codec_name,start_time late.mp4 | cut -c 1-7", "aac,9.9\n"},
+     "$P -q late.ts late.mp4; $P late.ts late.avi", 0,
+     "AVI (Audio Video Interleaved) cannot tell when it begins",
+     R"(a codec_name,start_time late.mp4 | cut -c 1-7
+        FF -i late.avi -vn -f s16le -ar 10000 -ac 1 - | wc -c | cut -c 1-2)",
+     "aac,9.9\n22\n"},
     {"no sound in pictures, or none wanted", "",
      "$P flac.mkv out.gif; $P -q --no-audio flac.mkv mute.mp4", 0, "cannot hold it",
      "a codec_name out.gif; a codec_name mute.mp4", "none\nnone\n"},

@@ -333,6 +333,9 @@ AvFramePtr MediaSource::decode() {
     }
     frame->sample_aspect_ratio = av_guess_sample_aspect_ratio(context_, video_, frame.get());
     mark_interlaced(*video_, *frame);
+    if (frame->color_range == AVCOL_RANGE_UNSPECIFIED) {
+        frame->color_range = video_->codecpar->color_range;
+    }
     if (frame->decode_error_flags != 0 || (frame->flags & AV_FRAME_FLAG_CORRUPT) != 0) {
         ++damaged_pictures_;
     }

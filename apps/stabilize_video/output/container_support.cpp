@@ -129,6 +129,10 @@ bool holds_sound(const AVOutputFormat& muxer) {
     return muxer.audio_codec != AV_CODEC_ID_NONE && !is_one_of(muxer, {"mxf_opatom"});
 }
 
+bool counts_samples(const AVOutputFormat& muxer) {
+    return is_one_of(muxer, {"avi"}) || is_material_exchange(muxer);
+}
+
 bool holds(const AVOutputFormat& muxer, const AVStream& stream) {
     const AVCodecParameters& parameters = *stream.codecpar;
     const AVCodecID codec = parameters.codec_id;

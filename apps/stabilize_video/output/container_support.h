@@ -14,6 +14,9 @@ bool is_quicktime(const AVOutputFormat& muxer);
 // Whether files of this format can hold sound at all.
 bool holds_sound(const AVOutputFormat& muxer);
 
+// Whether sound begins with the file, since its times are those of counted samples.
+bool counts_samples(const AVOutputFormat& muxer);
+
 // Whether a stream can be copied into a file of this format, so that others can use it there.
 bool holds(const AVOutputFormat& muxer, const AVStream& stream);
 

@@ -40,6 +40,12 @@ bool is_made_again(const AVStream& stream, const AVFormatContext& to) {
                                                 tag == TITLES && to.nb_chapters > 0);
 }
 
+bool begins_late(const AVStream& sound, std::int64_t zero_us) {
+    constexpr std::int64_t NOTICED_US = AV_TIME_BASE / 20;
+    return sound.start_time != AV_NOPTS_VALUE &&
+           av_rescale_q(sound.start_time, sound.time_base, MICROSECONDS) > zero_us + NOTICED_US;
+}
+
 void copy_description(const AVStream& from, AVStream& to) {
     to.disposition = from.disposition;
     to.avg_frame_rate = from.avg_frame_rate;
@@ -87,11 +93,13 @@ void OtherStreams::add(const AVStream& from, Notes& notes) {
         return;
     }
     Transfer& transfer = transfers_[static_cast<std::size_t>(from.index)];
-    const bool copied = holds(muxer, from);
+    const bool moved = sound && counts_samples(muxer) && begins_late(from, offset_us_);
+    const bool copied = !moved && holds(muxer, from);
     if (!copied) {
         const AVCodecID codec = substitute(muxer, parameters);
         if (codec != AV_CODEC_ID_NONE) {
-            transfer.transcoder = make_transcoder(from, codec, muxer);
+            transfer.transcoder = make_transcoder(from, codec, muxer,
+                                                  moved ? std::optional(offset_us_) : std::nullopt);
         }
         if (!transfer.transcoder) {
             if (sound && holds_sound(muxer)) {
@@ -103,7 +111,8 @@ void OtherStreams::add(const AVStream& from, Notes& notes) {
             return;
         }
         notes.push_back(name_of(from) + " is converted to " + avcodec_get_name(codec) + ": " +
-                        muxer.long_name + " cannot hold it");
+                        muxer.long_name +
+                        (moved ? " cannot tell when it begins" : " cannot hold it"));
     }
     AVStream* to = avformat_new_stream(&to_, nullptr);
     const int described =

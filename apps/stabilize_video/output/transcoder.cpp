@@ -89,6 +89,8 @@ class SoundTranscoder : public Transcoder {
     SoundTranscoder(CodecContextPtr decoder, CodecContextPtr encoder, AVRational unit)
         : decoder_(std::move(decoder)), encoder_(std::move(encoder)), unit_(unit) {}
 
+    void begin_with_silence(std::int64_t from_us) { silence_from_us_ = from_us; }
+
     // Returns false if the encoder cannot be used for this sound.
     bool open() {
         const AVCodec& codec = *encoder_->codec;
@@ -154,11 +156,11 @@ class SoundTranscoder : public Transcoder {
             ":sample_fmt=" + av_get_sample_fmt_name(static_cast<AVSampleFormat>(format_)) +
             ":channel_layout=" + layout_name(sound.ch_layout) +
             ":time_base=" + std::to_string(unit_.num) + "/" + std::to_string(unit_.den);
-        const std::string description = in + ",aresample=async=1,aformat=sample_fmts=" +
-                                        av_get_sample_fmt_name(encoder_->sample_fmt) +
-                                        ":sample_rates=" + std::to_string(encoder_->sample_rate) +
-                                        ":channel_layouts=" + layout_name(encoder_->ch_layout) +
-                                        ",abuffersink";
+        const std::string description =
+            in + ",aresample=async=1" + silence() +
+            ",aformat=sample_fmts=" + av_get_sample_fmt_name(encoder_->sample_fmt) +
+            ":sample_rates=" + std::to_string(encoder_->sample_rate) +
+            ":channel_layouts=" + layout_name(encoder_->ch_layout) + ",abuffersink";
         AVFilterInOut* inputs = nullptr;
         AVFilterInOut* outputs = nullptr;
         const int parsed =
@@ -176,6 +178,17 @@ class SoundTranscoder : public Transcoder {
         if ((encoder_->codec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE) == 0) {
             av_buffersink_set_frame_size(sink_, static_cast<unsigned>(encoder_->frame_size));
         }
+    }
+
+    // The first sample of all, for the resampler.
+    std::string silence() {
+        if (!silence_from_us_) {
+            return "";
+        }
+        const std::int64_t first =
+            av_rescale(*silence_from_us_, encoder_->sample_rate, AV_TIME_BASE);
+        silence_from_us_.reset();
+        return ":first_pts=" + std::to_string(first);
     }
 
     static std::string layout_name(const AVChannelLayout& layout) {
@@ -230,6 +243,7 @@ class SoundTranscoder : public Transcoder {
     FilterGraphPtr graph_;
     AVFilterContext* source_ = nullptr;  // both owned by the graph
     AVFilterContext* sink_ = nullptr;
+    std::optional<std::int64_t> silence_from_us_;
     int rate_ = 0;  // of the sound that the graph takes
     int format_ = 0;
     int channels_ = 0;
@@ -331,26 +345,27 @@ class SubtitleTranscoder : public Transcoder {
     std::vector<std::uint8_t> buffer_;
 };
 
-template <typename Kind>
-std::unique_ptr<Transcoder> opened(CodecContextPtr decoder, CodecContextPtr encoder,
-                                   AVRational unit) {
-    auto transcoder = std::make_unique<Kind>(std::move(decoder), std::move(encoder), unit);
-    return transcoder->open() ? std::move(transcoder) : nullptr;
-}
-
 }  // namespace
 
 std::unique_ptr<Transcoder> make_transcoder(const AVStream& original, AVCodecID codec,
-                                            const AVOutputFormat& muxer) {
+                                            const AVOutputFormat& muxer,
+                                            std::optional<std::int64_t> silence_from_us) {
     CodecContextPtr decoder = open_decoder(original);
     CodecContextPtr encoder = make_encoder(codec, muxer);
     if (!decoder || !encoder) {
         return nullptr;
     }
     if (original.codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
-        return opened<SoundTranscoder>(std::move(decoder), std::move(encoder), original.time_base);
+        auto sound = std::make_unique<SoundTranscoder>(std::move(decoder), std::move(encoder),
+                                                       original.time_base);
+        if (silence_from_us) {
+            sound->begin_with_silence(*silence_from_us);
+        }
+        return sound->open() ? std::move(sound) : nullptr;
     }
-    return opened<SubtitleTranscoder>(std::move(decoder), std::move(encoder), original.time_base);
+    auto subtitles = std::make_unique<SubtitleTranscoder>(std::move(decoder), std::move(encoder),
+                                                          original.time_base);
+    return subtitles->open() ? std::move(subtitles) : nullptr;
 }
 
 }  // namespace apps

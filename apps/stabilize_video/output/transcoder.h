@@ -2,8 +2,10 @@
 
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "apps/stabilize_video/pictures/ffmpeg.h"
 
@@ -25,8 +27,9 @@ class Transcoder {
 };
 
 // For sound and subtitles; null if it cannot be made of this stream. The codec is one for
-// `muxer`.
+// `muxer`. Before sound that begins after `silence_from_us` there will be silence.
 std::unique_ptr<Transcoder> make_transcoder(const AVStream& original, AVCodecID codec,
-                                            const AVOutputFormat& muxer);
+                                            const AVOutputFormat& muxer,
+                                            std::optional<std::int64_t> silence_from_us);
 
 }  // namespace apps
