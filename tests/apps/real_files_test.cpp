@@ -176,11 +176,12 @@ R(34000,16000)WP(15635,16450)L(10000000,1):max-cll=1000,400" hdr.mkv)",
         $P --skip-existing plain.mp4 kept.mp4)",
      0, "2 of them were before", "ls all | wc -l", "3\n"},
     {"faults of the input are its own", R"(FF -i sound.mkv -c:v mpeg2video -c:a ac3 s.ts
-        head -c 9000 s.ts > cut.ts; FF -i shaky.y4m -s 640x480 -c:v mjpeg -q:v 1 last.mov)",
-     "$P -q cut.ts cut.mp4", 5, "pictures of the input are damaged",
+        head -c 9000 s.ts > cut.ts; head -c 2000 words.mp4 > cut.mp4; FF -i shaky.y4m -s 640x480 -c:v mjpeg -q:v 1 last.mov)",
+     "$P -q cut.ts whole.mp4", 5, "pictures of the input are damaged",
      R"($P plain.mp4 - --output-format mp4 2>&1 >/dev/full | grep -o 'needs a file'
-        cat last.mov | $P -q - no.mp4 2>&1 | grep -o 'index comes last')",
-     "needs a file\nindex comes last\n"},
+        cat last.mov | $P -q - no.mp4 2>&1 | grep -o 'index comes last'
+        $P -q cut.mp4 no.mp4 2>&1 | grep -o 'no index')",
+     "needs a file\nindex comes last\nno index\n"},
     {"numbered pictures", "FF -i shaky.y4m -frames:v 12 in%03d.png",
      R"($P -q in%03d.png seq.mp4 && $P -q plain.mp4 out%02d.jpg && $P -q plain.mp4 out%02d.jpg)", 3,
      "out01.jpg exists already", "frames seq.mp4; ls out*.jpg | wc -l", "12\n12\n"},

@@ -111,11 +111,17 @@ void ContainerInput::open_once(const std::string& url, const Options& options, b
         context->pb = io_.get();
     }
     context = context_.release();  // freed by a failing avformat_open_input
+    forget_ffmpeg_error();
     const int opened = avformat_open_input(&context, location.c_str(), format, settings.address());
     context_.reset(context);
     if (opened < 0) {
         rethrow_failure();
-        throw video_io::InputError("cannot read " + name_ + ": " + av_reason(opened));
+        const std::string cause = ffmpeg_error();
+        const bool unfinished = cause.find("moov atom not found") != std::string::npos;
+        throw video_io::InputError(
+            "cannot read " + name_ + ": " +
+            (unfinished ? "it has no index; it was cut short, or its recording never finished"
+                        : av_reason(opened)));
     }
     if (const std::string key = settings.first_key(); !key.empty()) {
         throw video_io::InputError("the input format '" + std::string(context->iformat->name) +

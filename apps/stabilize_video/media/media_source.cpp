@@ -373,7 +373,7 @@ AvFramePtr MediaSource::decode_wanted() {
         constexpr std::int64_t ROUNDING_US = 1000;
         if (time >= stop_us_) {
             // The sound of the last pictures follows.
-            while (!past_stop_ && read_packet()) {
+            while (context_->nb_streams > 1 && !past_stop_ && read_packet()) {
                 drop_pictures();
             }
             input_ended_ = true;
