@@ -147,7 +147,8 @@ R(34000,16000)WP(15635,16450)L(10000000,1):max-cll=1000,400" hdr.mkv)",
         <(probe -select_streams v -show_entries packet=dts_time vary.avi) <(times v vary.mkv) |
             awk -F, 'NR > 1 && ($1 - $2) ^ 2 > 0.002 { print }')",
      "30/1\n"},
-    {"nohup", "", R"((trap '' HUP; $P -q --input-format lavfi testsrc2=d=9999 endless.mkv & sleep 1
+    {"nohup", "", R"((trap '' HUP; $P -q --input-format lavfi testsrc2=d=9999 endless.mkv &
+        until find . -name '*.part' | grep -q .; do kill -0 $! || exit; sleep 0.1; done
         kill -HUP $!; sleep 0.3; kill -TERM $!; wait $!))",
      130, "interrupted", "ls | grep -c endless", "0\n"},
     {"no folder for a cache", "",
