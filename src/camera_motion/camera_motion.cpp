@@ -36,11 +36,16 @@ constexpr std::size_t STRANGE_SITES = 24;
 constexpr double STRANGE_SUPPORT = 0.05;
 
 // Pictures that are blurred differently agree better where they are small.
-constexpr double NO_WORSE = 1.5;    // scatter in a level, relative to that in the level before
-constexpr double AGREES = 0.25;     // of a sighting's agreement
-constexpr double SAME = 0.7;        // pixels of the patch level: hypotheses that lead to the same
-constexpr std::size_t LAYERS = 2;   // motions that one hypothesis can lead to
-constexpr double PATCH_CAP = 0.5;   // pixels of the patch level
+constexpr double NO_WORSE = 1.5;   // scatter in a level, relative to that in the level before
+constexpr double AGREES = 0.25;    // of a sighting's agreement
+constexpr double SAME = 0.7;       // pixels of the patch level: hypotheses that lead to the same
+constexpr std::size_t LAYERS = 2;  // motions that one hypothesis can lead to
+constexpr double PATCH_CAP = 0.3;  // pixels of the patch level
+// In pixels of a picture of 640. A rolling shutter moves the borders of one picture against each other:
+// a tight gate would take in another part of it in each frame.
+constexpr double SITE_CAP = 1.5;
+constexpr double SITE_GATE = 2;  // of the cap
+constexpr double FINE_GATE = 1;
 constexpr double FURTHEST = 4;      // pixels: so far from a hypothesis a place may be seen
 constexpr double LONGEST_STEP = 2;  // pixels: the gradient predicts no longer one
 constexpr std::size_t MOST_FOLLOWED = 3;
@@ -368,8 +373,8 @@ CameraMotion::Estimate CameraMotion::follow_sites(const Estimate& coarse) {
         sites_.push_back(site);
         sightings_.push_back(s);
     }
-    const ConsensusSettings settings = {std::max(0.5, 1.5 * pixel), std::max(0.5, 1.5 * pixel),
-                                        std::max(0.05, 0.1 * pixel),
+    const double cap = SITE_CAP * std::max(1.0 / 3, pixel);
+    const ConsensusSettings settings = {cap, SITE_GATE * cap, std::max(0.05, 0.1 * pixel),
                                         0.08 * std::max(to.width, to.height)};
     share_votes();
     Similarity change{0, 0, 0, 0};
@@ -427,7 +432,7 @@ CameraMotion::Estimate CameraMotion::follow_on(const Estimate& from, std::size_t
         s.dy = finer * sites_[i].ry;
         follow(patch, following, s);
     }
-    const ConsensusSettings settings = {1.5 * pixel, 1.0 * pixel, 0.1 * pixel, 0};
+    const ConsensusSettings settings = {SITE_CAP * pixel, FINE_GATE * pixel, 0.1 * pixel, 0};
     Similarity change{0, 0, 0, 0};
     if (!consensus_.refine(sightings_, estimate.motion, settings, change, estimate.scatter)) {
         return estimate;
