@@ -9,50 +9,55 @@ namespace videostabilizer {
 
 namespace {
 
-constexpr double REACH =
-    0.22;                      // of the picture's longer side: the largest shift that is looked for
-constexpr int NEAR_RANGE = 4;  // pixels of the smallest picture, around the last step
-// Share of the blocks that must agree near the last step; otherwise all of the reach is searched.
+// What half and twice of these do is in docs/strength.md.
+
+// Hypotheses, in the block level.
+constexpr double REACH = 0.22;  // of the longer side: the largest shift that is looked for
+constexpr int NEAR_RANGE = 4;   // pixels around the last step
+// Share of the votes that must agree near the last step; otherwise all of the reach is searched.
 constexpr double WELL_SEEN = 0.5;
-constexpr double LEAST_CERTAINTY = 0.25;
+constexpr double LEAST_CERTAINTY = 0.25;  // of a block
+constexpr double OTHER_SUPPORT = 0.12;    // of the votes, to be a hypothesis
 constexpr std::size_t MOST_HYPOTHESES = 4;
-constexpr double OTHER_SUPPORT = 0.12;  // of the blocks, to be a hypothesis
 
+// Rating them, in the patch level.
 constexpr double MOST_PATCHES = 110;
-constexpr int CLOSEST_PATCHES = 6;            // pixels from one to the next
-constexpr std::size_t MOST_FINE_SITES = 120;  // measured
-// As many make a motion; or, in a picture with hardly anything to be followed, most of a few.
-constexpr std::size_t ENOUGH_SITES = 12;
-constexpr std::size_t FEWEST_SITES = 3;
-constexpr double MOST_OF_FEW = 0.6;
-
-// The continuation of the last step is believed to be right where two hypotheses are about equal.
+constexpr int CLOSEST_PATCHES = 6;  // pixels from one to the next
+constexpr double PATCH_CAP = 0.3;   // pixels
+constexpr std::size_t LAYERS = 2;   // motions that one hypothesis can lead to
+constexpr double SAME = 0.7;        // pixels: motions that differ by less are one
+// The continuation of the last step is believed to be right where two motions are about equal.
 constexpr double CONTINUATION = 0.15;
 constexpr double CONTINUED = 0.03;  // of the diagonal: how far it may be off
 
-constexpr double LEAST_SITE_SUPPORT = 0.08;
-constexpr double LEAST_PATCH_SUPPORT = 0.15;
-constexpr std::size_t STRANGE_SITES = 24;
-constexpr double STRANGE_SUPPORT = 0.05;
-
-// Pictures that are blurred differently agree better where they are small.
-constexpr double NO_WORSE = 1.5;   // scatter in a level, relative to that in the level before
-constexpr double AGREES = 0.25;    // of a sighting's agreement
-constexpr double SAME = 0.7;       // pixels of the patch level: hypotheses that lead to the same
-constexpr std::size_t LAYERS = 2;  // motions that one hypothesis can lead to
-constexpr double PATCH_CAP = 0.3;  // pixels of the patch level
+// Following, in the site level and the finest one.
+constexpr std::size_t MOST_FOLLOWED = 3;  // motions
+constexpr double COMPARABLE = 0.5;        // of the best rating
+constexpr double CLEAR_SUPPORT = 0.5;     // no other motion can be better
+constexpr std::size_t FINEST = 0;         // level
+constexpr std::size_t MOST_FINE_SITES = 120;
+constexpr double FURTHEST = 4;      // pixels from a hypothesis
+constexpr double LONGEST_STEP = 2;  // pixels: the gradient predicts no longer one
 // In pixels of a picture of 640. A rolling shutter moves the borders of one picture against each other:
 // a tight gate would take in another part of it in each frame.
 constexpr double SITE_CAP = 1.5;
 constexpr double SITE_GATE = 2;  // of the cap
 constexpr double FINE_GATE = 1;
-constexpr double FURTHEST = 4;      // pixels: so far from a hypothesis a place may be seen
-constexpr double LONGEST_STEP = 2;  // pixels: the gradient predicts no longer one
-constexpr std::size_t MOST_FOLLOWED = 3;
-constexpr double COMPARABLE = 0.5;     // of the best rating
-constexpr double CLEAR_SUPPORT = 0.5;  // no other hypothesis can be better
+// Pictures that are blurred differently agree better where they are small.
+constexpr double NO_WORSE = 1.5;  // scatter in a level, relative to that in the level before
 
-// A size of 640 is one in which the constants in pixels were measured.
+// What is found.
+constexpr double AGREES = 0.25;  // of a sighting's agreement
+// As many make a motion; or, in a picture with hardly anything to be followed, most of a few.
+constexpr std::size_t ENOUGH_SITES = 12;
+constexpr std::size_t FEWEST_SITES = 3;
+constexpr double MOST_OF_FEW = 0.6;
+constexpr double LEAST_SITE_SUPPORT = 0.08;
+constexpr double LEAST_PATCH_SUPPORT = 0.15;
+constexpr std::size_t STRANGE_SITES = 24;
+constexpr double STRANGE_SUPPORT = 0.05;
+
+// A pixel of a picture of 640, in which the constants were measured, in those of this one.
 double usual_pixel(const LumaView& picture) {
     return std::max(picture.width, picture.height) / 640.0;
 }
@@ -393,13 +398,13 @@ CameraMotion::Estimate CameraMotion::follow_sites(const Estimate& coarse) {
     return estimate;
 }
 
-// Follows the sites that agree with the motion on in a finer level.
-CameraMotion::Estimate CameraMotion::follow_on(const Estimate& from, std::size_t level) {
-    const LumaView& earlier_picture = earlier().level(level);
-    const LumaView& picture = later().level(level);
-    const PictureCentre centre = later().centre(level);
+// Follows the sites that agree with the motion on in the finest level.
+CameraMotion::Estimate CameraMotion::follow_on(const Estimate& from) {
+    const LumaView& earlier_picture = earlier().level(FINEST);
+    const LumaView& picture = later().level(FINEST);
+    const PictureCentre centre = later().centre(FINEST);
     const double pixel = usual_pixel(picture);
-    const double finer = later().pixel(site_level_) / later().pixel(level);
+    const double finer = later().pixel(site_level_) / later().pixel(FINEST);
     Estimate estimate;
     estimate.motion = scaled(from.motion, finer);
     const Following following = {picture, centre, estimate.motion, 3, 0.1, LONGEST_STEP};
@@ -410,11 +415,9 @@ CameraMotion::Estimate CameraMotion::follow_on(const Estimate& from, std::size_t
     Patch patch;
     for (std::size_t i = 0; i < sites_.size(); ++i) {
         Sighting& s = sightings_[i];
-        const bool agreed = s.agreement > AGREES;
         s.counts = false;
         // Evenly from those that agree.
-        if (!agreed || ++seen * wanted / agreeing <= taken) {
-            s.agreement = agreed ? 1 : 0;
+        if (!(s.agreement > AGREES) || ++seen * wanted / agreeing <= taken) {
             continue;
         }
         ++taken;
@@ -444,7 +447,7 @@ CameraMotion::Estimate CameraMotion::follow_on(const Estimate& from, std::size_t
     constexpr double LARGEST_CHANGE = 0.5;  // pixels of the site level: a larger one is an error
     const double most = LARGEST_CHANGE * std::max(finer, 2 * pixel);
     estimate.valid = is_enough(estimate.agreeing, taken) && 3 * estimate.agreeing >= taken &&
-                     reach(change, level) < most &&
+                     reach(change, FINEST) < most &&
                      estimate.scatter < NO_WORSE * finer * from.scatter;
     return estimate;
 }
@@ -462,15 +465,18 @@ void CameraMotion::learn(const Estimate& sites) {
         const double shift_y = sites.motion.map_y(x, y) - y;
         const bool moves = std::hypot(shift_x, shift_y) > MOVING;
         const bool stays = std::hypot(shift_x + site.rx, shift_y + site.ry) < FIXED;
-        layers_.tell(site.cell, site.followed && off < CAMERA && !(moves && stays)
-                                    ? SceneLayers::Seen::CAMERA
-                                    : (site.followed && moves && stays ? SceneLayers::Seen::FIXED
-                                                                       : SceneLayers::Seen::OTHER));
+        SceneLayers::Seen seen = SceneLayers::Seen::OTHER;
+        if (site.followed && moves && stays) {
+            seen = SceneLayers::Seen::FIXED;
+        } else if (site.followed && off < CAMERA) {
+            seen = SceneLayers::Seen::CAMERA;
+        }
+        layers_.tell(site.cell, seen);
     }
 }
 
-CameraStep CameraMotion::result(const Estimate& coarse, const Estimate& sites, const Estimate& fine,
-                                std::size_t fine_level) {
+CameraStep CameraMotion::result(const Estimate& coarse, const Estimate& sites,
+                                const Estimate& fine) const {
     CameraStep step;
     step.sites = static_cast<int>(textures_.sites().size());
     step.followed = static_cast<int>(std::count_if(
@@ -484,9 +490,9 @@ CameraStep CameraMotion::result(const Estimate& coarse, const Estimate& sites, c
                    coarse.support < STRANGE_SUPPORT;
     step.found = by_sites || by_patches;
     if (by_sites) {
-        const std::size_t level = fine.valid ? fine_level : site_level_;
-        step.pose = step_of_similarity(
-            scaled(fine.valid ? fine.motion : sites.motion, later().pixel(level)));
+        step.pose =
+            step_of_similarity(fine.valid ? scaled(fine.motion, later().pixel(FINEST))
+                                          : scaled(sites.motion, later().pixel(site_level_)));
     } else if (by_patches) {
         step.pose = step_of_similarity(scaled(coarse.motion, later().pixel(patch_level_)));
     }
@@ -506,12 +512,11 @@ CameraStep CameraMotion::add(const unsigned char* luma, int pitch) {
     Estimate coarse;
     const Estimate sites = follow_best(coarse);
     Estimate fine;
-    std::size_t fine_level = 0;
     if (sites.valid) {
         learn(sites);
-        fine = follow_on(sites, fine_level);
+        fine = follow_on(sites);
     }
-    const CameraStep step = result(coarse, sites, fine, fine_level);
+    const CameraStep step = result(coarse, sites, fine);
     if (step.strange) {
         layers_.begin_scene();
     }

@@ -75,11 +75,10 @@ class CameraMotion {
     Estimate follow_best(Estimate& coarse);
     void share_votes();
     void sum_up(Estimate& estimate) const;
-    Estimate follow_on(const Estimate& from, std::size_t level);
+    Estimate follow_on(const Estimate& from);
     double reach(const Similarity& field, std::size_t level) const;
     void learn(const Estimate& sites);
-    CameraStep result(const Estimate& coarse, const Estimate& sites, const Estimate& fine,
-                      std::size_t fine_level);
+    CameraStep result(const Estimate& coarse, const Estimate& sites, const Estimate& fine) const;
 
     LumaPyramid pyramids_[2];
     std::size_t newest_ = 0;

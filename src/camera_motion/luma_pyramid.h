@@ -40,6 +40,8 @@ class LumaPyramid {
     static constexpr int NARROWEST = 16;
 
     LumaPyramid(int width, int height);  // of the pictures, pixels; throws std::bad_alloc
+    LumaPyramid(const LumaPyramid&) = delete;
+    LumaPyramid& operator=(const LumaPyramid&) = delete;
 
     // Replaces all levels. Where level 0 is the picture itself, that must stay until the next call.
     void build(const unsigned char* luma, int pitch);
