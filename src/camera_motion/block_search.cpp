@@ -13,7 +13,8 @@ namespace {
 
 constexpr int SIDE = 8;     // pixels of a block
 constexpr int SPACING = 6;  // at least, from block to block
-constexpr int RADIUS = 4;   // of the square whose mean is taken away, pixels
+constexpr double MOST_BLOCKS = 100;
+constexpr int RADIUS = 4;  // of the square whose mean is taken away, pixels
 
 constexpr int DEVIATION =
     24;                  // grey levels: the mean deviation that all surroundings are brought to
@@ -28,8 +29,10 @@ BlockSearch::BlockSearch(int width, int height)
       later_(earlier_.size()),
       deviations_(earlier_.size()),
       sums_((static_cast<std::size_t>(width) + 1) * (static_cast<std::size_t>(height) + 1)) {
-    const int columns = width < SIDE ? 0 : (width - SIDE) / SPACING + 1;
-    const int rows = height < SIDE ? 0 : (height - SIDE) / SPACING + 1;
+    const double area = static_cast<double>(width) * height;
+    const int spacing = std::max(SPACING, static_cast<int>(std::sqrt(area / MOST_BLOCKS)));
+    const int columns = width < SIDE ? 0 : (width - SIDE) / spacing + 1;
+    const int rows = height < SIDE ? 0 : (height - SIDE) / spacing + 1;
     for (int r = 0; r < rows; ++r) {
         for (int c = 0; c < columns; ++c) {
             // Spread over the whole width and height.
@@ -45,9 +48,9 @@ template <class Value>
 void BlockSearch::sum_up(Value value) {
     const int pitch = width_ + 1;
     for (int y = 0; y < height_; ++y) {
-        int row = 0;
+        std::uint32_t row = 0;
         for (int x = 0; x < width_; ++x) {
-            row += value(x, y);
+            row += static_cast<std::uint32_t>(value(x, y));
             sums_[packed_index(pitch, x + 1, y + 1)] = sums_[packed_index(pitch, x + 1, y)] + row;
         }
     }
@@ -59,8 +62,9 @@ int BlockSearch::mean_around(int x, int y) const {
     const auto sum = [this](int at_x, int at_y) {
         return sums_[packed_index(width_ + 1, at_x, at_y)];
     };
-    return (sum(right, bottom) - sum(left, bottom) - sum(right, top) + sum(left, top)) /
-           ((right - left) * (bottom - top));
+    const std::uint32_t total =
+        sum(right, bottom) - sum(left, bottom) - sum(right, top) + sum(left, top);
+    return static_cast<int>(total) / ((right - left) * (bottom - top));
 }
 
 // Takes the mean of the surroundings away and brings their contrast to the same everywhere, so that a

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "camera_motion/luma_pyramid.h"
@@ -41,7 +42,8 @@ class BlockSearch {
     int width_;
     int height_;
     std::vector<unsigned char> earlier_, later_;  // packed
-    std::vector<int> deviations_, sums_;          // scratch
+    std::vector<int> deviations_;                 // scratch
+    std::vector<std::uint32_t> sums_;  // likewise; modulo 2^32, which differences do not notice
     std::vector<Block> blocks_;
 };
 

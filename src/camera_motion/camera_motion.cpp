@@ -12,8 +12,9 @@ namespace {
 // What half and twice of these do is in docs/strength.md.
 
 // Hypotheses, in the block level.
-constexpr double REACH = 0.22;  // of the longer side: the largest shift that is looked for
-constexpr int NEAR_RANGE = 4;   // pixels around the last step
+constexpr double REACH = 0.22;      // of the longer side: the largest shift that is looked for
+constexpr int FURTHEST_RANGE = 24;  // pixels: narrow pictures are not reduced so far
+constexpr int NEAR_RANGE = 4;       // pixels around the last step
 // Share of the votes that must agree near the last step; otherwise all of the reach is searched.
 constexpr double WELL_SEEN = 0.5;
 constexpr double LEAST_CERTAINTY = 0.25;  // of a block
@@ -208,7 +209,7 @@ void CameraMotion::find_hypotheses() {
     const double near = search(expected.c, expected.d, NEAR_RANGE);
     if (near < WELL_SEEN) {
         hypotheses_.clear();
-        search(0, 0, static_cast<int>(std::lround(REACH * longer)));
+        search(0, 0, std::min(FURTHEST_RANGE, static_cast<int>(std::lround(REACH * longer))));
     }
     hypotheses_.push_back(scaled(expected, to_patch));
 }
