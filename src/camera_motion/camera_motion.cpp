@@ -22,7 +22,7 @@ constexpr double OTHER_SUPPORT = 0.12;    // of the votes, to be a hypothesis
 constexpr std::size_t MOST_HYPOTHESES = 4;
 
 // Rating them, in the patch level.
-constexpr double MOST_PATCHES = 110;
+constexpr double USUAL_PATCHES = 110;
 constexpr int CLOSEST_PATCHES = 6;  // pixels from one to the next
 constexpr double PATCH_CAP = 0.3;   // pixels
 constexpr std::size_t LAYERS = 2;   // motions that one hypothesis can lead to
@@ -48,7 +48,10 @@ constexpr double FINE_GATE = 1;
 constexpr double NO_WORSE = 1.5;  // scatter in a level, relative to that in the level before
 
 // What is found.
-constexpr double AGREES = 0.25;  // of a sighting's agreement
+// A handheld camera turns by at most 0.03 radians from frame to frame, and zooms by 0.025 while walking.
+constexpr double LARGEST_TURN = 0.5;
+constexpr double LARGEST_ZOOM = 0.4;  // logarithm
+constexpr double AGREES = 0.25;       // of a sighting's agreement
 // As many make a motion; or, in a picture with hardly anything to be followed, most of a few.
 constexpr std::size_t ENOUGH_SITES = 12;
 constexpr std::size_t FEWEST_SITES = 3;
@@ -124,7 +127,8 @@ CameraMotion::CameraMotion(int width, int height)
       layers_(pyramids_[0].level(site_level_).width, pyramids_[0].level(site_level_).height) {
     const LumaView& picture = pyramids_[0].level(patch_level_);
     const double area = static_cast<double>(picture.width) * picture.height;
-    const int spacing = std::max(CLOSEST_PATCHES, static_cast<int>(std::sqrt(area / MOST_PATCHES)));
+    const int spacing =
+        std::max(CLOSEST_PATCHES, static_cast<int>(std::sqrt(area / USUAL_PATCHES)));
     const auto to_site = pyramids_[0].pixel(patch_level_) / pyramids_[0].pixel(site_level_);
     for (int y = 1; Patch::has_room(picture, 1, y); y += spacing) {
         for (int x = 1; Patch::has_room(picture, x, y); x += spacing) {
@@ -135,6 +139,8 @@ CameraMotion::CameraMotion(int width, int height)
     }
     patches_.resize(places_.size());
     sites_.reserve(textures_.grid().count());
+    hypotheses_.reserve(MOST_HYPOTHESES + 1);
+    rated_.reserve(LAYERS * (MOST_HYPOTHESES + 1));
     sightings_.reserve(std::max(places_.size(), textures_.grid().count()));
 }
 
@@ -163,8 +169,7 @@ void CameraMotion::find_hypotheses() {
     const double to_patch = later().pixel(block_level_) / later().pixel(patch_level_);
     const int longer = std::max(picture.width, picture.height);
     const ConsensusSettings settings = {0.6, 1.2, 0.2, 0.2 * longer};
-    const Similarity expected =
-        scaled(similarity_of_step(last_step_), 1 / later().pixel(block_level_));
+    const Similarity expected = going_on(block_level_);
 
     hypotheses_.clear();
     const auto search = [&](double dx, double dy, int range) {
@@ -192,7 +197,7 @@ void CameraMotion::find_hypotheses() {
                 !consensus_.refine(sightings_, {1, 0, 0, 0}, settings, change, scatter)) {
                 break;
             }
-            first = std::max(first, agreed);
+            first = first > 0 ? first : agreed;  // later ones are shares of the rest
             hypotheses_.push_back(scaled(Similarity{1, 0, 0, 0} + change, to_patch));
             // The next one is that of the rest.
             bool left = false;
@@ -247,7 +252,11 @@ void CameraMotion::rate_from(const Similarity& hypothesis) {
         estimate.valid = true;
         sum_up(estimate);
         if (is_new(estimate.motion)) {
-            rated_.push_back({estimate, estimate.support * continuation(estimate.motion)});
+            const double rating = estimate.support * continuation(estimate.motion);
+            const auto place =
+                std::find_if(rated_.begin(), rated_.end(),
+                             [rating](const Hypothesis& h) { return h.rating < rating; });
+            rated_.insert(place, {estimate, rating});
         }
         for (Sighting& s : sightings_) {
             s.counts = s.counts && s.agreement < AGREES;
@@ -258,9 +267,7 @@ void CameraMotion::rate_from(const Similarity& hypothesis) {
 // More than 1 for a motion that is about the same as the last one.
 double CameraMotion::continuation(const Similarity& motion) const {
     const LumaView& picture = later().level(patch_level_);
-    const Similarity going_on =
-        scaled(similarity_of_step(last_step_), 1 / later().pixel(patch_level_));
-    const double off = reach(motion - going_on, patch_level_) /
+    const double off = reach(motion - going_on(patch_level_), patch_level_) /
                        (CONTINUED * std::hypot(picture.width, picture.height));
     return 1 + CONTINUATION / (1 + off * off);
 }
@@ -288,8 +295,6 @@ void CameraMotion::rate_hypotheses() {
             rate_from(hypothesis);
         }
     }
-    std::stable_sort(rated_.begin(), rated_.end(),
-                     [](const Hypothesis& a, const Hypothesis& b) { return a.rating > b.rating; });
 }
 
 // Follows the sites with the best hypothesis; where few agree, also with others that are rated about
@@ -364,9 +369,6 @@ CameraMotion::Estimate CameraMotion::follow_sites(const Estimate& coarse) {
     for (const TextureSites::Site& found : textures_.sites()) {
         const int left = found.x - Patch::SIDE / 2;
         const int top = found.y - Patch::SIDE / 2;
-        if (!Patch::has_room(from, left, top)) {
-            continue;
-        }
         patch.take(from, left, top);
         FollowedSite site{left + Patch::MIDDLE, top + Patch::MIDDLE, found.cell, 0, 0, false};
         Sighting s;
@@ -472,32 +474,35 @@ void CameraMotion::learn(const Estimate& sites) {
         } else if (site.followed && off < CAMERA) {
             seen = SceneLayers::Seen::CAMERA;
         }
-        layers_.tell(site.cell, seen);
+        layers_.tell(site.cell, seen, moves);
     }
 }
 
-CameraStep CameraMotion::result(const Estimate& coarse, const Estimate& sites,
-                                const Estimate& fine) const {
+// All about the step but the motion.
+CameraStep CameraMotion::describe(const Estimate& coarse, const Estimate& sites) const {
     CameraStep step;
     step.sites = static_cast<int>(textures_.sites().size());
     step.followed = static_cast<int>(std::count_if(
         sites_.begin(), sites_.end(), [](const FollowedSite& site) { return site.followed; }));
     step.agreeing = static_cast<int>(sites.agreeing);
-    const double finer = later().pixel(patch_level_) / later().pixel(site_level_);
-    const bool by_sites = sites.valid && sites.support >= LEAST_SITE_SUPPORT &&
-                          sites.scatter < NO_WORSE * finer * coarse.scatter;
-    const bool by_patches = coarse.valid && coarse.support >= LEAST_PATCH_SUPPORT;
     step.strange = textures_.sites().size() >= STRANGE_SITES && sites.support < STRANGE_SUPPORT &&
                    coarse.support < STRANGE_SUPPORT;
-    step.found = by_sites || by_patches;
-    if (by_sites) {
-        step.pose =
-            step_of_similarity(fine.valid ? scaled(fine.motion, later().pixel(FINEST))
-                                          : scaled(sites.motion, later().pixel(site_level_)));
-    } else if (by_patches) {
-        step.pose = step_of_similarity(scaled(coarse.motion, later().pixel(patch_level_)));
-    }
     return step;
+}
+
+// A motion of a level becomes the step, if it can be one of a camera.
+void CameraMotion::take(const Similarity& motion, std::size_t level, CameraStep& step) const {
+    const CameraPose pose = step_of_similarity(scaled(motion, later().pixel(level)));
+    step.found = std::isfinite(pose.x) && std::isfinite(pose.y) &&
+                 std::abs(pose.angle) <= LARGEST_TURN && std::abs(pose.zoom) <= LARGEST_ZOOM;
+    if (step.found) {
+        step.pose = pose;
+    }
+}
+
+// The last step once more, in pixels of a level.
+Similarity CameraMotion::going_on(std::size_t level) const {
+    return scaled(similarity_of_step(last_step_), 1 / later().pixel(level));
 }
 
 CameraStep CameraMotion::add(const unsigned char* luma, int pitch) {
@@ -512,12 +517,22 @@ CameraStep CameraMotion::add(const unsigned char* luma, int pitch) {
     rate_hypotheses();
     Estimate coarse;
     const Estimate sites = follow_best(coarse);
+    const double finer = later().pixel(patch_level_) / later().pixel(site_level_);
+    const bool by_sites = sites.valid && sites.support >= LEAST_SITE_SUPPORT &&
+                          sites.scatter < NO_WORSE * finer * coarse.scatter;
     Estimate fine;
-    if (sites.valid) {
+    if (by_sites) {
         learn(sites);
         fine = follow_on(sites);
     }
-    const CameraStep step = result(coarse, sites, fine);
+    CameraStep step = describe(coarse, sites);
+    if (fine.valid) {
+        take(fine.motion, FINEST, step);
+    } else if (by_sites) {
+        take(sites.motion, site_level_, step);
+    } else if (coarse.valid && coarse.support >= LEAST_PATCH_SUPPORT) {
+        take(coarse.motion, patch_level_, step);
+    }
     if (step.strange) {
         layers_.begin_scene();
     }

@@ -55,7 +55,7 @@ class CameraMotion {
     struct FollowedSite {
         double x, y;  // in pixels of the site level, of that level's picture
         std::size_t cell;
-        double rx, ry;  // where it is seen beyond the motion, in pixels of the level at work
+        double rx, ry;  // where it is seen beyond the motion, likewise
         bool followed;
     };
     struct PlacedPatch {
@@ -78,7 +78,9 @@ class CameraMotion {
     Estimate follow_on(const Estimate& from);
     double reach(const Similarity& field, std::size_t level) const;
     void learn(const Estimate& sites);
-    CameraStep result(const Estimate& coarse, const Estimate& sites, const Estimate& fine) const;
+    CameraStep describe(const Estimate& coarse, const Estimate& sites) const;
+    void take(const Similarity& motion, std::size_t level, CameraStep& step) const;
+    Similarity going_on(std::size_t level) const;
 
     LumaPyramid pyramids_[2];
     std::size_t newest_ = 0;

@@ -48,9 +48,15 @@ std::size_t SceneLayers::cell_at(double x, double y) const {
     return grid_.index(column, row);
 }
 
-void SceneLayers::tell(std::size_t cell, Seen seen) {
+void SceneLayers::tell(std::size_t cell, Seen seen, bool moves) {
+    if (!moves && fixed_[cell] > MOSTLY_FIXED) {
+        return;
+    }
+
     const auto learn = [](double& share, double now) { share += LEARNING * (now - share); };
-    learn(fixed_[cell], seen == Seen::FIXED ? 1 : 0);
+    if (moves) {
+        learn(fixed_[cell], seen == Seen::FIXED ? 1 : 0);
+    }
     learn(camera_[cell], seen == Seen::CAMERA ? 1 : 0);
     rate(cell);
 }

@@ -28,7 +28,8 @@ class SceneLayers {
 
     // What a cell has shown.
     enum class Seen { CAMERA, OTHER, FIXED };
-    void tell(std::size_t cell, Seen seen);
+    // `moves`: the camera does; otherwise what is fixed cannot be told from the rest.
+    void tell(std::size_t cell, Seen seen, bool moves);
 
   private:
     void rate(std::size_t cell);

@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
+
+#include "camera_motion/patch.h"
 
 namespace videostabilizer {
 
@@ -11,7 +14,9 @@ namespace {
 
 constexpr double CELLS = 200;
 constexpr int SMALLEST_CELL = 6;
-constexpr int BORDER = 3;  // pixels without sites along each edge
+// Pixels without sites along the edges: a Patch around a site has room.
+constexpr int BEFORE = Patch::SIDE / 2 + 1;
+constexpr int BEHIND = Patch::SIDE / 2 + 2;
 
 // Squared grey levels per pixel, summed over 3 x 3 pixels: gradients of 4 levels a pixel, and those
 // that the noise of a sensor makes in a reduced picture.
@@ -77,8 +82,8 @@ void TextureSites::rate_row(int y) {
         strength[x] = (xx * yy - xy * xy) / (xx + yy + 1.0F);
     }
     for (int column = 0; column < grid_.columns; ++column) {
-        const int from = std::max(BORDER, column * grid_.side);
-        const int end = std::min(width_ - BORDER, (column + 1) * grid_.side);
+        const int from = std::max(BEFORE, column * grid_.side);
+        const int end = std::min(width_ - BEHIND, (column + 1) * grid_.side);
         if (from >= end) {
             continue;
         }
@@ -92,9 +97,9 @@ void TextureSites::rate_row(int y) {
 
 void TextureSites::find(const LumaView& picture) {
     std::fill(best_.begin(), best_.end(), Site{});
-    for (int y = BORDER - 1; y + BORDER <= picture.height; ++y) {
+    for (int y = BEFORE - 1; y <= picture.height - BEHIND; ++y) {
         sum_row(picture, y);
-        if (y > BORDER) {
+        if (y > BEFORE) {
             rate_row(y - 1);
         }
     }

@@ -17,11 +17,6 @@ namespace {
 // Of the picture's diagonal; the largest step of a handheld camera, also while walking, is 0.03 of it.
 constexpr double CALM_SHARE = 0.05;
 
-// A handheld camera turns by at most 0.03 radians from frame to frame, and zooms by 0.025 while
-// walking. A fit to too few points can give any value.
-constexpr double LARGEST_TURN = 0.5;  // radians
-constexpr double LARGEST_ZOOM = 0.4;  // logarithm
-
 // Steps on either side of a gap whose mean is the speed there; measured: see docs/strength.md. Gaps
 // of one step are closed best by 1, gaps of four steps in a shaky picture by 3.
 constexpr int SPEED_STEPS = 3;
@@ -40,9 +35,8 @@ MotionHistory::MotionHistory(int width, int height, int reach, bool repairs, boo
       ring_(static_cast<std::size_t>(2 * reach + SPARE_STEPS)) {}
 
 void MotionHistory::add(std::int64_t k, const CameraStep& step) {
-    const bool found = step.found && std::abs(step.pose.angle) <= LARGEST_TURN &&
-                       std::abs(step.pose.zoom) <= LARGEST_ZOOM;
-    ring_[ring_slot(k, ring_.size())] = {found ? step.pose : CameraPose{}, found, step.strange};
+    ring_[ring_slot(k, ring_.size())] = {step.found ? step.pose : CameraPose{}, step.found,
+                                         step.strange};
     steps_ = k + 1;
 }
 
