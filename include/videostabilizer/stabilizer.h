@@ -37,9 +37,9 @@
 
 namespace videostabilizer {
 
-class PictureStage;   // internal
+class PictureStage;  // internal
 class CameraMotion;  // internal
-class SteadyPath;     // internal
+class SteadyPath;    // internal
 
 // The host's allocator of output frames; used only when in_place is 0.
 struct VideoStabilizerUser {
@@ -69,8 +69,10 @@ struct VideoStabilizerReport {
 struct VideoStabilizerObserver {
     void* ctx;  // passed to all functions
     // The motion that maps positions in frame `frame` to frame `frame` + 1, as the correction of
-    // frame `frame` + 1 uses it: refined with edge_guard, interpolated where it was not found with
-    // repair_motions (log status 2). Called just before that frame's on_correction.
+    // frame `frame` + 1 uses it: interpolated where it was not found with repair_motions (log status
+    // 2). With edge_guard, repair_motions or scene_cuts it is a similarity, and the log has the places
+    // that were followed as npoints and track_ratio, and those that agree with it as ninliers. Called
+    // just before that frame's on_correction.
     void (*on_motion)(void* ctx, std::int32_t frame, const float motion[9], const MotionLog* log);
     // The transform that maps positions in frame `frame` to the steady picture, before the crop.
     // Without whole_shift the warp stage multiplies its shift by the crop ratio (see

@@ -113,7 +113,7 @@ int BlockSearch::difference(int x, int y, int to_x, int to_y) const {
 
 const std::vector<BlockSearch::Block>& BlockSearch::search(int dx, int dy, int range) {
     for (Block& block : blocks_) {
-        const int x = static_cast<int>(block.x);  // SIDE is even: rounds down to the first pixel
+        const int x = static_cast<int>(block.x);  // SIDE is even: the last pixel before the middle
         const int y = static_cast<int>(block.y);
         const int left = x - SIDE / 2 + 1, top = y - SIDE / 2 + 1;
         const int least_x = std::max(-left, dx - range);

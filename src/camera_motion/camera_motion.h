@@ -19,6 +19,8 @@ namespace videostabilizer {
 
 // Finds the camera's steps in the pictures themselves, coarse to fine:
 //
+// (Sizes are those of the longer side; narrow pictures are reduced less.)
+//
 // 1. In a picture of at most 80 pixels, blocks are looked for within a fifth of its size. The motions
 //    on which most of them agree, the next best ones, and the continuation of the last step are the
 //    hypotheses.

@@ -29,7 +29,7 @@ inline std::size_t packed_index(int width, int x, int y) {
 // 1983, with an even kernel). Pixel (x, y) of a level is at (2 x + 0.5, 2 y + 0.5) of the one before.
 //
 // Level 0 is the picture itself, unless that is large: then it is the largest reduction of at most
-// FINEST pixels in its longer side.
+// FINEST pixels in its longer side. Narrow pictures are not reduced so far.
 //
 // Threads: owner only.
 class LumaPyramid {

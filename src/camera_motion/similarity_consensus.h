@@ -22,7 +22,7 @@ struct Sighting {
     double vote = 1;       // likewise, where a model is chosen
     double likeness = 1;   // 0..1: how well it looks alike
     bool counts = false;   // false: not seen
-    double agreement = 0;  // result of fit: 0, none, to 1
+    double agreement = 0;  // set by refine: 0, none, to 1
 };
 
 struct ConsensusSettings {

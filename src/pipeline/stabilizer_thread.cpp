@@ -298,7 +298,7 @@ void* stabilizer_thread(void* arg) {
     try {
         run(static_cast<VideoStabilizer*>(arg));
     } catch (const std::bad_alloc&) {
-        // A point list had to grow beyond its reservation.
+        // A list of points or of hypotheses had to grow.
         __android_log_print(LOG_ERROR, STABILIZER_TAG, OUT_OF_MEMORY_TEXT);
         log_error(RESULT_NO_MEMORY);
         stabilizer_on_failure(arg);
