@@ -17,6 +17,8 @@ constexpr int FURTHEST_RANGE = 24;  // pixels: narrow pictures are not reduced s
 constexpr int NEAR_RANGE = 4;       // pixels around the last step
 // Share of the votes that must agree near the last step; otherwise all of the reach is searched.
 constexpr double WELL_SEEN = 0.5;
+constexpr double BLOCK_CAP = 0.6;         // pixels
+constexpr double BLOCK_VARIANCE = 0.04;   // square pixels: places are good to a fifth of one
 constexpr double LEAST_CERTAINTY = 0.25;  // of a block
 constexpr double OTHER_SUPPORT = 0.12;    // of the votes, to be a hypothesis
 constexpr std::size_t MOST_HYPOTHESES = 4;
@@ -168,7 +170,7 @@ void CameraMotion::find_hypotheses() {
     const double to_site = later().pixel(block_level_) / later().pixel(site_level_);
     const double to_patch = later().pixel(block_level_) / later().pixel(patch_level_);
     const int longer = std::max(picture.width, picture.height);
-    const ConsensusSettings settings = {0.6, 1.2, 0.2, 0.2 * longer};
+    const ConsensusSettings settings = {BLOCK_CAP, 2 * BLOCK_CAP, BLOCK_CAP / 3, 0.2 * longer};
     const Similarity expected = going_on(block_level_);
 
     hypotheses_.clear();
@@ -181,7 +183,7 @@ void CameraMotion::find_hypotheses() {
             s.y = block.y - centre.y;
             s.dx = block.dx;
             s.dy = block.dy;
-            s.vxx = s.vyy = 0.04;
+            s.vxx = s.vyy = BLOCK_VARIANCE;
             s.counts = block.certainty > LEAST_CERTAINTY;
             s.trust = block.certainty * layers_.trust(layers_.cell_at((block.x + 0.5) * to_site,
                                                                       (block.y + 0.5) * to_site));

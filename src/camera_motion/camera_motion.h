@@ -17,18 +17,17 @@
 
 namespace videostabilizer {
 
-// Finds the camera's steps in the pictures themselves, coarse to fine:
-//
-// (Sizes are those of the longer side; narrow pictures are reduced less.)
+// Finds the camera's steps in the pictures themselves, coarse to fine. Sizes are those of the longer
+// side; narrow pictures are reduced less.
 //
 // 1. In a picture of at most 80 pixels, blocks are looked for within a fifth of its size. The motions
 //    on which most of them agree, the next best ones, and the continuation of the last step are the
 //    hypotheses.
-// 2. In one of twice the size, patches all over the picture are aligned by each hypothesis. The one
-//    that most of the trusted picture follows wins; what is trusted is what SceneLayers knows.
+// 2. In one of twice the size, patches all over the picture are followed from each hypothesis. The motion
+//    that most of the trusted picture agrees on wins; what is trusted is what SceneLayers knows.
 // 3. Places with texture are followed, each on its own, in a picture of at most 320 pixels, and the
 //    winner is fitted to them.
-// 4. They are followed on in the full picture, or one of at most 1280 pixels, to some thousandths of a
+// 4. They are followed on in the full picture, or one of at most 1280 pixels, to some hundredths of a
 //    pixel. Where blur or noise leave nothing to be followed there, the result of 3 holds, and
 //    where there is none either, that of 2.
 //

@@ -25,7 +25,7 @@ std::string name_of(const AVStream& stream) {
            ", " + avcodec_get_name(parameters.codec_id) + ")";
 }
 
-// Sound of which no packet was found.
+// Of a format that is not known, or sound of which no packet was found.
 bool is_unknown(const AVCodecParameters& parameters) {
     return parameters.codec_id == AV_CODEC_ID_NONE ||
            (parameters.codec_type == AVMEDIA_TYPE_AUDIO && parameters.sample_rate <= 0);
@@ -89,7 +89,8 @@ void OtherStreams::add(const AVStream& from, Notes& notes) {
         return;
     }
     if (is_unknown(parameters)) {
-        notes.push_back(name_of(from) + " is left out: the input holds nothing of it");
+        notes.push_back(name_of(from) + " is left out: " +
+                        (sound ? "the input holds nothing of it" : "its format is unknown"));
         return;
     }
     Transfer& transfer = transfers_[static_cast<std::size_t>(from.index)];
