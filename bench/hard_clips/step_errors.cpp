@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdarg>
 #include <cstddef>
@@ -53,6 +54,7 @@ struct Options {
     int look_ahead = 0;  // 0: that of the strength
     int frames = 150;
     double crop = 0;  // 0: auto
+    std::string shutter = "auto";
     bool csv = false;
     bool steps = false;
 };
@@ -85,6 +87,9 @@ struct Result {
     double mean_crop = 0;
     double least_crop = 1;
     synthetic::Shake db;
+    double early_readout = 0;  // used after two seconds
+    double readout = 0;        // used in the end
+    double lines_db = 0;       // reduction of the motion of the outer lines against each other
 };
 
 Affine affine(const float m[9]) {
@@ -158,6 +163,9 @@ VideoStabilizerOptions stabilizer_options(const Options& options) {
         result.crop_ratio = static_cast<float>(options.crop);
     } else {
         result.auto_crop = 1;
+    }
+    if (options.shutter == "off") {
+        result.shutter = STABILIZER_SHUTTER_OFF;
     }
     result.engine = STABILIZER_ENGINE_NATIVE;
     result.sampling = STABILIZER_SAMPLING_BILINEAR;  // nobody looks at the pictures
@@ -242,8 +250,47 @@ std::vector<synthetic::PathPoint> true_path(const synthetic::ShakyClip& clip,
     return path;
 }
 
-Result measure(const synthetic::ShakyClip& clip, const synthetic::CameraSettings& camera,
+// Where the outermost line of a frame is seen against where it would be at once, pixels.
+std::array<double, 2> true_line(const synthetic::ShakyClip& clip, int frame,
+                                const synthetic::ShutterSettings& shutter, bool last) {
+    const int width = clip.width();
+    const int height = clip.height();
+    const int lines = shutter.by_columns ? width : height;
+    const double end = last ? lines - 1 : 0;
+    const double x = shutter.by_columns ? end : 0.5 * (width - 1);
+    const double y = shutter.by_columns ? 0.5 * (height - 1) : end;
+    const Affine move = synthetic::true_motion(clip.pose(frame + shutter.line_time(end, lines)),
+                                               clip.pose(frame), width, height);
+    return {move.map_x(x, y) - x, move.map_y(x, y) - y};
+}
+
+// The motion of the outer lines against each other from frame to frame, before and after, dB.
+double lines_reduction(const synthetic::ShakyClip& clip, const synthetic::ShutterSettings& shutter,
+                       const std::vector<VideoStabilizerReport>& reports, std::size_t first) {
+    double before = 0;
+    double after = 0;
+    std::array<double, 4> last{};
+    for (std::size_t k = first; k < reports.size(); ++k) {
+        const auto top = true_line(clip, static_cast<int>(k), shutter, false);
+        const auto bottom = true_line(clip, static_cast<int>(k), shutter, true);
+        std::array<double, 4> now{};
+        for (std::size_t i = 0; i < 2; ++i) {
+            now[i] = bottom[i] - top[i];
+            now[2 + i] = now[i] - static_cast<double>(reports[k].last_line[i]) +
+                         static_cast<double>(reports[k].first_line[i]);
+        }
+        for (std::size_t i = 0; i < 2 && k > first; ++i) {
+            before += (now[i] - last[i]) * (now[i] - last[i]);
+            after += (now[2 + i] - last[2 + i]) * (now[2 + i] - last[2 + i]);
+        }
+        last = now;
+    }
+    return before > 0 ? 10 * std::log10(before / after) : 0;
+}
+
+Result measure(const synthetic::ShakyClip& clip, const synthetic::ClipSettings& clip_settings,
                const Options& options) {
+    const synthetic::CameraSettings& camera = clip_settings.camera;
     const VideoStabilizerOptions settings = stabilizer_options(options);
     const Stream stream = stabilize(clip, options.frames, settings);
     Result result;
@@ -285,18 +332,28 @@ Result measure(const synthetic::ShakyClip& clip, const synthetic::CameraSettings
     result.db = synthetic::reduction_db(
         synthetic::shake_of(true_path(clip, uncorrected, 1), camera.fps),
         synthetic::shake_of(true_path(clip, stream.origins, shift), camera.fps));
+    const auto after_two_seconds = static_cast<std::size_t>(2 * camera.fps);
+    const std::size_t delay = static_cast<std::size_t>(stream.reports[0].look_ahead);
+    const auto readout_of = [&](std::size_t frame) {
+        return static_cast<double>(stream.reports[std::min(frame, stream.reports.size() - 1)].readout);
+    };
+    result.early_readout = readout_of(after_two_seconds - std::min(after_two_seconds, delay));
+    result.readout = readout_of(stream.reports.size() - 1);
+    result.lines_db = lines_reduction(clip, clip_settings.shutter, stream.reports, after_two_seconds);
     return result;
 }
 
 void print(const std::string& name, const Result& r, bool csv) {
     if (csv) {
-        std::printf("\"%s\",%d,%d,%.3f,%.3f,%.3f,%d,%.4f,%.4f,%.2f,%.2f,%.2f,%.2f\n", name.c_str(),
+        std::printf("\"%s\",%d,%d,%.3f,%.3f,%.3f,%d,%.4f,%.4f,%.2f,%.2f,%.2f,%.2f,%.3f,%.3f,%.1f\n", name.c_str(),
                     r.not_found, r.off, r.high, r.worst, r.bridged, r.cuts, r.mean_crop,
-                    r.least_crop, r.db.jitter, r.db.rotation, r.db.fast, r.db.shake);
+                    r.least_crop, r.db.jitter, r.db.rotation, r.db.fast, r.db.shake, r.early_readout,
+                    r.readout, r.lines_db);
     } else {
-        std::printf("%-32s%6d%6d%9.3f%9.2f%9.2f%6d%7.3f%7.3f%8.1f%8.1f%8.1f%8.1f\n", name.c_str(),
+        std::printf("%-32s%6d%6d%9.3f%9.2f%9.2f%6d%7.3f%7.3f%8.1f%8.1f%8.1f%8.1f%8.3f%8.3f%8.1f\n", name.c_str(),
                     r.not_found, r.off, r.high, r.worst, r.bridged, r.cuts, r.mean_crop,
-                    r.least_crop, r.db.jitter, r.db.rotation, r.db.fast, r.db.shake);
+                    r.least_crop, r.db.jitter, r.db.rotation, r.db.fast, r.db.shake, r.early_readout,
+                    r.readout, r.lines_db);
     }
     std::fflush(stdout);
 }
@@ -309,7 +366,8 @@ int run(int argc, char** argv) {
         "picture, the 95th percentile and the largest error there in pixels; the largest of those\n"
         "that were bridged; scene cuts, of which there are none; the mean and least crop; and the\n"
         "reduction of jitter, rotation, fast jitter and change of speed against the true path, "
-        "dB."};
+        "dB;\nthe readout of the sensor in use after two seconds and in the end, and the reduction of "
+        "the\nmotion of the outer lines against each other after two seconds, dB."};
     app.add_option("NAMES", options.names, "Clips of the file; without names: all of them");
     app.add_option("--file", options.file, "Names and options of clips")->capture_default_str();
     app.add_option("--clip", options.clip,
@@ -323,18 +381,22 @@ int run(int argc, char** argv) {
     app.add_option("--frames", options.frames, "Length of each clip")
         ->check(CLI::Range(60, 100000))
         ->capture_default_str();
+    app.add_option("--rolling-shutter", options.shutter, "auto or off")
+        ->check(CLI::IsMember({"auto", "off"}))
+        ->capture_default_str();
     app.add_flag("--csv", options.csv, "Print CSV, without a heading");
     app.add_flag("--steps", options.steps,
                  "Also print the steps not found, and those that are off");
     CLI11_PARSE(app, argc, argv);
     if (!options.csv) {
-        std::printf("%-32s%6s%6s%9s%9s%9s%6s%7s%7s%8s%8s%8s%8s\n", "", "lost", "off", "95 %",
-                    "worst", "bridged", "cuts", "crop", "least", "jitter", "rot", "fast", "shake");
+        std::printf("%-32s%6s%6s%9s%9s%9s%6s%7s%7s%8s%8s%8s%8s%8s%8s%8s\n", "", "lost", "off", "95 %",
+                    "worst", "bridged", "cuts", "crop", "least", "jitter", "rot", "fast", "shake", "at 2 s",
+                    "readout", "lines");
     }
     for (const NamedClip& named : read_clips(options)) {
         const synthetic::ClipSettings settings = parse_clip(named.options);
         const synthetic::ShakyClip clip(settings);
-        print(named.name, measure(clip, settings.camera, options), options.csv);
+        print(named.name, measure(clip, settings, options), options.csv);
     }
     return 0;
 }

@@ -40,6 +40,7 @@ namespace videostabilizer {
 class PictureStage;  // internal
 class CameraMotion;  // internal
 class SteadyPath;    // internal
+struct PictureTransform;  // internal
 
 // The host's allocator of output frames; used only when in_place is 0.
 struct VideoStabilizerUser {
@@ -60,6 +61,12 @@ struct VideoStabilizerReport {
     std::int32_t repaired;     // 1: the motion from the previous frame was interpolated
     std::int32_t scene_start;  // 1: first frame after a scene cut
     float crop;                // 0.5..1: part of the width and height that is shown
+    float readout;             // -1..1: see VideoStabilizerOptions; 0: the frame has no correction of lines
+    float readout_confidence;  // 0..1; 1 where it is given
+    std::int32_t columns;      // 1: lines are columns
+    // Pixels that the middle of the first and of the last line is moved by against that of the picture.
+    float first_line[2];
+    float last_line[2];
 };
 
 // Results of the analysis, for hosts that display or record them. Any function may be null. All are
@@ -147,6 +154,8 @@ struct VideoStabilizer {
     // i mod 2; else empty.
     std::vector<unsigned char> upper_bits[2];
     CameraMotion* camera_motion;  // finds the steps for steady_path; null without
+    // On their way to picture_stage, like warp_pool.
+    PictureTransform* picture_transforms;
 };
 
 // Sets up OpenCL, once per process.

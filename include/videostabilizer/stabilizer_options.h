@@ -22,6 +22,15 @@ enum VideoStabilizerSampling : std::int32_t {
     STABILIZER_SAMPLING_SHARP,     // Lanczos, six taps, which keeps fine detail
 };
 
+// What is done about a rolling shutter: a sensor that is read line by line, so that pictures of a moving
+// camera are sheared and bent.
+enum VideoStabilizerShutter : std::int32_t {
+    STABILIZER_SHUTTER_OFF,      // nothing
+    STABILIZER_SHUTTER_AUTO,     // the readout is estimated; nothing is done until it is known well
+    STABILIZER_SHUTTER_ROWS,     // lines are rows, and `readout` is given
+    STABILIZER_SHUTTER_COLUMNS,  // lines are columns: pictures that were turned after they were taken
+};
+
 // Options of one stream. Fill a record with video_stabilizer_options_init or
 // video_stabilizer_options_for_strength, change fields, and pass it to
 // video_stabilizer_create_with_options. Comments give range and default; switches are 0 or 1.
@@ -54,10 +63,16 @@ struct VideoStabilizerOptions {
     std::int32_t auto_crop;
     float crop_least;  // 0.5..0.99: bounds of that part of the width and height, or 0 for 0.65 and
     float crop_most;   // 0.95; 0
+    // Each line is shown as if the whole picture had been taken in one moment. Needs edge_guard, and not the
+    // stated sampling; off.
+    VideoStabilizerShutter shutter;
+    // -1..1: from the first line to the last, share of the frame interval; negative where the last line
+    // comes first; 0. Read with rows and columns only.
+    float readout;
 };
 
 // Predefined options, all with engine auto and a crop ratio of 0.9. All but gentle apply the full
-// shift, guard the edges, repair motions, stop at scene cuts and sample sharp. Choose standard where
+// shift, guard the edges, repair motions, stop at scene cuts, correct a rolling shutter and sample sharp. Choose standard where
 // a third of a second of delay is acceptable, strong for recordings, maximum for files, gentle for
 // the least change. If shake exceeds the cropped margin, a smaller crop_ratio helps more than a
 // longer look-ahead.

@@ -143,6 +143,7 @@ CameraMotion::CameraMotion(int width, int height)
     sites_.reserve(textures_.grid().count());
     hypotheses_.reserve(MOST_HYPOTHESES + 1);
     rated_.reserve(LAYERS * (MOST_HYPOTHESES + 1));
+    pairs_.reserve(textures_.grid().count());
     sightings_.reserve(std::max(places_.size(), textures_.grid().count()));
 }
 
@@ -364,6 +365,7 @@ CameraMotion::Estimate CameraMotion::follow_sites(const Estimate& coarse) {
     Estimate estimate;
     estimate.motion =
         scaled(coarse.motion, later().pixel(patch_level_) / later().pixel(site_level_));
+    estimate.assumed = estimate.motion;
     const Following following = {to, centre, estimate.motion, 5, 0.1, LONGEST_STEP};
     sites_.clear();
     sightings_.clear();
@@ -412,6 +414,7 @@ CameraMotion::Estimate CameraMotion::follow_on(const Estimate& from) {
     const double finer = later().pixel(site_level_) / later().pixel(FINEST);
     Estimate estimate;
     estimate.motion = scaled(from.motion, finer);
+    estimate.assumed = estimate.motion;
     const Following following = {picture, centre, estimate.motion, 3, 0.1, LONGEST_STEP};
     const std::size_t agreeing = std::max<std::size_t>(1, from.agreeing);
     std::size_t seen = 0;
@@ -507,6 +510,22 @@ Similarity CameraMotion::going_on(std::size_t level) const {
     return scaled(similarity_of_step(last_step_), 1 / later().pixel(level));
 }
 
+// The sightings of a level, which are relative to a motion.
+void CameraMotion::keep_pairs(const Similarity& assumed, std::size_t level) {
+    const double pixel = later().pixel(level);
+    pairs_.clear();
+    const auto scaled_to = [](double value, double by) { return static_cast<float>(value * by); };
+    for (const Sighting& s : sightings_) {
+        if (s.counts && s.trust > 0) {
+            pairs_.push_back({scaled_to(s.x, pixel), scaled_to(s.y, pixel),
+                              scaled_to(assumed.map_x(s.x, s.y) - s.x + s.dx, pixel),
+                              scaled_to(assumed.map_y(s.x, s.y) - s.y + s.dy, pixel),
+                              scaled_to(s.vxx, pixel * pixel), scaled_to(s.vxy, pixel * pixel),
+                              scaled_to(s.vyy, pixel * pixel), static_cast<float>(s.trust)});
+        }
+    }
+}
+
 CameraStep CameraMotion::add(const unsigned char* luma, int pitch) {
     newest_ = 1 - newest_;
     pyramids_[newest_].build(luma, pitch);
@@ -523,17 +542,23 @@ CameraStep CameraMotion::add(const unsigned char* luma, int pitch) {
     const bool by_sites = sites.valid && sites.support >= LEAST_SITE_SUPPORT &&
                           sites.scatter < NO_WORSE * finer * coarse.scatter;
     Estimate fine;
+    pairs_.clear();
     if (by_sites) {
         learn(sites);
+        keep_pairs(sites.assumed, site_level_);
         fine = follow_on(sites);
     }
     CameraStep step = describe(coarse, sites);
     if (fine.valid) {
         take(fine.motion, FINEST, step);
+        keep_pairs(fine.assumed, FINEST);
     } else if (by_sites) {
         take(sites.motion, site_level_, step);
     } else if (coarse.valid && coarse.support >= LEAST_PATCH_SUPPORT) {
         take(coarse.motion, patch_level_, step);
+    }
+    if (!step.found) {
+        pairs_.clear();
     }
     if (step.strange) {
         layers_.begin_scene();

@@ -10,6 +10,7 @@
 #include "camera_motion/luma_pyramid.h"
 #include "camera_motion/patch.h"
 #include "camera_motion/scene_layers.h"
+#include "camera_motion/seen_pair.h"
 #include "camera_motion/similarity_consensus.h"
 #include "camera_motion/texture_sites.h"
 #include "motion/camera_pose.h"
@@ -40,10 +41,15 @@ class CameraMotion {
     // one is not found. The picture must stay until the next call has returned.
     CameraStep add(const unsigned char* luma, int pitch);
 
+    // What the last step was found from, also what does not agree with it; nothing if that was
+    // only a few patches, or the step was not found.
+    const std::vector<SeenPair>& pairs() const { return pairs_; }
+
   private:
     // A motion in a level's pixels, relative to the picture's centre, and how well it is supported.
     struct Estimate {
         Similarity motion{1, 0, 0, 0};
+        Similarity assumed{1, 0, 0, 0};  // that the sightings are relative to
         double support = 0;  // 0..1
         double scatter = 0;  // standard deviation of what agrees, pixels of the level
         std::size_t agreeing = 0;
@@ -82,6 +88,7 @@ class CameraMotion {
     CameraStep describe(const Estimate& coarse, const Estimate& sites) const;
     void take(const Similarity& motion, std::size_t level, CameraStep& step) const;
     Similarity going_on(std::size_t level) const;
+    void keep_pairs(const Similarity& assumed, std::size_t level);
 
     LumaPyramid pyramids_[2];
     std::size_t newest_ = 0;
@@ -99,6 +106,7 @@ class CameraMotion {
     std::vector<Patch> patches_;
     std::vector<FollowedSite> sites_;
     std::vector<Sighting> sightings_;
+    std::vector<SeenPair> pairs_;
 };
 
 }  // namespace videostabilizer

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "motion/solve_positive.h"
+
 namespace videostabilizer {
 
 namespace {
@@ -55,34 +57,10 @@ struct Equations {
         m[unknown][4] += weight * value;
     }
 
-    // Elimination without pivoting: the matrix is positive definite, or singular.
     bool solve(Similarity& s) {
-        constexpr double SINGULAR =
-            1e-9;  // of a diagonal element: rounding leaves some 1e-16 of it
         double x[4];
-        for (int i = 0; i < 4; ++i) {
-            for (int j = 0; j < i; ++j) {
-                m[i][j] = m[j][i];
-            }
-        }
-        for (int i = 0; i < 4; ++i) {
-            const double least = SINGULAR * m[i][i];
-            for (int k = 0; k < i; ++k) {
-                const double factor = m[i][k] / m[k][k];
-                for (int j = k; j < 5; ++j) {
-                    m[i][j] -= factor * m[k][j];
-                }
-            }
-            if (!(m[i][i] > least)) {
-                return false;
-            }
-        }
-        for (int i = 3; i >= 0; --i) {
-            double sum = m[i][4];
-            for (int j = i + 1; j < 4; ++j) {
-                sum -= m[i][j] * x[j];
-            }
-            x[i] = sum / m[i][i];
+        if (!solve_positive(m, x)) {
+            return false;
         }
         s = {x[0], x[1], x[2], x[3]};
         return true;

@@ -40,6 +40,10 @@ void MotionHistory::add(std::int64_t k, const CameraStep& step) {
     steps_ = k + 1;
 }
 
+void MotionHistory::improve(std::int64_t k, const CameraPose& pose) {
+    ring_[ring_slot(k, ring_.size())].pose = pose;
+}
+
 bool MotionHistory::is_known(std::int64_t k) const {
     return k >= 0 && k < steps_ && steps_ - k <= static_cast<std::int64_t>(ring_.size());
 }

@@ -33,6 +33,9 @@ class MotionHistory {
     // Adds step k, one more than the last.
     void add(std::int64_t k, const CameraStep& step);
 
+    // Replaces step k, which was found, by what is known better.
+    void improve(std::int64_t k, const CameraPose& pose);
+
     // The camera's step from frame k to k + 1, with gaps closed.
     CameraPose step(std::int64_t k) const;
 

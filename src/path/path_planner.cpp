@@ -40,6 +40,14 @@ constexpr double CLOSE_ENOUGH = 0.02;  // pixels; measured
 // Pixels: smaller differences from the path without limits are invisible, and not reported.
 constexpr double NOTICEABLE = 0.1;
 
+// The part of the crop margin that lines may be moved by; the rest is left to the path.
+constexpr double LINE_SHARE = 0.7;
+
+// The part of `wanted` that is not more than `most`.
+double share_of(double wanted, double most) {
+    return wanted > most ? most / wanted : 1;
+}
+
 // Of points of the path, in pixels.
 template <class Point>
 double length(const Point& p) {
@@ -216,7 +224,7 @@ void PathPlanner::plan_zoom(const CameraPose* camera, std::size_t count) {
 }
 
 // From the path without limits, in free_.
-void PathPlanner::plan_crop(const CameraPose* camera, std::size_t count) {
+void PathPlanner::plan_crop(const CameraPose* camera, const LineReach* lines, std::size_t count) {
     for (std::size_t k = 0; k < count; ++k) {
         const double cosine = std::cos(camera[k].angle);
         const double sine = std::sin(camera[k].angle);
@@ -226,15 +234,17 @@ void PathPlanner::plan_crop(const CameraPose* camera, std::size_t count) {
         const double y = scale * std::abs(cosine * off.y - sine * off.x);
         const double turn = std::abs(off.turn) / turn_lever_;
         // The limits of set_limits, solved for the part that is shown.
-        const double across = (half_width_ - SAFETY - x) / (half_width_ + half_height_ * turn);
-        const double down = (half_height_ - SAFETY - y) / (half_height_ + half_width_ * turn);
+        const double across =
+            (half_width_ - SAFETY - x - lines[k].x) / (half_width_ + half_height_ * turn);
+        const double down =
+            (half_height_ - SAFETY - y - lines[k].y) / (half_height_ + half_width_ * turn);
         crop_[k] = std::min(across, down) * std::exp(zoom_[k] - camera[k].zoom);
     }
     const std::vector<double>& plan = crop_planner_->plan(crop_, count);
     std::copy_n(plan.begin(), count, crop_.begin());
 }
 
-void PathPlanner::set_limits(const CameraPose* camera, std::size_t count) {
+void PathPlanner::set_limits(const CameraPose* camera, const LineReach* lines, std::size_t count) {
     for (std::size_t k = 0; k < count; ++k) {
         // Source pixels per output pixel, and per pixel of the planned frame. A steady picture
         // rotated by t needs half (width cos t + height sin t) horizontally; with cos t <= 1 and
@@ -244,8 +254,12 @@ void PathPlanner::set_limits(const CameraPose* camera, std::size_t count) {
         Limits& limits = limits_[k];
         limits.cosine = std::cos(camera[k].angle);
         limits.sine = std::sin(camera[k].angle);
-        limits.room_x = scale * std::max(0.0, half_width_ * (1 - shown) - SAFETY);
-        limits.room_y = scale * std::max(0.0, half_height_ * (1 - shown) - SAFETY);
+        const double room_x = std::max(0.0, half_width_ * (1 - shown) - SAFETY);
+        const double room_y = std::max(0.0, half_height_ * (1 - shown) - SAFETY);
+        limits.line_share = std::min(share_of(lines[k].x, LINE_SHARE * room_x),
+                                     share_of(lines[k].y, LINE_SHARE * room_y));
+        limits.room_x = scale * (room_x - limits.line_share * lines[k].x);
+        limits.room_y = scale * (room_y - limits.line_share * lines[k].y);
         limits.lever_x = scale * shown * half_height_ / turn_lever_;
         limits.lever_y = scale * shown * half_width_ / turn_lever_;
     }
@@ -304,7 +318,7 @@ PathPlanner::Point PathPlanner::wish(std::size_t count) {
     return free_[0];
 }
 
-PlannedPose PathPlanner::plan(const CameraPose* camera, int frames) {
+PlannedPose PathPlanner::plan(const CameraPose* camera, const LineReach* lines, int frames) {
     const auto count = static_cast<std::size_t>(frames);
     plan_zoom(camera, count);
     for (std::size_t k = 0; k < count; ++k) {
@@ -312,9 +326,9 @@ PlannedPose PathPlanner::plan(const CameraPose* camera, int frames) {
     }
     const Point wished = wish(count);
     if (crop_planner_) {
-        plan_crop(camera, count);
+        plan_crop(camera, lines, count);
     }
-    set_limits(camera, count);
+    set_limits(camera, lines, count);
     find_path(count, {point_of(before_[0]), point_of(before_[1])},
               [this](std::size_t k, const Point& point) {
                   return into_limits(limits_[k], shaky_[k], point);
@@ -327,6 +341,7 @@ PlannedPose PathPlanner::plan(const CameraPose* camera, int frames) {
     planned.guarded = missing > NOTICEABLE;
     planned.granted = planned.guarded ? std::max(0.0, 1 - missing / length(wished)) : 1;
     planned.crop = crop_[0];
+    planned.line_share = limits_[0].line_share;
     before_[1] = before_[0];
     before_[0] = planned.pose;
     wished_[1] = wished_[0];

@@ -9,6 +9,7 @@
 
 #include "motion/camera_pose.h"
 #include "path/crop_planner.h"
+#include "rolling_shutter/line_motion.h"
 
 namespace videostabilizer {
 
@@ -28,6 +29,7 @@ struct PlannedPose {
     bool guarded;     // the limits change it
     double granted;   // 0..1: part of the correction without limits that is made
     double crop;      // part of the width and height that is shown
+    double line_share;  // 0..1: part of what lines are moved by for which there is room
 };
 
 // Plans a smooth camera path along the shaky one, such that every steady picture lies within its
@@ -62,7 +64,8 @@ class PathPlanner {
 
     // Plans a frame. camera[k] is the pose of the k-th frame from this one on, relative to this one:
     // camera[0] is the default pose; count is 1..look_ahead + 1.
-    PlannedPose plan(const CameraPose* camera, int count);
+    // lines[k]: for each of them, what its lines add to the motion.
+    PlannedPose plan(const CameraPose* camera, const LineReach* lines, int count);
 
     // Goes on to the next frame, whose pose relative to the planned one is `step`.
     void advance(const CameraPose& step);
@@ -84,6 +87,7 @@ class PathPlanner {
         double cosine, sine;  // of the frame's angle
         double room_x, room_y;
         double lever_x, lever_y;
+        double line_share;  // see PlannedPose
     };
 
     void factorise(std::size_t count, double extra);
@@ -94,8 +98,8 @@ class PathPlanner {
     Point point_of(const CameraPose& pose) const;
     Point wish(std::size_t count);
     void plan_zoom(const CameraPose* camera, std::size_t count);
-    void plan_crop(const CameraPose* camera, std::size_t count);
-    void set_limits(const CameraPose* camera, std::size_t count);
+    void plan_crop(const CameraPose* camera, const LineReach* lines, std::size_t count);
+    void set_limits(const CameraPose* camera, const LineReach* lines, std::size_t count);
     static Point into_limits(const Limits& limits, const Point& centre, const Point& point);
 
     PathPlannerSettings settings_;

@@ -5,9 +5,21 @@
 #include <algorithm>
 
 #include "path/frame_numbers.h"
+#include "rolling_shutter/row_transforms.h"
 #include "simplela/mat_util.h"
 
 namespace videostabilizer {
+
+namespace {
+
+// Frames of the path before the one that is corrected, and up to the newest one: further ones do not matter
+// to the spline.
+constexpr std::int64_t PATH_BEFORE = 10;
+constexpr std::int64_t PATH_NEWEST = 16;
+// Steps after one that settle the path there.
+constexpr std::int64_t SETTLED = 5;
+
+}  // namespace
 
 SteadyPath::SteadyPath(const SteadyPathSettings& settings)
     : history_(settings.width, settings.height, settings.look_ahead, settings.repair_motions,
@@ -16,7 +28,73 @@ SteadyPath::SteadyPath(const SteadyPathSettings& settings)
       planner_({settings.width, settings.height, settings.look_ahead, settings.sigma,
                 settings.crop_ratio, settings.crop_least, settings.crop_most}),
       crop_ratio_(settings.crop_ratio),
-      camera_(static_cast<std::size_t>(settings.look_ahead) + 1) {}
+      camera_(static_cast<std::size_t>(settings.look_ahead) + 1),
+      reaches_(camera_.size()),
+      width_(settings.width),
+      height_(settings.height) {
+    if (settings.rolling_shutter && settings.edge_guard) {
+        const int most_frames = settings.look_ahead + 1 + static_cast<int>(PATH_BEFORE + PATH_NEWEST);
+        shutter_.emplace(RollingShutterSettings{settings.width, settings.height,
+                                                settings.estimates_readout, settings.readout,
+                                                settings.columns, most_frames});
+        around_.reserve(static_cast<std::size_t>(most_frames));
+    }
+}
+
+void SteadyPath::add(std::int64_t k, const CameraStep& step, const std::vector<SeenPair>& pairs) {
+    history_.add(k, step);
+    if (shutter_) {
+        shutter_->keep(k, pairs);
+        improve_steps(k);
+    }
+}
+
+// Lays the path of the shutter over frames first .. end - 1, which have no cut between them.
+void SteadyPath::lay_path(std::int64_t first, std::int64_t end) {
+    around_.assign(1, CameraPose{});
+    for (std::int64_t k = first; k + 1 < end; ++k) {
+        around_.push_back(pose_after(around_.back(), history_.step(k)));
+    }
+    shutter_->lay_path(first, around_.data(), around_.size());
+}
+
+// The newest step is fitted with what is known so far, and again when the path goes on after it.
+void SteadyPath::improve_steps(std::int64_t newest) {
+    std::int64_t first = newest;
+    while (first > 0 && newest - first < PATH_NEWEST && !history_.is_cut(first - 1)) {
+        --first;
+    }
+    lay_path(first, newest + 2);
+    for (const std::int64_t age : {std::int64_t{0}, std::int64_t{2}, SETTLED}) {
+        const std::int64_t k = newest - age;
+        if (k < first || !history_.was_found(k)) {
+            continue;
+        }
+        CameraPose step = history_.step(k);
+        if (shutter_->refit(k, step)) {
+            history_.improve(k, step);
+            if (age == SETTLED) {
+                shutter_->learn();
+            }
+        }
+    }
+}
+
+void SteadyPath::add_rows(PictureTransform& transform) const {
+    transform.by_rows = 0;
+    if (!shutter_ || shutter_->readout() == 0) {
+        return;
+    }
+    constexpr int MOST_TRIALS = 8;
+    constexpr double LESS = 0.7;
+    LineMotion lines = lines_;
+    for (int k = 0; k < MOST_TRIALS; ++k) {
+        if (make_rows(lines, shutter_->by_columns(), width_, height_, transform)) {
+            return;
+        }
+        lines.scale(LESS);
+    }
+}
 
 // Puts step k, as it is known here, into the ring that the filter and the observer read.
 void SteadyPath::store_step(std::int64_t k, std::vector<SimpleLA::Mat<float>*>& motions,
@@ -42,7 +120,10 @@ void SteadyPath::filter_motions(std::int64_t n, std::int64_t newest, GaussianMot
 Steadied SteadyPath::correct(std::int64_t n, std::int64_t newest, GaussianMotionFilter* filter,
                              std::vector<SimpleLA::Mat<float>*>& motions,
                              std::vector<MotionLog>& logs, SimpleLA::Mat<float>& correction) {
-    Steadied steadied{false, 1, history_.is_repaired(n - 1), history_.is_cut(n - 1), crop_ratio_};
+    Steadied steadied;
+    steadied.repaired = history_.is_repaired(n - 1);
+    steadied.scene_start = history_.is_cut(n - 1);
+    steadied.crop = crop_ratio_;
     if (!guards_) {
         filter_motions(n, newest, filter, motions, logs, correction);
         return steadied;
@@ -53,6 +134,9 @@ Steadied SteadyPath::correct(std::int64_t n, std::int64_t newest, GaussianMotion
     }
     if (steadied.scene_start) {
         planner_.begin_scene();
+        if (shutter_) {
+            shutter_->begin_scene();
+        }
     } else if (n > 0) {
         planner_.advance(history_.step(n - 1));
     }
@@ -62,7 +146,31 @@ Steadied SteadyPath::correct(std::int64_t n, std::int64_t newest, GaussianMotion
         const auto index = static_cast<std::size_t>(k - n);
         camera_[index] = pose_after(camera_[index - 1], history_.step(k - 1));
     }
-    const PlannedPose planned = planner_.plan(camera_.data(), static_cast<int>(end - n));
+    if (shutter_ && shutter_->readout() != 0) {
+        lay_path(std::max(history_.scene_around(n).first, n - PATH_BEFORE), end);
+        for (std::int64_t k = n; k < end; ++k) {
+            reaches_[static_cast<std::size_t>(k - n)] = shutter_->reach_of(k);
+        }
+    } else {
+        std::fill(reaches_.begin(), reaches_.end(), LineReach{});
+    }
+    const PlannedPose planned =
+        planner_.plan(camera_.data(), reaches_.data(), static_cast<int>(end - n));
+    if (shutter_) {
+        steadied.confidence = shutter_->confidence();
+        steadied.readout = shutter_->readout();
+        if (shutter_->readout() != 0) {
+            lines_ = shutter_->lines_of(n);
+            lines_.scale(planned.line_share);
+            const double x = shutter_->by_columns() ? 0.5 * (width_ - 1) : 0;
+            const double y = shutter_->by_columns() ? 0 : 0.5 * (height_ - 1);
+            const Similarity first = lines_.field(-0.5);
+            const Similarity last = lines_.field(0.5);
+            steadied.columns = shutter_->by_columns();
+            steadied.first_line = {first.map_x(-x, -y), first.map_y(-x, -y)};
+            steadied.last_line = {last.map_x(x, y), last.map_y(x, y)};
+        }
+    }
     motion_of_pose(planned.pose, history_.centre(), correction.data);
     steadied.guarded = planned.guarded;
     steadied.granted = planned.granted;

@@ -2,13 +2,17 @@
 
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "camera_motion/camera_step.h"
 #include "path/motion_history.h"
 #include "path/path_planner.h"
+#include "rolling_shutter/rolling_shutter.h"
+#include "simplela/picture_transform.h"
 #include "videostabilizer/gaussian_motion_filter.h"
 #include "videostabilizer/mat.h"
 #include "videostabilizer/ransac.h"
@@ -17,11 +21,17 @@ namespace videostabilizer {
 
 // How a frame's correction came about.
 struct Steadied {
-    bool guarded;      // see PlannedPose
-    double granted;    //
-    bool repaired;     // the step to the frame was interpolated
-    bool scene_start;  // the frame is the first of its scene
-    double crop;       // part of the width and height that is shown
+    bool guarded = false;      // see PlannedPose
+    double granted = 1;        //
+    bool repaired = false;     // the step to the frame was interpolated
+    bool scene_start = false;  // the frame is the first of its scene
+    double crop = 1;           // part of the width and height that is shown
+    double readout = 0;        // that the frame is corrected for, share of the frame interval
+    double confidence = 0;     // 0..1: in what is known of the readout
+    bool columns = false;      // lines are columns
+    // What the middle of the outermost lines is moved by, pixels right and down.
+    std::array<double, 2> first_line{};
+    std::array<double, 2> last_line{};
 };
 
 struct SteadyPathSettings {
@@ -35,6 +45,10 @@ struct SteadyPathSettings {
     bool edge_guard;      // PathPlanner replaces the filter
     bool repair_motions;  // gaps in the motion are closed
     bool scene_cuts;      // the smoothing stops at scene cuts
+    bool rolling_shutter;  // lines are moved to where they had been without one; with edge_guard
+    bool estimates_readout;
+    double readout;  // if it is not estimated
+    bool columns;    // likewise: lines are columns
 
     // All off: the filter alone is enough.
     bool is_plain() const { return !edge_guard && !repair_motions && !scene_cuts; }
@@ -48,8 +62,8 @@ class SteadyPath {
   public:
     explicit SteadyPath(const SteadyPathSettings& settings);  // throws std::bad_alloc
 
-    // Adds step k, one more than the last.
-    void add(std::int64_t k, const CameraStep& step) { history_.add(k, step); }
+    // Adds step k, one more than the last, and what it was found from.
+    void add(std::int64_t k, const CameraStep& step, const std::vector<SeenPair>& pairs);
 
     // Writes the correcting transform of frame n, before the crop. Frames come in order, each once;
     // `newest` is the newest that was added. `motions` and `logs` are the ring that the filter works
@@ -58,7 +72,12 @@ class SteadyPath {
                      std::vector<SimpleLA::Mat<float>*>& motions, std::vector<MotionLog>& logs,
                      SimpleLA::Mat<float>& correction);
 
+    // Fills in the rows of the transform of the frame that was corrected last, whose `whole` has the crop.
+    void add_rows(PictureTransform& transform) const;
+
   private:
+    void lay_path(std::int64_t first, std::int64_t end);
+    void improve_steps(std::int64_t newest);
     void store_step(std::int64_t k, std::vector<SimpleLA::Mat<float>*>& motions,
                     std::vector<MotionLog>& logs) const;
     void filter_motions(std::int64_t n, std::int64_t newest, GaussianMotionFilter* filter,
@@ -71,6 +90,11 @@ class SteadyPath {
     double crop_ratio_;
     std::vector<CameraPose>
         camera_;  // scratch: poses of the look-ahead, relative to its first frame
+    std::vector<LineReach> reaches_;  // likewise
+    int width_, height_;
+    std::optional<RollingShutter> shutter_;
+    std::vector<CameraPose> around_;  // scratch: poses that it lays its path over
+    LineMotion lines_;                // of the frame that was corrected last
 };
 
 }  // namespace videostabilizer

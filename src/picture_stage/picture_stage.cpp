@@ -20,11 +20,9 @@ constexpr char TAG[] = "picture_warp";
 
 // Copies the transform as the frame leaves the queue: afterwards its owner may reuse the memory.
 void copy_transform(void* to, Frame* frame) {
-    auto& copy = *static_cast<AffineSix*>(to);
-    copy = IDENTITY_TRANSFORM;
-    if (frame->opaque != nullptr) {
-        std::copy_n(static_cast<const float*>(frame->opaque), copy.size(), copy.begin());
-    }
+    auto& copy = *static_cast<PictureTransform*>(to);
+    copy = frame->opaque != nullptr ? *static_cast<const PictureTransform*>(frame->opaque)
+                                    : PictureTransform{};
 }
 
 Affine2 in_doubles(const AffineSix& t) {
@@ -153,7 +151,7 @@ void PictureStage::run() {
 // Takes, warps and delivers one frame. Returns RESULT_OK, or the code that ends the thread.
 int PictureStage::process_frame() {
     Frame* input = nullptr;
-    AffineSix transform{};
+    PictureTransform transform{};
     const int taken = fifo_take(fifo(), &input, copy_transform, &transform);
     if (taken != RESULT_OK) {
         return taken;
@@ -248,13 +246,25 @@ void PictureStage::copy_overlapping(PicturePlanes& source, const PicturePlanes& 
     }
 }
 
-int PictureStage::warp(const Frame& input, const AffineSix& transform, const Frame& output) {
+void PictureStage::set_map(const PictureTransform& transform) {
+    map_.transforms.clear();
+    if (transform.by_rows != 0) {
+        for (const AffineSix& row : transform.rows) {
+            map_.transforms.push_back(in_doubles(row));
+        }
+        map_.rows_apart = transform.rows_apart();
+    } else {
+        map_.transforms.push_back(in_doubles(warp_parameters(
+            transform.whole, settings_.crop_ratio, settings_.width, settings_.height)));
+    }
+}
+
+int PictureStage::warp(const Frame& input, const PictureTransform& transform, const Frame& output) {
     try {
         PicturePlanes source = planes_of(input, input);
         const PicturePlanes target = planes_of(output, input);
         copy_overlapping(source, target);
-        map_.transforms.assign(1, in_doubles(warp_parameters(transform, settings_.crop_ratio,
-                                                             settings_.width, settings_.height)));
+        set_map(transform);
         return warper_->warp(source, map_, target);
     } catch (const std::bad_alloc&) {
         __android_log_print(LOG_ERROR, TAG, OUT_OF_MEMORY_TEXT);

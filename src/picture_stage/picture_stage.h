@@ -12,7 +12,7 @@
 #include "frames/frame_fifo.h"
 #include "native_warp/warp_map.h"
 #include "picture_warp/picture_warper.h"
-#include "simplela/warp_parameters.h"
+#include "simplela/picture_transform.h"
 
 namespace videostabilizer {
 
@@ -35,9 +35,8 @@ struct PictureStageCallbacks {
     Frame* (*create_frame)(void* ctx);           // an output frame; null: the stage makes it
 };
 
-// A queue of frames and a thread that has each warped by the six floats in its `opaque`, as the
-// OpenCL stage reads them (source to output, luma pixels; null: none), and passes it on. Rows are
-// read and written with the strides of the frames.
+// A queue of frames and a thread that has each warped by the PictureTransform at its `opaque` (null:
+// none), and passes it on. Rows are read and written with the strides of the frames.
 // Threads: owner only, except send and signal_eos, which are thread-safe.
 class PictureStage {
   public:
@@ -69,7 +68,8 @@ class PictureStage {
     int make_output(const Frame& input, Frame** output);
     Frame* new_output(const Frame& input) const;
     bool fits_stream(const Frame& output, PixFmt format) const;
-    int warp(const Frame& input, const AffineSix& transform, const Frame& output);
+    void set_map(const PictureTransform& transform);
+    int warp(const Frame& input, const PictureTransform& transform, const Frame& output);
     PicturePlanes planes_of(const Frame& frame, const Frame& strides) const;
     void copy_overlapping(PicturePlanes& source, const PicturePlanes& target);
 

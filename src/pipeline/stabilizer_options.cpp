@@ -46,6 +46,8 @@ constexpr VideoStabilizerOptions DEFAULTS{OUR_SIZE,
                                           0,
                                           0,
                                           0.0F,
+                                          0.0F,
+                                          STABILIZER_SHUTTER_OFF,
                                           0.0F};
 
 // The defaults on any machine.
@@ -62,6 +64,7 @@ constexpr VideoStabilizerOptions stronger_options(std::int32_t look_ahead, float
     options.whole_shift = options.edge_guard = 1;
     options.repair_motions = options.scene_cuts = 1;
     options.sampling = STABILIZER_SAMPLING_SHARP;
+    options.shutter = STABILIZER_SHUTTER_AUTO;
     return options;
 }
 
@@ -135,6 +138,12 @@ const char* options_fault(const VideoStabilizerOptions& o, int frame_width, int 
     }
     if (o.auto_crop != 0 && o.edge_guard == 0) {
         return "auto_crop needs edge_guard";
+    }
+    if (o.shutter < STABILIZER_SHUTTER_OFF || o.shutter > STABILIZER_SHUTTER_COLUMNS) {
+        return "shutter is none of off, auto, rows and columns";
+    }
+    if (!is_within(o.readout, -1.0F, 1.0F)) {
+        return "readout is not -1 to 1";
     }
     if (!is_bound(o.crop_least) || !is_bound(o.crop_most)) {
         return "a bound of the crop is neither 0 nor 0.5 to 0.99";

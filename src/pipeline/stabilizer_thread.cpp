@@ -124,7 +124,7 @@ void find_camera_step(VideoStabilizer* s) {
                           ? static_cast<float>(step.followed) / static_cast<float>(step.sites)
                           : 0;
     log.status = step.found ? 0 : 1;
-    s->steady_path->add(from, step);
+    s->steady_path->add(from, step, s->camera_motion->pairs());
 }
 
 // Stores the newest frame and makes its analysis image, unless the steady path needs none.
@@ -162,13 +162,35 @@ void tell_motion(const VideoStabilizer* s, std::int64_t n) {
     }
 }
 
+VideoStabilizerReport report_of(const VideoStabilizer* s, std::int64_t n,
+                                const Steadied& steadied) {
+    VideoStabilizerReport report{};
+    report.frame = public_number(n);
+    report.look_ahead = s->radius;
+    report.sigma = s->filter->sigma;
+    report.guarded = steadied.guarded ? 1 : 0;
+    report.granted = static_cast<float>(steadied.granted);
+    report.repaired = steadied.repaired ? 1 : 0;
+    report.scene_start = steadied.scene_start ? 1 : 0;
+    report.crop = static_cast<float>(steadied.crop);
+    report.readout = static_cast<float>(steadied.readout);
+    report.readout_confidence = static_cast<float>(steadied.confidence);
+    report.columns = steadied.columns ? 1 : 0;
+    for (std::size_t i = 0; i < 2; ++i) {
+        report.first_line[i] = static_cast<float>(steadied.first_line[i]);
+        report.last_line[i] = static_cast<float>(steadied.last_line[i]);
+    }
+    return report;
+}
+
 // Computes the correction of frame n and sends the frame to the warp stage. Two matrices suffice:
 // the stage's queue holds one frame, and its thread copies the matrix when it takes a frame. So
 // once frame n + 1 is accepted, the matrix of frame n is free for frame n + 2.
 void send_corrected(VideoStabilizer* s, std::int64_t n) {
     set_sent_frame(s, n);
     SimpleLA::Mat<float>& correction = *s->warp_pool[ring_slot(n, s->warp_pool.size())];
-    Steadied steadied{false, 1, false, false, static_cast<double>(s->options.crop_ratio)};
+    Steadied steadied;
+    steadied.crop = static_cast<double>(s->options.crop_ratio);
     if (s->steady_path != nullptr) {
         steadied = s->steady_path->correct(n, s->newest_frame, s->filter, s->motions,
                                            s->motion_logs, correction);
@@ -184,14 +206,7 @@ void send_corrected(VideoStabilizer* s, std::int64_t n) {
         s->observer.on_correction(s->observer.ctx, public_number(n), correction.data);
     }
     if (s->observer.on_report != nullptr) {
-        const VideoStabilizerReport report = {public_number(n),
-                                              s->radius,
-                                              s->filter->sigma,
-                                              steadied.guarded ? 1 : 0,
-                                              static_cast<float>(steadied.granted),
-                                              steadied.repaired ? 1 : 0,
-                                              steadied.scene_start ? 1 : 0,
-                                              static_cast<float>(steadied.crop)};
+        const VideoStabilizerReport report = report_of(s, n, steadied);
         s->observer.on_report(s->observer.ctx, &report);
     }
     if (s->options.whole_shift != 0) {
@@ -202,6 +217,14 @@ void send_corrected(VideoStabilizer* s, std::int64_t n) {
     Frame* const frame = slot;
     slot = nullptr;  // owned by the stage from here on
     frame->opaque = correction.data;
+    if (s->picture_stage != nullptr) {
+        PictureTransform& transform = s->picture_transforms[ring_slot(n, s->warp_pool.size())];
+        std::copy_n(correction.data, transform.whole.size(), transform.whole.begin());
+        if (s->steady_path != nullptr) {
+            s->steady_path->add_rows(transform);
+        }
+        frame->opaque = &transform;
+    }
     send_to_stage(s, frame);
 }
 

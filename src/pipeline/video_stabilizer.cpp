@@ -153,6 +153,11 @@ SteadyPathSettings steady_path_settings(const VideoStabilizer* s) {
     settings.edge_guard = options.edge_guard != 0;
     settings.repair_motions = options.repair_motions != 0;
     settings.scene_cuts = options.scene_cuts != 0;
+    settings.rolling_shutter = options.shutter != STABILIZER_SHUTTER_OFF &&
+                               options.sampling != STABILIZER_SAMPLING_STATED;
+    settings.estimates_readout = options.shutter == STABILIZER_SHUTTER_AUTO;
+    settings.readout = static_cast<double>(options.readout);
+    settings.columns = options.shutter == STABILIZER_SHUTTER_COLUMNS;
     return settings;
 }
 
@@ -184,6 +189,7 @@ void create_history(VideoStabilizer* s) {
         s->camera_motion = new CameraMotion(settings.width, settings.height);
     }
     s->warp_pool.reserve(WARP_POOL_SIZE);
+    s->picture_transforms = new PictureTransform[WARP_POOL_SIZE];
     for (int i = 0; i < WARP_POOL_SIZE; ++i) {
         s->warp_pool.push_back(new_matrix());
     }
@@ -505,6 +511,7 @@ void video_stabilizer_delete(VideoStabilizer* stabilizer) {
     delete s->picture_stage;
     delete_matrices(s->motions);
     delete_matrices(s->warp_pool);
+    delete[] s->picture_transforms;
     pthread_cond_destroy(&s->eos_cond);
     pthread_cond_destroy(&s->output_cond);
     pthread_cond_destroy(&s->input_cond);

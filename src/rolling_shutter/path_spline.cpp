@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "rolling_shutter/path_spline.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace videostabilizer {
+
+namespace {
+
+constexpr std::size_t DEGREE = 7;
+// Of the spline's direct filter.
+constexpr double POLES[] = {-0.5352804307964414, -0.1225546151923267, -0.009148694809608277};
+// Poses added at each end: what the filters begin with has faded to 5e-4 by then.
+constexpr std::size_t MARGIN = 12;
+
+// The weights of the DEGREE + 1 coefficients around a time, `t` after the middle one of them (C. de
+// Boor's recursion for knots at whole numbers).
+std::array<double, DEGREE + 1> weights_at(double t) {
+    std::array<double, DEGREE + 1> weights{};
+    weights[0] = 1;
+    for (std::size_t degree = 1; degree <= DEGREE; ++degree) {
+        const auto d = static_cast<double>(degree);
+        double saved = 0;
+        for (std::size_t r = 0; r < degree; ++r) {
+            const auto place = static_cast<double>(r);
+            const double share = weights[r] / d;
+            weights[r] = saved + (place + 1 - t) * share;
+            saved = (t + d - 1 - place) * share;
+        }
+        weights[degree] = saved;
+    }
+    return weights;
+}
+
+}  // namespace
+
+PathSpline::PathSpline(std::size_t most_poses) : most_(most_poses) {
+    coefficients_.reserve(most_poses + 2 * MARGIN);
+}
+
+void PathSpline::filter(double pole) {
+    const double gain = (1 - pole) * (1 - 1 / pole);
+    const std::size_t last = coefficients_.size() - 1;
+    for (std::size_t part = 0; part < PARTS; ++part) {
+        const auto c = [&](std::size_t i) -> double& { return coefficients_[i][part]; };
+        c(0) *= gain / (1 - pole);
+        for (std::size_t i = 1; i <= last; ++i) {
+            c(i) = gain * c(i) + pole * c(i - 1);
+        }
+        c(last) = pole / (pole * pole - 1) * (c(last) + pole * c(last - 1));
+        for (std::size_t i = last; i-- > 0;) {
+            c(i) = pole * (c(i + 1) - c(i));
+        }
+    }
+}
+
+void PathSpline::fit(const CameraPose* poses, std::size_t count) {
+    const auto parts = [](const CameraPose& p) { return Parts{p.x, p.y, p.angle, p.zoom}; };
+    const auto reflected = [&](std::size_t end, std::size_t within) {
+        const Parts a = parts(poses[end]);
+        const Parts b = parts(poses[within]);
+        Parts result{};
+        for (std::size_t i = 0; i < PARTS; ++i) {
+            result[i] = 2 * a[i] - b[i];
+        }
+        return result;
+    };
+    count = std::min(count, most_);
+    const std::size_t last = count - 1;
+    coefficients_.clear();
+    for (std::size_t k = MARGIN; k > 0; --k) {
+        coefficients_.push_back(reflected(0, std::min(k, last)));
+    }
+    for (std::size_t k = 0; k < count; ++k) {
+        coefficients_.push_back(parts(poses[k]));
+    }
+    for (std::size_t k = 1; k <= MARGIN; ++k) {
+        coefficients_.push_back(reflected(last, last - std::min(k, last)));
+    }
+    for (const double pole : POLES) {
+        filter(pole);
+    }
+}
+
+CameraPose PathSpline::at(double time) const {
+    const double before = std::floor(time);
+    const std::array<double, DEGREE + 1> weights = weights_at(time - before);
+    // The first coefficient that counts is DEGREE / 2 before.
+    const auto first = static_cast<std::size_t>(static_cast<double>(MARGIN - DEGREE / 2) + before);
+    Parts sum{};
+    for (std::size_t j = 0; j <= DEGREE; ++j) {
+        for (std::size_t part = 0; part < PARTS; ++part) {
+            sum[part] += weights[j] * coefficients_[first + j][part];
+        }
+    }
+    return {sum[0], sum[1], sum[2], sum[3]};
+}
+
+}  // namespace videostabilizer

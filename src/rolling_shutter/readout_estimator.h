@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <vector>
+
+namespace videostabilizer {
+
+// What the pairs of one step tell about the readout and the parallax, after the step itself is
+// eliminated: normal equations, whose last column is the right side.
+struct ReadoutEvidence {
+    // The readout; then what moves with the camera's shift as it is further down the picture,
+    // horizontally and vertically, because it is nearer: the ground before the camera.
+    static constexpr std::size_t UNKNOWNS = 3;
+    double m[UNKNOWNS][UNKNOWNS + 1] = {};
+};
+
+// The readout of a sensor out of the evidence of its last steps, by least squares. Its deviation is that
+// of the steps from each other (H. White, 1980), not the noise of places: what moves on its own in a picture
+// is wrong in all of its places.
+//
+// Threads: owner only.
+class ReadoutEstimator {
+  public:
+    ReadoutEstimator();  // throws std::bad_alloc
+
+    void add(const ReadoutEvidence& evidence);
+
+    // Another camera may follow: what was learned counts less.
+    void begin_scene();
+
+    double readout() const { return readout_; }      // share of the frame interval; 0: nothing known
+    double deviation() const { return deviation_; }  // its standard deviation
+    std::size_t steps() const { return count_; }
+
+  private:
+    void solve();
+
+    struct Step {
+        ReadoutEvidence evidence;
+        double weight;
+    };
+    std::vector<Step> steps_;  // a ring
+    std::size_t next_ = 0;
+    std::size_t count_ = 0;
+    double readout_ = 0;
+    double deviation_ = 1;
+};
+
+}  // namespace videostabilizer

@@ -1,0 +1,251 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "rolling_shutter/rolling_shutter.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "motion/solve_positive.h"
+
+namespace videostabilizer {
+
+namespace {
+
+constexpr std::size_t MOST_PAIRS = 256;
+
+// Pixels of a picture of 640.
+constexpr double GATE = 1.5;
+constexpr double FLAT_SCATTER = 0.1;
+
+// Smaller readouts are looked at through this one: what a line is moved by is about proportional.
+constexpr double LEAST_READOUT = 0.1;
+
+constexpr double SURE = 0.04;         // deviation of a readout that is used
+constexpr double UNSURE = 0.08;       // likewise, once it is in use
+constexpr double DISTINCT = 3;        // deviations from 0
+constexpr double NO_READOUT = 0.03;   // smaller ones are as good as none
+constexpr double FASTEST_CHANGE = 0.02;  // from picture to picture
+constexpr double MORE_DISTINCT = 1.5;    // of the other axis
+
+}  // namespace
+
+RollingShutter::RollingShutter(const RollingShutterSettings& settings)
+    : settings_(settings),
+      pixel_(std::max(settings.width, settings.height) / 640.0),
+      spline_(static_cast<std::size_t>(settings.most_frames)),
+      columns_(settings.columns) {
+    poses_.reserve(static_cast<std::size_t>(settings.most_frames));
+    for (std::vector<SeenPair>& pairs : pairs_) {
+        pairs.reserve(MOST_PAIRS);
+    }
+    kept_.fill(-1);
+    sightings_.reserve(MOST_PAIRS);
+    fitted_.reserve(MOST_PAIRS);
+    if (!settings.automatic) {
+        in_use_ = settings.readout;
+    }
+}
+
+void RollingShutter::keep(std::int64_t k, const std::vector<SeenPair>& pairs) {
+    const auto slot = static_cast<std::size_t>(k % KEPT);
+    kept_[slot] = k;
+    pairs_[slot].assign(pairs.begin(),
+                        pairs.begin() + static_cast<std::ptrdiff_t>(std::min(pairs.size(), MOST_PAIRS)));
+}
+
+void RollingShutter::lay_path(std::int64_t first, const CameraPose* poses, std::size_t count) {
+    first_ = first;
+    count_ = count;
+    poses_.assign(poses, poses + count);
+    spline_.fit(poses, count);
+}
+
+double RollingShutter::line_at(double x, double y, bool columns) const {
+    return columns ? x / settings_.width : y / settings_.height;
+}
+
+// Where the camera was `time` after the index-th picture of the path, relative to where it was then, as
+// displacements of positions, divided by the readout.
+Similarity RollingShutter::field_at(double time, std::size_t index, double readout) const {
+    const CameraPose pose =
+        pose_seen_from(spline_.at(static_cast<double>(index) + time), poses_[index]);
+    const double scale = std::exp(-pose.zoom);
+    return {(scale * std::cos(pose.angle) - 1) / readout, scale * std::sin(pose.angle) / readout,
+            pose.x / readout, pose.y / readout};
+}
+
+LineMotion RollingShutter::unit_lines(std::int64_t picture) const {
+    const double readout =
+        std::copysign(std::max(std::abs(in_use_), LEAST_READOUT), in_use_);
+    const auto index = static_cast<std::size_t>(picture - first_);
+    LineMotion lines;
+    for (std::size_t node = 0; node < LineMotion::NODES; ++node) {
+        lines.nodes[node] = field_at(readout * LineMotion::line_of(node), index, readout);
+    }
+    return lines;
+}
+
+LineMotion RollingShutter::lines_of(std::int64_t picture) const {
+    LineMotion lines = unit_lines(picture);
+    lines.scale(in_use_);
+    return lines;
+}
+
+bool RollingShutter::refit(std::int64_t k, CameraPose& step) {
+    const auto slot = static_cast<std::size_t>(k % KEPT);
+    if (kept_[slot] != k || pairs_[slot].empty() || k < first_ ||
+        k + 1 >= first_ + static_cast<std::int64_t>(count_)) {
+        return false;
+    }
+    from_ = unit_lines(k);
+    to_ = unit_lines(k + 1);
+    sightings_.clear();
+    fitted_ = pairs_[slot];
+    for (const SeenPair& pair : fitted_) {
+        const double x = static_cast<double>(pair.x);
+        const double y = static_cast<double>(pair.y);
+        const double to_x = x + static_cast<double>(pair.dx);
+        const double to_y = y + static_cast<double>(pair.dy);
+        const Similarity p = from_.field(line_at(x, y, columns_));
+        const Similarity q = to_.field(line_at(to_x, to_y, columns_));
+        Sighting s;
+        s.x = x + in_use_ * p.map_x(x, y);
+        s.y = y + in_use_ * p.map_y(x, y);
+        s.dx = to_x + in_use_ * q.map_x(to_x, to_y) - s.x;
+        s.dy = to_y + in_use_ * q.map_y(to_x, to_y) - s.y;
+        s.vxx = static_cast<double>(pair.vxx);
+        s.vxy = static_cast<double>(pair.vxy);
+        s.vyy = static_cast<double>(pair.vyy);
+        s.trust = static_cast<double>(pair.trust);
+        s.counts = true;
+        sightings_.push_back(s);
+    }
+    change_ = similarity_of_step(step) - Similarity{1, 0, 0, 0};
+    const ConsensusSettings settings = {0, GATE * pixel_, FLAT_SCATTER * pixel_, 0};
+    if (!consensus_.refine(sightings_, {1, 0, 0, 0}, settings, change_, scatter_)) {
+        sightings_.clear();
+        return false;
+    }
+    step = step_of_similarity(Similarity{1, 0, 0, 0} + change_);
+    return true;
+}
+
+// The normal equations of the last fit with the readout and the parallax beside it, the step eliminated.
+ReadoutEvidence RollingShutter::evidence_of(bool columns) const {
+    constexpr std::size_t STEP = 4;
+    constexpr std::size_t ALL = STEP + ReadoutEvidence::UNKNOWNS;
+    double m[ALL][ALL + 1] = {};
+    for (std::size_t i = 0; i < sightings_.size(); ++i) {
+        const Sighting& s = sightings_[i];
+        if (!(s.agreement > 0)) {
+            continue;
+        }
+        const double x = static_cast<double>(fitted_[i].x);
+        const double y = static_cast<double>(fitted_[i].y);
+        const double to_x = x + static_cast<double>(fitted_[i].dx);
+        const double to_y = y + static_cast<double>(fitted_[i].dy);
+        const auto effect = [&](bool by_columns) {
+            const Similarity p = from_.field(line_at(x, y, by_columns));
+            const Similarity q = to_.field(line_at(to_x, to_y, by_columns));
+            return std::array<double, 2>{p.map_x(x, y) - q.map_x(to_x, to_y),
+                                         p.map_y(x, y) - q.map_y(to_x, to_y)};
+        };
+        const std::array<double, 2> used = effect(columns_);
+        const std::array<double, 2> e = columns == columns_ ? used : effect(columns);
+        const double line = line_at(x, y, columns);
+        // What is seen beyond the step, the readout in use put back in.
+        const double rest_x = s.dx - change_.map_x(s.x, s.y) + in_use_ * used[0];
+        const double rest_y = s.dy - change_.map_y(s.x, s.y) + in_use_ * used[1];
+        const double in_x[ALL + 1] = {s.x, -s.y, 1, 0, e[0], line * change_.c, 0, rest_x};
+        const double in_y[ALL + 1] = {s.y, s.x, 0, 1, e[1], 0, line * change_.d, rest_y};
+        const double vxx = scatter_ * scatter_ + s.vxx;
+        const double vyy = scatter_ * scatter_ + s.vyy;
+        const double determinant = vxx * vyy - s.vxy * s.vxy;
+        const double share = s.trust * s.agreement / determinant;
+        for (std::size_t r = 0; r < ALL; ++r) {
+            const double by_x = share * (in_x[r] * vyy - in_y[r] * s.vxy);
+            const double by_y = share * (in_y[r] * vxx - in_x[r] * s.vxy);
+            for (std::size_t c = r; c <= ALL; ++c) {
+                m[r][c] += by_x * in_x[c] + by_y * in_y[c];
+            }
+        }
+    }
+    ReadoutEvidence evidence;
+    for (std::size_t k = 0; k < STEP; ++k) {
+        if (!(m[k][k] > 0)) {
+            return evidence;
+        }
+        for (std::size_t r = k + 1; r < ALL; ++r) {
+            const double factor = m[k][r] / m[k][k];
+            for (std::size_t c = r; c <= ALL; ++c) {
+                m[r][c] -= factor * m[k][c];
+            }
+        }
+    }
+    for (std::size_t r = 0; r < ReadoutEvidence::UNKNOWNS; ++r) {
+        for (std::size_t c = r; c <= ReadoutEvidence::UNKNOWNS; ++c) {
+            evidence.m[r][c] = m[STEP + r][STEP + c];
+        }
+    }
+    return evidence;
+}
+
+void RollingShutter::learn() {
+    if (!settings_.automatic || sightings_.empty()) {
+        return;
+    }
+    by_row_.add(evidence_of(false));
+    by_column_.add(evidence_of(true));
+    choose();
+}
+
+// What is used follows what is known.
+void RollingShutter::choose() {
+    const auto distinct = [](const ReadoutEstimator& e) {
+        return std::abs(e.readout()) / e.deviation();
+    };
+    const double other = distinct(columns_ ? by_row_ : by_column_);
+    if (in_use_ == 0 && other > MORE_DISTINCT * distinct(columns_ ? by_column_ : by_row_)) {
+        columns_ = !columns_;
+    }
+    const ReadoutEstimator& e = columns_ ? by_column_ : by_row_;
+    const double enough = sure_ ? UNSURE : SURE;
+    sure_ = e.deviation() < enough && distinct(e) > DISTINCT && std::abs(e.readout()) > NO_READOUT;
+    const double goal = sure_ ? e.readout() : 0;
+    in_use_ += std::clamp(goal - in_use_, -FASTEST_CHANGE, FASTEST_CHANGE);
+}
+
+void RollingShutter::begin_scene() {
+    by_row_.begin_scene();
+    by_column_.begin_scene();
+}
+
+double RollingShutter::confidence() const {
+    if (!settings_.automatic) {
+        return 1;
+    }
+    const double deviation = (columns_ ? by_column_ : by_row_).deviation();
+    return 1 / (1 + deviation * deviation / (SURE * SURE));
+}
+
+LineReach RollingShutter::reach_of(std::int64_t picture) const {
+    LineReach reach;
+    if (in_use_ == 0) {
+        return reach;
+    }
+    const auto index = static_cast<std::size_t>(picture - first_);
+    const double half_width = 0.5 * (settings_.width - 1);
+    const double half_height = 0.5 * (settings_.height - 1);
+    for (const double line : {-0.5, -0.25, 0.25, 0.5}) {
+        const Similarity field = field_at(in_use_ * line, index, 1);
+        for (const double side : {-1.0, 1.0}) {
+            const double x = columns_ ? 2 * half_width * line : side * half_width;
+            const double y = columns_ ? side * half_height : 2 * half_height * line;
+            reach.x = std::max(reach.x, std::abs(field.map_x(x, y)));
+            reach.y = std::max(reach.y, std::abs(field.map_y(x, y)));
+        }
+    }
+    return reach;
+}
+
+}  // namespace videostabilizer

@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "camera_motion/seen_pair.h"
+#include "camera_motion/similarity_consensus.h"
+#include "motion/camera_pose.h"
+#include "motion/similarity.h"
+#include "rolling_shutter/line_motion.h"
+#include "rolling_shutter/path_spline.h"
+#include "rolling_shutter/readout_estimator.h"
+
+namespace videostabilizer {
+
+struct RollingShutterSettings {
+    int width;        // of the pictures, pixels
+    int height;       //
+    bool automatic;   // the readout is estimated; else:
+    double readout;   // share of the frame interval from the first line to the last, -1..1; negative:
+                      // the last line comes first
+    bool columns;     // lines are columns: the picture was turned
+    int most_frames;  // that a path is laid over
+};
+
+// A sensor that is read line by line. With the readout r, line u of picture k, from -1/2 to 1/2, is exposed
+// at k + r u, when the camera is where its continuous path has it. A pair of places in the pictures k
+// and k + 1 tells where lines u and v see the same, so its displacement is that of the camera from one
+// middle line to the next, and r (h(k, u) - h(k + 1, v)), where h is what the path makes in the time of
+// one readout. Out of all pairs of a step, the step itself is fitted; out of all steps, r.
+//
+// After S. Baker, E. Bennett, S. B. Kang and R. Szeliski, "Removing rolling shutter wobble" (CVPR 2010), and
+// P.-E. Forssen and E. Ringaby, "Rectifying rolling shutter video from hand-held devices" (CVPR 2010); the
+// path here is known from later pictures as well, and shift, turn and zoom are seen, not rotations of a
+// calibrated camera.
+//
+// Threads: owner only.
+class RollingShutter {
+  public:
+    explicit RollingShutter(const RollingShutterSettings& settings);  // throws std::bad_alloc
+
+    // Steps kept, so that they can be fitted again when later ones are known.
+    static constexpr std::int64_t KEPT = 8;
+
+    // Keeps what step k was found from.
+    void keep(std::int64_t k, const std::vector<SeenPair>& pairs);
+
+    // Lays the path over pictures first .. first + count - 1, whose poses are relative to one of them.
+    void lay_path(std::int64_t first, const CameraPose* poses, std::size_t count);
+
+    // Fits step k, which is `step` as far as is known, along the path. False if it was found from nothing
+    // that was kept.
+    bool refit(std::int64_t k, CameraPose& step);
+    // Learns the readout from the step that was fitted last. Once for each step.
+    void learn();
+    // Pictures of another camera may follow.
+    void begin_scene();
+
+    double readout() const { return in_use_; }       // what pictures are corrected for; 0: nothing
+    bool by_columns() const { return columns_; }
+    double confidence() const;                       // 0..1
+
+    // Where the camera was at the lines of a picture on the path, for the readout in use.
+    LineMotion lines_of(std::int64_t picture) const;
+    // How far the lines of a picture are moved at the borders by that, pixels.
+    LineReach reach_of(std::int64_t picture) const;
+
+  private:
+    double line_at(double x, double y, bool columns) const;
+    Similarity field_at(double time, std::size_t index, double readout) const;
+    LineMotion unit_lines(std::int64_t picture) const;
+    const std::vector<SeenPair>& pairs_of(std::int64_t k) const;
+    ReadoutEvidence evidence_of(bool columns) const;
+    void choose();
+
+    RollingShutterSettings settings_;
+    double pixel_;  // of a picture of 640
+    PathSpline spline_;
+    std::int64_t first_ = 0;  // picture of the path
+    std::size_t count_ = 0;
+    std::vector<CameraPose> poses_;
+    std::array<std::vector<SeenPair>, KEPT> pairs_;
+    std::array<std::int64_t, KEPT> kept_;  // their steps
+    SimilarityConsensus consensus_;
+
+    // Of the step that was fitted last.
+    std::vector<Sighting> sightings_;
+    std::vector<SeenPair> fitted_;
+    LineMotion from_, to_;  // per unit of readout
+    Similarity change_{0, 0, 0, 0};
+    double scatter_ = 0;
+
+    ReadoutEstimator by_row_, by_column_;
+    bool columns_;
+    bool sure_ = false;
+    double in_use_ = 0;
+};
+
+}  // namespace videostabilizer
