@@ -147,6 +147,11 @@ CameraMotion::CameraMotion(int width, int height)
     sightings_.reserve(std::max(places_.size(), textures_.grid().count()));
 }
 
+void CameraMotion::expect_shear(double deviation, bool by_columns) {
+    shear_.deviation = deviation;
+    shear_.by_columns = by_columns;
+}
+
 double CameraMotion::reach(const Similarity& field, std::size_t level) const {
     const PictureCentre centre = later().centre(level);
     double most = 0;
@@ -196,8 +201,9 @@ void CameraMotion::find_hypotheses() {
             Similarity change{0, 0, 0, 0};
             double scatter = 0;
             const double agreed = consensus_.sample(sightings_, settings, change);
+            LineShear shear = shear_;
             if (agreed < OTHER_SUPPORT ||
-                !consensus_.refine(sightings_, {1, 0, 0, 0}, settings, change, scatter)) {
+                !consensus_.refine(sightings_, {1, 0, 0, 0}, settings, change, shear, scatter)) {
                 break;
             }
             first = first > 0 ? first : agreed;  // later ones are shares of the rest
@@ -247,8 +253,10 @@ void CameraMotion::rate_from(const Similarity& hypothesis) {
         Estimate estimate;
         Similarity change{0, 0, 0, 0};
         const double agreed = consensus_.sample(sightings_, settings, change);
+        estimate.shear = shear_;
         if ((k > 0 && agreed < OTHER_SUPPORT) ||
-            !consensus_.refine(sightings_, hypothesis, settings, change, estimate.scatter)) {
+            !consensus_.refine(sightings_, hypothesis, settings, change, estimate.shear,
+                               estimate.scatter)) {
             return;
         }
         estimate.motion = hypothesis + change;
@@ -391,7 +399,9 @@ CameraMotion::Estimate CameraMotion::follow_sites(const Estimate& coarse) {
     share_votes();
     Similarity change{0, 0, 0, 0};
     consensus_.sample(sightings_, settings, change);
-    if (!consensus_.refine(sightings_, estimate.motion, settings, change, estimate.scatter)) {
+    estimate.shear = coarse.shear;
+    if (!consensus_.refine(sightings_, estimate.motion, settings, change, estimate.shear,
+                           estimate.scatter)) {
         return estimate;
     }
     estimate.motion = estimate.motion + change;
@@ -445,7 +455,9 @@ CameraMotion::Estimate CameraMotion::follow_on(const Estimate& from) {
     }
     const ConsensusSettings settings = {SITE_CAP * pixel, FINE_GATE * pixel, 0.1 * pixel, 0};
     Similarity change{0, 0, 0, 0};
-    if (!consensus_.refine(sightings_, estimate.motion, settings, change, estimate.scatter)) {
+    estimate.shear = from.shear;
+    if (!consensus_.refine(sightings_, estimate.motion, settings, change, estimate.shear,
+                           estimate.scatter)) {
         return estimate;
     }
     estimate.motion = estimate.motion + change;
@@ -468,7 +480,9 @@ void CameraMotion::learn(const Estimate& sites) {
     for (const FollowedSite& site : sites_) {
         const double x = site.x - centre.x;
         const double y = site.y - centre.y;
-        const double off = std::hypot(site.rx, site.ry);
+        const double line = sites.shear.by_columns ? x : y;
+        const double off =
+            std::hypot(site.rx - line * sites.shear.x, site.ry - line * sites.shear.y);
         const double shift_x = sites.motion.map_x(x, y) - x;
         const double shift_y = sites.motion.map_y(x, y) - y;
         const bool moves = std::hypot(shift_x, shift_y) > MOVING;

@@ -41,6 +41,10 @@ class CameraMotion {
     // one is not found. The picture must stay until the next call has returned.
     CameraStep add(const unsigned char* luma, int pitch);
 
+    // Says how much further lines of a picture usually move than the ones before, pixels, because the sensor
+    // is read line by line; 0, as at first: not at all. Holds from the next picture on.
+    void expect_shear(double deviation, bool by_columns);
+
     // What the last step was found from, also what does not agree with it; nothing if that was
     // only a few patches, or the step was not found.
     const std::vector<SeenPair>& pairs() const { return pairs_; }
@@ -50,6 +54,7 @@ class CameraMotion {
     struct Estimate {
         Similarity motion{1, 0, 0, 0};
         Similarity assumed{1, 0, 0, 0};  // that the sightings are relative to
+        LineShear shear;
         double support = 0;  // 0..1
         double scatter = 0;  // standard deviation of what agrees, pixels of the level
         std::size_t agreeing = 0;
@@ -99,6 +104,7 @@ class CameraMotion {
     SimilarityConsensus consensus_;
     bool has_picture_ = false;
     CameraPose last_step_;
+    LineShear shear_;  // that is expected
 
     std::vector<Similarity> hypotheses_;  // in pixels of the patch level
     std::vector<Hypothesis> rated_;       // the best first

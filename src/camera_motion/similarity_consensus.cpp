@@ -32,48 +32,34 @@ constexpr double SOFTNESS = 6;  // variances of an error with a weight of 1/4; m
 constexpr double LEAST_SCATTER =
     0.001;  // pixels; below what a patch can tell; avoids division by 0
 
-// The normal equations of a similarity, the right side as the last column.
+// The normal equations of a similarity, with N = 6 of a shear as well; the right side as the last column.
+template <std::size_t N>
 struct Equations {
-    double m[4][5] = {};
+    double m[N][N + 1] = {};
 
     // Adds a displacement of (dx, dy) at (x, y), with a symmetric weight matrix.
-    void add(double x, double y, double dx, double dy, double wxx, double wxy, double wyy) {
-        const double in_x[4] = {x, -y, 1, 0};
-        const double in_y[4] = {y, x, 0, 1};
-        for (int i = 0; i < 4; ++i) {
+    void add(const Sighting& s, double line, double wxx, double wxy, double wyy) {
+        const double in_x[6] = {s.x, -s.y, 1, 0, line, 0};
+        const double in_y[6] = {s.y, s.x, 0, 1, 0, line};
+        for (std::size_t i = 0; i < N; ++i) {
             const double to_x = in_x[i] * wxx + in_y[i] * wxy;
             const double to_y = in_x[i] * wxy + in_y[i] * wyy;
-            for (int j = i; j < 4; ++j) {
+            for (std::size_t j = i; j < N; ++j) {
                 m[i][j] += to_x * in_x[j] + to_y * in_y[j];
             }
-            m[i][4] += to_x * dx + to_y * dy;
+            m[i][N] += to_x * s.dx + to_y * s.dy;
         }
     }
 
     // Adds a preference for a value of an unknown.
-    void prefer(int unknown, double value, double deviation) {
+    void prefer(std::size_t unknown, double value, double deviation) {
         const double weight = 1 / (deviation * deviation);
         m[unknown][unknown] += weight;
-        m[unknown][4] += weight * value;
-    }
-
-    bool solve(Similarity& s) {
-        double x[4];
-        if (!solve_positive(m, x)) {
-            return false;
-        }
-        s = {x[0], x[1], x[2], x[3]};
-        return true;
+        m[unknown][N] += weight * value;
     }
 };
 
-double squared_error(const Sighting& s, const Similarity& change) {
-    const double ex = s.dx - change.map_x(s.x, s.y);
-    const double ey = s.dy - change.map_y(s.x, s.y);
-    return ex * ex + ey * ey;
-}
-
-// The same where noise matters: across an edge in full, along it hardly at all.
+// The squared error where noise matters: across an edge in full, along it hardly at all.
 double seen_error(const Sighting& s, const Similarity& change) {
     constexpr double CERTAIN = 0.04;  // square pixels: a smaller variance is as good as none
     const double ex = s.dx - change.map_x(s.x, s.y);
@@ -157,11 +143,14 @@ double SimilarityConsensus::sample(const std::vector<Sighting>& sightings,
 // The variance, square pixels, of the displacements minus `change`, from the median of their squared
 // lengths (2 ln 2 variances, for Gaussian noise); negative when there are too few.
 double SimilarityConsensus::variance_of(const std::vector<Sighting>& sightings,
-                                        const Similarity& change, double gate) {
+                                        const Similarity& change, const LineShear& shear,
+                                        double gate) {
     errors_.clear();
     for (const Sighting& s : sightings) {
         if (s.counts && s.trust > 0) {
-            const double error = squared_error(s, change);
+            const double ex = shear.error_x(s, change);
+            const double ey = shear.error_y(s, change);
+            const double error = ex * ex + ey * ey;
             if (error < gate * gate) {
                 errors_.push_back(error);
             }
@@ -175,39 +164,57 @@ double SimilarityConsensus::variance_of(const std::vector<Sighting>& sightings,
     return std::max(LEAST_SCATTER * LEAST_SCATTER, *middle / (2 * std::log(2.0)));
 }
 
+// Fits the motion and, with N = 6, the shear to the sightings once, each weighed by how well it agreed before.
+template <std::size_t N>
+bool SimilarityConsensus::fit(std::vector<Sighting>& sightings, const Similarity& assumed,
+                              const Weighing& weighing, Similarity& change, LineShear& shear) {
+    Equations<N> equations;
+    equations.prefer(0, 1 - assumed.a, USUAL_ZOOM);
+    equations.prefer(1, -assumed.b, USUAL_TURN);
+    for (std::size_t i = 4; i < N; ++i) {
+        equations.prefer(i, 0, shear.deviation);
+    }
+    for (Sighting& s : sightings) {
+        s.agreement = 0;
+        const double ex = shear.error_x(s, change);
+        const double ey = shear.error_y(s, change);
+        if (!s.counts || !(s.trust > 0) || !(ex * ex + ey * ey < weighing.gate * weighing.gate)) {
+            continue;
+        }
+        const double vxx = weighing.variance + s.vxx;
+        const double vyy = weighing.variance + s.vyy;
+        const double determinant = vxx * vyy - s.vxy * s.vxy;
+        const double error = (vyy * ex * ex - 2 * s.vxy * ex * ey + vxx * ey * ey) / determinant;
+        const double part = 1 + error / weighing.softness;
+        s.agreement = 1 / (part * part);
+        const double share = s.trust * s.agreement / determinant;
+        equations.add(s, shear.line(s), share * vyy, -share * s.vxy, share * vxx);
+    }
+    double x[N];
+    if (!solve_positive(equations.m, x)) {
+        return false;
+    }
+    change = {x[0], x[1], x[2], x[3]};
+    if constexpr (N > 4) {
+        shear.x = x[4];
+        shear.y = x[5];
+    }
+    return true;
+}
+
 bool SimilarityConsensus::refine(std::vector<Sighting>& sightings, const Similarity& assumed,
                                  const ConsensusSettings& settings, Similarity& change,
-                                 double& scatter) {
-    const double gate = settings.gate;
+                                 LineShear& shear, double& scatter) {
     const double flat = settings.flat_scatter * settings.flat_scatter;
     for (int k = 0; k < REWEIGHTINGS; ++k) {
-        const double variance = variance_of(sightings, change, gate);
+        const double variance = variance_of(sightings, change, shear, settings.gate);
         if (variance < 0) {
             return false;
         }
         scatter = std::sqrt(variance);
-        const double softness = SOFTNESS * (1 + variance / flat);
-        Equations equations;
-        equations.prefer(0, 1 - assumed.a, USUAL_ZOOM);
-        equations.prefer(1, -assumed.b, USUAL_TURN);
-        for (Sighting& s : sightings) {
-            s.agreement = 0;
-            const double ex = s.dx - change.map_x(s.x, s.y);
-            const double ey = s.dy - change.map_y(s.x, s.y);
-            if (!s.counts || !(s.trust > 0) || !(ex * ex + ey * ey < gate * gate)) {
-                continue;
-            }
-            const double vxx = variance + s.vxx;
-            const double vyy = variance + s.vyy;
-            const double determinant = vxx * vyy - s.vxy * s.vxy;
-            const double error =
-                (vyy * ex * ex - 2 * s.vxy * ex * ey + vxx * ey * ey) / determinant;
-            const double part = 1 + error / softness;
-            s.agreement = 1 / (part * part);
-            const double share = s.trust * s.agreement / determinant;
-            equations.add(s.x, s.y, s.dx, s.dy, share * vyy, -share * s.vxy, share * vxx);
-        }
-        if (!equations.solve(change)) {
+        const Weighing weighing = {settings.gate, variance, SOFTNESS * (1 + variance / flat)};
+        if (!(shear.deviation > 0 ? fit<6>(sightings, assumed, weighing, change, shear)
+                                  : fit<4>(sightings, assumed, weighing, change, shear))) {
             return false;
         }
     }

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 #include "motion/similarity.h"
@@ -32,6 +33,22 @@ struct ConsensusSettings {
     double shortest_base;  // pixels between the sightings of a sample
 };
 
+// What a sensor that is read line by line adds to a motion: displacements that grow from line to line.
+struct LineShear {
+    bool by_columns = false;  // lines are columns, not rows
+    double deviation = 0;     // pixels per line that are usual; 0: there is none
+    double x = 0;             // pixels per line from the picture's middle, set by refine
+    double y = 0;
+
+    double line(const Sighting& s) const { return by_columns ? s.x : s.y; }
+    double error_x(const Sighting& s, const Similarity& change) const {
+        return s.dx - change.map_x(s.x, s.y) - x * line(s);
+    }
+    double error_y(const Sighting& s, const Similarity& change) const {
+        return s.dy - change.map_y(s.x, s.y) - y * line(s);
+    }
+};
+
 // The similarity on which most sightings agree, by weight.
 //
 // Samples of one sighting, for a shift, or two are drawn, and the model with the least truncated
@@ -51,12 +68,22 @@ class SimilarityConsensus {
     // Refines `change`, which is to be added to the motion `assumed` that the sightings are relative
     // to. Sets each sighting's agreement. False when there are too few.
     // `scatter` receives the standard deviation of what agrees, pixels.
+    // `shear` is fitted as well, if there may be any.
     bool refine(std::vector<Sighting>& sightings, const Similarity& assumed,
-                const ConsensusSettings& settings, Similarity& change, double& scatter);
+                const ConsensusSettings& settings, Similarity& change, LineShear& shear,
+                double& scatter);
 
   private:
+    struct Weighing {
+        double gate;      // pixels
+        double variance;  // of what agrees, square pixels
+        double softness;  // variances of an error with a weight of 1/4
+    };
+    template <std::size_t N>
+    static bool fit(std::vector<Sighting>& sightings, const Similarity& assumed,
+                    const Weighing& weighing, Similarity& change, LineShear& shear);
     double variance_of(const std::vector<Sighting>& sightings, const Similarity& change,
-                       double gate);
+                       const LineShear& shear, double gate);
 
     std::vector<double> errors_;  // scratch
 };

@@ -12,12 +12,11 @@ namespace videostabilizer {
 
 namespace {
 
-// Frames of the path before the one that is corrected, and up to the newest one: further ones do not matter
-// to the spline.
+// Frames of the path before the one that is corrected: further ones do not matter to the spline.
 constexpr std::int64_t PATH_BEFORE = 10;
-constexpr std::int64_t PATH_NEWEST = 16;
-// Steps after one that settle the path there.
-constexpr std::int64_t SETTLED = 5;
+// Steps after one that settle the path there: nearly, and for good.
+constexpr std::int64_t SETTLING = 2;
+constexpr std::int64_t SETTLED = 8;
 
 }  // namespace
 
@@ -33,10 +32,12 @@ SteadyPath::SteadyPath(const SteadyPathSettings& settings)
       width_(settings.width),
       height_(settings.height) {
     if (settings.rolling_shutter && settings.edge_guard) {
-        const int most_frames = settings.look_ahead + 1 + static_cast<int>(PATH_BEFORE + PATH_NEWEST);
+        const int kept_steps = std::max(settings.look_ahead, static_cast<int>(SETTLED)) + 1;
+        const int most_frames = kept_steps + static_cast<int>(PATH_BEFORE) + 1;
         shutter_.emplace(RollingShutterSettings{settings.width, settings.height,
                                                 settings.estimates_readout, settings.readout,
-                                                settings.columns, most_frames});
+                                                settings.columns, most_frames, kept_steps});
+        path_newest_ = kept_steps + PATH_BEFORE - 1;
         around_.reserve(static_cast<std::size_t>(most_frames));
     }
 }
@@ -61,13 +62,14 @@ void SteadyPath::lay_path(std::int64_t first, std::int64_t end) {
 // The newest step is fitted with what is known so far, and again when the path goes on after it.
 void SteadyPath::improve_steps(std::int64_t newest) {
     std::int64_t first = newest;
-    while (first > 0 && newest - first < PATH_NEWEST && !history_.is_cut(first - 1)) {
+    while (first > 0 && newest - first < path_newest_ && !history_.is_cut(first - 1)) {
         --first;
     }
     lay_path(first, newest + 2);
-    for (const std::int64_t age : {std::int64_t{0}, std::int64_t{2}, SETTLED}) {
-        const std::int64_t k = newest - age;
-        if (k < first || !history_.was_found(k)) {
+    const bool all = shutter_->take_change();
+    for (std::int64_t k = first; k <= newest; ++k) {
+        const std::int64_t age = newest - k;
+        if ((!all && age != 0 && age != SETTLING && age != SETTLED) || !history_.was_found(k)) {
             continue;
         }
         CameraPose step = history_.step(k);
@@ -78,6 +80,10 @@ void SteadyPath::improve_steps(std::int64_t newest) {
             }
         }
     }
+}
+
+double SteadyPath::expected_shear() const {
+    return shutter_ ? shutter_->usual_shear() / (has_columns() ? width_ : height_) : 0;
 }
 
 void SteadyPath::add_rows(PictureTransform& transform) const {

@@ -65,6 +65,10 @@ class SteadyPath {
     // Adds step k, one more than the last, and what it was found from.
     void add(std::int64_t k, const CameraStep& step, const std::vector<SeenPair>& pairs);
 
+    // What CameraMotion is to expect in the next picture, pixels per line; see expect_shear.
+    double expected_shear() const;
+    bool has_columns() const { return shutter_ && shutter_->by_columns(); }
+
     // Writes the correcting transform of frame n, before the crop. Frames come in order, each once;
     // `newest` is the newest that was added. `motions` and `logs` are the ring that the filter works
     // on; afterwards it holds the step to frame n as this correction used it.
@@ -93,6 +97,7 @@ class SteadyPath {
     std::vector<LineReach> reaches_;  // likewise
     int width_, height_;
     std::optional<RollingShutter> shutter_;
+    std::int64_t path_newest_ = 0;    // steps before the newest one that it is laid over
     std::vector<CameraPose> around_;  // scratch: poses that it lays its path over
     LineMotion lines_;                // of the frame that was corrected last
 };

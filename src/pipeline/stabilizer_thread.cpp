@@ -109,6 +109,7 @@ void estimate_motion(VideoStabilizer* s) {
 void find_camera_step(VideoStabilizer* s) {
     const Frame* const frame = s->ring_frames[slot_of(s, s->newest_frame)];
     const LumaPlane plane = luma(s, s->newest_frame, frame);
+    s->camera_motion->expect_shear(s->steady_path->expected_shear(), s->steady_path->has_columns());
     const CameraStep step = s->camera_motion->add(plane.data, plane.pitch);
     if (s->newest_frame == 0) {
         return;

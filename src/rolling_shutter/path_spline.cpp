@@ -9,9 +9,10 @@ namespace videostabilizer {
 
 namespace {
 
-constexpr std::size_t DEGREE = 7;
+constexpr std::size_t DEGREE = 11;
 // Of the spline's direct filter.
-constexpr double POLES[] = {-0.5352804307964414, -0.1225546151923267, -0.009148694809608277};
+constexpr double POLES[] = {-0.6612660689007345, -0.2721803492947859, -0.08975959979371328,
+                            -0.01666962736623466, -0.0005105575344465020};
 // Poses added at each end: what the filters begin with has faded to 5e-4 by then.
 constexpr std::size_t MARGIN = 12;
 

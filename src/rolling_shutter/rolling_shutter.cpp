@@ -20,11 +20,18 @@ constexpr double FLAT_SCATTER = 0.1;
 // Smaller readouts are looked at through this one: what a line is moved by is about proportional.
 constexpr double LEAST_READOUT = 0.1;
 
+// Until it is known: of the readout, and of the change from one step to the next, pixels of a picture of
+// 640.
+constexpr double UNKNOWN_READOUT = 0.5;
+constexpr double UNKNOWN_CHANGE = 4;
+constexpr double LEAST_CHANGE = 0.5;
+
 constexpr double SURE = 0.04;         // deviation of a readout that is used
 constexpr double UNSURE = 0.08;       // likewise, once it is in use
 constexpr double DISTINCT = 3;        // deviations from 0
 constexpr double NO_READOUT = 0.03;   // smaller ones are as good as none
-constexpr double FASTEST_CHANGE = 0.02;  // from picture to picture
+constexpr double NOTICEABLE_CHANGE = 0.03;
+constexpr double FASTEST_CHANGE = 0.1;  // from picture to picture
 constexpr double MORE_DISTINCT = 1.5;    // of the other axis
 
 }  // namespace
@@ -33,12 +40,12 @@ RollingShutter::RollingShutter(const RollingShutterSettings& settings)
     : settings_(settings),
       pixel_(std::max(settings.width, settings.height) / 640.0),
       spline_(static_cast<std::size_t>(settings.most_frames)),
+      kept_(static_cast<std::size_t>(settings.kept_steps)),
       columns_(settings.columns) {
     poses_.reserve(static_cast<std::size_t>(settings.most_frames));
-    for (std::vector<SeenPair>& pairs : pairs_) {
-        pairs.reserve(MOST_PAIRS);
+    for (Kept& kept : kept_) {
+        kept.pairs.reserve(MOST_PAIRS);
     }
-    kept_.fill(-1);
     sightings_.reserve(MOST_PAIRS);
     fitted_.reserve(MOST_PAIRS);
     if (!settings.automatic) {
@@ -47,10 +54,9 @@ RollingShutter::RollingShutter(const RollingShutterSettings& settings)
 }
 
 void RollingShutter::keep(std::int64_t k, const std::vector<SeenPair>& pairs) {
-    const auto slot = static_cast<std::size_t>(k % KEPT);
-    kept_[slot] = k;
-    pairs_[slot].assign(pairs.begin(),
-                        pairs.begin() + static_cast<std::ptrdiff_t>(std::min(pairs.size(), MOST_PAIRS)));
+    const auto count = static_cast<std::ptrdiff_t>(std::min(pairs.size(), MOST_PAIRS));
+    kept(k).step = k;
+    kept(k).pairs.assign(pairs.begin(), pairs.begin() + count);
 }
 
 void RollingShutter::lay_path(std::int64_t first, const CameraPose* poses, std::size_t count) {
@@ -74,6 +80,24 @@ Similarity RollingShutter::field_at(double time, std::size_t index, double reado
             pose.x / readout, pose.y / readout};
 }
 
+double RollingShutter::usual_shear() const {
+    double readout = std::abs(in_use_);
+    if (readout == 0 && settings_.automatic &&
+        (columns_ ? by_column_ : by_row_).deviation() > SURE) {
+        readout = UNKNOWN_READOUT;
+    }
+    if (count_ < 3) {
+        return readout * UNKNOWN_CHANGE * pixel_;
+    }
+    double square = 0;
+    for (std::size_t k = 1; k + 1 < count_; ++k) {
+        const double x = poses_[k + 1].x - 2 * poses_[k].x + poses_[k - 1].x;
+        const double y = poses_[k + 1].y - 2 * poses_[k].y + poses_[k - 1].y;
+        square += x * x + y * y;
+    }
+    return readout * (std::sqrt(square / static_cast<double>(count_ - 2)) + LEAST_CHANGE * pixel_);
+}
+
 LineMotion RollingShutter::unit_lines(std::int64_t picture) const {
     const double readout =
         std::copysign(std::max(std::abs(in_use_), LEAST_READOUT), in_use_);
@@ -92,15 +116,14 @@ LineMotion RollingShutter::lines_of(std::int64_t picture) const {
 }
 
 bool RollingShutter::refit(std::int64_t k, CameraPose& step) {
-    const auto slot = static_cast<std::size_t>(k % KEPT);
-    if (kept_[slot] != k || pairs_[slot].empty() || k < first_ ||
+    if (kept(k).step != k || kept(k).pairs.empty() || k < first_ ||
         k + 1 >= first_ + static_cast<std::int64_t>(count_)) {
         return false;
     }
     from_ = unit_lines(k);
     to_ = unit_lines(k + 1);
     sightings_.clear();
-    fitted_ = pairs_[slot];
+    fitted_ = kept(k).pairs;
     for (const SeenPair& pair : fitted_) {
         const double x = static_cast<double>(pair.x);
         const double y = static_cast<double>(pair.y);
@@ -122,7 +145,13 @@ bool RollingShutter::refit(std::int64_t k, CameraPose& step) {
     }
     change_ = similarity_of_step(step) - Similarity{1, 0, 0, 0};
     const ConsensusSettings settings = {0, GATE * pixel_, FLAT_SCATTER * pixel_, 0};
-    if (!consensus_.refine(sightings_, {1, 0, 0, 0}, settings, change_, scatter_)) {
+    // Until the readout is known, lines may be anywhere where one would have them.
+    LineShear shear;
+    shear.by_columns = columns_;
+    if (in_use_ == 0) {
+        shear.deviation = usual_shear() / (columns_ ? settings_.width : settings_.height);
+    }
+    if (!consensus_.refine(sightings_, {1, 0, 0, 0}, settings, change_, shear, scatter_)) {
         sightings_.clear();
         return false;
     }
@@ -213,6 +242,12 @@ void RollingShutter::choose() {
     sure_ = e.deviation() < enough && distinct(e) > DISTINCT && std::abs(e.readout()) > NO_READOUT;
     const double goal = sure_ ? e.readout() : 0;
     in_use_ += std::clamp(goal - in_use_, -FASTEST_CHANGE, FASTEST_CHANGE);
+}
+
+bool RollingShutter::take_change() {
+    const bool changed = std::abs(in_use_ - told_) > NOTICEABLE_CHANGE;
+    told_ = changed ? in_use_ : told_;
+    return changed;
 }
 
 void RollingShutter::begin_scene() {

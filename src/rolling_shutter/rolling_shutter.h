@@ -25,6 +25,7 @@ struct RollingShutterSettings {
                       // the last line comes first
     bool columns;     // lines are columns: the picture was turned
     int most_frames;  // that a path is laid over
+    int kept_steps;   // that can be fitted again when more is known
 };
 
 // A sensor that is read line by line. With the readout r, line u of picture k, from -1/2 to 1/2, is exposed
@@ -43,9 +44,6 @@ class RollingShutter {
   public:
     explicit RollingShutter(const RollingShutterSettings& settings);  // throws std::bad_alloc
 
-    // Steps kept, so that they can be fitted again when later ones are known.
-    static constexpr std::int64_t KEPT = 8;
-
     // Keeps what step k was found from.
     void keep(std::int64_t k, const std::vector<SeenPair>& pairs);
 
@@ -57,12 +55,18 @@ class RollingShutter {
     bool refit(std::int64_t k, CameraPose& step);
     // Learns the readout from the step that was fitted last. Once for each step.
     void learn();
+    // Whether the readout in use has changed so much that all steps are to be fitted again. Once.
+    bool take_change();
     // Pictures of another camera may follow.
     void begin_scene();
 
     double readout() const { return in_use_; }       // what pictures are corrected for; 0: nothing
     bool by_columns() const { return columns_; }
     double confidence() const;                       // 0..1
+
+    // How much further the last line of a picture may move than the middle one, beyond what the step says:
+    // what is usual along the path. 0 where it is known that there is no readout.
+    double usual_shear() const;
 
     // Where the camera was at the lines of a picture on the path, for the readout in use.
     LineMotion lines_of(std::int64_t picture) const;
@@ -73,7 +77,6 @@ class RollingShutter {
     double line_at(double x, double y, bool columns) const;
     Similarity field_at(double time, std::size_t index, double readout) const;
     LineMotion unit_lines(std::int64_t picture) const;
-    const std::vector<SeenPair>& pairs_of(std::int64_t k) const;
     ReadoutEvidence evidence_of(bool columns) const;
     void choose();
 
@@ -83,8 +86,12 @@ class RollingShutter {
     std::int64_t first_ = 0;  // picture of the path
     std::size_t count_ = 0;
     std::vector<CameraPose> poses_;
-    std::array<std::vector<SeenPair>, KEPT> pairs_;
-    std::array<std::int64_t, KEPT> kept_;  // their steps
+    struct Kept {
+        std::int64_t step = -1;
+        std::vector<SeenPair> pairs;
+    };
+    Kept& kept(std::int64_t k) { return kept_[static_cast<std::size_t>(k) % kept_.size()]; }
+    std::vector<Kept> kept_;  // a ring
     SimilarityConsensus consensus_;
 
     // Of the step that was fitted last.
@@ -98,6 +105,7 @@ class RollingShutter {
     bool columns_;
     bool sure_ = false;
     double in_use_ = 0;
+    double told_ = 0;  // that take_change has told of
 };
 
 }  // namespace videostabilizer
