@@ -166,6 +166,9 @@ VideoStabilizerOptions stabilizer_options(const Options& options) {
     }
     if (options.shutter == "off") {
         result.shutter = STABILIZER_SHUTTER_OFF;
+    } else if (options.shutter != "auto") {
+        result.shutter = STABILIZER_SHUTTER_ROWS;
+        result.readout = std::stof(options.shutter);
     }
     result.engine = STABILIZER_ENGINE_NATIVE;
     result.sampling = STABILIZER_SAMPLING_BILINEAR;  // nobody looks at the pictures
@@ -381,8 +384,9 @@ int run(int argc, char** argv) {
     app.add_option("--frames", options.frames, "Length of each clip")
         ->check(CLI::Range(60, 100000))
         ->capture_default_str();
-    app.add_option("--rolling-shutter", options.shutter, "auto or off")
-        ->check(CLI::IsMember({"auto", "off"}))
+    app.add_option("--rolling-shutter", options.shutter,
+                   "auto, off or the readout of rows, -1 to 1")
+        ->check(CLI::IsMember({"auto", "off"}) | CLI::Range(-1.0, 1.0))
         ->capture_default_str();
     app.add_flag("--csv", options.csv, "Print CSV, without a heading");
     app.add_flag("--steps", options.steps,

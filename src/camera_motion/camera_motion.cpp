@@ -48,6 +48,8 @@ constexpr double SITE_GATE = 2;  // of the cap
 constexpr double FINE_GATE = 1;
 // Pictures that are blurred differently agree better where they are small.
 constexpr double NO_WORSE = 1.5;  // scatter in a level, relative to that in the level before
+// What a rolling shutter makes scatter in all levels: of what it moves the outer lines by.
+constexpr double ROLLING_SCATTER = 0.2;
 
 // What is found.
 // A handheld camera turns by at most 0.03 radians from frame to frame, and zooms by 0.025 while walking.
@@ -150,6 +152,11 @@ CameraMotion::CameraMotion(int width, int height)
 void CameraMotion::expect_shear(double deviation, bool by_columns) {
     shear_.deviation = deviation;
     shear_.by_columns = by_columns;
+}
+
+double CameraMotion::rolling_scatter(std::size_t level) const {
+    const PictureCentre centre = later().centre(level);
+    return ROLLING_SCATTER * shear_.deviation * (shear_.by_columns ? centre.x : centre.y);
 }
 
 double CameraMotion::reach(const Similarity& field, std::size_t level) const {
@@ -468,7 +475,7 @@ CameraMotion::Estimate CameraMotion::follow_on(const Estimate& from) {
     const double most = LARGEST_CHANGE * std::max(finer, 2 * pixel);
     estimate.valid = is_enough(estimate.agreeing, taken) && 3 * estimate.agreeing >= taken &&
                      reach(change, FINEST) < most &&
-                     estimate.scatter < NO_WORSE * finer * from.scatter;
+                     estimate.scatter < NO_WORSE * finer * from.scatter + rolling_scatter(FINEST);
     return estimate;
 }
 
@@ -554,7 +561,8 @@ CameraStep CameraMotion::add(const unsigned char* luma, int pitch) {
     const Estimate sites = follow_best(coarse);
     const double finer = later().pixel(patch_level_) / later().pixel(site_level_);
     const bool by_sites = sites.valid && sites.support >= LEAST_SITE_SUPPORT &&
-                          sites.scatter < NO_WORSE * finer * coarse.scatter;
+                          sites.scatter < NO_WORSE * finer * coarse.scatter +
+                                              rolling_scatter(site_level_);
     Estimate fine;
     pairs_.clear();
     if (by_sites) {

@@ -89,6 +89,7 @@ class CameraMotion {
     void sum_up(Estimate& estimate) const;
     Estimate follow_on(const Estimate& from);
     double reach(const Similarity& field, std::size_t level) const;
+    double rolling_scatter(std::size_t level) const;
     void learn(const Estimate& sites);
     CameraStep describe(const Estimate& coarse, const Estimate& sites) const;
     void take(const Similarity& motion, std::size_t level, CameraStep& step) const;
