@@ -41,7 +41,7 @@ constexpr double CLOSE_ENOUGH = 0.02;  // pixels; measured
 constexpr double NOTICEABLE = 0.1;
 
 // The part of the crop margin that lines may be moved by; the rest is left to the path.
-constexpr double LINE_SHARE = 0.7;
+constexpr double LINE_SHARE = 0.9;
 
 // The part of `wanted` that is not more than `most`.
 double share_of(double wanted, double most) {

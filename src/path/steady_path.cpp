@@ -73,11 +73,14 @@ void SteadyPath::improve_steps(std::int64_t newest) {
             continue;
         }
         CameraPose step = history_.step(k);
-        if (shutter_->refit(k, step)) {
+        if (!shutter_->refit(k, step)) {
+            continue;
+        }
+        if (shutter_->readout() != 0 || all) {
             history_.improve(k, step);
-            if (age == SETTLED) {
-                shutter_->learn();
-            }
+        }
+        if (age == SETTLED) {
+            shutter_->learn();
         }
     }
 }

@@ -49,6 +49,7 @@ RollingShutter::RollingShutter(const RollingShutterSettings& settings)
     sightings_.reserve(MOST_PAIRS);
     fitted_.reserve(MOST_PAIRS);
     if (!settings.automatic) {
+        known_ = told_known_ = true;
         in_use_ = settings.readout;
     }
 }
@@ -82,8 +83,7 @@ Similarity RollingShutter::field_at(double time, std::size_t index, double reado
 
 double RollingShutter::usual_shear() const {
     double readout = std::abs(in_use_);
-    if (readout == 0 && settings_.automatic &&
-        (columns_ ? by_column_ : by_row_).deviation() > SURE) {
+    if (!known_) {
         readout = UNKNOWN_READOUT;
     }
     if (count_ < 3) {
@@ -148,7 +148,7 @@ bool RollingShutter::refit(std::int64_t k, CameraPose& step) {
     // Until the readout is known, lines may be anywhere where one would have them.
     LineShear shear;
     shear.by_columns = columns_;
-    if (in_use_ == 0) {
+    if (!known_) {
         shear.deviation = usual_shear() / (columns_ ? settings_.width : settings_.height);
     }
     if (!consensus_.refine(sightings_, {1, 0, 0, 0}, settings, change_, shear, scatter_)) {
@@ -238,15 +238,16 @@ void RollingShutter::choose() {
         columns_ = !columns_;
     }
     const ReadoutEstimator& e = columns_ ? by_column_ : by_row_;
-    const double enough = sure_ ? UNSURE : SURE;
-    sure_ = e.deviation() < enough && distinct(e) > DISTINCT && std::abs(e.readout()) > NO_READOUT;
-    const double goal = sure_ ? e.readout() : 0;
+    known_ = e.deviation() < (known_ ? UNSURE : SURE);
+    const bool distinct_from_0 = distinct(e) > DISTINCT && std::abs(e.readout()) > NO_READOUT;
+    const double goal = known_ && distinct_from_0 ? e.readout() : 0;
     in_use_ += std::clamp(goal - in_use_, -FASTEST_CHANGE, FASTEST_CHANGE);
 }
 
 bool RollingShutter::take_change() {
-    const bool changed = std::abs(in_use_ - told_) > NOTICEABLE_CHANGE;
+    const bool changed = std::abs(in_use_ - told_) > NOTICEABLE_CHANGE || (known_ && !told_known_);
     told_ = changed ? in_use_ : told_;
+    told_known_ = known_;
     return changed;
 }
 

@@ -55,7 +55,7 @@ class RollingShutter {
     bool refit(std::int64_t k, CameraPose& step);
     // Learns the readout from the step that was fitted last. Once for each step.
     void learn();
-    // Whether the readout in use has changed so much that all steps are to be fitted again. Once.
+    // Whether so much more is known of the readout that all steps are to be fitted again. Once.
     bool take_change();
     // Pictures of another camera may follow.
     void begin_scene();
@@ -103,9 +103,10 @@ class RollingShutter {
 
     ReadoutEstimator by_row_, by_column_;
     bool columns_;
-    bool sure_ = false;
+    bool known_ = false;  // the readout, be it 0
     double in_use_ = 0;
     double told_ = 0;  // that take_change has told of
+    bool told_known_ = false;  // likewise
 };
 
 }  // namespace videostabilizer
