@@ -217,6 +217,7 @@ struct RawOptions {
     std::vector<std::string> files;
     std::vector<std::string> input_options;
     std::string crop;  // a number or "auto"
+    std::string rolling_shutter;
     std::vector<std::string> encoder_options;
     std::string start;
     std::string duration;
@@ -268,6 +269,31 @@ void read_crop(const std::string& crop, Options& options) {
     }
 }
 
+// auto, off, a readout of rows, or columns=READOUT.
+void read_rolling_shutter(const std::string& text, Options& options) {
+    const std::string name = "--rolling-shutter";
+    const bool gives_readout = !text.empty() && text != "auto" && text != "off";
+    if (text == "off") {
+        options.rolling_shutter = text;
+    } else if (gives_readout) {
+        const std::string prefix = "columns=";
+        const bool columns = text.compare(0, prefix.size(), prefix) == 0;
+        const std::string number = columns ? text.substr(prefix.size()) : text;
+        const std::string fault = number_in(-1, 1)(number);
+        if (!fault.empty()) {
+            throw CLI::ValidationError(name, fault);
+        }
+        options.rolling_shutter = columns ? "columns" : "rows";
+        options.readout = std::stof(number);
+    }
+    if (gives_readout && options.strength == "gentle") {
+        throw CLI::ValidationError(name, "is not for gentle");
+    }
+    if (gives_readout && options.sampling == "stated") {
+        throw CLI::ValidationError(name, "is not for the stated sampling");
+    }
+}
+
 void add_steadiness(CLI::App& app, Options& options, RawOptions& raw) {
     const auto add = [&app](const char* name, auto& value, const char* description) {
         return app.add_option(name, value, description)->group("Steadiness");
@@ -291,6 +317,13 @@ void add_steadiness(CLI::App& app, Options& options, RawOptions& raw) {
         "as the shake allows, slowly changing")
         ->type_name("RATIO")
         ->check(number_in(0.5, 1, "auto"));
+    add("--rolling-shutter", raw.rolling_shutter,
+        "What is done about a sensor that is read line by line, so that pictures of a moving camera "
+        "are bent: auto (the default but for gentle): how long reading takes is found out, and each "
+        "line is put where it belongs; off; or the time from the first row to the last as a share of "
+        "that from frame to frame (-1 to 1, negative where the last row comes first), or with "
+        "columns=READOUT of columns, in pictures that were turned")
+        ->type_name("READOUT");
     add("--crop-least", options.crop_least, "The least that --crop auto shows (default: 0.65)")
         ->type_name("RATIO")
         ->check(number_in(0.5, 0.99));
@@ -474,6 +507,7 @@ std::optional<Options> parse_options(int argc, char** argv, int& status) {
         app.parse(argc, argv);
         read_texts(raw, options);
         read_crop(raw.crop, options);
+        read_rolling_shutter(raw.rolling_shutter, options);
         refuse_stated_opencl(options);
         check(options, raw.files);
     } catch (const CLI::ParseError& error) {

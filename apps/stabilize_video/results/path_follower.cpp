@@ -16,7 +16,7 @@ constexpr double DEGREES = 180 / 3.14159265358979323846;
 
 constexpr const char* HEADING =
     "frame,x,y,angle_deg,zoom,steady_x,steady_y,steady_angle_deg,steady_zoom,"
-    "inliers,points,track_ratio,status,crop\n";
+    "inliers,points,track_ratio,status,crop,readout,readout_confidence\n";
 
 }  // namespace
 
@@ -129,12 +129,13 @@ PathCsv::PathCsv(video_io::ByteSink& sink) : sink_(&sink) {
 void PathCsv::write(const FollowedFrame& point) {
     char line[512];
     const int length = std::snprintf(
-        line, sizeof line, "%d,%.4f,%.4f,%.6f,%.8f,%.4f,%.4f,%.6f,%.8f,%d,%d,%.4f,%d,%.6f\n",
+        line, sizeof line, "%d,%.4f,%.4f,%.6f,%.8f,%.4f,%.4f,%.6f,%.8f,%d,%d,%.4f,%d,%.6f,%.4f,%.4f\n",
         point.report.frame, point.shaky.x, point.shaky.y, point.shaky.angle * DEGREES,
         point.shaky.zoom, point.steady.x, point.steady.y, point.steady.angle * DEGREES,
         point.steady.zoom, point.log.ninliers, point.log.npoints,
         static_cast<double>(point.log.track_ratio), point.log.status,
-        static_cast<double>(point.report.crop));
+        static_cast<double>(point.report.crop), static_cast<double>(point.report.readout),
+        static_cast<double>(point.report.readout_confidence));
     sink_->write(reinterpret_cast<const unsigned char*>(line), static_cast<std::size_t>(length));
 }
 

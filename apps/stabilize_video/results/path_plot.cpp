@@ -66,6 +66,15 @@ struct Graph {
     double low, high;
 };
 
+// A panel of values beside the path, unless they are all the same.
+void add_if_changing(std::vector<Graph>& graphs, const char* label,
+                     const std::vector<double>& values) {
+    const auto [least, most] = std::minmax_element(values.begin(), values.end());
+    if (!values.empty() && *most > *least) {
+        graphs.push_back({label, {}, values, *least, *most});
+    }
+}
+
 std::vector<PLFLT> values(const std::vector<CameraView>& views, const Panel& panel) {
     std::vector<PLFLT> result;
     result.reserve(views.size());
@@ -100,6 +109,7 @@ void PathPlot::add(const FollowedFrame& point) {
     shaky_.push_back(point.shaky);
     steady_.push_back(point.steady);
     crops_.push_back(static_cast<double>(point.report.crop));
+    readouts_.push_back(static_cast<double>(point.report.readout));
 }
 
 bool PathPlot::knows(const std::string& path) {
@@ -130,21 +140,14 @@ std::vector<double> PathPlot::times() const {
     return times;
 }
 
-bool PathPlot::crop_changes() const {
-    const auto [least, most] = std::minmax_element(crops_.begin(), crops_.end());
-    return !crops_.empty() && *most > *least;
-}
-
 void PathPlot::draw_panels(const std::vector<double>& times) const {
     const double last = times.size() > 1 ? times.back() : 1;
     std::vector<Graph> graphs;
     for (const Panel& panel : PANELS) {
         graphs.push_back({panel.label, values(shaky_, panel), values(steady_, panel), 0, 0});
     }
-    if (crop_changes()) {
-        const auto [least, most] = std::minmax_element(crops_.begin(), crops_.end());
-        graphs.push_back({"shown part", {}, crops_, *least, *most});
-    }
+    add_if_changing(graphs, "shown part", crops_);
+    add_if_changing(graphs, "readout", readouts_);
     const auto count = static_cast<double>(graphs.size());
     const double height = (TOP - BOTTOM - (count - 1) * GAP) / count;
     double top = TOP;

@@ -35,7 +35,6 @@ class PathPlot {
 
   private:
     std::vector<double> times() const;
-    bool crop_changes() const;
     void draw_panels(const std::vector<double>& times) const;
     void draw_texts() const;
 
@@ -45,6 +44,7 @@ class PathPlot {
     std::vector<CameraView> shaky_;
     std::vector<CameraView> steady_;
     std::vector<double> crops_;
+    std::vector<double> readouts_;
 };
 
 }  // namespace apps

@@ -51,6 +51,8 @@ void ShakeReport::add(const FollowedFrame& point) noexcept {
     crops_ += crop;
     least_crop_ = std::min(least_crop_, crop);
     most_crop_ = std::max(most_crop_, crop);
+    unbent_ += std::abs(point.report.readout) > 0 ? 1 : 0;
+    last_ = point.report;
     ++frames_;
 }
 
@@ -222,6 +224,12 @@ void write_json(video_io::ByteSink& sink, const ShakeReport& report, const PathR
     shown.add("least", report.least_crop());
     shown.add("most", report.most_crop());
     json.add("crop_shown", shown);
+    JsonObject shutter(1);
+    shutter.add("readout", static_cast<double>(report.last().readout));
+    shutter.add("lines", report.last().columns != 0 ? "columns" : "rows");
+    shutter.add("confidence", static_cast<double>(report.last().readout_confidence));
+    shutter.add("frames", report.unbent());
+    json.add("rolling_shutter", shutter);
     json.add("mean_track_ratio", report.mean_track_ratio());
     json.add("failed_motions", report.failed_motions());
     json.add("repaired_motions", report.repaired());

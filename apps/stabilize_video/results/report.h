@@ -38,6 +38,9 @@ class ShakeReport {
     double mean_crop() const { return frames_ > 0 ? crops_ / static_cast<double>(frames_) : 1; }
     double least_crop() const { return least_crop_; }
     double most_crop() const { return frames_ > 0 ? most_crop_ : 1; }
+    // The rolling shutter as it was known at the end.
+    const videostabilizer::VideoStabilizerReport& last() const { return last_; }
+    std::int64_t unbent() const { return unbent_; }  // frames whose lines were moved
 
   private:
     struct Track {
@@ -59,6 +62,8 @@ class ShakeReport {
     double crops_ = 0;       // sum
     double least_crop_ = 1;  // part of the width and height that is shown
     double most_crop_ = 0;
+    std::int64_t unbent_ = 0;
+    videostabilizer::VideoStabilizerReport last_{};
     Track shaky_;
     Track steady_;
 };

@@ -186,6 +186,11 @@ constexpr std::pair<const char*, vs::VideoStabilizerSampling> SAMPLINGS[] = {
     {"bilinear", vs::STABILIZER_SAMPLING_BILINEAR},
     {"sharp", vs::STABILIZER_SAMPLING_SHARP},
 };
+constexpr std::pair<const char*, vs::VideoStabilizerShutter> SHUTTERS[] = {
+    {"off", vs::STABILIZER_SHUTTER_OFF},
+    {"rows", vs::STABILIZER_SHUTTER_ROWS},
+    {"columns", vs::STABILIZER_SHUTTER_COLUMNS},
+};
 
 // The stabilizer's options. For files, where delay does not matter, the look-ahead covers the whole
 // smoothing window, 2 sigma.
@@ -205,6 +210,8 @@ vs::VideoStabilizerOptions stabilizer_options(const Options& options, bool is_of
     result.auto_crop = options.auto_crop ? 1 : 0;
     result.crop_least = options.crop_least;
     result.crop_most = options.crop_most;
+    result.shutter = named(SHUTTERS, options.rolling_shutter, result.shutter);
+    result.readout = options.readout;
     result.engine = named(ENGINES, options.engine, vs::STABILIZER_ENGINE_NATIVE);
     result.sampling = named(SAMPLINGS, options.sampling, result.sampling);
     result.threads = options.threads;
