@@ -16,6 +16,7 @@ constexpr std::size_t MOST_PAIRS = 256;
 // Pixels of a picture of 640.
 constexpr double GATE = 1.5;
 constexpr double FLAT_SCATTER = 0.1;
+constexpr double DEPTH_SCATTER = 0.2;
 
 // Smaller readouts are looked at through this one: what a line is moved by is about proportional.
 constexpr double LEAST_READOUT = 0.1;
@@ -26,10 +27,14 @@ constexpr double UNKNOWN_READOUT = 0.5;
 constexpr double UNKNOWN_CHANGE = 4;
 constexpr double LEAST_CHANGE = 0.5;
 
-constexpr double SURE = 0.04;         // deviation of a readout that is used
-constexpr double UNSURE = 0.08;       // likewise, once it is in use
-constexpr double DISTINCT = 3;        // deviations from 0
-constexpr double NO_READOUT = 0.03;   // smaller ones are as good as none
+// A readout is used from so many of its deviations on, and as long as it has so many; it is known to be none
+// by its deviation.
+constexpr double DISTINCT = 6;
+constexpr double STILL_DISTINCT = 3;
+constexpr double FEW_STEPS = 20;  // tell of their deviation half of what it is
+constexpr double LARGEST_DEVIATION = 0.1;
+constexpr double NO_READOUT = 0.03;  // smaller ones are as good as none
+constexpr double SURE = 0.04;
 constexpr double NOTICEABLE_CHANGE = 0.03;
 constexpr double FASTEST_CHANGE = 0.1;  // from picture to picture
 constexpr double MORE_DISTINCT = 1.5;    // of the other axis
@@ -164,6 +169,9 @@ ReadoutEvidence RollingShutter::evidence_of(bool columns) const {
     constexpr std::size_t STEP = 4;
     constexpr std::size_t ALL = STEP + ReadoutEvidence::UNKNOWNS;
     double m[ALL][ALL + 1] = {};
+    // Depth in the scene bends a motion by some tenths of a pixel, however well places are seen.
+    const double least = DEPTH_SCATTER * pixel_;
+    const double variance = std::max(scatter_ * scatter_, least * least);
     for (std::size_t i = 0; i < sightings_.size(); ++i) {
         const Sighting& s = sightings_[i];
         if (!(s.agreement > 0)) {
@@ -187,8 +195,8 @@ ReadoutEvidence RollingShutter::evidence_of(bool columns) const {
         const double rest_y = s.dy - change_.map_y(s.x, s.y) + in_use_ * used[1];
         const double in_x[ALL + 1] = {s.x, -s.y, 1, 0, e[0], line * change_.c, 0, rest_x};
         const double in_y[ALL + 1] = {s.y, s.x, 0, 1, e[1], 0, line * change_.d, rest_y};
-        const double vxx = scatter_ * scatter_ + s.vxx;
-        const double vyy = scatter_ * scatter_ + s.vyy;
+        const double vxx = variance + s.vxx;
+        const double vyy = variance + s.vyy;
         const double determinant = vxx * vyy - s.vxy * s.vxy;
         const double share = s.trust * s.agreement / determinant;
         for (std::size_t r = 0; r < ALL; ++r) {
@@ -238,9 +246,14 @@ void RollingShutter::choose() {
         columns_ = !columns_;
     }
     const ReadoutEstimator& e = columns_ ? by_column_ : by_row_;
-    known_ = e.deviation() < (known_ ? UNSURE : SURE);
-    const bool distinct_from_0 = distinct(e) > DISTINCT && std::abs(e.readout()) > NO_READOUT;
-    const double goal = known_ && distinct_from_0 ? e.readout() : 0;
+    const double enough =
+        used_ ? STILL_DISTINCT : DISTINCT * (1 + FEW_STEPS / static_cast<double>(e.steps() + 1));
+    const bool usable = distinct(e) > enough &&
+                        e.deviation() < LARGEST_DEVIATION &&
+                        std::abs(e.readout()) > NO_READOUT;
+    used_ = usable;
+    known_ = usable || e.deviation() < SURE;
+    const double goal = usable ? e.readout() : 0;
     in_use_ += std::clamp(goal - in_use_, -FASTEST_CHANGE, FASTEST_CHANGE);
 }
 

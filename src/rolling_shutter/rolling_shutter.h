@@ -104,6 +104,7 @@ class RollingShutter {
     ReadoutEstimator by_row_, by_column_;
     bool columns_;
     bool known_ = false;  // the readout, be it 0
+    bool used_ = false;
     double in_use_ = 0;
     double told_ = 0;  // that take_change has told of
     bool told_known_ = false;  // likewise
