@@ -79,10 +79,11 @@ void SteadyPath::improve_steps(std::int64_t newest) {
         if (shutter_->readout() != 0 || all) {
             history_.improve(k, step);
         }
-        if (age == SETTLED) {
-            shutter_->learn();
+        if (age >= SETTLED) {
+            shutter_->learn(k);
         }
     }
+    shutter_->choose();
 }
 
 double SteadyPath::expected_shear() const {

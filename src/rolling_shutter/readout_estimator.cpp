@@ -23,10 +23,10 @@ constexpr std::size_t N = ReadoutEvidence::UNKNOWNS;
 
 ReadoutEstimator::ReadoutEstimator() : steps_(MEMORY) {}
 
-void ReadoutEstimator::add(const ReadoutEvidence& evidence) {
-    steps_[next_] = {evidence, 1};
-    next_ = (next_ + 1) % MEMORY;
-    count_ = std::min(count_ + 1, MEMORY);
+void ReadoutEstimator::add(std::int64_t k, const ReadoutEvidence& evidence) {
+    Step& step = steps_[static_cast<std::size_t>(k) % MEMORY];
+    count_ += step.weight > 0 ? 0 : 1;
+    step = {evidence, 1};
     solve();
 }
 
@@ -46,10 +46,10 @@ void ReadoutEstimator::solve() {
     for (std::size_t i = 1; i < N; ++i) {
         sum[i][i] = 1 / (USUAL_PARALLAX * USUAL_PARALLAX);
     }
-    for (std::size_t k = 0; k < count_; ++k) {
+    for (const Step& step : steps_) {
         for (std::size_t i = 0; i < N; ++i) {
             for (std::size_t j = i; j <= N; ++j) {
-                sum[i][j] += steps_[k].weight * steps_[k].evidence.m[i][j];
+                sum[i][j] += step.weight * step.evidence.m[i][j];
             }
         }
     }
@@ -65,8 +65,8 @@ void ReadoutEstimator::solve() {
         return;
     }
     double square = 0;
-    for (std::size_t k = 0; k < count_; ++k) {
-        const double(&m)[N][N + 1] = steps_[k].evidence.m;
+    for (const Step& step : steps_) {
+        const double(&m)[N][N + 1] = step.evidence.m;
         double influence = 0;
         for (std::size_t i = 0; i < N; ++i) {
             double score = m[i][N];
@@ -75,7 +75,7 @@ void ReadoutEstimator::solve() {
             }
             influence += inverse[i] * score;
         }
-        square += steps_[k].weight * steps_[k].weight * influence * influence;
+        square += step.weight * step.weight * influence * influence;
     }
     readout_ = std::clamp(x[0], -1.0, 1.0);
     deviation_ = std::min(std::sqrt(square), LARGEST_DEVIATION);

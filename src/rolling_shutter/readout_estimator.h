@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 namespace videostabilizer {
@@ -26,7 +27,8 @@ class ReadoutEstimator {
   public:
     ReadoutEstimator();  // throws std::bad_alloc
 
-    void add(const ReadoutEvidence& evidence);
+    // The evidence of step k; it replaces what was added for that step before.
+    void add(std::int64_t k, const ReadoutEvidence& evidence);
 
     // Another camera may follow: what was learned counts less.
     void begin_scene();
@@ -40,11 +42,10 @@ class ReadoutEstimator {
 
     struct Step {
         ReadoutEvidence evidence;
-        double weight;
+        double weight = 0;  // 0: there is none
     };
-    std::vector<Step> steps_;  // a ring
-    std::size_t next_ = 0;
-    std::size_t count_ = 0;
+    std::vector<Step> steps_;  // step k in slot k mod size
+    std::size_t count_ = 0;    // of those with evidence
     double readout_ = 0;
     double deviation_ = 1;
 };

@@ -227,17 +227,18 @@ ReadoutEvidence RollingShutter::evidence_of(bool columns) const {
     return evidence;
 }
 
-void RollingShutter::learn() {
+void RollingShutter::learn(std::int64_t k) {
     if (!settings_.automatic || sightings_.empty()) {
         return;
     }
-    by_row_.add(evidence_of(false));
-    by_column_.add(evidence_of(true));
-    choose();
+    by_row_.add(k, evidence_of(false));
+    by_column_.add(k, evidence_of(true));
 }
 
-// What is used follows what is known.
 void RollingShutter::choose() {
+    if (!settings_.automatic) {
+        return;
+    }
     const auto distinct = [](const ReadoutEstimator& e) {
         return std::abs(e.readout()) / e.deviation();
     };

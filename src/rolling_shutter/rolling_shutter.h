@@ -53,8 +53,10 @@ class RollingShutter {
     // Fits step k, which is `step` as far as is known, along the path. False if it was found from nothing
     // that was kept.
     bool refit(std::int64_t k, CameraPose& step);
-    // Learns the readout from the step that was fitted last. Once for each step.
-    void learn();
+    // Learns the readout from step k, which was fitted last, in place of what was learned from it before.
+    void learn(std::int64_t k);
+    // What is used from now on follows what has been learned.
+    void choose();
     // Whether so much more is known of the readout that all steps are to be fitted again. Once.
     bool take_change();
     // Pictures of another camera may follow.
@@ -78,7 +80,6 @@ class RollingShutter {
     Similarity field_at(double time, std::size_t index, double readout) const;
     LineMotion unit_lines(std::int64_t picture) const;
     ReadoutEvidence evidence_of(bool columns) const;
-    void choose();
 
     RollingShutterSettings settings_;
     double pixel_;  // of a picture of 640
