@@ -17,6 +17,10 @@ struct SampleFormat {
     int shift = 0;
     int channels = 1;  // 1 or 2
 };
+inline bool same_format(const SampleFormat& a, const SampleFormat& b) {
+    return a.bytes == b.bytes && a.depth == b.depth && a.shift == b.shift &&
+           a.channels == b.channels;
+}
 
 // Intermediate samples, between the two passes, are relative to the middle of the range and have as
 // many bits below the unit as 16 bits leave room for, with as much range again for overshoots (at

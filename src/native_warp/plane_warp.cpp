@@ -25,8 +25,15 @@ constexpr double FARTHEST = 1e6;  // samples
 // How many rows before their turn rows are fetched into the cache; measured.
 constexpr int ROWS_AHEAD = 12;
 
-// Steps that differ by no more have one table: within half a block this is half of 1/1024 sample.
-constexpr double SAME_STEP = 1.0 / 16384;
+// Where rows have different transforms, their steps are rounded to this, to have the same tables: at the ends
+// of a block that is off by 1/256 sample at most.
+constexpr double SHARED_STEP = 1.0 / 1024;
+constexpr double LEVEL_ROWS = 16;
+constexpr std::size_t MOST_TABLES = 24;  // kept; more if one picture needs them
+
+double shared(double step) {
+    return SHARED_STEP * std::round(step / SHARED_STEP);
+}
 
 std::int64_t fixed_point(double position) {
     // To the nearest; half away from 0 like std::llround, which is a call that costs more than all else.
@@ -131,6 +138,7 @@ void PlaneWarp::prepare(const PlaneShape& shape, const WarpMap& map, ResamplingK
 void PlaneWarp::make_intervals() {
     constexpr double ENDLESS = std::numeric_limits<double>::infinity();
     const std::vector<Affine2>& transforms = map_.transforms;
+    intervals_per_row_ = 1 / map_.rows_apart;
     intervals_.clear();
     double begin = -ENDLESS;
     for (std::size_t k = 0; k <= transforms.size(); ++k) {
@@ -139,7 +147,7 @@ void PlaneWarp::make_intervals() {
         const double end = k == transforms.size()
                                ? ENDLESS
                                : map_.first_row + static_cast<double>(k) * map_.rows_apart;
-        Interval interval{begin, end, 0, p, {0, 0, 0, 0, 0, 0}};
+        Interval interval{begin, end, 0, true, p, {0, 0, 0, 0, 0, 0}};
         if (k > 0 && k < transforms.size()) {
             const auto element = [&](double Affine2::*e) {
                 interval.per_row.*e = (q.*e - p.*e) / map_.rows_apart;
@@ -150,6 +158,7 @@ void PlaneWarp::make_intervals() {
                 element(e);
             }
         }
+        interval.is_linear = !(std::abs(interval.per_row.e) > 0);
         intervals_.push_back(interval);
         begin = end;
     }
@@ -167,23 +176,14 @@ void PlaneWarp::make_tables() {
     for (std::size_t k = 0; k < count; ++k) {
         const Affine2 t = interval_middle(k);
         const double step = t.a - t.b * t.d / t.e;
-        if (table_count_ == 0 || std::abs(step - tables_[table_count_ - 1].step) > SAME_STEP ||
-            std::abs(t.d - tables_[table_count_ - 1].slope) > SAME_STEP) {
-            if (++table_count_ > tables_.size()) {
-                tables_.emplace_back();
-            }
-            Tables& tables = tables_[table_count_ - 1];
-            tables.step = step;
-            tables.slope = t.d;
-            tables.across.make(shape_.format, *x_kernel_, tables.step);
-            tables.down.make(shape_.format, *y_kernel_, tables.slope);
-            const int rows = tables.down.end - tables.down.begin +
-                             static_cast<int>(steepest * strip_width) + SPARE_ROWS;
-            most = std::max(most, rows);
-        }
-        intervals_[k + 1].table = table_count_ - 1;
+        const std::size_t table =
+            count == 1 ? make_table(step, t.d) : make_table(shared(step), shared(t.d));
+        intervals_[k + 1].table = table;
+        const DownTable& down = tables_[table].down;
+        most = std::max(most, down.end - down.begin + static_cast<int>(steepest * strip_width) +
+                                  SPARE_ROWS);
     }
-    intervals_.back().table = table_count_ - 1;
+    intervals_.back().table = intervals_[intervals_.size() - 2].table;
     int ring = 16;
     while (ring < most) {
         ring *= 2;
@@ -191,8 +191,40 @@ void PlaneWarp::make_tables() {
     row_mask_ = ring - 1;
 }
 
+// The index of the tables of a step and a slope. Those of earlier frames are kept behind the ones in use, as
+// long as there is room: rows of one picture, and pictures one after the other, need the same few.
+std::size_t PlaneWarp::make_table(double step, double slope) {
+    const auto is_it = [&](const Tables& t) {
+        return !(t.step < step || t.step > step || t.slope < slope || t.slope > slope) &&
+               t.kernels[0] == x_kernel_ && t.kernels[1] == y_kernel_ &&
+               same_format(t.format, shape_.format);
+    };
+    const auto used = static_cast<std::ptrdiff_t>(table_count_);
+    const auto found = std::find_if(tables_.begin(), tables_.end(), is_it);
+    if (found != tables_.end() && found < tables_.begin() + used) {
+        return static_cast<std::size_t>(found - tables_.begin());
+    }
+    if (found != tables_.end()) {
+        std::swap(*found, tables_[table_count_]);
+        return table_count_++;
+    }
+    if (tables_.size() <= table_count_ ||
+        (map_.transforms.size() > 1 && tables_.size() < MOST_TABLES)) {
+        tables_.emplace_back();
+        std::swap(tables_.back(), tables_[table_count_]);
+    }
+    Tables& tables = tables_[table_count_];
+    tables.step = step;
+    tables.slope = slope;
+    tables.kernels = {x_kernel_, y_kernel_};
+    tables.format = shape_.format;
+    tables.across.make(shape_.format, *x_kernel_, step);
+    tables.down.make(shape_.format, *y_kernel_, slope);
+    return table_count_++;
+}
+
 const PlaneWarp::Interval& PlaneWarp::interval_at(double row) const {
-    const double place = std::floor((row - map_.first_row) / map_.rows_apart) + 1;
+    const double place = (row - map_.first_row) * intervals_per_row_ + 1;
     return intervals_[static_cast<std::size_t>(
         std::clamp(place, 0.0, static_cast<double>(intervals_.size() - 1)))];
 }
@@ -206,6 +238,11 @@ double PlaneWarp::Interval::source_column(double x, double y) const {
     return (from.a + per_row.a * y) * x + (from.b + per_row.b * y) * y + from.c + per_row.c * y;
 }
 
+// Source rows from one column of an output row to the next.
+double PlaneWarp::Interval::across(double y) const {
+    return from.d + per_row.d * y;
+}
+
 // Source rows from one output row to the next. two_passes_do keeps it from 0 within the picture.
 double PlaneWarp::Interval::going_down(double x, double y) const {
     return std::max(per_row.d * x + from.e + 2 * per_row.e * y + per_row.f, SMALLEST_STEP / 4);
@@ -214,7 +251,8 @@ double PlaneWarp::Interval::going_down(double x, double y) const {
 // Newton's method, from a row that is near.
 void PlaneWarp::find_crossing(double x, double source_row, Crossing& crossing) const {
     constexpr int MOST_STEPS = 6;
-    constexpr double NEAR_ENOUGH = 1e-4;  // the next step ends nearer than its square
+    // Rows. The next step ends nearer by as much as transforms of neighbouring intervals differ: a thousandth.
+    constexpr double NEAR_ENOUGH = 0.05;
     double change = 1;
     for (int i = 0; i < MOST_STEPS && std::abs(change) > NEAR_ENOUGH; ++i) {
         const Interval& interval = *crossing.interval;
@@ -223,6 +261,8 @@ void PlaneWarp::find_crossing(double x, double source_row, Crossing& crossing) c
         crossing.row += change;
         if (!interval.has(crossing.row)) {
             crossing.interval = &interval_at(crossing.row);
+        } else if (interval.is_linear) {
+            return;
         }
     }
 }
@@ -241,39 +281,48 @@ std::int64_t PlaneWarp::place_evenly(int source_row, int strip, std::int64_t& st
 }
 
 void PlaneWarp::place_across(int source_row, int strip, int blocks, Placement* placements) const {
+    // Positions are linear over a strip, or half of one, of which a row of the source comes from hardly more
+    // rows of the output than have the same transform.
+    const int span = std::abs(middle_.d) * STRIP_BLOCKS * block_width() < LEVEL_ROWS
+                         ? STRIP_BLOCKS
+                         : STRIP_BLOCKS / 2;
     const double to_middle = 0.5 * (block_width() - 1);
-    const double x = middle_of_first_block(strip);
-    const double top = (source_row - middle_.d * x - middle_.f) / middle_.e;
-    Crossing left{&interval_at(top), top};
-    find_crossing(x, source_row, left);
-    Crossing right = left;
-    find_crossing(x + (STRIP_BLOCKS - 1) * block_width(), source_row, right);
-    const double slope = (right.row - left.row) / (STRIP_BLOCKS - 1);
-    for (int block = 0; block < blocks; ++block) {
-        const double middle = x + block * block_width();
-        const double near = left.row + block * slope;
-        Crossing crossing{left.interval, near};
-        if (left.interval == right.interval) {
-            crossing.row += (source_row - left.interval->source_row(middle, near)) /
-                            left.interval->going_down(middle, near);
-        } else {
-            crossing.interval = &interval_at(near);
-            find_crossing(middle, source_row, crossing);
-        }
+    const double top =
+        (source_row - middle_.d * middle_of_first_block(strip) - middle_.f) / middle_.e;
+    Crossing crossing{&interval_at(top), top};
+    double x = middle_of_first_block(strip);
+    find_crossing(x, source_row, crossing);
+    double column = crossing.interval->source_column(x, crossing.row);
+    for (int first = 0; first < blocks; first += span) {
         const std::size_t table = crossing.interval->table;
-        placements[block] = {table,
-                             fixed_point(crossing.interval->source_column(middle, crossing.row) -
-                                         tables_[table].step * to_middle)};
+        const double before = column;
+        const double moved = span * block_width();
+        crossing.row -= moved * crossing.interval->across(crossing.row) /
+                        crossing.interval->going_down(x, crossing.row);
+        x += moved;
+        find_crossing(x, source_row, crossing);
+        column = crossing.interval->source_column(x, crossing.row);
+        const std::int64_t step = fixed_point((column - before) / span);
+        std::int64_t position = fixed_point(before - tables_[table].step * to_middle);
+        for (int k = first; k < std::min(first + span, blocks); ++k) {
+            placements[k] = {table, position};
+            position += step;
+        }
     }
 }
 
 PlaneWarp::Placement PlaneWarp::place_down(int row, int strip, std::int64_t& step) const {
-    const Affine2 t = evenly_spaced() ? middle_ : map_.at(row);
-    const std::size_t table = evenly_spaced() ? 0 : interval_at(row).table;
     const double to_middle = 0.5 * (block_width() - 1);
-    step = fixed_point(t.d * block_width());
-    return {table, fixed_point(t.d * middle_of_first_block(strip) + t.e * row + t.f -
-                               tables_[table].slope * to_middle)};
+    const double x = middle_of_first_block(strip);
+    if (evenly_spaced()) {
+        step = fixed_point(middle_.d * block_width());
+        return {0, fixed_point(middle_.d * x + middle_.e * row + middle_.f -
+                               tables_[0].slope * to_middle)};
+    }
+    const Interval& interval = interval_at(row);
+    step = fixed_point(interval.across(row) * block_width());
+    return {interval.table, fixed_point(interval.source_row(x, row) -
+                                        tables_[interval.table].slope * to_middle)};
 }
 
 // A strip of the output while it is computed from top to bottom. Runs are kept from row to row, since

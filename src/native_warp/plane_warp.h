@@ -99,8 +99,12 @@ class PlaneWarp {
         double slope = 0;  // see DownTable::make
         AcrossTable across;
         DownTable down;
+        // What they were made for.
+        std::array<const ResamplingWeights*, 2> kernels{};
+        SampleFormat format;
     };
-    // One for each interval between two transforms, or for several that hardly differ.
+    // One for each interval between two transforms, or for several that hardly differ; those in use come
+    // first.
     std::size_t table_count() const { return table_count_; }
     const Tables& table(std::size_t index) const { return tables_[index]; }
 
@@ -133,12 +137,14 @@ class PlaneWarp {
         double begin;
         double end;
         std::size_t table;
+        bool is_linear;  // source rows are linear in output rows
         Affine2 from;
         Affine2 per_row;
 
         bool has(double row) const { return row >= begin && row < end; }
         double source_row(double x, double y) const;
         double source_column(double x, double y) const;
+        double across(double y) const;
         double going_down(double x, double y) const;
     };
     // Where a column shows a row of the source.
@@ -148,6 +154,7 @@ class PlaneWarp {
     };
 
     void make_tables();
+    std::size_t make_table(double step, double slope);
     void make_intervals();
     const Interval& interval_at(double row) const;
     void find_crossing(double x, double source_row, Crossing& crossing) const;
@@ -164,6 +171,7 @@ class PlaneWarp {
     std::vector<Tables> tables_;
     std::size_t table_count_ = 0;
     std::vector<Interval> intervals_;  // between two transforms, with the rows before and after all
+    double intervals_per_row_ = 1;
     const ResamplingWeights* x_kernel_ = nullptr;
     const ResamplingWeights* y_kernel_ = nullptr;
 };
