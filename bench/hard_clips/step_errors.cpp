@@ -338,25 +338,27 @@ Result measure(const synthetic::ShakyClip& clip, const synthetic::ClipSettings& 
     const auto after_two_seconds = static_cast<std::size_t>(2 * camera.fps);
     const std::size_t delay = static_cast<std::size_t>(stream.reports[0].look_ahead);
     const auto readout_of = [&](std::size_t frame) {
-        return static_cast<double>(stream.reports[std::min(frame, stream.reports.size() - 1)].readout);
+        return static_cast<double>(
+            stream.reports[std::min(frame, stream.reports.size() - 1)].readout);
     };
     result.early_readout = readout_of(after_two_seconds - std::min(after_two_seconds, delay));
     result.readout = readout_of(stream.reports.size() - 1);
-    result.lines_db = lines_reduction(clip, clip_settings.shutter, stream.reports, after_two_seconds);
+    result.lines_db =
+        lines_reduction(clip, clip_settings.shutter, stream.reports, after_two_seconds);
     return result;
 }
 
 void print(const std::string& name, const Result& r, bool csv) {
     if (csv) {
-        std::printf("\"%s\",%d,%d,%.3f,%.3f,%.3f,%d,%.4f,%.4f,%.2f,%.2f,%.2f,%.2f,%.3f,%.3f,%.1f\n", name.c_str(),
-                    r.not_found, r.off, r.high, r.worst, r.bridged, r.cuts, r.mean_crop,
-                    r.least_crop, r.db.jitter, r.db.rotation, r.db.fast, r.db.shake, r.early_readout,
-                    r.readout, r.lines_db);
+        std::printf("\"%s\",%d,%d,%.3f,%.3f,%.3f,%d,%.4f,%.4f,%.2f,%.2f,%.2f,%.2f,%.3f,%.3f,%.1f\n",
+                    name.c_str(), r.not_found, r.off, r.high, r.worst, r.bridged, r.cuts,
+                    r.mean_crop, r.least_crop, r.db.jitter, r.db.rotation, r.db.fast, r.db.shake,
+                    r.early_readout, r.readout, r.lines_db);
     } else {
-        std::printf("%-32s%6d%6d%9.3f%9.2f%9.2f%6d%7.3f%7.3f%8.1f%8.1f%8.1f%8.1f%8.3f%8.3f%8.1f\n", name.c_str(),
-                    r.not_found, r.off, r.high, r.worst, r.bridged, r.cuts, r.mean_crop,
-                    r.least_crop, r.db.jitter, r.db.rotation, r.db.fast, r.db.shake, r.early_readout,
-                    r.readout, r.lines_db);
+        std::printf("%-32s%6d%6d%9.3f%9.2f%9.2f%6d%7.3f%7.3f%8.1f%8.1f%8.1f%8.1f%8.3f%8.3f%8.1f\n",
+                    name.c_str(), r.not_found, r.off, r.high, r.worst, r.bridged, r.cuts,
+                    r.mean_crop, r.least_crop, r.db.jitter, r.db.rotation, r.db.fast, r.db.shake,
+                    r.early_readout, r.readout, r.lines_db);
     }
     std::fflush(stdout);
 }
@@ -369,7 +371,8 @@ int run(int argc, char** argv) {
         "picture, the 95th percentile and the largest error there in pixels; the largest of those\n"
         "that were bridged; scene cuts, of which there are none; the mean and least crop; and the\n"
         "reduction of jitter, rotation, fast jitter and change of speed against the true path, "
-        "dB;\nthe readout of the sensor in use after two seconds and in the end, and the reduction of "
+        "dB;\nthe readout of the sensor in use after two seconds and in the end, and the reduction "
+        "of "
         "the\nmotion of the outer lines against each other after two seconds, dB."};
     app.add_option("NAMES", options.names, "Clips of the file; without names: all of them");
     app.add_option("--file", options.file, "Names and options of clips")->capture_default_str();
@@ -393,9 +396,9 @@ int run(int argc, char** argv) {
                  "Also print the steps not found, and those that are off");
     CLI11_PARSE(app, argc, argv);
     if (!options.csv) {
-        std::printf("%-32s%6s%6s%9s%9s%9s%6s%7s%7s%8s%8s%8s%8s%8s%8s%8s\n", "", "lost", "off", "95 %",
-                    "worst", "bridged", "cuts", "crop", "least", "jitter", "rot", "fast", "shake", "at 2 s",
-                    "readout", "lines");
+        std::printf("%-32s%6s%6s%9s%9s%9s%6s%7s%7s%8s%8s%8s%8s%8s%8s%8s\n", "", "lost", "off",
+                    "95 %", "worst", "bridged", "cuts", "crop", "least", "jitter", "rot", "fast",
+                    "shake", "at 2 s", "readout", "lines");
     }
     for (const NamedClip& named : read_clips(options)) {
         const synthetic::ClipSettings settings = parse_clip(named.options);

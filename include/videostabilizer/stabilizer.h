@@ -37,9 +37,9 @@
 
 namespace videostabilizer {
 
-class PictureStage;  // internal
-class CameraMotion;  // internal
-class SteadyPath;    // internal
+class PictureStage;       // internal
+class CameraMotion;       // internal
+class SteadyPath;         // internal
 struct PictureTransform;  // internal
 
 // The host's allocator of output frames; used only when in_place is 0.
@@ -61,7 +61,7 @@ struct VideoStabilizerReport {
     std::int32_t repaired;     // 1: the motion from the previous frame was interpolated
     std::int32_t scene_start;  // 1: first frame after a scene cut
     float crop;                // 0.5..1: part of the width and height that is shown
-    float readout;             // -1..1: see VideoStabilizerOptions; 0: the frame has no correction of lines
+    float readout;  // -1..1: see VideoStabilizerOptions; 0: the frame has no correction of lines
     float readout_confidence;  // 0..1; 1 where it is given
     std::int32_t columns;      // 1: lines are columns
     // Pixels that the middle of the first and of the last line is moved by against that of the picture.

@@ -63,8 +63,8 @@ struct VideoStabilizerOptions {
     std::int32_t auto_crop;
     float crop_least;  // 0.5..0.99: bounds of that part of the width and height, or 0 for 0.65 and
     float crop_most;   // 0.95; 0
-    // Each line is shown as if the whole picture had been taken in one moment. Needs edge_guard, and not the
-    // stated sampling; off.
+    // Each line is shown as if the whole picture had been taken in one moment. Needs edge_guard, and
+    // another sampling than the stated one; without them auto does nothing; off.
     VideoStabilizerShutter shutter;
     // -1..1: from the first line to the last, share of the frame interval; negative where the last line
     // comes first; 0. Read with rows and columns only.

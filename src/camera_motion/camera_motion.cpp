@@ -560,9 +560,9 @@ CameraStep CameraMotion::add(const unsigned char* luma, int pitch) {
     Estimate coarse;
     const Estimate sites = follow_best(coarse);
     const double finer = later().pixel(patch_level_) / later().pixel(site_level_);
-    const bool by_sites = sites.valid && sites.support >= LEAST_SITE_SUPPORT &&
-                          sites.scatter < NO_WORSE * finer * coarse.scatter +
-                                              rolling_scatter(site_level_);
+    const bool by_sites =
+        sites.valid && sites.support >= LEAST_SITE_SUPPORT &&
+        sites.scatter < NO_WORSE * finer * coarse.scatter + rolling_scatter(site_level_);
     Estimate fine;
     pairs_.clear();
     if (by_sites) {

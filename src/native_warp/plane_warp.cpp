@@ -180,8 +180,8 @@ void PlaneWarp::make_tables() {
             count == 1 ? make_table(step, t.d) : make_table(shared(step), shared(t.d));
         intervals_[k + 1].table = table;
         const DownTable& down = tables_[table].down;
-        most = std::max(most, down.end - down.begin + static_cast<int>(steepest * strip_width) +
-                                  SPARE_ROWS);
+        most = std::max(
+            most, down.end - down.begin + static_cast<int>(steepest * strip_width) + SPARE_ROWS);
     }
     intervals_.back().table = intervals_[intervals_.size() - 2].table;
     int ring = 16;
@@ -321,8 +321,8 @@ PlaneWarp::Placement PlaneWarp::place_down(int row, int strip, std::int64_t& ste
     }
     const Interval& interval = interval_at(row);
     step = fixed_point(interval.across(row) * block_width());
-    return {interval.table, fixed_point(interval.source_row(x, row) -
-                                        tables_[interval.table].slope * to_middle)};
+    return {interval.table,
+            fixed_point(interval.source_row(x, row) - tables_[interval.table].slope * to_middle)};
 }
 
 // A strip of the output while it is computed from top to bottom. Runs are kept from row to row, since

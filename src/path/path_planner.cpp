@@ -76,6 +76,7 @@ PathPlanner::PathPlanner(const PathPlannerSettings& settings)
         list->resize(longest);
     }
     limits_.resize(longest);
+    lines_.resize(longest);
     if (settings.crop_most > 0) {
         crop_planner_.emplace(settings.crop_least, settings.crop_most, settings.look_ahead);
     } else {
@@ -224,7 +225,7 @@ void PathPlanner::plan_zoom(const CameraPose* camera, std::size_t count) {
 }
 
 // From the path without limits, in free_.
-void PathPlanner::plan_crop(const CameraPose* camera, const LineReach* lines, std::size_t count) {
+void PathPlanner::plan_crop(const CameraPose* camera, std::size_t count) {
     for (std::size_t k = 0; k < count; ++k) {
         const double cosine = std::cos(camera[k].angle);
         const double sine = std::sin(camera[k].angle);
@@ -235,16 +236,16 @@ void PathPlanner::plan_crop(const CameraPose* camera, const LineReach* lines, st
         const double turn = std::abs(off.turn) / turn_lever_;
         // The limits of set_limits, solved for the part that is shown.
         const double across =
-            (half_width_ - SAFETY - x - lines[k].x) / (half_width_ + half_height_ * turn);
+            (half_width_ - SAFETY - x - lines_[k].x) / (half_width_ + half_height_ * turn);
         const double down =
-            (half_height_ - SAFETY - y - lines[k].y) / (half_height_ + half_width_ * turn);
+            (half_height_ - SAFETY - y - lines_[k].y) / (half_height_ + half_width_ * turn);
         crop_[k] = std::min(across, down) * std::exp(zoom_[k] - camera[k].zoom);
     }
     const std::vector<double>& plan = crop_planner_->plan(crop_, count);
     std::copy_n(plan.begin(), count, crop_.begin());
 }
 
-void PathPlanner::set_limits(const CameraPose* camera, const LineReach* lines, std::size_t count) {
+void PathPlanner::set_limits(const CameraPose* camera, std::size_t count) {
     for (std::size_t k = 0; k < count; ++k) {
         // Source pixels per output pixel, and per pixel of the planned frame. A steady picture
         // rotated by t needs half (width cos t + height sin t) horizontally; with cos t <= 1 and
@@ -256,10 +257,10 @@ void PathPlanner::set_limits(const CameraPose* camera, const LineReach* lines, s
         limits.sine = std::sin(camera[k].angle);
         const double room_x = std::max(0.0, half_width_ * (1 - shown) - SAFETY);
         const double room_y = std::max(0.0, half_height_ * (1 - shown) - SAFETY);
-        limits.line_share = std::min(share_of(lines[k].x, LINE_SHARE * room_x),
-                                     share_of(lines[k].y, LINE_SHARE * room_y));
-        limits.room_x = scale * (room_x - limits.line_share * lines[k].x);
-        limits.room_y = scale * (room_y - limits.line_share * lines[k].y);
+        limits.line_share = std::min(share_of(lines_[k].x, LINE_SHARE * room_x),
+                                     share_of(lines_[k].y, LINE_SHARE * room_y));
+        limits.room_x = scale * (room_x - limits.line_share * lines_[k].x);
+        limits.room_y = scale * (room_y - limits.line_share * lines_[k].y);
         limits.lever_x = scale * shown * half_height_ / turn_lever_;
         limits.lever_y = scale * shown * half_width_ / turn_lever_;
     }
@@ -318,17 +319,20 @@ PathPlanner::Point PathPlanner::wish(std::size_t count) {
     return free_[0];
 }
 
-PlannedPose PathPlanner::plan(const CameraPose* camera, const LineReach* lines, int frames) {
+PlannedPose PathPlanner::plan(const CameraPose* camera, int frames, const LineReach* lines) {
     const auto count = static_cast<std::size_t>(frames);
+    for (std::size_t k = 0; k < count; ++k) {
+        lines_[k] = lines != nullptr ? lines[k] : LineReach{};
+    }
     plan_zoom(camera, count);
     for (std::size_t k = 0; k < count; ++k) {
         shaky_[k] = point_of(camera[k]);
     }
     const Point wished = wish(count);
     if (crop_planner_) {
-        plan_crop(camera, lines, count);
+        plan_crop(camera, count);
     }
-    set_limits(camera, lines, count);
+    set_limits(camera, count);
     find_path(count, {point_of(before_[0]), point_of(before_[1])},
               [this](std::size_t k, const Point& point) {
                   return into_limits(limits_[k], shaky_[k], point);

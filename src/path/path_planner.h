@@ -25,10 +25,10 @@ struct PathPlannerSettings {
 };
 
 struct PlannedPose {
-    CameraPose pose;  // of the steady picture, relative to its frame
-    bool guarded;     // the limits change it
-    double granted;   // 0..1: part of the correction without limits that is made
-    double crop;      // part of the width and height that is shown
+    CameraPose pose;    // of the steady picture, relative to its frame
+    bool guarded;       // the limits change it
+    double granted;     // 0..1: part of the correction without limits that is made
+    double crop;        // part of the width and height that is shown
     double line_share;  // 0..1: part of what lines are moved by for which there is room
 };
 
@@ -64,8 +64,8 @@ class PathPlanner {
 
     // Plans a frame. camera[k] is the pose of the k-th frame from this one on, relative to this one:
     // camera[0] is the default pose; count is 1..look_ahead + 1.
-    // lines[k]: for each of them, what its lines add to the motion.
-    PlannedPose plan(const CameraPose* camera, const LineReach* lines, int count);
+    // lines[k]: how far the lines of each of them are moved as well; null: none are.
+    PlannedPose plan(const CameraPose* camera, int count, const LineReach* lines = nullptr);
 
     // Goes on to the next frame, whose pose relative to the planned one is `step`.
     void advance(const CameraPose& step);
@@ -98,8 +98,8 @@ class PathPlanner {
     Point point_of(const CameraPose& pose) const;
     Point wish(std::size_t count);
     void plan_zoom(const CameraPose* camera, std::size_t count);
-    void plan_crop(const CameraPose* camera, const LineReach* lines, std::size_t count);
-    void set_limits(const CameraPose* camera, const LineReach* lines, std::size_t count);
+    void plan_crop(const CameraPose* camera, std::size_t count);
+    void set_limits(const CameraPose* camera, std::size_t count);
     static Point into_limits(const Limits& limits, const Point& centre, const Point& point);
 
     PathPlannerSettings settings_;
@@ -118,6 +118,7 @@ class PathPlanner {
     std::vector<double> zoom_;                       // planned
     std::vector<double> crop_;                       // planned; as needed, while it is planned
     std::vector<Limits> limits_;
+    std::vector<LineReach> lines_;
     std::vector<Point> shaky_, pull_, free_, held_, dual_;
 };
 

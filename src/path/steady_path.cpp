@@ -156,20 +156,19 @@ Steadied SteadyPath::correct(std::int64_t n, std::int64_t newest, GaussianMotion
         const auto index = static_cast<std::size_t>(k - n);
         camera_[index] = pose_after(camera_[index - 1], history_.step(k - 1));
     }
-    if (shutter_ && shutter_->readout() != 0) {
+    const bool bends = shutter_ && shutter_->readout() != 0;
+    if (bends) {
         lay_path(std::max(history_.scene_around(n).first, n - PATH_BEFORE), end);
         for (std::int64_t k = n; k < end; ++k) {
             reaches_[static_cast<std::size_t>(k - n)] = shutter_->reach_of(k);
         }
-    } else {
-        std::fill(reaches_.begin(), reaches_.end(), LineReach{});
     }
     const PlannedPose planned =
-        planner_.plan(camera_.data(), reaches_.data(), static_cast<int>(end - n));
+        planner_.plan(camera_.data(), static_cast<int>(end - n), bends ? reaches_.data() : nullptr);
     if (shutter_) {
         steadied.confidence = shutter_->confidence();
-        steadied.readout = shutter_->readout();
-        if (shutter_->readout() != 0) {
+        if (bends) {
+            steadied.readout = shutter_->readout();
             lines_ = shutter_->lines_of(n);
             lines_.scale(planned.line_share);
             const double x = shutter_->by_columns() ? 0.5 * (width_ - 1) : 0;

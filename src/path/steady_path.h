@@ -35,16 +35,16 @@ struct Steadied {
 };
 
 struct SteadyPathSettings {
-    int width;            // picture size, pixels
-    int height;           //
-    int look_ahead;       // later frames known when a frame is corrected
-    double sigma;         // of the smoothing, frames
-    double crop_ratio;    // part of the width and height that is shown, 0.5..1
-    double crop_least;    // its bounds, where the crop adapts; else 0
-    double crop_most;     //
-    bool edge_guard;      // PathPlanner replaces the filter
-    bool repair_motions;  // gaps in the motion are closed
-    bool scene_cuts;      // the smoothing stops at scene cuts
+    int width;             // picture size, pixels
+    int height;            //
+    int look_ahead;        // later frames known when a frame is corrected
+    double sigma;          // of the smoothing, frames
+    double crop_ratio;     // part of the width and height that is shown, 0.5..1
+    double crop_least;     // its bounds, where the crop adapts; else 0
+    double crop_most;      //
+    bool edge_guard;       // PathPlanner replaces the filter
+    bool repair_motions;   // gaps in the motion are closed
+    bool scene_cuts;       // the smoothing stops at scene cuts
     bool rolling_shutter;  // lines are moved to where they had been without one; with edge_guard
     bool estimates_readout;
     double readout;  // if it is not estimated

@@ -254,8 +254,8 @@ void PictureStage::set_map(const PictureTransform& transform) {
         }
         map_.rows_apart = transform.rows_apart();
     } else {
-        map_.transforms.push_back(in_doubles(warp_parameters(
-            transform.whole, settings_.crop_ratio, settings_.width, settings_.height)));
+        map_.transforms.push_back(in_doubles(warp_parameters(transform.whole, settings_.crop_ratio,
+                                                             settings_.width, settings_.height)));
     }
 }
 

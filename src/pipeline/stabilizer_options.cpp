@@ -142,6 +142,10 @@ const char* options_fault(const VideoStabilizerOptions& o, int frame_width, int 
     if (o.shutter < STABILIZER_SHUTTER_OFF || o.shutter > STABILIZER_SHUTTER_COLUMNS) {
         return "shutter is none of off, auto, rows and columns";
     }
+    if (o.shutter > STABILIZER_SHUTTER_AUTO &&
+        (o.edge_guard == 0 || o.sampling == STABILIZER_SAMPLING_STATED)) {
+        return "a readout needs edge_guard, and another sampling than the stated one";
+    }
     if (!is_within(o.readout, -1.0F, 1.0F)) {
         return "readout is not -1 to 1";
     }

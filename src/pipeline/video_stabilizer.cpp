@@ -153,8 +153,8 @@ SteadyPathSettings steady_path_settings(const VideoStabilizer* s) {
     settings.edge_guard = options.edge_guard != 0;
     settings.repair_motions = options.repair_motions != 0;
     settings.scene_cuts = options.scene_cuts != 0;
-    settings.rolling_shutter = options.shutter != STABILIZER_SHUTTER_OFF &&
-                               options.sampling != STABILIZER_SAMPLING_STATED;
+    settings.rolling_shutter =
+        options.shutter != STABILIZER_SHUTTER_OFF && options.sampling != STABILIZER_SAMPLING_STATED;
     settings.estimates_readout = options.shutter == STABILIZER_SHUTTER_AUTO;
     settings.readout = static_cast<double>(options.readout);
     settings.columns = options.shutter == STABILIZER_SHUTTER_COLUMNS;

@@ -11,10 +11,10 @@ namespace videostabilizer {
 
 namespace {
 
-constexpr std::size_t MEMORY = 240;         // steps: eight seconds at 30 pictures per second
-constexpr double OTHER_SCENE = 0.25;        // weight of the steps before a cut
-constexpr double USUAL_PARALLAX = 0.3;      // deviation, of the shift over the whole height
-constexpr double LARGEST_DEVIATION = 1;     // as good as not knowing it
+constexpr std::size_t MEMORY = 240;      // steps: eight seconds at 30 pictures per second
+constexpr double OTHER_SCENE = 0.25;     // weight of the steps before a cut
+constexpr double USUAL_PARALLAX = 0.3;   // deviation, of the shift over the whole height
+constexpr double LARGEST_DEVIATION = 1;  // as good as not knowing it
 constexpr std::size_t FEWEST_STEPS = 8;
 
 constexpr std::size_t N = ReadoutEvidence::UNKNOWNS;

@@ -33,7 +33,7 @@ class ReadoutEstimator {
     // Another camera may follow: what was learned counts less.
     void begin_scene();
 
-    double readout() const { return readout_; }      // share of the frame interval; 0: nothing known
+    double readout() const { return readout_; }  // share of the frame interval; 0: nothing known
     double deviation() const { return deviation_; }  // its standard deviation
     std::size_t steps() const { return count_; }
 

@@ -37,7 +37,7 @@ constexpr double NO_READOUT = 0.03;  // smaller ones are as good as none
 constexpr double SURE = 0.04;
 constexpr double NOTICEABLE_CHANGE = 0.03;
 constexpr double FASTEST_CHANGE = 0.1;  // from picture to picture
-constexpr double MORE_DISTINCT = 1.5;    // of the other axis
+constexpr double MORE_DISTINCT = 1.5;   // of the other axis
 
 }  // namespace
 
@@ -104,8 +104,7 @@ double RollingShutter::usual_shear() const {
 }
 
 LineMotion RollingShutter::unit_lines(std::int64_t picture) const {
-    const double readout =
-        std::copysign(std::max(std::abs(in_use_), LEAST_READOUT), in_use_);
+    const double readout = std::copysign(std::max(std::abs(in_use_), LEAST_READOUT), in_use_);
     const auto index = static_cast<std::size_t>(picture - first_);
     LineMotion lines;
     for (std::size_t node = 0; node < LineMotion::NODES; ++node) {
@@ -249,8 +248,7 @@ void RollingShutter::choose() {
     const ReadoutEstimator& e = columns_ ? by_column_ : by_row_;
     const double enough =
         used_ ? STILL_DISTINCT : DISTINCT * (1 + FEW_STEPS / static_cast<double>(e.steps() + 1));
-    const bool usable = distinct(e) > enough &&
-                        e.deviation() < LARGEST_DEVIATION &&
+    const bool usable = distinct(e) > enough && e.deviation() < LARGEST_DEVIATION &&
                         std::abs(e.readout()) > NO_READOUT;
     used_ = usable;
     known_ = usable || e.deviation() < SURE;

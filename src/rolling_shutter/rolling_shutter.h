@@ -18,12 +18,13 @@
 namespace videostabilizer {
 
 struct RollingShutterSettings {
-    int width;        // of the pictures, pixels
-    int height;       //
-    bool automatic;   // the readout is estimated; else:
-    double readout;   // share of the frame interval from the first line to the last, -1..1; negative:
-                      // the last line comes first
-    bool columns;     // lines are columns: the picture was turned
+    int width;       // of the pictures, pixels
+    int height;      //
+    bool automatic;  // the readout is estimated; else:
+    double
+        readout;   // share of the frame interval from the first line to the last, -1..1; negative:
+                   // the last line comes first
+    bool columns;  // lines are columns: the picture was turned
     int most_frames;  // that a path is laid over
     int kept_steps;   // that can be fitted again when more is known
 };
@@ -62,9 +63,9 @@ class RollingShutter {
     // Pictures of another camera may follow.
     void begin_scene();
 
-    double readout() const { return in_use_; }       // what pictures are corrected for; 0: nothing
+    double readout() const { return in_use_; }  // what pictures are corrected for; 0: nothing
     bool by_columns() const { return columns_; }
-    double confidence() const;                       // 0..1
+    double confidence() const;  // 0..1
 
     // How much further the last line of a picture may move than the middle one, beyond what the step says:
     // what is usual along the path. 0 where it is known that there is no readout.
@@ -107,7 +108,7 @@ class RollingShutter {
     bool known_ = false;  // the readout, be it 0
     bool used_ = false;
     double in_use_ = 0;
-    double told_ = 0;  // that take_change has told of
+    double told_ = 0;          // that take_change has told of
     bool told_known_ = false;  // likewise
 };
 

@@ -53,12 +53,9 @@ bool make_rows(const LineMotion& lines, bool columns, int width, int height,
             return false;
         }
         // What the rows differ by is in the constants.
-        transform.rows[row] = {static_cast<float>(a),
-                               back[1],
-                               static_cast<float>(p.x - a * left - at(1) * y),
-                               static_cast<float>(d),
-                               back[4],
-                               static_cast<float>(p.y - d * left - at(4) * y)};
+        transform.rows[row] = {
+            static_cast<float>(a), back[1], static_cast<float>(p.x - a * left - at(1) * y),
+            static_cast<float>(d), back[4], static_cast<float>(p.y - d * left - at(4) * y)};
     }
     transform.by_rows = 1;
     return true;

@@ -71,7 +71,8 @@ inline synthetic::ClipSettings clip_settings(int width, int height) {
 }
 
 inline Stabilized stabilize(int width, int height, int frames,
-                            const VideoStabilizerOptions& options, const Renderer& render) {
+                            const VideoStabilizerOptions& options, const Renderer& render,
+                            const std::function<void(Frame*)>& visit = {}) {
     const StabilizerPtr s = make_stabilizer(packed(width, height), true, &options);
     const auto make = [&](int number) {
         Frame* const frame =
@@ -81,7 +82,7 @@ inline Stabilized stabilize(int width, int height, int frames,
         frame->timestamp = number;
         return frame;
     };
-    const Ending ending = run_stream(s.get(), frames, make);
+    const Ending ending = run_stream(s.get(), frames, make, visit);
     EXPECT_EQ(ending.popped, frames);
     Stabilized result{options, width, height, {}, {}, ending.reports};
     for (const Matrix& motion : ending.motions) {

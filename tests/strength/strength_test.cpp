@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <tuple>
 #include <vector>
 
 #include "tests/strength/clip_stream.h"
@@ -171,6 +172,7 @@ TEST(Strength, NeverShowsWhatIsBeyondTheEdge) {
                  {"fast pan", 4, 1, 0, 0, 0, 20},
                  {"roll", 1, 1, 18, 0, 0, 20},
                  {"zoom", 1, 1, 0, 0.3, 0, 20},
+                 {"rolling shutter", 2, 4, 0, 0, 0, 12},
                  {"all of it, and a large foreground", 4, 2, 18, 0.3, 0.5, 3}};
     for (const auto& c : cases) {
         synthetic::ClipSettings settings = clip_settings(WIDTH, HEIGHT);
@@ -179,6 +181,7 @@ TEST(Strength, NeverShowsWhatIsBeyondTheEdge) {
         settings.camera.roll = c.roll_degrees / DEGREES;
         settings.camera.zoom_swing = c.zoom_swing;
         settings.foreground = c.foreground;
+        settings.shutter.readout = std::string(c.name) == "rolling shutter" ? 0.9 : 0;
         const synthetic::ShakyClip clip(settings);
         VideoStabilizerOptions adaptive = options_for(STABILIZER_STRONG);
         adaptive.auto_crop = 1;
@@ -207,6 +210,70 @@ TEST(Strength, CropsCalmClipsLittle) {
     for (std::size_t frame = 0; frame < 90; ++frame) {
         EXPECT_GT(calm.reports.at(frame).crop, 0.9F);
         EXPECT_LT(shaken.reports.at(frame).crop, 0.85F);
+    }
+}
+
+// Read line by line, and shown as if the picture had been taken at once: like one that was, put where the
+// correction says.
+TEST(RollingShutter, IsTakenOut) {
+    constexpr int FRAMES = 80;
+    const std::tuple<double, bool, int, VideoStabilizerShutter> cases[] = {
+        {0.7, false, STABILIZER_STANDARD, STABILIZER_SHUTTER_AUTO},
+        {-0.5, true, STABILIZER_STRONG, STABILIZER_SHUTTER_AUTO},
+        {0.7, false, STABILIZER_STANDARD, STABILIZER_SHUTTER_ROWS},
+        {0, false, STABILIZER_STANDARD, STABILIZER_SHUTTER_AUTO},
+    };
+    for (const auto& [readout, columns, strength, shutter] : cases) {
+        SCOPED_TRACE(testing::Message() << readout << ", shutter " << shutter);
+        synthetic::ClipSettings settings = clip_settings(WIDTH, HEIGHT);
+        settings.camera.shake = 2;
+        const synthetic::ShakyClip at_once(settings);
+        settings.shutter.readout = readout;
+        settings.shutter.by_columns = columns;
+        const synthetic::ShakyClip clip(settings);
+        double differences[2] = {};
+        for (const bool corrected : {false, true}) {
+            VideoStabilizerOptions options = options_for(strength);
+            options.shutter = corrected ? shutter : STABILIZER_SHUTTER_OFF;
+            options.readout = 0.7F;  // matters to rows only
+            std::vector<std::vector<unsigned char>> steady;
+            const Stabilized result = stabilize(
+                WIDTH, HEIGHT, FRAMES, options,
+                [&](int frame, const video_io::Planes& planes) { clip.render(frame, planes); },
+                [&](Frame* frame) {
+                    steady.emplace_back(frame->plane_y, frame->plane_y + WIDTH * HEIGHT);
+                });
+            const VideoStabilizerReport& report = result.reports.back();
+            EXPECT_NEAR(report.readout, corrected ? readout : 0, 0.02);
+            EXPECT_EQ(report.columns != 0, corrected && columns);
+            std::vector<unsigned char> planes(WIDTH * HEIGHT * 3 / 2);
+            unsigned char* const u = planes.data() + WIDTH * HEIGHT;
+            for (int frame = FRAMES - 30; frame < FRAMES; frame += 3) {
+                at_once.render(frame, {planes.data(), u, u + WIDTH * HEIGHT / 4, WIDTH, WIDTH / 2});
+                const auto at = static_cast<std::size_t>(frame);
+                const synthetic::Affine& back = result.origins[at];
+                const auto shown = static_cast<double>(result.reports[at].crop);
+                for (int y = 4; y < HEIGHT; y += 3) {
+                    for (int x = 4; x < WIDTH; x += 3) {
+                        const double in_x = 0.5 * (WIDTH - 1) + shown * (x - 0.5 * (WIDTH - 1));
+                        const double in_y = 0.5 * (HEIGHT - 1) + shown * (y - 0.5 * (HEIGHT - 1));
+                        const double from_x = back.map_x(in_x, in_y);
+                        const double from_y = back.map_y(in_x, in_y);
+                        const int column = std::clamp(static_cast<int>(from_x), 0, WIDTH - 2);
+                        const int row = std::clamp(static_cast<int>(from_y), 0, HEIGHT - 2);
+                        const unsigned char* const p = planes.data() + row * WIDTH + column;
+                        const double u_share = from_x - column;
+                        const double v_share = from_y - row;
+                        const double expected =
+                            (1 - v_share) * ((1 - u_share) * p[0] + u_share * p[1]) +
+                            v_share * ((1 - u_share) * p[WIDTH] + u_share * p[WIDTH + 1]);
+                        const auto place = static_cast<std::size_t>(y * WIDTH + x);
+                        differences[corrected ? 1 : 0] += std::abs(steady[at][place] - expected);
+                    }
+                }
+            }
+        }
+        EXPECT_LT(differences[1], (readout != 0 ? 0.5 : 1.001) * differences[0]);
     }
 }
 

@@ -318,9 +318,12 @@ void add_steadiness(CLI::App& app, Options& options, RawOptions& raw) {
         ->type_name("RATIO")
         ->check(number_in(0.5, 1, "auto"));
     add("--rolling-shutter", raw.rolling_shutter,
-        "What is done about a sensor that is read line by line, so that pictures of a moving camera "
-        "are bent: auto (the default but for gentle): how long reading takes is found out, and each "
-        "line is put where it belongs; off; or the time from the first row to the last as a share of "
+        "What is done about a sensor that is read line by line, so that pictures of a moving "
+        "camera "
+        "are bent: auto (the default but for gentle): how long reading takes is found out, and "
+        "each "
+        "line is put where it belongs; off; or the time from the first row to the last as a share "
+        "of "
         "that from frame to frame (-1 to 1, negative where the last row comes first), or with "
         "columns=READOUT of columns, in pictures that were turned")
         ->type_name("READOUT");

@@ -55,9 +55,9 @@ struct Options {
     std::string strength = "standard";
     std::optional<int> look_ahead;  // frames
     std::optional<float> crop;
-    bool auto_crop = false;  // in place of it
-    float crop_least = 0;    // bounds of that; 0: the library's
-    float crop_most = 0;     //
+    bool auto_crop = false;       // in place of it
+    float crop_least = 0;         // bounds of that; 0: the library's
+    float crop_most = 0;          //
     std::string rolling_shutter;  // "off", "rows", "columns"; "": the readout is estimated
     float readout = 0;            // with rows and columns
     std::string engine = "native";

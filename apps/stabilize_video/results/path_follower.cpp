@@ -129,7 +129,8 @@ PathCsv::PathCsv(video_io::ByteSink& sink) : sink_(&sink) {
 void PathCsv::write(const FollowedFrame& point) {
     char line[512];
     const int length = std::snprintf(
-        line, sizeof line, "%d,%.4f,%.4f,%.6f,%.8f,%.4f,%.4f,%.6f,%.8f,%d,%d,%.4f,%d,%.6f,%.4f,%.4f\n",
+        line, sizeof line,
+        "%d,%.4f,%.4f,%.6f,%.8f,%.4f,%.4f,%.6f,%.8f,%d,%d,%.4f,%d,%.6f,%.4f,%.4f\n",
         point.report.frame, point.shaky.x, point.shaky.y, point.shaky.angle * DEGREES,
         point.shaky.zoom, point.steady.x, point.steady.y, point.steady.angle * DEGREES,
         point.steady.zoom, point.log.ninliers, point.log.npoints,
