@@ -207,7 +207,7 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create(int width, int heig
 // Memory per stream, in bytes, with s the decimation (1, 2 or 4) and a = look_ahead:
 //   host memory    2 (width / s) (height / s) + 300 a + 100,000
 //                  edge_guard, repair_motions or scene_cuts: 320 a + 350,000 more, and two thirds of
-//                  width height
+//                  width height; with shutter another 8,500 a + 150,000
 //   OpenCL device  2 height (stride_y + stride_uv) with the stated sampling; with the others 5 for
 //                  each sample of a picture, 7 beyond 8 bits, and 300,000, in part host memory
 //   native engine  130,000 instead, 66,000 for each thread but the first, and up to 370,000 more

@@ -28,7 +28,6 @@ constexpr int ROWS_AHEAD = 12;
 // Where rows have different transforms, their steps are rounded to this, to have the same tables: at the ends
 // of a block that is off by 1/256 sample at most.
 constexpr double SHARED_STEP = 1.0 / 1024;
-constexpr double LEVEL_ROWS = 16;
 constexpr std::size_t MOST_TABLES = 24;  // kept; more if one picture needs them
 
 double shared(double step) {
@@ -281,33 +280,37 @@ std::int64_t PlaneWarp::place_evenly(int source_row, int strip, std::int64_t& st
 }
 
 void PlaneWarp::place_across(int source_row, int strip, int blocks, Placement* placements) const {
-    // Positions are linear over a strip, or half of one, of which a row of the source comes from hardly more
-    // rows of the output than have the same transform.
-    const int span = std::abs(middle_.d) * STRIP_BLOCKS * block_width() < LEVEL_ROWS
-                         ? STRIP_BLOCKS
-                         : STRIP_BLOCKS / 2;
     const double to_middle = 0.5 * (block_width() - 1);
-    const double top =
-        (source_row - middle_.d * middle_of_first_block(strip) - middle_.f) / middle_.e;
-    Crossing crossing{&interval_at(top), top};
-    double x = middle_of_first_block(strip);
-    find_crossing(x, source_row, crossing);
-    double column = crossing.interval->source_column(x, crossing.row);
-    for (int first = 0; first < blocks; first += span) {
-        const std::size_t table = crossing.interval->table;
-        const double before = column;
-        const double moved = span * block_width();
-        crossing.row -= moved * crossing.interval->across(crossing.row) /
-                        crossing.interval->going_down(x, crossing.row);
-        x += moved;
-        find_crossing(x, source_row, crossing);
-        column = crossing.interval->source_column(x, crossing.row);
-        const std::int64_t step = fixed_point((column - before) / span);
-        std::int64_t position = fixed_point(before - tables_[table].step * to_middle);
-        for (int k = first; k < std::min(first + span, blocks); ++k) {
-            placements[k] = {table, position};
-            position += step;
+    const double x = middle_of_first_block(strip);
+    const double top = (source_row - middle_.d * x - middle_.f) / middle_.e;
+    Crossing left{&interval_at(top), top};
+    find_crossing(x, source_row, left);
+    const double width = (STRIP_BLOCKS - 1) * block_width();
+    Crossing right = left;
+    right.row -= width * left.interval->across(left.row) / left.interval->going_down(x, left.row);
+    find_crossing(x + width, source_row, right);
+    const auto column = [&](const Crossing& at, double middle) {
+        return at.interval->source_column(middle, at.row) -
+               tables_[at.interval->table].step * to_middle;
+    };
+    if (left.interval == right.interval) {
+        const std::size_t table = left.interval->table;
+        const double first = column(left, x);
+        const std::int64_t step =
+            fixed_point((column(right, x + width) - first) / (STRIP_BLOCKS - 1));
+        std::int64_t position = fixed_point(first);
+        for (int block = 0; block < blocks; ++block, position += step) {
+            placements[block] = {table, position};
         }
+        return;
+    }
+    const double slope = (right.row - left.row) / (STRIP_BLOCKS - 1);
+    for (int block = 0; block < blocks; ++block) {
+        const double middle = x + block * block_width();
+        const double near = left.row + block * slope;
+        Crossing crossing{&interval_at(near), near};
+        find_crossing(middle, source_row, crossing);
+        placements[block] = {crossing.interval->table, fixed_point(column(crossing, middle))};
     }
 }
 

@@ -271,7 +271,7 @@ TEST(PathFollower, WritesCsv) {
     const std::string text = read_file(folder.file("path.csv"));
     EXPECT_EQ(text.substr(text.find('\n') + 1),
               "0,1.5000,-2.0000,28.647890,1.00000000,0.0000,0.0000,0.000000,1.25000000,90,100,"
-              "0.5000,1,0.900000\n");
+              "0.5000,1,0.900000,0.0000,0.0000\n");
 }
 
 }  // namespace

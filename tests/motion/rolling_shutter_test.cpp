@@ -59,8 +59,8 @@ Place seen(Place world, int k, double readout, bool columns) {
 TEST(RollingShutter, FindsTheReadoutAndTheStepsOfTheCamera) {
     // Readout, by columns, share of the places that move on their own, noise in pixels.
     const std::tuple<double, bool, double, double> cases[] = {
-        {0.7, false, 0, 0.02},   {-0.3, false, 0.2, 0.1}, {1, false, 0.1, 0.02},
-        {0.5, true, 0.1, 0.05},  {-0.8, true, 0, 0.05},   {0, false, 0.2, 0.1},
+        {0.7, false, 0, 0.02},  {-0.3, false, 0.2, 0.1}, {1, false, 0.1, 0.02},
+        {0.5, true, 0.1, 0.05}, {-0.8, true, 0, 0.05},   {0, false, 0.2, 0.1},
     };
     constexpr int STEPS = 60;
     constexpr int SETTLED = 8;
