@@ -10,6 +10,7 @@ namespace videostabilizer {
 namespace {
 
 constexpr std::size_t DEGREE = 11;
+constexpr std::size_t BEFORE = DEGREE / 2;  // coefficients before a time that count
 // Of the spline's direct filter.
 constexpr double POLES[] = {-0.6612660689007345, -0.2721803492947859, -0.08975959979371328,
                             -0.01666962736623466, -0.0005105575344465020};
@@ -88,8 +89,7 @@ void PathSpline::fit(const CameraPose* poses, std::size_t count) {
 CameraPose PathSpline::at(double time) const {
     const double before = std::floor(time);
     const std::array<double, DEGREE + 1> weights = weights_at(time - before);
-    // The first coefficient that counts is DEGREE / 2 before.
-    const auto first = static_cast<std::size_t>(static_cast<double>(MARGIN - DEGREE / 2) + before);
+    const auto first = static_cast<std::size_t>(static_cast<double>(MARGIN - BEFORE) + before);
     Parts sum{};
     for (std::size_t j = 0; j <= DEGREE; ++j) {
         for (std::size_t part = 0; part < PARTS; ++part) {

@@ -28,13 +28,14 @@ CameraPose shaking(double time) {
 }
 
 TEST(PathSpline, IsThePathBetweenThePicturesToo) {
-    std::vector<CameraPose> poses;
-    for (int k = 0; k < 40; ++k) {
-        poses.push_back(shaking(k));
+    std::vector<CameraPose> poses(40);
+    for (std::size_t k = 0; k < poses.size(); ++k) {
+        poses[k] = shaking(static_cast<double>(k));
     }
     PathSpline spline(40);
     spline.fit(poses.data(), poses.size());
-    for (double time = 12; time < 28; time += 0.125) {
+    for (int eighth = 0; eighth < 128; ++eighth) {
+        const double time = 12 + eighth / 8.0;
         expect_pose(spline.at(time), shaking(time), 0.01, 1e-5);
     }
     // Without a second pose there is no speed.
@@ -80,7 +81,7 @@ TEST(RollingShutter, FindsTheReadoutAndTheStepsOfTheCamera) {
                 const Place b = seen(world, k + 1, readout, columns);
                 const double off = i < 120 * moving ? 3.5 : 0;
                 const auto variance = static_cast<float>(noise * noise);
-                const auto seen_as = [&](double value) {
+                const auto seen_as = [&, noise = noise](double value) {
                     return static_cast<float>(value + random(-1.7, 1.7) * noise);
                 };
                 pairs.push_back({static_cast<float>(a.x), static_cast<float>(a.y),

@@ -267,7 +267,8 @@ TEST(RollingShutter, IsTakenOut) {
                         const double expected =
                             (1 - v_share) * ((1 - u_share) * p[0] + u_share * p[1]) +
                             v_share * ((1 - u_share) * p[WIDTH] + u_share * p[WIDTH + 1]);
-                        const auto place = static_cast<std::size_t>(y * WIDTH + x);
+                        const auto place =
+                            static_cast<std::size_t>(y) * WIDTH + static_cast<std::size_t>(x);
                         differences[corrected ? 1 : 0] += std::abs(steady[at][place] - expected);
                     }
                 }

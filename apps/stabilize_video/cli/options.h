@@ -58,8 +58,8 @@ struct Options {
     bool auto_crop = false;       // in place of it
     float crop_least = 0;         // bounds of that; 0: the library's
     float crop_most = 0;          //
-    std::string rolling_shutter;  // "off", "rows", "columns"; "": the readout is estimated
-    float readout = 0;            // with rows and columns
+    float readout = 0;            // with rolling_shutter "rows" and "columns"
+    std::string rolling_shutter;  // also "off"; "": the readout is estimated
     std::string engine = "native";
     std::string sampling;  // "": by the strength
     int threads = 0;       // of the native engine; 0: one per core
