@@ -10,19 +10,20 @@ namespace videostabilizer {
 namespace {
 
 constexpr std::size_t DEGREE = 11;
-constexpr std::size_t BEFORE = DEGREE / 2;  // coefficients before a time that count
+constexpr std::size_t NEAR = DEGREE + 1;    // coefficients that count at a time
+constexpr std::size_t BEFORE = DEGREE / 2;  // those before it
 // Of the spline's direct filter.
 constexpr double POLES[] = {-0.6612660689007345, -0.2721803492947859, -0.08975959979371328,
                             -0.01666962736623466, -0.0005105575344465020};
-// Poses added at each end: what the filters begin with has faded to 5e-4 by then.
+// Poses added at each end: what the filters begin with has faded to 1/140 by then.
 constexpr std::size_t MARGIN = 12;
 
-// The weights of the DEGREE + 1 coefficients around a time, `t` after the middle one of them (C. de
+// The weights of the coefficients around a time, `t` after the middle one of them (C. de
 // Boor's recursion for knots at whole numbers).
-std::array<double, DEGREE + 1> weights_at(double t) {
-    std::array<double, DEGREE + 1> weights{};
+std::array<double, NEAR> weights_at(double t) {
+    std::array<double, NEAR> weights{};
     weights[0] = 1;
-    for (std::size_t degree = 1; degree <= DEGREE; ++degree) {
+    for (std::size_t degree = 1; degree < NEAR; ++degree) {
         const auto d = static_cast<double>(degree);
         double saved = 0;
         for (std::size_t r = 0; r < degree; ++r) {
@@ -88,10 +89,10 @@ void PathSpline::fit(const CameraPose* poses, std::size_t count) {
 
 CameraPose PathSpline::at(double time) const {
     const double before = std::floor(time);
-    const std::array<double, DEGREE + 1> weights = weights_at(time - before);
+    const std::array<double, NEAR> weights = weights_at(time - before);
     const auto first = static_cast<std::size_t>(static_cast<double>(MARGIN - BEFORE) + before);
     Parts sum{};
-    for (std::size_t j = 0; j <= DEGREE; ++j) {
+    for (std::size_t j = 0; j < NEAR; ++j) {
         for (std::size_t part = 0; part < PARTS; ++part) {
             sum[part] += weights[j] * coefficients_[first + j][part];
         }

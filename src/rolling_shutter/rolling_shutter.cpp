@@ -248,8 +248,8 @@ void RollingShutter::choose() {
     const ReadoutEstimator& e = columns_ ? by_column_ : by_row_;
     const double enough =
         used_ ? STILL_DISTINCT : DISTINCT * (1 + FEW_STEPS / static_cast<double>(e.steps() + 1));
-    const bool usable = distinct(e) > enough && e.deviation() < LARGEST_DEVIATION &&
-                        std::abs(e.readout()) > NO_READOUT;
+    const bool is_narrow = e.deviation() < LARGEST_DEVIATION;
+    const bool usable = is_narrow && distinct(e) > enough && std::abs(e.readout()) > NO_READOUT;
     used_ = usable;
     known_ = usable || e.deviation() < SURE;
     const double goal = usable ? e.readout() : 0;
