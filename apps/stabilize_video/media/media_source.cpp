@@ -14,7 +14,6 @@ namespace apps {
 
 namespace {
 
-constexpr AVRational MICROSECONDS{1, AV_TIME_BASE};
 // From one picture of a broadcast that stands alone to the next.
 constexpr std::int64_t LONGEST_GROUP_US = 10 * std::int64_t{AV_TIME_BASE};
 // By how much sound may be behind the pictures in a file.

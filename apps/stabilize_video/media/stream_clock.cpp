@@ -8,7 +8,6 @@ namespace apps {
 
 namespace {
 
-constexpr AVRational MICROSECONDS{1, AV_TIME_BASE};
 // A gap as long as this is one: of a signal that was lost for a while.
 constexpr std::int64_t LONGEST_GAP_US = 10 * std::int64_t{AV_TIME_BASE};
 constexpr std::int64_t DISORDER_US = AV_TIME_BASE / 10;

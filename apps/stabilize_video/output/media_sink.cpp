@@ -16,16 +16,6 @@ namespace apps {
 
 namespace {
 
-constexpr AVRational MICROSECONDS{1, AV_TIME_BASE};
-
-void add_side_data(AVStream& to, AVPacketSideDataType type, const void* data, std::size_t size) {
-    std::uint8_t* copy = av_stream_new_side_data(&to, type, size);
-    if (copy == nullptr) {
-        throw std::bad_alloc();
-    }
-    std::memcpy(copy, data, size);
-}
-
 void add_hdr(const PictureFormat& format, AVStream& to) {
     if (format.mastering) {
         add_side_data(to, AV_PKT_DATA_MASTERING_DISPLAY_METADATA, &*format.mastering,

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <new>
 #include <string>
 
@@ -14,8 +13,6 @@
 namespace apps {
 
 namespace {
-
-constexpr AVRational MICROSECONDS{1, AV_TIME_BASE};
 
 // "stream 2 (audio, flac)".
 std::string name_of(const AVStream& stream) {
@@ -52,17 +49,6 @@ void copy_description(const AVStream& from, AVStream& to) {
     to.r_frame_rate = from.r_frame_rate;
     to.sample_aspect_ratio = from.sample_aspect_ratio;
     av_dict_copy(&to.metadata, from.metadata, 0);
-}
-
-void copy_side_data(const AVStream& from, AVStream& to) {
-    for (int i = 0; i < from.nb_side_data; ++i) {
-        const AVPacketSideData& data = from.side_data[i];
-        std::uint8_t* copy = av_stream_new_side_data(&to, data.type, data.size);
-        if (copy == nullptr) {
-            throw std::bad_alloc();
-        }
-        std::memcpy(copy, data.data, data.size);
-    }
 }
 
 }  // namespace
@@ -125,7 +111,10 @@ void OtherStreams::add(const AVStream& from, Notes& notes) {
     }
     if (copied) {
         to->codecpar->codec_tag = tag_in(muxer, parameters);
-        copy_side_data(from, *to);
+        for (int i = 0; i < from.nb_side_data; ++i) {
+            const AVPacketSideData& data = from.side_data[i];
+            add_side_data(*to, data.type, data.data, data.size);
+        }
     }
     to->time_base = copied ? from.time_base : transfer.transcoder->encoder().time_base;
     copy_description(from, *to);

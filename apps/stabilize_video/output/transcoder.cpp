@@ -5,6 +5,7 @@
 extern "C" {
 #include <libavfilter/buffersink.h>
 #include <libavfilter/buffersrc.h>
+#include <libavutil/audio_fifo.h>
 #include <libavutil/channel_layout.h>
 }
 
@@ -31,6 +32,10 @@ void check(int result) {
                                     ffmpeg_error_or(result));
     }
 }
+
+struct AudioFifoDeleter {
+    void operator()(AVAudioFifo* fifo) const { av_audio_fifo_free(fifo); }
+};
 
 CodecContextPtr open_decoder(const AVStream& original) {
     const AVCodec* codec = avcodec_find_decoder(original.codecpar->codec_id);
@@ -117,7 +122,14 @@ class SoundTranscoder : public Transcoder {
             codec.sample_fmts == nullptr ? decoder_->sample_fmt : codec.sample_fmts[0];
         encoder_->time_base = {1, encoder_->sample_rate};
         encoder_->bit_rate = sound_bitrate(codec.id, encoder_->ch_layout.nb_channels);
-        return decoder_->sample_rate > 0 && avcodec_open2(encoder_.get(), &codec, nullptr) >= 0;
+        if (decoder_->sample_rate <= 0 || avcodec_open2(encoder_.get(), &codec, nullptr) < 0) {
+            return false;
+        }
+        fifo_.reset(av_audio_fifo_alloc(encoder_->sample_fmt, encoder_->ch_layout.nb_channels, 1));
+        if (!fifo_) {
+            throw std::bad_alloc();
+        }
+        return true;
     }
 
     const AVCodecContext& encoder() const override { return *encoder_; }
@@ -130,20 +142,21 @@ class SoundTranscoder : public Transcoder {
             if (!graph_ || sound->sample_rate != rate_ || sound->format != format_ ||
                 sound->ch_layout.nb_channels != channels_) {
                 filter(nullptr, receiver);
-                make_graph(*sound);
+                make_graph(*sound, first_time());
             }
             sound->pts = sound->best_effort_timestamp;
             filter(sound.get(), receiver);
         }
         if (packet == nullptr) {
             filter(nullptr, receiver);
-            encode(nullptr, receiver);
+            encode_ready(1, receiver);
+            encode_frame(nullptr, receiver);
         }
     }
 
   private:
-    // Gaps become silence, so that what follows keeps its time.
-    void make_graph(const AVFrame& sound) {
+    // For sound of this format. Gaps become silence, so that what follows keeps its time.
+    void make_graph(const AVFrame& sound, const std::string& first_time) {
         rate_ = sound.sample_rate;
         format_ = sound.format;
         channels_ = sound.ch_layout.nb_channels;
@@ -157,7 +170,7 @@ class SoundTranscoder : public Transcoder {
             ":channel_layout=" + layout_name(sound.ch_layout) +
             ":time_base=" + std::to_string(unit_.num) + "/" + std::to_string(unit_.den);
         const std::string description =
-            in + ",aresample=async=1" + silence() +
+            in + ",aresample=async=1" + first_time +
             ",aformat=sample_fmts=" + av_get_sample_fmt_name(encoder_->sample_fmt) +
             ":sample_rates=" + std::to_string(encoder_->sample_rate) +
             ":channel_layouts=" + layout_name(encoder_->ch_layout) + ",abuffersink";
@@ -175,20 +188,17 @@ class SoundTranscoder : public Transcoder {
                 sink_ = graph_->filters[i];
             }
         }
-        if ((encoder_->codec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE) == 0) {
-            av_buffersink_set_frame_size(sink_, static_cast<unsigned>(encoder_->frame_size));
-        }
     }
 
-    // The first sample of all, for the resampler.
-    std::string silence() {
-        if (!silence_from_us_) {
-            return "";
+    // The time of the next sample, for the resampler: where the sound before ends.
+    std::string first_time() const {
+        if (next_) {
+            return ":first_pts=" + std::to_string(*next_);
         }
-        const std::int64_t first =
-            av_rescale(*silence_from_us_, encoder_->sample_rate, AV_TIME_BASE);
-        silence_from_us_.reset();
-        return ":first_pts=" + std::to_string(first);
+        return silence_from_us_
+                   ? ":first_pts=" + std::to_string(av_rescale(*silence_from_us_,
+                                                               encoder_->sample_rate, AV_TIME_BASE))
+                   : "";
     }
 
     static std::string layout_name(const AVChannelLayout& layout) {
@@ -209,32 +219,47 @@ class SoundTranscoder : public Transcoder {
         check(av_buffersrc_add_frame_flags(source_, sound, AV_BUFFERSRC_FLAG_KEEP_REF));
         const AvFramePtr ready = make_av_frame();
         while (av_buffersink_get_frame(sink_, ready.get()) >= 0) {
-            std::int64_t time = next_;
-            if (ready->pts != AV_NOPTS_VALUE) {
-                time = av_rescale_q(ready->pts, av_buffersink_get_time_base(sink_),
-                                    encoder_->time_base);
+            if (!next_) {
+                next_ = ready->pts == AV_NOPTS_VALUE
+                            ? 0
+                            : av_rescale_q(ready->pts, av_buffersink_get_time_base(sink_),
+                                           encoder_->time_base);
             }
-            ready->pts = std::max(time, next_);
-            next_ = ready->pts + ready->nb_samples;
-            encode(ready.get(), receiver);
+            auto** samples = reinterpret_cast<void**>(ready->extended_data);
+            check(av_audio_fifo_write(fifo_.get(), samples, ready->nb_samples));
+            *next_ += ready->nb_samples;
             av_frame_unref(ready.get());
+            encode_ready(std::max(encoder_->frame_size, 1), receiver);
         }
         if (sound == nullptr) {
             graph_.reset();
         }
     }
 
-    void encode(const AVFrame* sound, const Receiver& receiver) {
-        check(avcodec_send_frame(encoder_.get(), sound));
-        const PacketPtr packet = make_packet();
-        for (;;) {
-            const int result = avcodec_receive_packet(encoder_.get(), packet.get());
-            if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
-                return;
-            }
-            check(result);
-            receiver(*packet);
+    // Encodes what there is in frames of the encoder's size, as long as there are so many samples: only
+    // its last frame may be shorter.
+    void encode_ready(int least, const Receiver& receiver) {
+        for (int waiting = 0; (waiting = av_audio_fifo_size(fifo_.get())) >= least;) {
+            const AvFramePtr sound = make_av_frame();
+            sound->nb_samples =
+                encoder_->frame_size > 0 ? std::min(encoder_->frame_size, waiting) : waiting;
+            sound->format = encoder_->sample_fmt;
+            sound->sample_rate = encoder_->sample_rate;
+            check(av_channel_layout_copy(&sound->ch_layout, &encoder_->ch_layout));
+            check(av_frame_get_buffer(sound.get(), 0));
+            sound->pts = next_.value_or(0) - waiting;
+            check(av_audio_fifo_read(fifo_.get(), reinterpret_cast<void**>(sound->extended_data),
+                                     sound->nb_samples));
+            encode_frame(sound.get(), receiver);
         }
+    }
+
+    void encode_frame(const AVFrame* sound, const Receiver& receiver) {
+        const PacketPtr packet = make_packet();
+        check(encode(*encoder_, sound, *packet, [&](AVPacket& made) {
+            receiver(made);
+            return 0;
+        }));
     }
 
     CodecContextPtr decoder_;
@@ -243,11 +268,12 @@ class SoundTranscoder : public Transcoder {
     FilterGraphPtr graph_;
     AVFilterContext* source_ = nullptr;  // both owned by the graph
     AVFilterContext* sink_ = nullptr;
+    std::unique_ptr<AVAudioFifo, AudioFifoDeleter> fifo_;  // of the encoder's format
+    std::optional<std::int64_t> next_;  // time of the sample after it, in units of the encoder
     std::optional<std::int64_t> silence_from_us_;
     int rate_ = 0;  // of the sound that the graph takes
     int format_ = 0;
     int channels_ = 0;
-    std::int64_t next_ = INT64_MIN;  // in units of the encoder
 };
 
 class SubtitleTranscoder : public Transcoder {
@@ -257,7 +283,7 @@ class SubtitleTranscoder : public Transcoder {
 
     // Returns false if the encoder cannot be used for these subtitles.
     bool open() {
-        encoder_->time_base = AV_TIME_BASE_Q;
+        encoder_->time_base = MICROSECONDS;
         encoder_->width = decoder_->width;
         encoder_->height = decoder_->height;
         if (decoder_->subtitle_header != nullptr) {
@@ -287,7 +313,7 @@ class SubtitleTranscoder : public Transcoder {
         }
         try {
             if (subtitle.pts == AV_NOPTS_VALUE) {
-                subtitle.pts = av_rescale_q(packet->pts, unit_, AV_TIME_BASE_Q);
+                subtitle.pts = av_rescale_q(packet->pts, unit_, MICROSECONDS);
             }
             encode(subtitle, *packet, receiver);
         } catch (...) {
@@ -306,7 +332,7 @@ class SubtitleTranscoder : public Transcoder {
         subtitle.start_display_time = 0;
         std::int64_t duration = subtitle.end_display_time * MILLISECOND;
         if (subtitle.end_display_time == 0 || subtitle.end_display_time == UINT32_MAX) {
-            duration = av_rescale_q(original.duration, unit_, AV_TIME_BASE_Q);
+            duration = av_rescale_q(original.duration, unit_, MICROSECONDS);
         }
         deliver(subtitle, subtitle.pts, duration, receiver);
         // Broadcast subtitles are cleared by an empty one.

@@ -272,25 +272,18 @@ void VideoEncoder::write(const AVFrame& picture, const PictureTag& tag, const Re
 // Sends the next picture to the encoder, null at the end.
 void VideoEncoder::encode(AVFrame* picture, const Receiver& receiver) {
     forget_ffmpeg_error();
-    int result = avcodec_send_frame(encoder_.get(), picture);
+    const int result = apps::encode(*encoder_, picture, *packet_, [&](AVPacket& packet) {
+        int filtered = rate_filter_ ? av_bsf_send_packet(rate_filter_.get(), &packet) : 0;
+        if (filtered >= 0 && rate_filter_) {
+            filtered = av_bsf_receive_packet(rate_filter_.get(), &packet);
+        }
+        if (filtered >= 0) {
+            deliver(packet, receiver);
+        }
+        return filtered;
+    });
     if (result < 0) {
         fail(*encoder_, result);
-    }
-    for (;;) {
-        result = avcodec_receive_packet(encoder_.get(), packet_.get());
-        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
-            return;
-        }
-        if (result >= 0 && rate_filter_) {
-            result = av_bsf_send_packet(rate_filter_.get(), packet_.get());
-            if (result >= 0) {
-                result = av_bsf_receive_packet(rate_filter_.get(), packet_.get());
-            }
-        }
-        if (result < 0) {
-            fail(*encoder_, result);
-        }
-        deliver(*packet_, receiver);
     }
 }
 

@@ -5,8 +5,10 @@
 #include <array>
 #include <atomic>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 namespace apps {
@@ -74,6 +76,14 @@ AvFramePtr reference_to(const AVFrame& picture) {
         throw std::bad_alloc();
     }
     return reference;
+}
+
+void add_side_data(AVStream& to, AVPacketSideDataType type, const void* data, std::size_t size) {
+    std::uint8_t* copy = av_stream_new_side_data(&to, type, size);
+    if (copy == nullptr) {
+        throw std::bad_alloc();
+    }
+    std::memcpy(copy, data, size);
 }
 
 std::string Dictionary::first_key() const {

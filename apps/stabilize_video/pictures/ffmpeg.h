@@ -11,12 +11,17 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+#include <cerrno>
+#include <cstddef>
 #include <memory>
 #include <string>
 
 // Owners for FFmpeg's objects, and its errors as text.
 
 namespace apps {
+
+// FFmpeg's unit of times that belong to no stream.
+constexpr AVRational MICROSECONDS{1, AV_TIME_BASE};
 
 struct PacketDeleter {
     void operator()(AVPacket* packet) const { av_packet_free(&packet); }
@@ -82,6 +87,25 @@ AvFramePtr make_av_frame();
 AvFramePtr make_picture(AVPixelFormat format, int width, int height);
 // Another frame with the same pixels.
 AvFramePtr reference_to(const AVFrame& picture);
+// Adds a copy to a stream.
+void add_side_data(AVStream& to, AVPacketSideDataType type, const void* data, std::size_t size);
+
+// Sends a frame to an encoder, null at the end, and gives `take` each packet that is ready; it returns
+// FFmpeg's code, as this does.
+template <typename Take>
+int encode(AVCodecContext& encoder, const AVFrame* frame, AVPacket& packet, const Take& take) {
+    int result = avcodec_send_frame(&encoder, frame);
+    while (result >= 0) {
+        result = avcodec_receive_packet(&encoder, &packet);
+        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
+            return 0;
+        }
+        if (result >= 0) {
+            result = take(packet);
+        }
+    }
+    return result;
+}
 
 // Options for FFmpeg.
 class Dictionary {
