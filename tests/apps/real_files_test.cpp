@@ -41,8 +41,8 @@ constexpr Row ROWS[] = {
      "4:3\nA4:3\n"},
     {"pieces that do not start at 0",
      "FF -i sound.mkv -c copy -f segment -segment_time 0.5 piece%d.mkv",
-     "$P -q piece1.mkv steady1.mkv", 0, "", "times v piece1.mkv | cmp - <(times v steady1.mkv)",
-     ""},
+     "FF -i piece1.mkv -c copy copied1.mkv; $P -q piece1.mkv steady1.mkv", 0, "",
+     "times v copied1.mkv | cmp - <(times v steady1.mkv)", ""},
     {"two recordings joined", R"(FF -i sound.mkv -c:v mpeg2video -c:a mp2 one.ts
         FF -i one.ts -c copy -output_ts_offset 5000 two.ts
         cat one.ts one.ts > restart.ts; cat one.ts two.ts > jump.ts)",
@@ -59,6 +59,12 @@ constexpr Row ROWS[] = {
      0, "", R"(for o in mp4 mov ts mpg webm; do a codec_name flac.$o; done | tr '\n' ' '
         for o in mp4 mov ts; do a codec_name pcm.$o; done | tr '\n' ' ')",
      "aac aac aac mp2 opus aac pcm_s16le aac "},
+    {"sound that changes", R"(FF -i sound.mkv -c copy -c:a aac -ar 44100 mono.ts
+        FF -i sound.mkv -c copy -c:a aac -ar 48000 -ac 2 stereo.ts; cat mono.ts stereo.ts > mix.ts
+        FF -i sound.mkv -c:v copy -ar 44100 -c:a pcm_s16le cd.mov)",
+     "$P -q mix.ts mix.mpg; $P cd.mov studio.mxf", 0, "is resampled to 48000 Hz",
+     "FF -i mix.mpg -vn -f s16le -ac 1 -ar 10000 - | wc -c | cut -c 1-2; steps a mix.mpg",
+     "42\n0\n"},
     {"sound that begins late", R"(FF -f lavfi -i testsrc2=s=64x48:r=5:d=11 -itsoffset 10 \
         -f lavfi -i sine=d=1 -map 0 -map 1 -c:v libx264 -g 5 -c:a aac late.ts)",
      "$P -q late.ts late.mp4; $P late.ts late.avi", 0,
@@ -109,16 +115,20 @@ R(34000,16000)WP(15635,16450)L(10000000,1):max-cll=1000,400" hdr.mkv)",
     {"what phones tell of themselves", R"(FF -i sound.mkv -c copy -movflags use_metadata_tags \
         -metadata com.apple.quicktime.model='Phone 3' -metadata com.android.version=14 \
         -metadata location=+48.1+011.5/ -metadata creation_time=2024-05-01T10:00:00Z keys.mov)",
-     "for o in mov mp4 mkv; do $P -q keys.mov phone.$o; done", 0, "",
-     R"(for o in mov mp4 mkv; do for i in quicktime.model android.version location= creation; do
+     R"(for o in mov mp4 mkv; do $P -q keys.mov phone.$o; done; $P -q phone.mkv phone.m4v
+        $P keys.mov phone.avi)",
+     0, "has no place for it: location, camera, date",
+     R"(for o in mov mp4 mkv m4v; do for i in quicktime.model android.version location= creation; do
         probe -show_entries format_tags phone.$o -of flat | grep -i "${i//./_}" |
             cut -d= -f2 | cut -c 2-6; done; done | tr '\n' ' ')",
-     "Phone 14\" +48.1 2024- Phone 14\" +48.1 2024- Phone 14\" +48.1 2024- "},
+     "Phone 14\" +48.1 2024- Phone 14\" +48.1 2024- Phone 14\" +48.1 2024- Phone 14\" +48.1 "
+     "2024- "},
     // User data of a picture goes before its first slice.
     {"closed captions", R"(FF -i shaky.y4m -c:v mpeg2video -flags +ilme+ildct -bf 0 plain.m2v
         captions='\xb2GA94\x03\x41\xff\xfc\x94\x2c\xff'
-        perl -0777 -pe "s/(\\0\\0\\x01)\\x01/\$1$captions\$1\\x01/g" plain.m2v > captions.m2v)",
-     "$P -q captions.m2v captions.mp4; $P captions.m2v captions.avi --codec mpeg4", 0,
+        perl -0777 -pe "s/(\\0\\0\\x01)\\x01/\$1$captions\$1\\x01/g" plain.m2v > captions.m2v
+        cat plain.m2v captions.m2v > later.m2v)",
+     "$P -q captions.m2v captions.mp4; $P later.m2v captions.avi --codec mpeg4", 0,
      "captions are dropped",
      "probe -show_entries frame_side_data=side_data_type captions.mp4 | grep -c A53", "30\n"},
     {"fonts", R"(printf font > a.ttf; FF -i sound.mkv -c copy -attach a.ttf \
@@ -138,8 +148,8 @@ R(34000,16000)WP(15635,16450)L(10000000,1):max-cll=1000,400" hdr.mkv)",
      R"($P -q fields.ts full.mp4 && $P -q fields.ts half.mp4 --interlaced keep-rate
         $P -q fields.y4m full.y4m && $P -q fields.y4m same.y4m --interlaced ignore)",
      0, "", R"(v avg_frame_rate full.mp4; head -q -n 1 full.y4m same.y4m | cut -d ' ' -f 4,5
-        for i in full.mp4 half.mp4 full.y4m; do frames $i; done)",
-     "50/1\nF60:1 Ip\nF30:1 It\n50\n25\n60\n"},
+        for i in full.mp4 half.mp4 full.y4m; do frames $i; done; v duration half.mp4)",
+     "50/1\nF60:1 Ip\nF30:1 It\n50\n25\n60\n1.000000\n"},
     {"AVI of pictures out of order, of varying rate", R"(FF -i shaky.y4m -f lavfi -i sine=440:d=1 \
         -c:a pcm_s16le -vf 'select=mod(n\,7)' -vsync vfr -c:v libx264 -bf 3 vary.mkv)",
      "$P -q vary.mkv vary.avi; $P vary.mkv vary.y4m", 0, "time between pictures varies",
@@ -165,7 +175,7 @@ R(34000,16000)WP(15635,16450)L(10000000,1):max-cll=1000,400" hdr.mkv)",
      "mpeg2video\nmpeg4\ndnxhd\nh264\n5\n"},
     {"encoders that cannot be used", "",
      R"(for o in '--preset bad' '--crf 60' '--codec h264_vaapi' '--codec h264_nvenc' \
-        '--encoder-option q=z' '--codec nonsense'; do $P sound.mkv no.mp4 $o || n=$((n+1)); done
+        '--encoder-option g=z' '--codec nonsense'; do $P sound.mkv no.mp4 $o || n=$((n+1)); done
         exit $n)",
      6, "has no preset 'bad'; it has ultrafast", "ls | grep -c no.mp4", "0\n"},
     {"silence", "", "for c in hevc av1; do $P -q plain.mp4 $c.mkv --codec $c --overwrite; done", 0,
@@ -177,15 +187,19 @@ R(34000,16000)WP(15635,16450)L(10000000,1):max-cll=1000,400" hdr.mkv)",
         $P --skip-existing plain.mp4 kept.mp4)",
      0, "2 of them were before", "ls all | wc -l", "3\n"},
     {"faults of the input are its own", R"(FF -i sound.mkv -c:v mpeg2video -c:a ac3 s.ts
-        head -c 9000 s.ts > cut.ts; head -c 2000 words.mp4 > cut.mp4; FF -i shaky.y4m -s 640x480 -c:v mjpeg -q:v 1 last.mov)",
+        head -c 9000 s.ts > cut.ts; head -c 2000 words.mp4 > cut.mp4
+        FF -i shaky.y4m -s 640x480 -c:v mjpeg -q:v 1 last.mov)",
      "$P -q cut.ts whole.mp4", 5, "pictures of the input are damaged",
      R"($P plain.mp4 - --output-format mp4 2>&1 >/dev/full | grep -o 'needs a file'
         cat last.mov | $P -q - no.mp4 2>&1 | grep -o 'index comes last'
-        $P -q cut.mp4 no.mp4 2>&1 | grep -o 'no index')",
+        $P -q cut.mp4 no.mp4 2>&1 | grep -o 'no index'; $P -q - last.mp4 < last.mov)",
      "needs a file\nindex comes last\nno index\n"},
     {"numbered pictures", "FF -i shaky.y4m -frames:v 12 in%03d.png",
-     R"($P -q in%03d.png seq.mp4 && $P -q plain.mp4 out%02d.jpg && $P -q plain.mp4 out%02d.jpg)", 3,
-     "out01.jpg exists already", "frames seq.mp4; ls out*.jpg | wc -l", "12\n12\n"},
+     R"($P -q in%03d.png seq.mp4 && $P -q plain.mp4 out%02d.jpg &&
+        $P -q --skip-existing plain.mp4 out%02d.jpg && $P -q plain.mp4 out%02d.jpg)",
+     3, "out01.jpg exists already", R"(frames seq.mp4; ls out*.jpg | wc -l
+        $P -q plain.mp4 none/%d.jpg 2>&1 | grep -o 'No such file')",
+     "12\n12\nNo such file\n"},
     {"wrong command lines", "", R"(for o in '' '--crop nan a b' '--jobs 2 a b' '--bitrate 9x a b' \
         '--start x a b' '--stream 1 sound.mkv no.mp4'; do $P $o || n=$((n+$?)); done; exit $n)",
      7, "stabilize-video: IN and OUT are required\nUsage: stabilize-video [OPTION]... IN OUT", ":",
@@ -196,12 +210,19 @@ R(34000,16000)WP(15635,16450)L(10000000,1):max-cll=1000,400" hdr.mkv)",
         probe -select_streams v:1 -show_entries stream=codec_name $i.mkv; done)",
      "prores\nh264\n"},
     {"transparency", R"(FF -i shaky.y4m -pix_fmt yuva444p10le -c:v prores_ks alpha.mov
-        FF -i shaky.y4m -frames:v 5 -pix_fmt rgba clear%d.png)",
+        FF -i shaky.y4m -frames:v 5 -pix_fmt rgba clear%d.png
+        FF -f lavfi -i color=red@0.5:64x48:d=0.2,format=yuva420p -c:v libvpx-vp9 \
+            -metadata:s:v alpha_mode=1 clear.webm)",
      R"($P -q alpha.mov clear.mov --codec prores; $P -q clear%d.png kept%d.png
-        $P alpha.mov opaque.mp4)",
+        for c in vp8 vp9; do $P -q clear.webm $c.webm --codec $c; done
+        $P -q clear.webm opaque.mkv; $P alpha.mov opaque.mp4)",
      0, "transparency is dropped",
-     R"(for i in clear.mov kept1.png opaque.mp4; do v codec_name,pix_fmt $i; done)",
-     "prores,yuva444p12le\npng,rgba\nhevc,yuv444p12le\n"},
+     R"(for i in clear.mov kept1.png opaque.mp4; do v codec_name,pix_fmt $i; done
+        for i in vp8:libvpx vp9:libvpx-vp9; do
+            FF -c:v ${i#*:} -i ${i%:*}.webm -vf alphaextract -frames:v 1 -f rawvideo - |
+                od -An -tu1 -N1; done
+        for i in vp8.webm vp9.webm opaque.mkv; do probe -show_entries stream_tags=alpha_mode $i; done)",
+     "prores,yuva444p12le\npng,rgba\nhevc,yuv444p12le\n 127\n 127\n1\n1\nnone\n"},
     {"quality of older codecs", "$P -q shaky.y4m exact.y4m",
      "for c in vp8 theora mpeg4; do $P -q shaky.y4m q$c.mkv --codec $c; done", 0, "",
      R"(for c in vp8 theora mpeg4; do FF -i q$c.mkv -i exact.y4m -lavfi psnr=- -f null - |
@@ -212,8 +233,8 @@ R(34000,16000)WP(15635,16450)L(10000000,1):max-cll=1000,400" hdr.mkv)",
     {"a preview", R"(mkdir bin; printf '#!/bin/sh\ncat > seen.nut\n' > bin/ffplay
         chmod +x bin/ffplay)",
      R"((cat shaky.y4m; sleep 2) | PATH=$PWD/bin:$PATH DISPLAY=:9 $P -q --preview - seen.mp4
-        DISPLAY='' WAYLAND_DISPLAY='' $P --preview plain.mp4 unseen.mp4)",
-     0, "no display", "v codec_name,width seen.nut", "rawvideo,128\n"},
+        PATH=/none DISPLAY=:9 $P --preview plain.mp4 unseen.mp4)",
+     0, "note: --preview cannot start ffplay", "v codec_name,width seen.nut", "rawvideo,128\n"},
     {"a part", "", "$P -q --start 0.5 --duration 0.3 sound.mkv part.mp4", 0, "",
      "frames part.mp4; v start_time part.mp4; a duration part.mp4 | cut -c 1-3",
      "9\n0.023000\n0.3\n"},

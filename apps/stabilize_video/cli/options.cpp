@@ -37,7 +37,7 @@ constexpr const char* FOOTER =
     "\n"
     "Exit status:\n"
     "  0    done\n"
-    "  1    the command line is wrong\n"
+    "  1    the command line is wrong, or asks for a format, codec or option that there is not\n"
     "  2    the input cannot be read, or holds no video\n"
     "  3    an output cannot be written, or exists already\n"
     "  4    memory has run out, or --engine opencl found no OpenCL or one that fails\n"

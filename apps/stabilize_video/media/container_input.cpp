@@ -11,6 +11,8 @@ extern "C" {
 #include <cstdint>
 #include <new>
 
+#include "apps/stabilize_video/pictures/picture_stream.h"
+
 namespace apps {
 
 namespace {
@@ -82,7 +84,7 @@ void ContainerInput::open_once(const std::string& url, const Options& options, b
     if (!container.empty()) {
         format = av_find_input_format(container.c_str());
         if (format == nullptr) {
-            throw video_io::InputError("there is no input format '" + container + "'");
+            throw UsageError("there is no input format '" + container + "'");
         }
     }
     Dictionary settings;
@@ -124,8 +126,8 @@ void ContainerInput::open_once(const std::string& url, const Options& options, b
                         : av_reason(opened)));
     }
     if (const std::string key = settings.first_key(); !key.empty()) {
-        throw video_io::InputError("the input format '" + std::string(context->iformat->name) +
-                                   "' has no option '" + key + "'");
+        throw UsageError("the input format '" + std::string(context->iformat->name) +
+                         "' has no option '" + key + "'");
     }
     live_ = (context->iformat->flags & AVFMT_NOFILE) != 0 || !seekable();
     const int found = avformat_find_stream_info(context, nullptr);

@@ -24,7 +24,7 @@ class ContainerInput {
         const std::atomic<bool>* stop = nullptr;
     };
 
-    // Opens a file, a device or a URL, and finds its streams. Throws InputError.
+    // Opens a file, a device or a URL, and finds its streams. Throws InputError, UsageError.
     ContainerInput(const std::string& url, const Options& options);
     // The same for an open stream.
     ContainerInput(std::unique_ptr<video_io::FdSource> stream, const Options& options);

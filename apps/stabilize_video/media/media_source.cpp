@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <new>
 
 #include "apps/stabilize_video/media/video_facts.h"
@@ -34,6 +35,21 @@ void use_plain_format(AVFrame& frame) {
         frame.format = without_range(format);
         frame.color_range = AVCOL_RANGE_JPEG;
     }
+}
+
+// FFmpeg's own decoders of VP8 and VP9 leave transparency out.
+const AVCodec* decoder_for(const AVStream& video, Notes& notes) {
+    const AVCodecID id = video.codecpar->codec_id;
+    const AVDictionaryEntry* alpha = av_dict_get(video.metadata, "alpha_mode", nullptr, 0);
+    const bool vp9 = id == AV_CODEC_ID_VP9;
+    if (alpha != nullptr && std::strcmp(alpha->value, "1") == 0 && (vp9 || id == AV_CODEC_ID_VP8)) {
+        const AVCodec* codec = avcodec_find_decoder_by_name(vp9 ? "libvpx-vp9" : "libvpx");
+        if (codec != nullptr) {
+            return codec;
+        }
+        notes.emplace_back("transparency is dropped: FFmpeg is without libvpx, which decodes it");
+    }
+    return avcodec_find_decoder(id);
 }
 
 }  // namespace
@@ -101,17 +117,17 @@ void MediaSource::find_video(const MediaSourceOptions& options) {
     }
 }
 
-// Goes to the start of the part that is wanted. Time stamps then count from there. Otherwise those of
-// broadcasts, whose clocks start anywhere, are moved to 0; other files keep their start.
+// Goes to the start of the part that is wanted, from which times then count. Otherwise files that begin
+// later than 0, such as pieces and broadcasts, are moved to 0.
 void MediaSource::choose_range(const MediaSourceOptions& options) {
     const bool broadcast = input_.is_broadcast();
     const std::int64_t begin = context_->start_time == AV_NOPTS_VALUE ? 0 : context_->start_time;
-    zero_us_ = broadcast ? begin : 0;
+    format_.zero_us = broadcast ? begin : std::max<std::int64_t>(begin, 0);
     if (options.start_us > 0) {
-        zero_us_ = begin + options.start_us;
+        format_.zero_us = begin + options.start_us;
         // Broadcasts have no index: there it goes to any packet, and the pictures up to the next that
         // stands alone cannot be decoded.
-        const std::int64_t target = zero_us_ - (broadcast ? LONGEST_GROUP_US : 0);
+        const std::int64_t target = format_.zero_us - (broadcast ? LONGEST_GROUP_US : 0);
         if (target > begin && input_.seekable()) {
             // Where this fails, everything before is read and dropped.
             avformat_seek_file(context_, -1, INT64_MIN, target, target, 0);
@@ -119,13 +135,13 @@ void MediaSource::choose_range(const MediaSourceOptions& options) {
     }
     starts_late_ = options.start_us > 0;
     if (options.duration_us) {
-        stop_us_ = (starts_late_ ? zero_us_ : begin) + *options.duration_us;
+        stop_us_ = (starts_late_ ? format_.zero_us : begin) + *options.duration_us;
     }
 }
 
 void MediaSource::open_decoder() {
     const AVCodecParameters& parameters = *video_->codecpar;
-    const AVCodec* codec = avcodec_find_decoder(parameters.codec_id);
+    const AVCodec* codec = decoder_for(*video_, notes_);
     if (codec == nullptr) {
         throw NoVideoError("there is no decoder for the video in " + input_.name() + " (" +
                            avcodec_get_name(parameters.codec_id) + ")");
@@ -244,8 +260,9 @@ bool MediaSource::is_wanted(AVPacket& packet) const {
     }
     const AVStream& stream = *context_->streams[packet.stream_index];
     const std::int64_t begin = av_rescale_q(packet.pts, stream.time_base, MICROSECONDS);
-    if (starts_late_ && begin < zero_us_) {
-        const std::int64_t late = av_rescale_q(zero_us_ - begin, MICROSECONDS, stream.time_base);
+    if (starts_late_ && begin < format_.zero_us) {
+        const std::int64_t late =
+            av_rescale_q(format_.zero_us - begin, MICROSECONDS, stream.time_base);
         if (stream.codecpar->codec_type != AVMEDIA_TYPE_SUBTITLE || packet.duration <= late) {
             return false;
         }
@@ -379,7 +396,7 @@ AvFramePtr MediaSource::decode_wanted() {
             stopped_ = true;
             return nullptr;
         }
-        if (!starts_late_ || time >= zero_us_ - ROUNDING_US) {
+        if (!starts_late_ || time >= format_.zero_us - ROUNDING_US) {
             return picture;
         }
     }
@@ -451,7 +468,10 @@ AvFramePtr MediaSource::read(PictureTag& tag) {
     AvFramePtr picture = first_ ? std::move(first_) : next_picture();
     if (picture) {
         tag.time = picture->pts;
-        tag.duration = picture->pkt_duration;
+        // FFmpeg's deinterlacers halve the unit of time, but do not double durations.
+        constexpr int FIELDS = 2;
+        tag.duration =
+            picture->pkt_duration * (task_.deinterlace == Deinterlace::KEEP_RATE ? FIELDS : 1);
         tag.parameters.clear();
         tag.captions = captions_at(picture->pts);
         ++pictures_;
@@ -473,7 +493,7 @@ std::int64_t MediaSource::expected_pictures() const {
         return -1;
     }
     const std::int64_t begin = context_->start_time == AV_NOPTS_VALUE ? 0 : context_->start_time;
-    const std::int64_t from = starts_late_ ? zero_us_ : begin;
+    const std::int64_t from = starts_late_ ? format_.zero_us : begin;
     const std::int64_t length = std::min(begin + context_->duration, stop_us_) - from;
     return std::llround(static_cast<double>(std::max<std::int64_t>(length, 0)) / AV_TIME_BASE *
                         rate);

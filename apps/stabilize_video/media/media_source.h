@@ -40,7 +40,7 @@ struct MediaSourceOptions : ContainerInput::Options {
 class MediaSource : public PictureSource {
   public:
     // Opens a file, a device or a URL and decodes the first picture. Throws InputError,
-    // NoVideoError.
+    // NoVideoError, UsageError.
     MediaSource(const std::string& url, const MediaSourceOptions& options);
     // The same for an open stream.
     MediaSource(std::unique_ptr<video_io::FdSource> stream, const MediaSourceOptions& options);
@@ -59,8 +59,6 @@ class MediaSource : public PictureSource {
     const AVFormatContext& container() const { return *context_; }
     const AVStream& video() const { return *video_; }
     bool is_live() const { return input_.is_live(); }
-    // What is to become 0 in the output, microseconds.
-    std::int64_t zero_us() const { return zero_us_; }
     const Notes& notes() const { return notes_; }
 
   private:
@@ -88,7 +86,6 @@ class MediaSource : public PictureSource {
     std::unique_ptr<StreamClock> clock_;
     CodecContextPtr decoder_;
     PacketPtr packet_;
-    std::int64_t zero_us_ = 0;
     std::int64_t stop_us_ = INT64_MAX;  // end of the part that is wanted
     bool starts_late_ = false;
     bool past_stop_ = false;

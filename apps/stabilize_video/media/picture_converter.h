@@ -20,9 +20,9 @@ class PictureConverter {
         bool matrix_of_jpeg = false;  // that of BT.601, as files of JPEG are always read
     };
 
-    // Converts pictures of the size and format of `sample`. `time_base` is the unit
-    // of their time stamps. YUV keeps its range (full or limited) where the format has none of its own; RGB becomes
-    // limited BT.709.
+    // Converts pictures of the size and format of `sample`. `time_base` is the unit of their time stamps.
+    // YUV keeps its range (full or limited) where the format has none of its own; RGB becomes limited
+    // BT.709.
     // Throws InputError when this cannot be done.
     PictureConverter(const AVFrame& sample, AVRational time_base, const Task& task);
 

@@ -123,7 +123,6 @@ void take_facts(AVFormatContext& container, AVStream& video, const AVFrame& firs
     format.nominal_rate = av_guess_frame_rate(&container, &video, nullptr);
     format.frame_rate = video.avg_frame_rate.num > 0 ? video.avg_frame_rate : format.nominal_rate;
     format.orientation = orientation_of(video);
-    format.has_captions = av_frame_get_side_data(&first, AV_FRAME_DATA_A53_CC) != nullptr;
     take_colours(first, video, format);
     take_hdr(first, video, format, notes);
 }

@@ -2,12 +2,17 @@
 
 #include "apps/stabilize_video/output/container_support.h"
 
+extern "C" {
+#include <libavutil/avstring.h>
+}
+
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <iterator>
 #include <new>
 #include <string>
+#include <utility>
 
 namespace apps {
 
@@ -193,6 +198,32 @@ unsigned tag_in(const AVOutputFormat& muxer, const AVCodecParameters& parameters
         av_codec_get_id(muxer.codec_tag, parameters.codec_tag) == parameters.codec_id ||
         av_codec_get_tag2(muxer.codec_tag, parameters.codec_id, &tag) == 0;
     return same_meaning ? parameters.codec_tag : 0;
+}
+
+std::string lost_tags(const AVOutputFormat& muxer, const AVDictionary* metadata) {
+    constexpr const char* WORDS[] = {"location", "camera", "date"};
+    // Their keys, or how they begin or end.
+    constexpr std::pair<const char*, std::size_t> KEYS[] = {
+        {"location", 0}, {"make", 1}, {"model", 1}, {"creation", 2}};
+    if ((is_quicktime(muxer) && !is_one_of(muxer, {"3gp", "3g2"})) ||
+        is_one_of(muxer, {"matroska", "webm", "nut", "flv", "asf", "ogg", "ogv"})) {
+        return "";
+    }
+    bool lost[std::size(WORDS)] = {};
+    const AVDictionaryEntry* entry = nullptr;
+    while ((entry = av_dict_get(metadata, "", entry, AV_DICT_IGNORE_SUFFIX)) != nullptr) {
+        for (const auto& [key, word] : KEYS) {
+            lost[word] = lost[word] || av_stristr(entry->key, key) != nullptr;
+        }
+    }
+    if (is_quicktime(muxer)) {
+        lost[0] = lost[2] = false;
+    }
+    std::string text;
+    for (std::size_t i = 0; i < std::size(WORDS); ++i) {
+        text += lost[i] ? (text.empty() ? "" : ", ") + std::string(WORDS[i]) : "";
+    }
+    return text;
 }
 
 AVCodecID substitute(const AVOutputFormat& muxer, const AVCodecParameters& parameters) {

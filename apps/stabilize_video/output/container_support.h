@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <string>
+
 #include "apps/stabilize_video/pictures/ffmpeg.h"
 
 // What containers can hold besides the video, and what is put there in place of the rest.
@@ -23,6 +25,10 @@ bool holds(const AVOutputFormat& muxer, const AVStream& stream);
 // The codec tag of a stream in this format; 0: the muxer's choice. The same tag may mean something else
 // there.
 unsigned tag_in(const AVOutputFormat& muxer, const AVCodecParameters& parameters);
+
+// Those of location, camera and date that a file of this format has no place for, out of the metadata of
+// a recording: "location, date".
+std::string lost_tags(const AVOutputFormat& muxer, const AVDictionary* metadata);
 
 // The codec for sound or subtitles that cannot be copied: the one that users of this format expect;
 // AV_CODEC_ID_NONE if there is none.

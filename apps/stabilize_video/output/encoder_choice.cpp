@@ -32,7 +32,15 @@ constexpr Quality QUALITIES[] = {
     {"libvpx-vp9", 28, 63, "", 0, 0},  {"libvpx", 12, 63, "", 0, 50},
     {"libaom-av1", 26, 63, "", 0, 0},  {"libsvtav1", 28, 63, "", 0, 0},
     {"libtheora", -1, 0, "", 8, 0},    {"mpeg4", -1, 0, "", 2, 0},
+    {"h264_vaapi", -1, 0, "", 20, 0},  {"hevc_vaapi", -1, 0, "", 20, 0},
+    {"h264_nvenc", -1, 0, "", 20, 0},  {"hevc_nvenc", -1, 0, "", 20, 0},
+    {"h264_qsv", -1, 0, "", 20, 0},    {"hevc_qsv", -1, 0, "", 20, 0},
 };
+
+bool has_ending(const std::string& name, const std::string& ending) {
+    return name.size() >= ending.size() &&
+           name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
+}
 
 Quality quality_of(const std::string& encoder) {
     constexpr int USUAL_SCALE = 3;
@@ -131,7 +139,7 @@ const AVCodec* encoder_named(const std::string& name, const PictureFormat& pictu
         codec = codec != nullptr ? codec : avcodec_find_encoder(descriptor->id);
     }
     if (codec == nullptr || codec->type != AVMEDIA_TYPE_VIDEO) {
-        throw video_io::OutputError("there is no video encoder '" + name + "'");
+        throw UsageError("there is no video encoder '" + name + "'");
     }
     return codec;
 }
@@ -216,8 +224,7 @@ void set_preset(AVCodecContext& encoder, const std::string& preset) {
         }
     }
     if (!known || av_opt_set(encoder.priv_data, "preset", preset.c_str(), 0) < 0) {
-        throw video_io::OutputError("the encoder " + name + " has no preset '" + preset + "'" +
-                                    hint);
+        throw UsageError("the encoder " + name + " has no preset '" + preset + "'" + hint);
     }
 }
 
@@ -245,8 +252,8 @@ const AVCodec& choose_encoder(const AVOutputFormat& muxer, const std::string& pa
         throw video_io::OutputError(std::string("there is no encoder for ") + muxer.long_name);
     }
     if (avformat_query_codec(&muxer, codec->id, FF_COMPLIANCE_NORMAL) == 0) {
-        throw video_io::OutputError(std::string(muxer.long_name) + " cannot hold " +
-                                    avcodec_get_name(codec->id) + " video");
+        throw UsageError(std::string(muxer.long_name) + " cannot hold " +
+                         avcodec_get_name(codec->id) + " video");
     }
     return *codec;
 }
@@ -291,21 +298,25 @@ void set_quality(AVCodecContext& encoder, const EncoderOptions& options) {
     };
     const Quality quality = quality_of(name);
     if (options.crf && !has("crf")) {
-        throw video_io::OutputError("the encoder " + name + " has no --crf");
+        throw UsageError("the encoder " + name + " has no --crf");
     }
     if (!options.preset.empty() && !has("preset")) {
-        throw video_io::OutputError("the encoder " + name + " has no --preset");
+        throw UsageError("the encoder " + name + " has no --preset");
     }
     const double crf = options.crf.value_or(quality.crf);
     if (options.bitrate > 0) {
         encoder.bit_rate = options.bitrate;
     } else if (crf >= 0) {
         if (crf > quality.most_crf) {
-            throw video_io::OutputError("the encoder " + name + " takes --crf 0 to " +
-                                        std::to_string(static_cast<int>(quality.most_crf)));
+            throw UsageError("the encoder " + name + " takes --crf 0 to " +
+                             std::to_string(static_cast<int>(quality.most_crf)));
         }
         encoder.bit_rate = quality.ceiling * encoder.width * encoder.height;
         av_opt_set_double(encoder.priv_data, "crf", crf, 0);
+    } else if (has_ending(name, "_vaapi")) {  // in units of the codec; 0: the encoder's own
+        encoder.global_quality = *quality.encoder == '\0' ? 0 : quality.scale;
+    } else if (has_ending(name, "_nvenc")) {
+        av_opt_set_int(encoder.priv_data, "qp", quality.scale, 0);
     } else {
         encoder.flags |= AV_CODEC_FLAG_QSCALE;
         encoder.global_quality = quality.scale * FF_QP2LAMBDA;
@@ -315,6 +326,9 @@ void set_quality(AVCodecContext& encoder, const EncoderOptions& options) {
         av_opt_set_int(encoder.priv_data, "cpu-used", options.live ? 7 : 4, 0);
         av_opt_set_int(encoder.priv_data, "row-mt", 1, 0);
     }
+    if (name == "libvpx" && has_alpha(encoder.pix_fmt)) {  // it takes one or the other
+        av_opt_set_int(encoder.priv_data, "auto-alt-ref", 0, 0);
+    }
     set_profile(encoder);
     if (options.live) {
         av_opt_set(encoder.priv_data, "tune", "zerolatency", 0);
@@ -323,9 +337,9 @@ void set_quality(AVCodecContext& encoder, const EncoderOptions& options) {
     }
 }
 
-void set_own_options(const AVCodec& codec, const PictureFormat& format,
-                     const EncoderOptions& options, Dictionary& settings) {
-    const std::string name = codec.name;
+void set_own_options(AVCodecContext& encoder, const PictureFormat& format,
+                     const EncoderOptions& options) {
+    const std::string name = encoder.codec->name;
     const bool x265 = name == "libx265";
     const std::string key = x265 ? "x265-params" : "x264-params";
     std::string parameters =
@@ -333,12 +347,21 @@ void set_own_options(const AVCodec& codec, const PictureFormat& format,
     for (const auto& [own_key, value] : options.own) {
         if (own_key == key) {
             parameters += (parameters.empty() ? "" : ":") + value;
-        } else {
-            settings.set(own_key, value);
+            continue;
+        }
+        forget_ffmpeg_error();
+        const int result =
+            av_opt_set(&encoder, own_key.c_str(), value.c_str(), AV_OPT_SEARCH_CHILDREN);
+        if (result == AVERROR_OPTION_NOT_FOUND) {
+            throw UsageError("the encoder " + name + " has no option '" + own_key + "'");
+        }
+        if (result < 0) {
+            throw UsageError("--encoder-option " + own_key + "=" + value + ": " +
+                             ffmpeg_error_or(result));
         }
     }
     if (!parameters.empty()) {
-        settings.set(key, parameters);
+        av_opt_set(encoder.priv_data, key.c_str(), parameters.c_str(), 0);
     }
 }
 

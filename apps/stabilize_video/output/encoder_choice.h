@@ -30,7 +30,7 @@ struct EncoderOptions {
     video_io::Existing existing = video_io::Existing::KEEP;
 };
 
-// Throws OutputError if there is none, or the container cannot hold what it makes.
+// Throws OutputError if there is none, UsageError if the container cannot hold what it makes.
 const AVCodec& choose_encoder(const AVOutputFormat& muxer, const std::string& path,
                               const EncoderOptions& options, const PictureFormat& pictures);
 
@@ -42,12 +42,12 @@ AVPixelFormat nearest_format(const AVCodec& codec, AVPixelFormat pictures);
 AVRational encoder_tick(const AVOutputFormat& muxer, const AVCodec& codec,
                         const PictureFormat& format);
 
-// Sets what belongs to quality and speed. Throws OutputError where the user wants what the encoder does
+// Sets what belongs to quality and speed. Throws UsageError where the user wants what the encoder does
 // not have.
 void set_quality(AVCodecContext& encoder, const EncoderOptions& options);
 
-// Sets the user's options, and what an encoder takes under names of its own only.
-void set_own_options(const AVCodec& codec, const PictureFormat& format,
-                     const EncoderOptions& options, Dictionary& settings);
+// Sets the user's options, and what an encoder takes under names of its own only. Throws UsageError.
+void set_own_options(AVCodecContext& encoder, const PictureFormat& format,
+                     const EncoderOptions& options);
 
 }  // namespace apps

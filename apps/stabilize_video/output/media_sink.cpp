@@ -2,10 +2,16 @@
 
 #include "apps/stabilize_video/output/media_sink.h"
 
+extern "C" {
+#include <libavutil/avstring.h>
+}
+
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -79,21 +85,56 @@ bool has_makers_keys(const AVOutputFormat& muxer, const AVDictionary* metadata) 
     return false;
 }
 
+// Matroska has all keys in capitals, QuickTime not.
+void use_small_letters(AVDictionary*& metadata) {
+    AVDictionary* changed = nullptr;
+    const AVDictionaryEntry* entry = nullptr;
+    while ((entry = av_dict_get(metadata, "", entry, AV_DICT_IGNORE_SUFFIX)) != nullptr) {
+        std::string key = entry->key;
+        if (av_tolower(key[0]) != key[0]) {
+            std::transform(key.begin(), key.end(), key.begin(),
+                           [](char c) { return static_cast<char>(av_tolower(c)); });
+            constexpr const char* STANDARD = "ISO6709";  // the only capitals that there are
+            const std::size_t at = key.find("iso6709");
+            if (at != std::string::npos) {
+                key.replace(at, std::strlen(STANDARD), STANDARD);
+            }
+        }
+        av_dict_set(&changed, key.c_str(), entry->value, 0);
+    }
+    av_dict_free(&metadata);
+    metadata = changed;
+}
+
 // A name such as f%03d.png stands for a file for each picture.
 bool is_sequence(const AVOutputFormat& muxer, const std::string& path) {
     return std::strcmp(muxer.name, "image2") == 0 && path.find('%') != std::string::npos;
 }
 
-void refuse_existing(const std::string& sequence, video_io::Existing existing) {
-    std::array<char, 4096> first{};
+bool is_file(const std::string& path) {
     struct stat info {};
-    if (av_get_frame_filename(first.data(), first.size(), sequence.c_str(), 1) < 0) {
-        throw video_io::OutputError("the name " + sequence +
-                                    " needs one number, such as %04d, for the pictures");
+    return stat(path.c_str(), &info) == 0;
+}
+
+// The first file of numbered pictures; "" if there is no number in the name.
+std::string first_of(const std::string& sequence) {
+    std::array<char, 4096> first{};
+    const int made = av_get_frame_filename(first.data(), first.size(), sequence.c_str(), 1);
+    return made < 0 ? "" : first.data();
+}
+
+void refuse_existing(const std::string& sequence, video_io::Existing existing) {
+    const std::string first = first_of(sequence);
+    if (first.empty()) {
+        throw UsageError("the name " + sequence +
+                         " needs one number, such as %04d, for the pictures");
     }
-    if (existing == video_io::Existing::KEEP && stat(first.data(), &info) == 0) {
-        throw video_io::ExistsError(std::string(first.data()) +
-                                    " exists already; --overwrite replaces it");
+    if (existing == video_io::Existing::KEEP && is_file(first)) {
+        throw video_io::ExistsError(first + " exists already; --overwrite replaces it");
+    }
+    const std::string folder = first.substr(0, first.rfind('/') + 1);
+    if (access(folder.empty() ? "." : folder.c_str(), W_OK) != 0) {
+        throw video_io::OutputError("cannot write " + first + ": " + av_reason(AVERROR(errno)));
     }
 }
 
@@ -104,17 +145,22 @@ const AVOutputFormat* output_format_for(const std::string& path, const std::stri
                                        ? av_guess_format(nullptr, path.c_str(), nullptr)
                                        : av_guess_format(container.c_str(), nullptr, nullptr);
     if (format == nullptr) {
-        throw video_io::OutputError(
-            container.empty() ? "the name " + path +
-                                    " does not tell the output format; use an ending such as "
-                                    ".mp4, or --output-format"
-                              : "there is no output format '" + container + "'");
+        throw UsageError(container.empty()
+                             ? "the name " + path +
+                                   " does not tell the output format; use an ending such as "
+                                   ".mp4, or --output-format"
+                             : "there is no output format '" + container + "'");
     }
     const bool picture = std::strcmp(format->name, "image2") == 0 && !is_sequence(*format, path);
     if (picture || format->video_codec == AV_CODEC_ID_NONE) {
-        throw video_io::OutputError(path + " would not be a video (" + format->long_name + ")");
+        throw UsageError(path + " would not be a video (" + format->long_name + ")");
     }
     return format;
+}
+
+bool is_output_there(const std::string& path) {
+    return path != "-" && path.find("://") == std::string::npos &&
+           (is_file(path) || is_file(first_of(path)));
 }
 
 bool keeps_rotation(const AVOutputFormat& format) {
@@ -124,7 +170,7 @@ bool keeps_rotation(const AVOutputFormat& format) {
 MediaSink::MediaSink(const std::string& path, const PictureFormat& format,
                      const EncoderOptions& options, const MediaSource* original,
                      const std::atomic<bool>* stop)
-    : path_(path == "-" ? "standard output" : path), stop_(stop) {
+    : path_(path == "-" ? "standard output" : path), stop_(stop), offset_us_(format.zero_us) {
     const AVOutputFormat* muxer = output_format_for(path, options.container);
     const bool sequence = is_sequence(*muxer, path);
     const bool url = path.find("://") != std::string::npos;
@@ -203,15 +249,26 @@ void MediaSink::add_video(const PictureFormat& format) {
 void MediaSink::add_original(const MediaSource& original, const EncoderOptions& options) {
     const AVFormatContext& container = original.container();
     const AVStream& video = original.video();
-    offset_us_ = original.zero_us();
     av_dict_copy(&context_->metadata, container.metadata, 0);
     for (const char* about_the_file :
          {"major_brand", "minor_version", "compatible_brands", "encoder"}) {
         av_dict_set(&context_->metadata, about_the_file, nullptr, 0);
     }
+    if (is_quicktime(*context_->oformat)) {
+        use_small_letters(context_->metadata);
+    }
+    const std::string lost = lost_tags(*context_->oformat, context_->metadata);
+    if (!lost.empty()) {
+        notes_.push_back("left out, since " + std::string(context_->oformat->long_name) +
+                         " has no place for it: " + lost);
+    }
     copy_chapters(container, *context_, offset_us_);
     av_dict_copy(&video_->metadata, video.metadata, 0);
     av_dict_set(&video_->metadata, "encoder", nullptr, 0);
+    const bool vpx =
+        encoder_->codec_id() == AV_CODEC_ID_VP8 || encoder_->codec_id() == AV_CODEC_ID_VP9;
+    av_dict_set(&video_->metadata, "alpha_mode", vpx && encoder_->writes_alpha() ? "1" : nullptr,
+                0);
     video_->disposition = video.disposition;
     copy_side_data(video, *video_, keeps_rotation(*context_->oformat));
     others_ = std::make_unique<OtherStreams>(*context_, original, options.audio, notes_);

@@ -18,8 +18,11 @@
 
 namespace apps {
 
-// FFmpeg's muxer for a file of this name. Throws OutputError if there is none.
+// FFmpeg's muxer for a file of this name. Throws UsageError if there is none.
 const AVOutputFormat* output_format_for(const std::string& path, const std::string& container);
+
+// Whether there is such a file, or the first of such numbered pictures.
+bool is_output_there(const std::string& path);
 
 // Whether files of this format have a rotation tag.
 bool keeps_rotation(const AVOutputFormat& format);
@@ -33,13 +36,14 @@ class MediaSink : public PictureSink {
     // original  the input whose other streams, chapters, metadata and rotation are copied; may be
     //           null. Used only during construction.
     // stop      once true, a write that waits for a pipe or a network fails soon; may be null
-    // Throws OutputError, ExistsError.
+    // Throws OutputError, ExistsError, UsageError.
     MediaSink(const std::string& path, const PictureFormat& format, const EncoderOptions& options,
               const MediaSource* original, const std::atomic<bool>* stop);
     MediaSink(const MediaSink&) = delete;
     MediaSink& operator=(const MediaSink&) = delete;
 
     void write(const AVFrame& picture, const PictureTag& tag) override;
+    std::string late_note() const override { return encoder_->late_note(); }
     void finish() override;
 
     void commit() override;
@@ -65,8 +69,8 @@ class MediaSink : public PictureSink {
     std::unique_ptr<VideoEncoder> encoder_;
     std::unique_ptr<OtherStreams> others_;  // null: the video is alone
     AVStream* video_ = nullptr;
-    std::int64_t offset_us_ = 0;  // subtracted from all time stamps
-    std::mutex mutex_;            // guards the muxer
+    std::int64_t offset_us_;  // subtracted from all time stamps
+    std::mutex mutex_;        // guards the muxer
     Notes notes_;
 };
 

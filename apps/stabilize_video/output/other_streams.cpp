@@ -55,7 +55,7 @@ void copy_description(const AVStream& from, AVStream& to) {
 
 OtherStreams::OtherStreams(AVFormatContext& to, const MediaSource& original, bool audio,
                            Notes& notes)
-    : to_(to), offset_us_(original.zero_us()), audio_(audio) {
+    : to_(to), offset_us_(original.format().zero_us), audio_(audio) {
     const AVFormatContext& container = original.container();
     transfers_.resize(container.nb_streams);
     for (unsigned i = 0; i < container.nb_streams; ++i) {
@@ -97,9 +97,15 @@ void OtherStreams::add(const AVStream& from, Notes& notes) {
             notes.push_back(name_of(from) + " is left out: " + muxer.long_name + " cannot hold it");
             return;
         }
-        notes.push_back(name_of(from) + " is converted to " + avcodec_get_name(codec) + ": " +
-                        muxer.long_name +
-                        (moved ? " cannot tell when it begins" : " cannot hold it"));
+        const int rate = transfer.transcoder->encoder().sample_rate;
+        const bool resampled = codec == parameters.codec_id && rate != parameters.sample_rate;
+        notes.push_back(name_of(from) +
+                        (resampled
+                             ? " is resampled to " + std::to_string(rate) +
+                                   " Hz: " + muxer.long_name + " takes no other rate"
+                             : std::string(" is converted to ") + avcodec_get_name(codec) + ": " +
+                                   muxer.long_name +
+                                   (moved ? " cannot tell when it begins" : " cannot hold it")));
     }
     AVStream* to = avformat_new_stream(&to_, nullptr);
     const int described =

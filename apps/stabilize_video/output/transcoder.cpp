@@ -142,7 +142,7 @@ class SoundTranscoder : public Transcoder {
             if (!graph_ || sound->sample_rate != rate_ || sound->format != format_ ||
                 sound->ch_layout.nb_channels != channels_) {
                 filter(nullptr, receiver);
-                make_graph(*sound, first_time());
+                make_graph(*sound);
             }
             sound->pts = sound->best_effort_timestamp;
             filter(sound.get(), receiver);
@@ -156,7 +156,7 @@ class SoundTranscoder : public Transcoder {
 
   private:
     // For sound of this format. Gaps become silence, so that what follows keeps its time.
-    void make_graph(const AVFrame& sound, const std::string& first_time) {
+    void make_graph(const AVFrame& sound) {
         rate_ = sound.sample_rate;
         format_ = sound.format;
         channels_ = sound.ch_layout.nb_channels;
@@ -170,7 +170,7 @@ class SoundTranscoder : public Transcoder {
             ":channel_layout=" + layout_name(sound.ch_layout) +
             ":time_base=" + std::to_string(unit_.num) + "/" + std::to_string(unit_.den);
         const std::string description =
-            in + ",aresample=async=1" + first_time +
+            in + ",aresample=async=1" + first_time() +
             ",aformat=sample_fmts=" + av_get_sample_fmt_name(encoder_->sample_fmt) +
             ":sample_rates=" + std::to_string(encoder_->sample_rate) +
             ":channel_layouts=" + layout_name(encoder_->ch_layout) + ",abuffersink";
@@ -190,15 +190,14 @@ class SoundTranscoder : public Transcoder {
         }
     }
 
-    // The time of the next sample, for the resampler: where the sound before ends.
+    // Where the sound before ends, for the resampler, which counts samples of what it gets.
     std::string first_time() const {
-        if (next_) {
-            return ":first_pts=" + std::to_string(*next_);
+        if (!next_ && !silence_from_us_) {
+            return "";
         }
-        return silence_from_us_
-                   ? ":first_pts=" + std::to_string(av_rescale(*silence_from_us_,
-                                                               encoder_->sample_rate, AV_TIME_BASE))
-                   : "";
+        const std::int64_t first = next_ ? av_rescale(*next_, rate_, encoder_->sample_rate)
+                                         : av_rescale(*silence_from_us_, rate_, AV_TIME_BASE);
+        return ":first_pts=" + std::to_string(first);
     }
 
     static std::string layout_name(const AVChannelLayout& layout) {

@@ -61,11 +61,11 @@ VideoEncoder::VideoEncoder(const AVOutputFormat& muxer, const std::string& path,
                         ", is written as " + avcodec_get_name(codec.id) +
                         "; --codec chooses another");
     }
-    if (format.has_captions && !takes_captions(*encoder_)) {
-        notes.push_back(std::string("closed captions are dropped: the encoder ") + codec.name +
-                        " does not take them");
-    }
     open_rate_filter(format);
+}
+
+bool VideoEncoder::writes_alpha() const {
+    return has_alpha(format_);
 }
 
 void VideoEncoder::describe(AVCodecParameters& parameters) const {
@@ -76,7 +76,7 @@ void VideoEncoder::describe(AVCodecParameters& parameters) const {
     }
 }
 
-// Returns FFmpeg's code. Throws OutputError for what only the user can change.
+// Returns FFmpeg's code. Throws UsageError for what only the user can change.
 int VideoEncoder::try_open(const AVOutputFormat& muxer, const AVCodec& codec,
                            const PictureFormat& format, const EncoderOptions& options, int width,
                            int height) {
@@ -112,24 +112,20 @@ int VideoEncoder::try_open(const AVOutputFormat& muxer, const AVCodec& codec,
         hardware_ = std::make_unique<HardwarePictures>(encoder, codec, format_);
     }
     set_quality(encoder, options);
-    Dictionary settings;
-    set_own_options(codec, format, options, settings);
+    set_own_options(encoder, format, options);
     forget_ffmpeg_error();
-    const int result = avcodec_open2(&encoder, &codec, settings.address());
-    if (const std::string key = settings.first_key(); result >= 0 && !key.empty()) {
-        throw video_io::OutputError(std::string("the encoder ") + codec.name + " has no option '" +
-                                    key + "'");
-    }
-    return result;
+    return avcodec_open2(&encoder, &codec, nullptr);
 }
 
 void VideoEncoder::open(const AVOutputFormat& muxer, const AVCodec& codec,
                         const PictureFormat& format, const EncoderOptions& options, Notes& notes) {
+    const AVPixelFormat wanted = format_;
     int result = try_open(muxer, codec, format, options, width_, height_);
     const std::string cause = result < 0 ? ffmpeg_error_or(result) : "";
     const int even_width = width_ + width_ % 2;
     const int even_height = height_ + height_ % 2;
     if (result < 0 && (even_width != width_ || even_height != height_)) {
+        format_ = wanted;  // a device may have changed it
         result = try_open(muxer, codec, format, options, even_width, even_height);
         if (result >= 0) {
             notes.push_back("the pictures are padded to " + size_text(even_width, even_height) +
@@ -140,8 +136,10 @@ void VideoEncoder::open(const AVOutputFormat& muxer, const AVCodec& codec,
         throw std::bad_alloc();
     }
     if (result < 0) {
-        throw video_io::OutputError(std::string("the encoder ") + codec.name +
-                                    " cannot be used: " + cause);
+        const bool hardware = (codec.capabilities & AV_CODEC_CAP_HARDWARE) != 0;
+        throw video_io::OutputError(
+            std::string("the encoder ") + codec.name + " cannot be used: " + cause +
+            (hardware ? "; it needs a device of its own, and the driver of it" : ""));
     }
 }
 
@@ -173,6 +171,12 @@ void VideoEncoder::open_rate_filter(const PictureFormat& format) {
     if (result < 0) {
         throw video_io::OutputError("the frame rate cannot be set: " + av_reason(result));
     }
+}
+
+std::string VideoEncoder::late_note() const {
+    return captions_lost_ ? std::string("closed captions are dropped: the encoder ") +
+                                encoder_->codec->name + " does not take them"
+                          : "";
 }
 
 // A copy with the encoder's size. Its last rows and columns repeat those of the picture.
@@ -256,6 +260,7 @@ void VideoEncoder::write(const AVFrame& picture, const PictureTag& tag, const Re
     if (ready && hardware_) {
         ready = hardware_->upload(*ready);
     }
+    captions_lost_ = captions_lost_ || (tag.captions && !takes_captions(*encoder_));
     if (ready && tag.captions) {
         AVBufferRef* captions = av_buffer_ref(tag.captions.get());
         if (captions == nullptr || av_frame_new_side_data_from_buf(

@@ -23,7 +23,7 @@ class VideoEncoder {
     using Receiver = std::function<void(AVPacket&)>;
 
     // notes  receives what the user should know
-    // Throws OutputError.
+    // Throws OutputError, UsageError.
     VideoEncoder(const AVOutputFormat& muxer, const std::string& path, const PictureFormat& format,
                  const EncoderOptions& options, Notes& notes);
     VideoEncoder(const VideoEncoder&) = delete;
@@ -31,6 +31,9 @@ class VideoEncoder {
 
     AVCodecID codec_id() const { return encoder_->codec_id; }
     AVRational time_base() const { return encoder_->time_base; }
+    bool writes_alpha() const;
+    // What the user should know and only shows while pictures are written; "": nothing.
+    std::string late_note() const;
     // Throws std::bad_alloc.
     void describe(AVCodecParameters& parameters) const;
 
@@ -57,10 +60,11 @@ class VideoEncoder {
     AVPixelFormat format_ = AV_PIX_FMT_NONE;  // of what is encoded
     int width_;                               // of the pictures; the encoder's may be larger by one
     int height_;
-    AVRational unit_;                        // of the pictures' times
-    AVColorRange range_;                     // of the pictures
-    bool is_jpeg_file_ = false;              // each picture; these are read as full range, BT.601
-    std::optional<std::int64_t> last_time_;  // in units of the encoder
+    AVRational unit_;            // of the pictures' times
+    AVColorRange range_;         // of the pictures
+    bool is_jpeg_file_ = false;  // each picture; these are read as full range, BT.601
+    bool captions_lost_ = false;
+    std::optional<std::int64_t> last_time_;           // in units of the encoder
     std::map<std::int64_t, std::int64_t> durations_;  // of the pictures in the encoder, by time
     PacketPtr packet_;
 };

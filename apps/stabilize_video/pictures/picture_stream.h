@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,11 @@ struct SizeChangedError : video_io::InputError {
     using video_io::InputError::InputError;
 };
 
+// The command line asks for what there is not. what() is a message for the user.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 // What all pictures of a stream have in common.
 struct PictureFormat {
     int width = 0;   // pixels
@@ -49,7 +55,7 @@ struct PictureFormat {
     std::optional<AVContentLightMetadata> light;
     Orientation orientation;             // as a player has to turn the pictures
     AVCodecID codec = AV_CODEC_ID_NONE;  // of the input
-    bool has_captions = false;
+    std::int64_t zero_us = 0;            // what is to become 0 in the output, microseconds
 };
 
 // What travels with one picture.

@@ -187,13 +187,17 @@ void Y4mSink::write(const AVFrame& picture, const PictureTag& tag) {
     }
     const double expected = static_cast<double>(pictures_) * ticks_per_picture_;
     const double offset = static_cast<double>(tag.time - *first_time_) - expected;
-    varies_ = varies_ || std::abs(offset) > std::max(1.0, ticks_per_picture_);
+    varies_ = varies_ || std::abs(offset) > ticks_per_picture_ / 2;
+    had_captions_ = had_captions_ || tag.captions;
     ++pictures_;
     writer_.write_frame(y4m_planes(picture), tag.parameters);
 }
 
 std::string Y4mSink::late_note() const {
-    return varies_ ? "the time between pictures varies, which YUV4MPEG2 cannot tell" : "";
+    const std::string captions = had_captions_ ? "closed captions are dropped" : "";
+    return varies_ ? "the time between pictures varies, which YUV4MPEG2 cannot tell" +
+                         (captions.empty() ? "" : "; " + captions)
+                   : captions;
 }
 
 }  // namespace apps

@@ -60,6 +60,7 @@ class Y4mSink : public PictureSink {
     std::optional<std::int64_t> first_time_;
     std::int64_t pictures_ = 0;
     bool varies_ = false;  // the time between pictures
+    bool had_captions_ = false;
 };
 
 }  // namespace apps

@@ -37,13 +37,12 @@ std::string reason(int error) {
 
 }  // namespace
 
-std::string Preview::obstacle() {
-    return is_set("DISPLAY") || is_set("WAYLAND_DISPLAY") ? ""
-                                                          : "there is no display for --preview";
-}
-
 Preview::Preview(const PictureFormat& format) : format_(format), start_(Clock::now()) {
+    if (!is_set("DISPLAY") && !is_set("WAYLAND_DISPLAY")) {
+        throw video_io::OutputError("there is no display for --preview");
+    }
     format_.time_base = MILLISECOND;
+    format_.zero_us = 0;
     format_.mastering.reset();
     format_.light.reset();
     start_player();
@@ -75,6 +74,9 @@ void Preview::start_player() {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ends[0], STDIN_FILENO);
+    for (const int told : {STDOUT_FILENO, STDERR_FILENO}) {  // the terminal is the program's
+        posix_spawn_file_actions_addopen(&actions, told, "/dev/null", O_WRONLY, 0);
+    }
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     // Signals from the terminal are for the program, which ends the player.
@@ -90,6 +92,13 @@ void Preview::start_player() {
                                     reason(failed));
     }
     pipe_ = ends[1];
+}
+
+bool Preview::has_failed() const {
+    siginfo_t info{};
+    const auto player = static_cast<id_t>(player_);
+    return waitid(P_PID, player, &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == player_ && info.si_code == CLD_EXITED && info.si_status != 0;
 }
 
 void Preview::add_shaky(const AVFrame& picture) {

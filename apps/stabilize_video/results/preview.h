@@ -24,14 +24,14 @@ namespace apps {
 // Threads: owner only, except add_shaky: thread-safe.
 class Preview {
   public:
-    // Why it cannot be shown here; "" if it can.
-    static std::string obstacle();
-
-    // Throws OutputError where ffplay cannot be started.
+    // Throws OutputError where there is no display, or ffplay cannot be started.
     explicit Preview(const PictureFormat& format);
     ~Preview();
     Preview(const Preview&) = delete;
     Preview& operator=(const Preview&) = delete;
+
+    // Whether the player has ended with an error, as where the display cannot be used.
+    bool has_failed() const;
 
     // Keeps a reference until the steady picture of the same frame arrives.
     void add_shaky(const AVFrame& picture);

@@ -16,7 +16,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -24,7 +23,7 @@
 
 #include "apps/stabilize_video/cli/batch_progress.h"
 #include "apps/stabilize_video/cli/interruption.h"
-#include "apps/stabilize_video/pictures/ffmpeg.h"
+#include "apps/stabilize_video/output/media_sink.h"
 #include "apps/stabilize_video/run/job.h"
 
 namespace apps {
@@ -32,10 +31,6 @@ namespace apps {
 namespace {
 
 namespace fs = std::filesystem;
-
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
 
 struct File {
     std::string input;
@@ -352,8 +347,7 @@ int Batch::conclude() {
 
 void Batch::leave_out_existing() {
     for (File& file : files_) {
-        std::error_code ignored;
-        if (options_.skip_existing && fs::exists(file.output, ignored)) {
+        if (options_.skip_existing && is_output_there(file.output)) {
             file.status = EXIT_DONE;
             ++present_;
         }

@@ -50,7 +50,7 @@ std::string Extra::failure() const {
 }
 
 Extras::Extras(const Options& options, const PictureFormat& format, const EncoderOptions& encoder,
-               const std::atomic<bool>* stop)
+               const std::atomic<bool>* stop, Notes& notes)
     : compare_(options.compare_file),
       path_(options.path_file),
       json_(options.json_file),
@@ -60,7 +60,11 @@ Extras::Extras(const Options& options, const PictureFormat& format, const Encode
         comparison_ = std::make_unique<SideBySide>(options.compare_file, format, encoder, stop);
     }
     if (options.preview) {
-        preview_ = std::make_unique<Preview>(format);
+        try {
+            preview_ = std::make_unique<Preview>(format);
+        } catch (const video_io::OutputError& error) {
+            notes.emplace_back(error.what());
+        }
     }
     if (path_.is_wanted()) {
         path_file_ =
@@ -111,6 +115,10 @@ void Extras::add_steady(const AVFrame& picture, const PictureTag& tag) noexcept 
         } catch (const std::bad_alloc&) {  // this picture is not shown
         }
     }
+}
+
+std::string Extras::late_note() const {
+    return preview_ && preview_->has_failed() ? "--preview was not shown: ffplay failed" : "";
 }
 
 std::vector<std::string> Extras::finish(const JobFacts& facts) {

@@ -63,9 +63,11 @@ class Extra {
 class Extras {
   public:
     // Opens the files that `options` asks for, so that one that cannot be written is reported
-    // before the work starts. Throws OutputError, ExistsError.
+    // before the work starts.
+    // notes  receives why there is no preview
+    // Throws OutputError, ExistsError, UsageError.
     Extras(const Options& options, const PictureFormat& format, const EncoderOptions& encoder,
-           const std::atomic<bool>* stop);
+           const std::atomic<bool>* stop, Notes& notes);
 
     void add(const FollowedFrame& point) noexcept;
     void add_shaky(const AVFrame& picture) noexcept;
@@ -73,6 +75,9 @@ class Extras {
 
     // The statistics so far, which are gathered in any case.
     const ShakeReport& report() const { return report_; }
+
+    // What the user should know and only shows while pictures are written; "": nothing.
+    std::string late_note() const;
 
     // Completes the files. Returns a message for each that failed.
     std::vector<std::string> finish(const JobFacts& facts);

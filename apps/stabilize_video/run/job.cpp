@@ -30,10 +30,6 @@ namespace vs = videostabilizer;
 
 namespace {
 
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 bool is_url(const std::string& path) {
     return path.find("://") != std::string::npos;
 }
@@ -59,11 +55,6 @@ void say(const Options& options, const std::string& text) {
     if (!options.quiet) {
         std::fprintf(stderr, "stabilize-video: %s\n", text.c_str());
     }
-}
-
-bool exists(const std::string& path) {
-    struct stat info {};
-    return path != "-" && !is_url(path) && stat(path.c_str(), &info) == 0;
 }
 
 void refuse_same_files(const Options& options) {
@@ -140,6 +131,10 @@ Input open_input(const Options& options) {
     if (by_name) {
         media = std::make_unique<MediaSource>(name, media_options);
     } else {
+        // A file from its start can be opened again by this name, and then be searched.
+        const std::string STANDARD_INPUT = "/dev/stdin";
+        const bool whole_file = name == "-" && lseek(STDIN_FILENO, 0, SEEK_CUR) == 0 &&
+                                access(STANDARD_INPUT.c_str(), R_OK) == 0;
         auto stream = std::make_unique<video_io::FdSource>(name, stop);
         const bool regular = stream->file_size() >= 0;
         input.live = !regular;
@@ -151,9 +146,12 @@ Input open_input(const Options& options) {
             input.source = std::move(y4m);
             return input;
         }
-        media = regular && name != "-"
-                    ? std::make_unique<MediaSource>(name, media_options)
-                    : std::make_unique<MediaSource>(std::move(stream), media_options);
+        if (regular && (name != "-" || whole_file)) {
+            media =
+                std::make_unique<MediaSource>(name == "-" ? STANDARD_INPUT : name, media_options);
+        } else {
+            media = std::make_unique<MediaSource>(std::move(stream), media_options);
+        }
     }
     input.live = media->is_live();
     input.media = media.get();
@@ -264,7 +262,7 @@ void Job::open_outputs() {
     encoder.existing = options_.existing;
     sink_ = open_video(encoder);
     extras_ = std::make_unique<Extras>(options_, input_.source->format(), encoder,
-                                       &interruption().stop_all);
+                                       &interruption().stop_all, notes_);
 }
 
 std::unique_ptr<PictureSink> Job::open_video(const EncoderOptions& encoder) {
@@ -353,7 +351,8 @@ int Job::conclude(StreamResult result) {
     if (interrupted) {
         return keep_partial(result);
     }
-    for (const std::string& note : {extras_->report().lost_note(), sink_->late_note()}) {
+    for (const std::string& note :
+         {extras_->report().lost_note(), sink_->late_note(), extras_->late_note()}) {
         if (!note.empty()) {
             notes_.push_back(note);
             say(options_, "note: " + note);
@@ -432,10 +431,6 @@ int Job::run() {
     if (options_.crop == 1.0F && settings_.edge_guard != 0) {
         notes_.emplace_back("--crop 1 leaves no margin: nothing can be corrected");
     }
-    if (options_.preview && !Preview::obstacle().empty()) {
-        notes_.push_back(Preview::obstacle());
-        options_.preview = false;
-    }
     open_outputs();
     for (const std::string& note : notes_) {
         say(options_, "note: " + note);
@@ -455,7 +450,7 @@ int report_failure(ExitCode code, const char* what) {
 int run_job(const Options& options) {
     try {
         watch_signals(options.keep_partial ? OnSignal::FINISH_OUTPUT : OnSignal::STOP);
-        if (options.skip_existing && exists(options.output)) {
+        if (options.skip_existing && is_output_there(options.output)) {
             say(options, options.output + " exists already, and is left as it is");
             return EXIT_DONE;
         }
