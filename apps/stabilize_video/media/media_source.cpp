@@ -373,6 +373,9 @@ AvFramePtr MediaSource::decode() {
     }
     last_time_ = time;
     frame->pts = time;
+    if (input_ended_ && frame->pkt_duration == 0) {  // no other tells when the last picture ends
+        frame->pkt_duration = step;
+    }
     frame->pict_type = AV_PICTURE_TYPE_NONE;
     keep_captions(*frame);
     return frame;

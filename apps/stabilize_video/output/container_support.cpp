@@ -23,10 +23,6 @@ bool is_one_of(const AVOutputFormat& muxer, std::initializer_list<const char*> n
                        [&](const char* name) { return std::strcmp(name, muxer.name) == 0; });
 }
 
-bool is_transport(const AVOutputFormat& muxer) {
-    return is_one_of(muxer, {"mpegts", "hls"});
-}
-
 bool is_program_stream(const AVOutputFormat& muxer) {
     return is_one_of(muxer, {"mpeg", "vob", "svcd", "dvd", "vcd"});
 }
@@ -128,6 +124,10 @@ AVCodecID subtitles_for(const AVOutputFormat& muxer, AVCodecID original) {
 
 bool is_quicktime(const AVOutputFormat& muxer) {
     return is_one_of(muxer, {"mov", "mp4", "3gp", "3g2", "ipod", "psp", "ismv", "f4v"});
+}
+
+bool is_transport(const AVOutputFormat& muxer) {
+    return is_one_of(muxer, {"mpegts", "hls"});
 }
 
 bool holds_sound(const AVOutputFormat& muxer) {

@@ -13,6 +13,8 @@ namespace apps {
 // QuickTime and what is derived from it.
 bool is_quicktime(const AVOutputFormat& muxer);
 
+bool is_transport(const AVOutputFormat& muxer);
+
 // Whether files of this format can hold sound at all.
 bool holds_sound(const AVOutputFormat& muxer);
 

@@ -208,6 +208,18 @@ std::string x26x_parameters(bool x265, const PictureFormat& format) {
     return parameters;
 }
 
+void set_option(AVCodecContext& encoder, const std::string& key, const std::string& value) {
+    forget_ffmpeg_error();
+    const int result = av_opt_set(&encoder, key.c_str(), value.c_str(), AV_OPT_SEARCH_CHILDREN);
+    if (result == AVERROR_OPTION_NOT_FOUND) {
+        throw UsageError(std::string("the encoder ") + encoder.codec->name + " has no option '" +
+                         key + "'");
+    }
+    if (result < 0) {
+        throw UsageError("--encoder-option " + key + "=" + value + ": " + ffmpeg_error_or(result));
+    }
+}
+
 void set_preset(AVCodecContext& encoder, const std::string& preset) {
     constexpr const char* OF_X26X[] = {"ultrafast", "superfast", "veryfast", "faster",   "fast",
                                        "medium",    "slow",      "slower",   "veryslow", "placebo"};
@@ -349,16 +361,7 @@ void set_own_options(AVCodecContext& encoder, const PictureFormat& format,
             parameters += (parameters.empty() ? "" : ":") + value;
             continue;
         }
-        forget_ffmpeg_error();
-        const int result =
-            av_opt_set(&encoder, own_key.c_str(), value.c_str(), AV_OPT_SEARCH_CHILDREN);
-        if (result == AVERROR_OPTION_NOT_FOUND) {
-            throw UsageError("the encoder " + name + " has no option '" + own_key + "'");
-        }
-        if (result < 0) {
-            throw UsageError("--encoder-option " + own_key + "=" + value + ": " +
-                             ffmpeg_error_or(result));
-        }
+        set_option(encoder, own_key, value);
     }
     if (!parameters.empty()) {
         av_opt_set(encoder.priv_data, key.c_str(), parameters.c_str(), 0);

@@ -78,7 +78,8 @@ bool has_makers_keys(const AVOutputFormat& muxer, const AVDictionary* metadata) 
     const AVDictionaryEntry* entry = nullptr;
     while ((entry = av_dict_get(metadata, "", entry, AV_DICT_IGNORE_SUFFIX)) != nullptr) {
         const std::string key = entry->key;
-        if (key.rfind("com.", 0) == 0 || (!is_mov && (key == "make" || key == "model"))) {
+        if (key.rfind("com.", 0) == 0 || key == "firmware" ||
+            (!is_mov && (key == "make" || key == "model"))) {
             return true;
         }
     }
@@ -198,6 +199,10 @@ MediaSink::MediaSink(const std::string& path, const PictureFormat& format,
     if (options.live) {
         context->flags |= AVFMT_FLAG_FLUSH_PACKETS;
         context->max_interleave_delta = AV_TIME_BASE / 2;
+    } else {
+        // What a receiver of broadcasts gets ahead of time; 0 by default, which leaves it no buffer.
+        constexpr int AHEAD_US = AV_TIME_BASE / 10 * 7;
+        context->max_delay = AHEAD_US;
     }
 
     encoder_ = std::make_unique<VideoEncoder>(*muxer, path, format, options, notes_);
@@ -261,6 +266,11 @@ void MediaSink::add_original(const MediaSource& original, const EncoderOptions& 
     if (!lost.empty()) {
         notes_.push_back("left out, since " + std::string(context_->oformat->long_name) +
                          " has no place for it: " + lost);
+    }
+    const AVProgram* program =
+        av_find_program_from_stream(&const_cast<AVFormatContext&>(container), nullptr, video.index);
+    if (program != nullptr && is_transport(*context_->oformat)) {  // the name of the channel
+        av_dict_copy(&context_->metadata, program->metadata, 0);
     }
     copy_chapters(container, *context_, offset_us_);
     av_dict_copy(&video_->metadata, video.metadata, 0);
