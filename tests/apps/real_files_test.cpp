@@ -195,7 +195,7 @@ R(34000,16000)WP(15635,16450)L(10000000,1):max-cll=1000,400" hdr.mkv)",
         $P -q cut.mp4 no.mp4 2>&1 | grep -o 'no index'; $P -q - last.mp4 < last.mov)",
      "needs a file\nindex comes last\nno index\n"},
     {"numbered pictures", "FF -i shaky.y4m -frames:v 12 in%03d.png",
-     R"($P -q in%03d.png seq.mp4 && $P -q plain.mp4 out%02d.jpg &&
+     R"($P -q --input-option framerate=5 in%03d.png seq.mp4 && $P -q plain.mp4 out%02d.jpg &&
         $P -q --skip-existing plain.mp4 out%02d.jpg && $P -q plain.mp4 out%02d.jpg)",
      3, "out01.jpg exists already", R"(frames seq.mp4; ls out*.jpg | wc -l
         $P -q plain.mp4 none/%d.jpg 2>&1 | grep -o 'No such file')",

@@ -379,7 +379,8 @@ void add_encoding(CLI::App& app, Options& options, RawOptions& raw) {
         "FFmpeg option for the encoder, such as g=60; may be repeated")
         ->type_name("KEY=VALUE")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-        ->expected(1);
+        ->expected(1)
+        ->allow_extra_args(false);
 }
 
 void add_output(CLI::App& app, Options& options, RawOptions& raw) {
@@ -415,7 +416,8 @@ void add_input(CLI::App& app, Options& options, RawOptions& raw) {
         ->group("Input")
         ->type_name("KEY=VALUE")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-        ->expected(1);
+        ->expected(1)
+        ->allow_extra_args(false);
 }
 
 void add_part(CLI::App& app, Options& options, RawOptions& raw) {

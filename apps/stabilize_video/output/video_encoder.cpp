@@ -136,7 +136,8 @@ void VideoEncoder::open(const AVOutputFormat& muxer, const AVCodec& codec,
         throw std::bad_alloc();
     }
     if (result < 0) {
-        const bool hardware = (codec.capabilities & AV_CODEC_CAP_HARDWARE) != 0;
+        const bool hardware =
+            (codec.capabilities & (AV_CODEC_CAP_HARDWARE | AV_CODEC_CAP_HYBRID)) != 0;
         throw video_io::OutputError(
             std::string("the encoder ") + codec.name + " cannot be used: " + cause +
             (hardware ? "; it needs a device of its own, and the driver of it" : ""));

@@ -94,13 +94,6 @@ void Preview::start_player() {
     pipe_ = ends[1];
 }
 
-bool Preview::has_failed() const {
-    siginfo_t info{};
-    const auto player = static_cast<id_t>(player_);
-    return waitid(P_PID, player, &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           info.si_pid == player_ && info.si_code == CLD_EXITED && info.si_status != 0;
-}
-
 void Preview::add_shaky(const AVFrame& picture) {
     AvFramePtr reference = reference_to(picture);
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -123,6 +116,12 @@ void Preview::add_steady(const AVFrame& picture) {
     }
 }
 
+bool Preview::player_has_ended() const {
+    siginfo_t info{};
+    const int found = waitid(P_PID, static_cast<id_t>(player_), &info, WEXITED | WNOHANG | WNOWAIT);
+    return found == 0 && info.si_pid == player_;
+}
+
 void Preview::draw_all() {
     try {
         EncoderOptions options;
@@ -131,7 +130,7 @@ void Preview::draw_all() {
         options.live = true;
         SideBySide both("/dev/fd/" + std::to_string(pipe_), format_, options, &stop_);
         PictureTag tag;
-        while (!stop_) {
+        while (!stop_ && !player_has_ended()) {
             AvFramePtr shaky;
             AvFramePtr steady;
             {
@@ -152,6 +151,7 @@ void Preview::draw_all() {
         }
     } catch (...) {  // the window was closed
     }
+    ended_at_once_ = !stop_ && Clock::now() - start_ < 2s;
     const std::lock_guard<std::mutex> lock(mutex_);
     closed_ = true;
     shaky_.clear();

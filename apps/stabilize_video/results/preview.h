@@ -30,8 +30,8 @@ class Preview {
     Preview(const Preview&) = delete;
     Preview& operator=(const Preview&) = delete;
 
-    // Whether the player has ended with an error, as where the display cannot be used.
-    bool has_failed() const;
+    // Whether the window was closed as soon as it was to open, as where the display cannot be used.
+    bool ended_at_once() const { return ended_at_once_; }
 
     // Keeps a reference until the steady picture of the same frame arrives.
     void add_shaky(const AVFrame& picture);
@@ -41,6 +41,7 @@ class Preview {
     using Clock = std::chrono::steady_clock;
 
     void start_player();
+    bool player_has_ended() const;
     void draw_all();  // body of the thread
 
     PictureFormat format_;
@@ -49,6 +50,7 @@ class Preview {
     Clock::time_point start_;
     std::thread thread_;
     std::atomic<bool> stop_{false};
+    std::atomic<bool> ended_at_once_{false};
     std::mutex mutex_;  // guards the rest
     std::condition_variable changed_;
     std::deque<AvFramePtr> shaky_;  // that wait for their steady pictures

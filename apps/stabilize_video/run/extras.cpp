@@ -118,7 +118,9 @@ void Extras::add_steady(const AVFrame& picture, const PictureTag& tag) noexcept 
 }
 
 std::string Extras::late_note() const {
-    return preview_ && preview_->has_failed() ? "--preview was not shown: ffplay failed" : "";
+    return preview_ && preview_->ended_at_once()
+               ? "the window of --preview was closed at once; can ffplay use the display?"
+               : "";
 }
 
 std::vector<std::string> Extras::finish(const JobFacts& facts) {
