@@ -200,28 +200,31 @@ unsigned tag_in(const AVOutputFormat& muxer, const AVCodecParameters& parameters
     return same_meaning ? parameters.codec_tag : 0;
 }
 
-std::string lost_tags(const AVOutputFormat& muxer, const AVDictionary* metadata) {
-    constexpr const char* WORDS[] = {"location", "camera", "date"};
-    // Their keys, or how they begin or end.
-    constexpr std::pair<const char*, std::size_t> KEYS[] = {
-        {"location", 0}, {"make", 1}, {"model", 1}, {"creation", 2}};
-    if ((is_quicktime(muxer) && !is_one_of(muxer, {"3gp", "3g2"})) ||
-        is_one_of(muxer, {"matroska", "webm", "nut", "flv", "asf", "ogg", "ogv"})) {
-        return "";
-    }
-    bool lost[std::size(WORDS)] = {};
-    const AVDictionaryEntry* entry = nullptr;
-    while ((entry = av_dict_get(metadata, "", entry, AV_DICT_IGNORE_SUFFIX)) != nullptr) {
-        for (const auto& [key, word] : KEYS) {
-            lost[word] = lost[word] || av_stristr(entry->key, key) != nullptr;
+std::string lost_facts(const AVOutputFormat& muxer, const AVFormatContext& recording) {
+    const bool chapters =
+        is_quicktime(muxer) || is_one_of(muxer, {"matroska", "webm", "nut", "asf", "ogg", "ogv"});
+    const bool tags = chapters || is_one_of(muxer, {"flv"});
+    const bool phones = is_one_of(muxer, {"3gp", "3g2"});
+    const auto has = [&recording](const char* part_of_key) {
+        const AVDictionaryEntry* entry = nullptr;
+        while ((entry = av_dict_get(recording.metadata, "", entry, AV_DICT_IGNORE_SUFFIX)) !=
+               nullptr) {
+            if (av_stristr(entry->key, part_of_key) != nullptr) {
+                return true;
+            }
         }
-    }
-    if (is_quicktime(muxer)) {
-        lost[0] = lost[2] = false;
-    }
+        return false;
+    };
+    const std::pair<const char*, bool> facts[] = {
+        {"location", !tags && has("location")},
+        {"camera", (!tags || phones) && (has("make") || has("model"))},
+        {"date", !tags && has("creation")},
+        {"chapters", !chapters && recording.nb_chapters > 0}};
     std::string text;
-    for (std::size_t i = 0; i < std::size(WORDS); ++i) {
-        text += lost[i] ? (text.empty() ? "" : ", ") + std::string(WORDS[i]) : "";
+    for (const auto& [word, lost] : facts) {
+        if (lost) {
+            text += (text.empty() ? "" : ", ") + std::string(word);
+        }
     }
     return text;
 }

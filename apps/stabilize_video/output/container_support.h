@@ -28,9 +28,9 @@ bool holds(const AVOutputFormat& muxer, const AVStream& stream);
 // there.
 unsigned tag_in(const AVOutputFormat& muxer, const AVCodecParameters& parameters);
 
-// Those of location, camera and date that a file of this format has no place for, out of the metadata of
-// a recording: "location, date".
-std::string lost_tags(const AVOutputFormat& muxer, const AVDictionary* metadata);
+// What is known of a recording, of location, camera, date and chapters, and has no place in a file of
+// this format: "location, date".
+std::string lost_facts(const AVOutputFormat& muxer, const AVFormatContext& recording);
 
 // The codec for sound or subtitles that cannot be copied: the one that users of this format expect;
 // AV_CODEC_ID_NONE if there is none.

@@ -262,7 +262,7 @@ void MediaSink::add_original(const MediaSource& original, const EncoderOptions& 
     if (is_quicktime(*context_->oformat)) {
         use_small_letters(context_->metadata);
     }
-    const std::string lost = lost_tags(*context_->oformat, context_->metadata);
+    const std::string lost = lost_facts(*context_->oformat, container);
     if (!lost.empty()) {
         notes_.push_back("left out, since " + std::string(context_->oformat->long_name) +
                          " has no place for it: " + lost);
