@@ -61,8 +61,10 @@ constexpr Row ROWS[] = {
      "aac aac aac mp2 opus aac pcm_s16le aac "},
     {"sound that changes", R"(FF -i sound.mkv -c copy -c:a aac -ar 44100 mono.ts
         FF -i sound.mkv -c copy -c:a aac -ar 48000 -ac 2 stereo.ts; cat mono.ts stereo.ts > mix.ts
-        FF -i sound.mkv -c:v copy -ar 44100 -c:a pcm_s16le cd.mov)",
-     "$P -q mix.ts mix.mpg; $P cd.mov studio.mxf", 0, "is resampled to 48000 Hz",
+        FF -i sound.mkv -c:v copy -ar 44100 -c:a pcm_s16le cd.mov
+        FF -i sound.mkv -map v -map a -map a -c copy both.mkv)",
+     "$P -q mix.ts mix.mpg; $P -q both.mkv one.flv && $P cd.mov studio.mxf", 0,
+     "is resampled to 48000 Hz",
      "FF -i mix.mpg -vn -f s16le -ac 1 -ar 10000 - | wc -c | cut -c 1-2; steps a mix.mpg",
      "42\n0\n"},
     {"sound that begins late", R"(FF -f lavfi -i testsrc2=s=64x48:r=5:d=11 -itsoffset 10 \

@@ -134,6 +134,10 @@ bool holds_sound(const AVOutputFormat& muxer) {
     return muxer.audio_codec != AV_CODEC_ID_NONE && !is_one_of(muxer, {"mxf_opatom"});
 }
 
+bool holds_one_sound(const AVOutputFormat& muxer) {
+    return is_one_of(muxer, {"flv", "swf"});
+}
+
 bool counts_samples(const AVOutputFormat& muxer) {
     return is_one_of(muxer, {"avi"}) || is_material_exchange(muxer);
 }

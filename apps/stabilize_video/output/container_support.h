@@ -18,6 +18,9 @@ bool is_transport(const AVOutputFormat& muxer);
 // Whether files of this format can hold sound at all.
 bool holds_sound(const AVOutputFormat& muxer);
 
+// Whether they can hold one sound only.
+bool holds_one_sound(const AVOutputFormat& muxer);
+
 // Whether sound begins with the file, since its times are those of counted samples.
 bool counts_samples(const AVOutputFormat& muxer);
 

@@ -79,6 +79,13 @@ void OtherStreams::add(const AVStream& from, Notes& notes) {
                         (sound ? "the input holds nothing of it" : "its format is unknown"));
         return;
     }
+    const bool has_sound = std::any_of(transfers_.begin(), transfers_.end(), [](const auto& other) {
+        return other.to != nullptr && other.to->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
+    });
+    if (sound && has_sound && holds_one_sound(muxer)) {
+        notes.push_back(name_of(from) + " is left out: " + muxer.long_name + " holds one sound");
+        return;
+    }
     Transfer& transfer = transfers_[static_cast<std::size_t>(from.index)];
     const bool moved = sound && counts_samples(muxer) && begins_late(from, offset_us_);
     const bool copied = !moved && holds(muxer, from);
