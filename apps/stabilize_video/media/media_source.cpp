@@ -151,7 +151,11 @@ void MediaSource::open_decoder() {
         throw std::bad_alloc();
     }
     decoder_->pkt_timebase = video_->time_base;
-    decoder_->framerate = av_guess_frame_rate(context_, video_, nullptr);
+    rate_ = av_guess_frame_rate(context_, video_, nullptr);
+    if (rate_.num <= 0) {
+        rate_ = AVRational{25, 1};
+    }
+    decoder_->framerate = rate_;
     decoder_->thread_count = 0;
     if (input_.is_live()) {  // frame threads would delay by a picture each
         decoder_->thread_type = FF_THREAD_SLICE;
@@ -359,12 +363,8 @@ AvFramePtr MediaSource::decode() {
     // Time stamps must increase strictly.
     std::int64_t time = frame->best_effort_timestamp;
     const std::int64_t step = std::max<std::int64_t>(
-        1, frame->pkt_duration > 0
-               ? frame->pkt_duration
-               : av_rescale_q(1,
-                              av_inv_q(decoder_->framerate.num > 0 ? decoder_->framerate
-                                                                   : AVRational{25, 1}),
-                              video_->time_base));
+        1, frame->pkt_duration > 0 ? frame->pkt_duration
+                                   : av_rescale_q(1, av_inv_q(rate_), video_->time_base));
     if (time == AV_NOPTS_VALUE) {
         time = last_time_ ? *last_time_ + step : 0;
     }

@@ -85,6 +85,7 @@ class MediaSource : public PictureSource {
     AVStream* video_ = nullptr;  // owned by context_
     std::unique_ptr<StreamClock> clock_;
     CodecContextPtr decoder_;
+    AVRational rate_{};  // of pictures, as the container tells; some decoders set ticks for it
     PacketPtr packet_;
     std::int64_t stop_us_ = INT64_MAX;  // end of the part that is wanted
     bool starts_late_ = false;

@@ -99,6 +99,7 @@ int VideoEncoder::try_open(const AVOutputFormat& muxer, const AVCodec& codec,
     encoder.color_trc = format.transfer;
     encoder.colorspace = format.matrix;
     encoder.chroma_sample_location = format.chroma_location;
+    encoder.field_order = AV_FIELD_PROGRESSIVE;
     encoder.thread_count = 0;
     encoder.strict_std_compliance = FF_COMPLIANCE_UNOFFICIAL;  // full range in JPEG pictures
     if ((muxer.flags & AVFMT_GLOBALHEADER) != 0) {
