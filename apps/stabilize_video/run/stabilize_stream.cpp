@@ -4,10 +4,12 @@
 
 #include <videostabilizer/videostabilizer.h>
 
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdlib>
 #include <deque>
 #include <memory>
@@ -46,7 +48,14 @@ std::string unwritable_cache() {
     if (folder.empty()) {
         folder = variable("HOME");
     }
-    return folder.empty() || access(folder.c_str(), W_OK) == 0 ? "" : folder;
+    if (folder.empty()) {
+        return "";
+    }
+    constexpr std::uint64_t ENOUGH_BYTES = 1 << 20;
+    struct statvfs disk {};
+    const bool full = statvfs(folder.c_str(), &disk) == 0 &&
+                      std::uint64_t{disk.f_bavail} * disk.f_frsize < ENOUGH_BYTES;
+    return !full && access(folder.c_str(), W_OK) == 0 ? "" : folder;
 }
 
 LibraryError opencl_error() {
