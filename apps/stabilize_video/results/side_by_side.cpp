@@ -62,7 +62,15 @@ SideBySide::SideBySide(const std::string& path, const PictureFormat& format,
     wide.width = 2 * side_width_;
     wide.height = side_height_;
     wide.pixel_format = planar_format_for(format.pixel_format);
-    sink_ = std::make_unique<MediaSink>(path, wide, options, nullptr, stop);
+    try {
+        sink_ = std::make_unique<MediaSink>(path, wide, options, nullptr, stop);
+    } catch (const UsageError&) {  // the options are for the container of the steady video
+        EncoderOptions usual;
+        usual.container = options.container;
+        usual.existing = options.existing;
+        usual.live = options.live;
+        sink_ = std::make_unique<MediaSink>(path, wide, usual, nullptr, stop);
+    }
 }
 
 void SideBySide::make_graph(bool labelled) {
