@@ -14,6 +14,7 @@ extern "C" {
 #include <string>
 #include <vector>
 
+#include "apps/stabilize_video/pictures/ffmpeg.h"
 #include "apps/stabilize_video/results/path_plot.h"
 
 namespace apps {
@@ -177,6 +178,20 @@ CLI::Validator number_in(double least, double most, const char* word = "a number
                 return message;
             },
             ""};
+}
+
+// So that a batch need not begin.
+void refuse_unknown(const Options& options) {
+    const char* codec = options.codec.c_str();
+    if (!options.codec.empty() && avcodec_find_encoder_by_name(codec) == nullptr &&
+        avcodec_descriptor_get_by_name(codec) == nullptr) {
+        throw CLI::ValidationError("--codec", "there is no video encoder '" + options.codec + "'");
+    }
+    const char* container = options.output_format.c_str();
+    if (!options.output_format.empty() && av_guess_format(container, nullptr, nullptr) == nullptr) {
+        throw CLI::ValidationError("--output-format",
+                                   "there is no output format '" + options.output_format + "'");
+    }
 }
 
 // Checks beyond those of CLI11.
@@ -515,6 +530,7 @@ std::optional<Options> parse_options(int argc, char** argv, int& status) {
         read_rolling_shutter(raw.rolling_shutter, options);
         refuse_stated_opencl(options);
         check(options, raw.files);
+        refuse_unknown(options);
     } catch (const CLI::ParseError& error) {
         status = tell(app, error);
         return std::nullopt;
