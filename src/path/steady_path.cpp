@@ -76,7 +76,8 @@ void SteadyPath::improve_steps(std::int64_t newest) {
         if (!shutter_->refit(k, step)) {
             continue;
         }
-        if (shutter_->readout() != 0 || all) {
+        // With a readout of 0 the step is right as it was found.
+        if (shutter_->readout() != 0 || all || !shutter_->is_known()) {
             history_.improve(k, step);
         }
         if (age >= SETTLED) {

@@ -119,6 +119,20 @@ LineMotion RollingShutter::lines_of(std::int64_t picture) const {
     return lines;
 }
 
+// Fits the step to the sightings, with a shear that usually is as large as this, pixels at the last line.
+bool RollingShutter::fit_sightings(double usual_shear) {
+    const ConsensusSettings settings = {0, GATE * pixel_, FLAT_SCATTER * pixel_, 0};
+    LineShear shear;
+    shear.by_columns = columns_;
+    shear.deviation = usual_shear / (columns_ ? settings_.width : settings_.height);
+    const bool fitted =
+        consensus_.refine(sightings_, {1, 0, 0, 0}, settings, change_, shear, scatter_);
+    if (!fitted) {
+        sightings_.clear();
+    }
+    return fitted;
+}
+
 bool RollingShutter::refit(std::int64_t k, CameraPose& step) {
     if (kept(k).step != k || kept(k).pairs.empty() || k < first_ ||
         k + 1 >= first_ + static_cast<std::int64_t>(count_)) {
@@ -148,15 +162,7 @@ bool RollingShutter::refit(std::int64_t k, CameraPose& step) {
         sightings_.push_back(s);
     }
     change_ = similarity_of_step(step) - Similarity{1, 0, 0, 0};
-    const ConsensusSettings settings = {0, GATE * pixel_, FLAT_SCATTER * pixel_, 0};
-    // Until the readout is known, lines may be anywhere where one would have them.
-    LineShear shear;
-    shear.by_columns = columns_;
-    if (!known_) {
-        shear.deviation = usual_shear() / (columns_ ? settings_.width : settings_.height);
-    }
-    if (!consensus_.refine(sightings_, {1, 0, 0, 0}, settings, change_, shear, scatter_)) {
-        sightings_.clear();
+    if (!fit_sightings(0)) {
         return false;
     }
     step = step_of_similarity(Similarity{1, 0, 0, 0} + change_);
@@ -228,6 +234,10 @@ ReadoutEvidence RollingShutter::evidence_of(bool columns) const {
 
 void RollingShutter::learn(std::int64_t k) {
     if (!settings_.automatic || sightings_.empty()) {
+        return;
+    }
+    // Until the readout is known, lines may be anywhere where one would have them.
+    if (!known_ && !fit_sightings(usual_shear())) {
         return;
     }
     by_row_.add(k, evidence_of(false));

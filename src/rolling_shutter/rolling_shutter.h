@@ -65,7 +65,8 @@ class RollingShutter {
 
     double readout() const { return in_use_; }  // what pictures are corrected for; 0: nothing
     bool by_columns() const { return columns_; }
-    double confidence() const;  // 0..1
+    bool is_known() const { return known_; }  // the readout, be it 0
+    double confidence() const;                // 0..1
 
     // How much further the last line of a picture may move than the middle one, beyond what the step says:
     // what is usual along the path. 0 where it is known that there is no readout.
@@ -77,6 +78,7 @@ class RollingShutter {
     LineReach reach_of(std::int64_t picture) const;
 
   private:
+    bool fit_sightings(double usual_shear);
     double line_at(double x, double y, bool columns) const;
     Similarity field_at(double time, std::size_t index, double readout) const;
     LineMotion unit_lines(std::int64_t picture) const;
