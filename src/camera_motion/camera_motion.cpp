@@ -35,9 +35,13 @@ constexpr double CONTINUED = 0.03;  // of the diagonal: how far it may be off
 
 // Following, in the site level and the finest one.
 constexpr std::size_t MOST_FOLLOWED = 3;  // motions
-constexpr double COMPARABLE = 0.5;        // of the best rating
-constexpr double CLEAR_SUPPORT = 0.5;     // no other motion can be better
-constexpr std::size_t FINEST = 0;         // level
+constexpr double COMPARABLE = 0.9;        // of the best rating
+// Weight of places where patches do not agree with the motion. Large patches see what is faint, which is
+// little among the places with the best texture.
+constexpr double OTHER_PART = 0.2;
+constexpr double UNKNOWN_PART = 0.5;   // where patches have no texture
+constexpr double CLEAR_SUPPORT = 0.5;  // no other motion can be better
+constexpr std::size_t FINEST = 0;      // level
 constexpr std::size_t MOST_FINE_SITES = 120;
 constexpr double FURTHEST = 4;      // pixels from a hypothesis
 constexpr double LONGEST_STEP = 2;  // pixels: the gradient predicts no longer one
@@ -142,6 +146,11 @@ CameraMotion::CameraMotion(int width, int height)
         }
     }
     patches_.resize(places_.size());
+    columns_ = static_cast<int>(
+        std::count_if(places_.begin(), places_.end(),
+                      [this](const PlacedPatch& place) { return place.y == places_[0].y; }));
+    spacing_ = spacing;
+    parts_.assign(LAYERS * (MOST_HYPOTHESES + 1), std::vector<float>(places_.size(), 1));
     sites_.reserve(textures_.grid().count());
     hypotheses_.reserve(MOST_HYPOTHESES + 1);
     rated_.reserve(LAYERS * (MOST_HYPOTHESES + 1));
@@ -270,6 +279,13 @@ void CameraMotion::rate_from(const Similarity& hypothesis) {
         estimate.valid = true;
         sum_up(estimate);
         if (is_new(estimate.motion)) {
+            estimate.part = part_count_++;
+            std::size_t next = 0;
+            for (std::size_t i = 0; i < places_.size(); ++i) {
+                const bool seen = patches_[i].has_texture();
+                parts_[estimate.part][i] =
+                    static_cast<float>(seen ? sightings_[next++].agreement : UNKNOWN_PART);
+            }
             const double rating = estimate.support * continuation(estimate.motion);
             const auto place =
                 std::find_if(rated_.begin(), rated_.end(),
@@ -290,6 +306,23 @@ double CameraMotion::continuation(const Similarity& motion) const {
     return 1 + CONTINUATION / (1 + off * off);
 }
 
+// How far the patches around a place of the site level agree with a rated motion.
+double CameraMotion::part_at(std::size_t part, double x, double y) const {
+    const PictureCentre centre = later().centre(patch_level_);
+    const double scale = later().pixel(site_level_) / later().pixel(patch_level_);
+    const auto index = [&](double position, double middle, int count) {
+        const double place = (position * scale + middle - Patch::MIDDLE - 1) / spacing_;
+        return std::clamp(static_cast<int>(std::lround(place)), 0, count - 1);
+    };
+    const int rows = static_cast<int>(places_.size()) / std::max(1, columns_);
+    if (rows == 0) {
+        return 1;
+    }
+    const std::size_t place =
+        packed_index(columns_, index(x, centre.x, columns_), index(y, centre.y, rows));
+    return std::max(OTHER_PART, static_cast<double>(parts_[part][place]));
+}
+
 // How much of the trusted picture agrees with the estimate, and looks alike.
 void CameraMotion::sum_up(Estimate& estimate) const {
     double all = 0;
@@ -308,6 +341,7 @@ void CameraMotion::rate_hypotheses() {
         patches_[i].take(picture, places_[i].x, places_[i].y);
     }
     rated_.clear();
+    part_count_ = 0;
     for (const Similarity& hypothesis : hypotheses_) {
         if (is_new(hypothesis)) {
             rate_from(hypothesis);
@@ -389,14 +423,15 @@ CameraMotion::Estimate CameraMotion::follow_sites(const Estimate& coarse) {
         const int left = found.x - Patch::SIDE / 2;
         const int top = found.y - Patch::SIDE / 2;
         patch.take(from, left, top);
-        FollowedSite site{left + Patch::MIDDLE, top + Patch::MIDDLE, found.cell, 0, 0, false};
+        FollowedSite site{left + Patch::MIDDLE, top + Patch::MIDDLE, found.cell, 0, 0, false, 0};
         Sighting s;
         s.x = site.x - centre.x;
         s.y = site.y - centre.y;
-        s.trust = layers_.trust(site.cell);
+        s.trust = layers_.trust(site.cell) * part_at(coarse.part, s.x, s.y);
         follow(patch, following, s);
         site.followed = s.counts && std::hypot(s.dx, s.dy) < FURTHEST;
         s.counts = site.followed;
+        site.deviation = std::sqrt(0.5 * (s.vxx + s.vyy));
         sites_.push_back(site);
         sightings_.push_back(s);
     }
@@ -483,6 +518,7 @@ void CameraMotion::learn(const Estimate& sites) {
     constexpr double CAMERA = 0.5;  // pixels of the site level
     constexpr double FIXED = 0.15;  // likewise
     constexpr double MOVING = 0.4;
+    constexpr double DEVIATIONS = 4;  // of a place that is seen badly
     const PictureCentre centre = later().centre(site_level_);
     for (const FollowedSite& site : sites_) {
         const double x = site.x - centre.x;
@@ -497,7 +533,7 @@ void CameraMotion::learn(const Estimate& sites) {
         SceneLayers::Seen seen = SceneLayers::Seen::OTHER;
         if (site.followed && moves && stays) {
             seen = SceneLayers::Seen::FIXED;
-        } else if (site.followed && off < CAMERA) {
+        } else if (site.followed && off < CAMERA + DEVIATIONS * site.deviation) {
             seen = SceneLayers::Seen::CAMERA;
         }
         layers_.tell(site.cell, seen, moves);

@@ -59,6 +59,7 @@ class CameraMotion {
         double scatter = 0;  // standard deviation of what agrees, pixels of the level
         std::size_t agreeing = 0;
         bool valid = false;
+        std::size_t part = 0;  // which of parts_ tells where it agrees, of one of the patch level
     };
     struct Hypothesis {
         Estimate estimate;  // in pixels of the patch level
@@ -69,6 +70,7 @@ class CameraMotion {
         std::size_t cell;
         double rx, ry;  // where it is seen beyond the motion, likewise
         bool followed;
+        double deviation;  // of rx and ry, likewise
     };
     struct PlacedPatch {
         int x, y;  // its top left pixel
@@ -86,6 +88,7 @@ class CameraMotion {
     Estimate follow_sites(const Estimate& coarse);
     Estimate follow_best(Estimate& coarse);
     void share_votes();
+    double part_at(std::size_t part, double x, double y) const;
     void sum_up(Estimate& estimate) const;
     Estimate follow_on(const Estimate& from);
     double reach(const Similarity& field, std::size_t level) const;
@@ -110,6 +113,10 @@ class CameraMotion {
     std::vector<Similarity> hypotheses_;  // in pixels of the patch level
     std::vector<Hypothesis> rated_;       // the best first
     std::vector<PlacedPatch> places_;
+    int columns_ = 0;                        // of places_
+    int spacing_ = 1;                        // pixels from one to the next
+    std::vector<std::vector<float>> parts_;  // by rated motion and place: 0, none, to 1
+    std::size_t part_count_ = 0;
     std::vector<Patch> patches_;
     std::vector<FollowedSite> sites_;
     std::vector<Sighting> sightings_;
