@@ -41,6 +41,7 @@ class PictureStage;       // internal
 class CameraMotion;       // internal
 class SteadyPath;         // internal
 struct PictureTransform;  // internal
+struct LiveSettings;      // internal
 
 // The host's allocator of output frames; used only when in_place is 0.
 struct VideoStabilizerUser {
@@ -156,6 +157,7 @@ struct VideoStabilizer {
     CameraMotion* camera_motion;  // finds the steps for steady_path; null without
     // On their way to picture_stage, like warp_pool.
     PictureTransform* picture_transforms;
+    std::atomic<LiveSettings*> next_settings;  // which the worker is to take over; null: none
 };
 
 // Sets up OpenCL, once per process.

@@ -24,6 +24,7 @@
 #include "videostabilizer/result.h"
 #include "videostabilizer/stabilizer.h"
 #include "videostabilizer/stabilizer_options.h"
+#include "videostabilizer/stream.h"           // the C interface
 #include "videostabilizer/test_stabilizer.h"  // file-driven test
 #include "videostabilizer/version.h"
 #include "videostabilizer/warp_affine.h"  // warps on the CPU

@@ -34,6 +34,11 @@ CropPlanner::CropPlanner(double least, double most, int look_ahead)
       state_{most_, 0},
       plan_(static_cast<std::size_t>(look_ahead) + 1) {}
 
+void CropPlanner::set_bounds(double least, double most) {
+    least_ = std::log(least);
+    most_ = std::log(most);
+}
+
 void CropPlanner::begin_scene() {
     continues_ = false;
 }
@@ -47,7 +52,8 @@ CropPlanner::State CropPlanner::after(const State& state, double goal) const {
         std::clamp((goal - state.crop) / TIME_CONSTANT, -FASTEST_CLOSING, FASTEST_OPENING);
     State next = state;
     next.speed += std::clamp(wanted - state.speed, -LARGEST_CHANGE, LARGEST_CHANGE);
-    next.crop = std::clamp(state.crop + next.speed, least_, most_);
+    next.crop = std::clamp(state.crop + next.speed, std::min(least_, state.crop),
+                           std::max(most_, state.crop));
     next.speed = next.crop - state.crop;
     return next;
 }

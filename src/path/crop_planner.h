@@ -21,6 +21,9 @@ class CropPlanner {
     // Shown parts of the width and height, 0.5..1, and the later frames known. Throws std::bad_alloc.
     CropPlanner(double least, double most, int look_ahead);
 
+    // Other parts; a crop beyond them goes there as fast as it goes anywhere.
+    void set_bounds(double least, double most);
+
     // The next frame is the first of a scene: its crop does not continue the last one.
     void begin_scene();
 

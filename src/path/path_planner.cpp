@@ -66,8 +66,8 @@ PathPlanner::PathPlanner(const PathPlannerSettings& settings)
       half_width_(0.5 * (settings.width - 1)),
       half_height_(0.5 * (settings.height - 1)),
       turn_lever_(TURN_WEIGHT * std::hypot(half_width_, half_height_)),
-      speed_cost_(settings.sigma * settings.sigma),
-      change_cost_(CHANGE_SHARE * speed_cost_ * speed_cost_) {
+      shown_(settings.crop_ratio) {
+    set_costs();
     const auto longest = static_cast<std::size_t>(settings.look_ahead) + 1;
     for (std::vector<double>* const list : {&diagonal_, &below_, &below2_, &zoom_, &crop_}) {
         list->resize(longest);
@@ -84,8 +84,25 @@ PathPlanner::PathPlanner(const PathPlannerSettings& settings)
     }
 }
 
+void PathPlanner::set_costs() {
+    speed_cost_ = settings_.sigma * settings_.sigma;
+    change_cost_ = CHANGE_SHARE * speed_cost_ * speed_cost_;
+}
+
+void PathPlanner::change(const PathChange& change) {
+    settings_.sigma = change.sigma;
+    settings_.crop_ratio = change.crop_ratio;
+    crop_speed_ = change.crop_speed;
+    set_costs();
+    if (crop_planner_) {
+        crop_planner_->set_bounds(change.crop_least, change.crop_most);
+    }
+}
+
 void PathPlanner::begin_scene() {
     past_ = 0;
+    shown_ = settings_.crop_ratio;
+    std::fill(crop_.begin(), crop_.end(), shown_);
     if (crop_planner_) {
         crop_planner_->begin_scene();
     }
@@ -205,11 +222,22 @@ void PathPlanner::find_path(std::size_t count, const std::array<Point, 2>& befor
     }
 }
 
+// The crop of a stream whose host has changed it.
+void PathPlanner::approach_crop(std::size_t count) {
+    const double factor = std::exp(crop_speed_);
+    double shown = shown_;
+    for (std::size_t k = 0; k < count; ++k) {
+        shown = std::clamp(settings_.crop_ratio, shown / factor, shown * factor);
+        crop_[k] = shown;
+    }
+    shown_ = crop_[0];
+}
+
 // The zoom is planned first and separately: the limits of the other corrections depend on it.
 void PathPlanner::plan_zoom(const CameraPose* camera, std::size_t count) {
     // In pixels at the corner, for CLOSE_ENOUGH.
     const double unit = std::hypot(half_width_, half_height_);
-    const double crop = crop_planner_ ? crop_planner_->shown() : settings_.crop_ratio;
+    const double crop = crop_planner_ ? crop_planner_->shown() : shown_;
     const double zoom_room = ZOOM_SHARE * (1 - crop);
     for (std::size_t k = 0; k < count; ++k) {
         shaky_[k] = {unit * camera[k].zoom, 0, 0};
@@ -331,6 +359,8 @@ PlannedPose PathPlanner::plan(const CameraPose* camera, int frames, const LineRe
     const Point wished = wish(count);
     if (crop_planner_) {
         plan_crop(camera, count);
+    } else if (shown_ != settings_.crop_ratio) {
+        approach_crop(count);
     }
     set_limits(camera, count);
     find_path(count, {point_of(before_[0]), point_of(before_[1])},

@@ -24,6 +24,15 @@ struct PathPlannerSettings {
     double crop_most = 0;
 };
 
+// Settings that may change from frame to frame.
+struct PathChange {
+    double sigma;
+    double crop_ratio;
+    double crop_least;  // read where the crop adapts
+    double crop_most;   //
+    double crop_speed;  // the most that the logarithm of crop_ratio changes by from frame to frame
+};
+
 struct PlannedPose {
     CameraPose pose;    // of the steady picture, relative to its frame
     bool guarded;       // the limits change it
@@ -59,6 +68,9 @@ class PathPlanner {
   public:
     explicit PathPlanner(const PathPlannerSettings& settings);  // throws std::bad_alloc
 
+    // The path goes on from where it is. The crop changes slowly, but with the next scene at once.
+    void change(const PathChange& change);
+
     // The next frame is the first of a scene: it does not continue the path planned before.
     void begin_scene();
 
@@ -92,6 +104,8 @@ class PathPlanner {
 
     void factorise(std::size_t count, double extra);
     void solve(std::size_t count, std::vector<Point>& x) const;
+    void set_costs();
+    void approach_crop(std::size_t count);
     template <class IntoLimits>
     void find_path(std::size_t count, const std::array<Point, 2>& before, IntoLimits into_limits);
     void pull_to(std::size_t count, const std::array<Point, 2>& before, std::vector<Point>& pull);
@@ -106,8 +120,10 @@ class PathPlanner {
     double half_width_;                        // between the centres of the outermost pixels
     double half_height_;                       //
     double turn_lever_;                        // pixels
-    double speed_cost_;                        // A
-    double change_cost_;                       // B
+    double speed_cost_ = 0;                    // A
+    double change_cost_ = 0;                   // B
+    double shown_;                             // of the last frame, on its way to crop_ratio
+    double crop_speed_ = 0;                    // see PathChange
     std::optional<CropPlanner> crop_planner_;  // with a crop that adapts
     int past_ = 0;          // planned frames that the next one continues: 0, 1 or 2
     CameraPose before_[2];  // their poses, the last first, relative to the next frame

@@ -10,6 +10,7 @@
 
 #include "frames/picture_layout.h"
 #include "platform/log.h"
+#include "platform/log_sink.h"
 #include "videostabilizer/result.h"
 
 namespace videostabilizer {
@@ -103,7 +104,7 @@ FrameFifo PictureStage::fifo() {
 }
 
 int PictureStage::start() {
-    if (pthread_create(&thread_, nullptr, thread, this) != 0) {
+    if (start_thread(&thread_, thread, this) != 0) {
         return RESULT_NO_THREAD;
     }
     started_ = true;

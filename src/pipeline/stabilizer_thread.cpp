@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -15,6 +16,7 @@
 #include "path/frame_numbers.h"
 #include "path/steady_path.h"
 #include "pipeline/decimate.h"
+#include "pipeline/live_settings.h"
 #include "pipeline/stabilizer_internal.h"
 #include "pipeline/upper_bits.h"
 #include "platform/log.h"
@@ -184,11 +186,27 @@ VideoStabilizerReport report_of(const VideoStabilizer* s, std::int64_t n,
     return report;
 }
 
+// Takes over what the host has changed since the last frame.
+void take_settings(VideoStabilizer* s) {
+    const std::unique_ptr<const LiveSettings> next(s->next_settings.exchange(nullptr));
+    if (next == nullptr) {
+        return;
+    }
+    gaussian_motion_filter_set_params(s->filter, s->radius, next->sigma);
+    if (s->steady_path != nullptr) {
+        s->steady_path->change({static_cast<double>(next->sigma),
+                                static_cast<double>(next->crop_ratio),
+                                static_cast<double>(next->crop_least),
+                                static_cast<double>(next->crop_most), next->crop_speed});
+    }
+}
+
 // Computes the correction of frame n and sends the frame to the warp stage. Two matrices suffice:
 // the stage's queue holds one frame, and its thread copies the matrix when it takes a frame. So
 // once frame n + 1 is accepted, the matrix of frame n is free for frame n + 2.
 void send_corrected(VideoStabilizer* s, std::int64_t n) {
     set_sent_frame(s, n);
+    take_settings(s);
     SimpleLA::Mat<float>& correction = *s->warp_pool[ring_slot(n, s->warp_pool.size())];
     Steadied steadied;
     steadied.crop = static_cast<double>(s->options.crop_ratio);

@@ -18,9 +18,11 @@
 #include "picture_warp/native_warper.h"
 #include "picture_warp/stated_warper.h"
 #include "pipeline/geometry.h"
+#include "pipeline/live_settings.h"
 #include "pipeline/stabilizer_internal.h"
 #include "pipeline/stabilizer_options.h"
 #include "platform/log.h"
+#include "platform/log_sink.h"
 #include "simplela/mat_util.h"
 #include "warp/stage_internal.h"
 
@@ -470,7 +472,7 @@ int video_stabilizer_start(VideoStabilizer* stabilizer) {
     s->quit.store(0);
     s->input_eos.store(0);
     s->output_eos.store(0);
-    if (pthread_create(&s->worker, nullptr, stabilizer_thread, s) != 0) {
+    if (start_thread(&s->worker, stabilizer_thread, s) != 0) {
         return RESULT_NO_THREAD;
     }
     s->worker_joinable.store(1);
@@ -503,6 +505,7 @@ void video_stabilizer_delete(VideoStabilizer* stabilizer) {
     if (s->filter != nullptr) {
         gaussian_motion_filter_delete(s->filter);
     }
+    delete s->next_settings.load();
     delete s->camera_motion;
     delete s->steady_path;
     if (s->transformer != nullptr) {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/log_sink.h"
 #include "videostabilizer/log.h"
 
 namespace {
@@ -30,6 +31,10 @@ extern "C" __attribute__((weak)) int __android_log_print(int priority, const cha
     std::size_t end = std::strlen(text.data());
     while (end > 0 && text[end - 1] == '\n') {
         text[--end] = '\0';
+    }
+    if (const videostabilizer::LogSink* const sink = videostabilizer::thread_log_sink()) {
+        sink->write(sink->context, priority, tag, text.data());
+        return length;
     }
     // A single call, so that lines of several threads do not mix.
     std::fprintf(stderr, "%c/%s: %s\n", priority_letter(priority), tag, text.data());
