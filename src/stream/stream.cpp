@@ -47,9 +47,7 @@ Stream::Stream(const StreamSettings& settings)
         packed_ = PictureMemory::create(format, width, height, CIRCULATING);
     }
     if (planes_ == nullptr || (format.is_packed() && packed_ == nullptr)) {
-        if (planes_ != nullptr) {
-            planes_->let_go();
-        }
+        let_memory_go();
         throw std::bad_alloc();
     }
 }
@@ -57,14 +55,19 @@ Stream::Stream(const StreamSettings& settings)
 Stream::~Stream() {
     engine_.reset();
     drop_all();
-    planes_->let_go();
-    if (packed_ != nullptr) {
-        packed_->let_go();
-    }
+    let_memory_go();
     pthread_cond_destroy(&output_);
     pthread_cond_destroy(&room_);
     for (pthread_mutex_t* const mutex : {&message_mutex_, &mutex_, &engine_mutex_}) {
         pthread_mutex_destroy(mutex);
+    }
+}
+
+void Stream::let_memory_go() {
+    for (PictureMemory* const memory : {planes_, packed_}) {
+        if (memory != nullptr) {
+            memory->let_go();
+        }
     }
 }
 

@@ -72,6 +72,7 @@ class Stream : private EngineUser {
     int refuse_input(const VideoStabilizerInput& input, int code, const char* text);
     int create_engine(std::unique_ptr<StreamEngine>& engine);
     Slot& slot(std::int64_t n) { return slots_[static_cast<std::size_t>(n) % slots_.size()]; }
+    void let_memory_go();
     void reset_counters();
 
     // The caller holds mutex_. Those that return events tell them once it has released it.
