@@ -15,37 +15,37 @@ namespace {
 constexpr std::int32_t BITS = 0xFF;  // of a format; the rest is its family
 
 struct Family {
-    std::int32_t code;
     const char* name;  // with 8 bits; of packed RGB also without the bits
+    std::int32_t code;
     ChromaFormat chroma;
+    int channels;
     bool alpha;
     bool semi_planar;
-    int channels;
     bool blue_first;
 };
 
 constexpr Family FAMILIES[] = {
-    {VIDEOSTABILIZER_GRAY, "gray", CHROMA_NONE, false, false, 0, false},
-    {VIDEOSTABILIZER_YUV420P, "yuv420p", CHROMA_420, false, false, 0, false},
-    {VIDEOSTABILIZER_YUV422P, "yuv422p", CHROMA_422, false, false, 0, false},
-    {VIDEOSTABILIZER_YUV444P, "yuv444p", CHROMA_444, false, false, 0, false},
-    {VIDEOSTABILIZER_YUV411P, "yuv411p", CHROMA_411, false, false, 0, false},
-    {VIDEOSTABILIZER_YUVA420P, "yuva420p", CHROMA_420, true, false, 0, false},
-    {VIDEOSTABILIZER_YUVA422P, "yuva422p", CHROMA_422, true, false, 0, false},
-    {VIDEOSTABILIZER_YUVA444P, "yuva444p", CHROMA_444, true, false, 0, false},
-    {VIDEOSTABILIZER_NV12, "nv12", CHROMA_420, false, true, 0, false},
-    {VIDEOSTABILIZER_NV21, "nv21", CHROMA_420, false, true, 0, false},
-    {VIDEOSTABILIZER_NV16, "nv16", CHROMA_422, false, true, 0, false},
-    {VIDEOSTABILIZER_NV24, "nv24", CHROMA_444, false, true, 0, false},
-    {VIDEOSTABILIZER_NV42, "nv42", CHROMA_444, false, true, 0, false},
-    {VIDEOSTABILIZER_P0, "p0", CHROMA_420, false, true, 0, false},
-    {VIDEOSTABILIZER_P2, "p2", CHROMA_422, false, true, 0, false},
-    {VIDEOSTABILIZER_P4, "p4", CHROMA_444, false, true, 0, false},
+    {"gray", VIDEOSTABILIZER_GRAY, CHROMA_NONE, 0, false, false, false},
+    {"yuv420p", VIDEOSTABILIZER_YUV420P, CHROMA_420, 0, false, false, false},
+    {"yuv422p", VIDEOSTABILIZER_YUV422P, CHROMA_422, 0, false, false, false},
+    {"yuv444p", VIDEOSTABILIZER_YUV444P, CHROMA_444, 0, false, false, false},
+    {"yuv411p", VIDEOSTABILIZER_YUV411P, CHROMA_411, 0, false, false, false},
+    {"yuva420p", VIDEOSTABILIZER_YUVA420P, CHROMA_420, 0, true, false, false},
+    {"yuva422p", VIDEOSTABILIZER_YUVA422P, CHROMA_422, 0, true, false, false},
+    {"yuva444p", VIDEOSTABILIZER_YUVA444P, CHROMA_444, 0, true, false, false},
+    {"nv12", VIDEOSTABILIZER_NV12, CHROMA_420, 0, false, true, false},
+    {"nv21", VIDEOSTABILIZER_NV21, CHROMA_420, 0, false, true, false},
+    {"nv16", VIDEOSTABILIZER_NV16, CHROMA_422, 0, false, true, false},
+    {"nv24", VIDEOSTABILIZER_NV24, CHROMA_444, 0, false, true, false},
+    {"nv42", VIDEOSTABILIZER_NV42, CHROMA_444, 0, false, true, false},
+    {"p0", VIDEOSTABILIZER_P0, CHROMA_420, 0, false, true, false},
+    {"p2", VIDEOSTABILIZER_P2, CHROMA_422, 0, false, true, false},
+    {"p4", VIDEOSTABILIZER_P4, CHROMA_444, 0, false, true, false},
     // Planes G, B, R, A: what is looked at most comes first, as luma does.
-    {VIDEOSTABILIZER_RGB, "rgb", CHROMA_444, false, false, 3, false},
-    {VIDEOSTABILIZER_BGR, "bgr", CHROMA_444, false, false, 3, true},
-    {VIDEOSTABILIZER_RGBA, "rgba", CHROMA_444, true, false, 4, false},
-    {VIDEOSTABILIZER_BGRA, "bgra", CHROMA_444, true, false, 4, true},
+    {"rgb", VIDEOSTABILIZER_RGB, CHROMA_444, 3, false, false, false},
+    {"bgr", VIDEOSTABILIZER_BGR, CHROMA_444, 3, false, false, true},
+    {"rgba", VIDEOSTABILIZER_RGBA, CHROMA_444, 4, true, false, false},
+    {"bgra", VIDEOSTABILIZER_BGRA, CHROMA_444, 4, true, false, true},
 };
 
 bool has_high_bits(const Family& family) {
@@ -142,14 +142,14 @@ int host_rows(const StreamFormat& format, int height, int k) {
 const char* host_planes_fault(const StreamFormat& format, int width,
                               const VideoStabilizerPlanes& planes) {
     for (int k = 0; k < host_planes(format); ++k) {
-        const std::ptrdiff_t stride = planes.stride[k];
+        const std::int64_t stride = planes.stride[k];
         if (planes.data[k] == nullptr) {
             return "a plane is null";
         }
-        if (stride < -INT32_MAX || stride > INT32_MAX) {
+        if (stride != static_cast<std::int32_t>(stride)) {
             return "a stride is longer than 32 bits tell";
         }
-        if (static_cast<std::size_t>(std::abs(stride)) < host_row_bytes(format, width, k)) {
+        if (static_cast<std::uint64_t>(std::abs(stride)) < host_row_bytes(format, width, k)) {
             return "a stride is shorter than a row";
         }
         if (stride % sample_bytes(format.layout) != 0) {

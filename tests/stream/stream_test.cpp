@@ -12,7 +12,8 @@
 #include <atomic>
 #include <cmath>
 #include <cstring>
-#include <map>
+#include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -100,8 +101,9 @@ struct TestStream {
     TestStream& operator=(const TestStream&) = delete;
 
     static void release(void* self, void* host) {
-        auto& borrowed = static_cast<TestStream*>(self)->borrowed;
-        EXPECT_EQ(borrowed.erase(static_cast<HostPicture*>(host)), 1U) << "released twice";
+        auto& s = *static_cast<TestStream*>(self);
+        const std::lock_guard<std::mutex> lock(s.mutex);
+        EXPECT_EQ(s.borrowed.erase(static_cast<HostPicture*>(host)), 1U) << "released twice";
         delete static_cast<HostPicture*>(host);
     }
     int push(int frame, bool borrow, int timeout_ms) {
@@ -113,7 +115,8 @@ struct TestStream {
             input.host = picture;
             input.release = release;
             input.release_context = this;
-            borrowed.insert({picture, frame});
+            const std::lock_guard<std::mutex> lock(mutex);
+            borrowed.insert(picture);
         }
         const int pushed = videostabilizer_stream_push(stream, &input, timeout_ms);
         if (!borrow) {
@@ -175,7 +178,8 @@ struct TestStream {
     VideoStabilizerStream* stream = nullptr;
     int code = 0;
     char reason[200] = "";
-    std::map<HostPicture*, int> borrowed;
+    std::mutex mutex;  // guards the next
+    std::set<HostPicture*> borrowed;
     std::vector<Bytes> steady;
     std::vector<std::int64_t> times;
     std::vector<VideoStabilizerStreamReport> reports;
