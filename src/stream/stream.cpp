@@ -53,7 +53,6 @@ Stream::Stream(const StreamSettings& settings)
 }
 
 Stream::~Stream() {
-    engine_.reset();
     drop_all();
     let_memory_go();
     pthread_cond_destroy(&output_);
@@ -73,6 +72,10 @@ void Stream::let_memory_go() {
 
 int Stream::start() {
     return create_engine(engine_);
+}
+
+void Stream::end() {
+    engine_.reset();
 }
 
 int Stream::create_engine(std::unique_ptr<StreamEngine>& engine) {

@@ -33,6 +33,7 @@ class Stream : private EngineUser {
     Stream& operator=(const Stream&) = delete;
 
     int start();
+    void end();  // before it is deleted, once started: the engine calls this object until then
 
     int push(const VideoStabilizerInput* given, int timeout_ms);
     int drain();

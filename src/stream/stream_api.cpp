@@ -150,7 +150,10 @@ int videostabilizer_stream_open(const VideoStabilizerStreamOptions* options,
 }
 
 void videostabilizer_stream_close(VideoStabilizerStream* stream) {
-    delete stream;
+    if (stream != nullptr) {
+        stream->end();
+        delete stream;
+    }
 }
 
 int videostabilizer_stream_push(VideoStabilizerStream* stream, const VideoStabilizerInput* input,
