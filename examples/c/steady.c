@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: Apache-2.0 */
+// SPDX-License-Identifier: Apache-2.0
 
 /*
  * steady WIDTH HEIGHT FORMAT: reads raw pictures from standard input, writes steady ones to standard
@@ -32,7 +32,8 @@ static int write_next(VideoStabilizerStream* stream, VideoStabilizerOutput* outp
     const int code = videostabilizer_stream_pull_into(stream, output, &report, -1);
     if (code != VIDEOSTABILIZER_OK) return code;
     if (report.scene_start) fprintf(stderr, "scene at %ld\n", (long)output->timestamp);
-    return fwrite(output->planes.data[0], 1, bytes, stdout) == bytes ? code : VIDEOSTABILIZER_FAILED;
+    return fwrite(output->planes.data[0], 1, bytes, stdout) == bytes ? code
+                                                                     : VIDEOSTABILIZER_FAILED;
 }
 
 int main(int argc, char** argv) {
