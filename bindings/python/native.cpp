@@ -363,7 +363,13 @@ class Stabilizer {
         }
         latency_ = videostabilizer_stream_latency(stream_);
     }
-    ~Stabilizer() { close(); }
+    ~Stabilizer() {
+        try {
+            close();
+        } catch (...) {  // of a lock; there is nobody to tell
+            closed_ = true;
+        }
+    }
     Stabilizer(const Stabilizer&) = delete;
     Stabilizer& operator=(const Stabilizer&) = delete;
 
