@@ -75,6 +75,10 @@ int Stream::start() {
 }
 
 void Stream::end() {
+    {
+        const MutexLock lock(mutex_);
+        flushing_ = true;  // the engine is fed no more
+    }
     engine_.reset();
 }
 

@@ -518,14 +518,16 @@ TEST_F(StreamTest, IsOpenedAndClosedAThousandTimes) {
     VideoStabilizerPicture* kept = nullptr;
     for (int i = 0; i < 1000; ++i) {
         auto o = options(VIDEOSTABILIZER_FORMAT_GRAY8);
-        o.width = o.height = 16;
+        o.width = o.height = i % 4 == 0 ? 160 : 16;
         TestStream s(o);
         ASSERT_EQ(s.code, 0) << s.reason;
         ASSERT_LT(videostabilizer_stream_descriptor(s.stream), 100);
-        static unsigned char pixels[16 * 16];
-        const VideoStabilizerInput input{sizeof input, {{pixels}, {16}}, i,
-                                         nullptr,      nullptr,          nullptr};
-        EXPECT_EQ(videostabilizer_stream_push(s.stream, &input, 0), 0);
+        static unsigned char pixels[160 * 160];
+        const VideoStabilizerInput input{sizeof input, {{pixels}, {160}}, i,
+                                         nullptr,      nullptr,           nullptr};
+        for (int pushed = 0; pushed < (i % 4 == 0 ? 14 : 1); ++pushed) {  // closed at any moment
+            EXPECT_EQ(videostabilizer_stream_push(s.stream, &input, FOREVER), 0);
+        }
         if (i == 500) {
             videostabilizer_stream_drain(s.stream);
             EXPECT_EQ(videostabilizer_stream_pull(s.stream, &kept, FOREVER), 0);
