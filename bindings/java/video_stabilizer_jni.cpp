@@ -66,7 +66,10 @@ struct JavaStream {
 };
 
 JavaStream& stream_of(jlong handle) {
-    return *reinterpret_cast<JavaStream*>(static_cast<std::intptr_t>(handle));
+    const auto address = static_cast<std::intptr_t>(handle);
+    JavaStream* stream = nullptr;
+    std::memcpy(&stream, &address, sizeof stream);
+    return *stream;
 }
 
 // Throws by a code; the code of the C interface is in the exception.
