@@ -68,7 +68,7 @@ struct JavaStream {
 JavaStream& stream_of(jlong handle) {
     const auto address = static_cast<std::intptr_t>(handle);
     JavaStream* stream = nullptr;
-    std::memcpy(&stream, &address, sizeof stream);
+    std::memcpy(&stream, &address, sizeof(void*));
     return *stream;
 }
 
