@@ -35,10 +35,11 @@ PictureMemory* PictureMemory::create(const StreamFormat& format, int width, int 
     return new (std::nothrow) PictureMemory(format, width, height, most);
 }
 
-// Record and planes in one block.
+// Record and planes in one block, with room behind them: vector routines of hosts may read a little beyond
+// the last row.
 VideoStabilizerPicture* PictureMemory::make() const {
     constexpr std::size_t HEAD = (sizeof(VideoStabilizerPicture) + ALIGNMENT - 1) / ALIGNMENT;
-    std::uint64_t bytes = (HEAD + 1) * ALIGNMENT;
+    std::uint64_t bytes = (HEAD + 2) * ALIGNMENT;
     for (int k = 0; k < host_planes(format_); ++k) {
         bytes += std::uint64_t{aligned(host_row_bytes(format_, width_, k))} *
                  static_cast<std::uint64_t>(host_rows(format_, height_, k));

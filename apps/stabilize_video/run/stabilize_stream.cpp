@@ -2,13 +2,12 @@
 
 #include "apps/stabilize_video/run/stabilize_stream.h"
 
-#include <videostabilizer/videostabilizer.h>
+#include <videostabilizer/stream.h>
 
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
@@ -17,11 +16,9 @@
 #include <new>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <utility>
 
 #include "apps/stabilize_video/cli/library_log.h"
-#include "apps/stabilize_video/pictures/picture_pool.h"
 #include "apps/stabilize_video/pictures/pixel_formats.h"
 
 namespace apps {
@@ -70,100 +67,146 @@ LibraryError opencl_error() {
     return LibraryError(what + "; --engine native needs none");
 }
 
-struct StabilizerDeleter {
-    void operator()(vs::VideoStabilizer* stabilizer) const {
-        vs::video_stabilizer_delete(stabilizer);  // stops it first
-    }
+struct StreamDeleter {
+    void operator()(VideoStabilizerStream* stream) const { videostabilizer_stream_close(stream); }
 };
-using StabilizerPtr = std::unique_ptr<vs::VideoStabilizer, StabilizerDeleter>;
+using StreamPtr = std::unique_ptr<VideoStabilizerStream, StreamDeleter>;
 
-struct FrameDeleter {
-    void operator()(vs::Frame* frame) const { vs::frame_delete(frame); }
-};
-using FramePtr = std::unique_ptr<vs::Frame, FrameDeleter>;
-
-// The stabilizer's frames over FFmpeg's pictures. What the stabilizer writes to comes from a pool.
-//
-// Threads: thread-safe.
-class Pictures {
-  public:
-    explicit Pictures(const PictureFormat& format)
-        : layout_(layout_of(format.pixel_format, format.chroma_location).value()),
-          pool_(format.pixel_format, format.width, format.height) {}
-    Pictures(const Pictures&) = delete;
-    Pictures& operator=(const Pictures&) = delete;
-
-    const vs::PixelLayout& layout() const { return layout_; }
-
-    // Must outlive the stabilizer, like this object.
-    vs::VideoStabilizerUser* user() { return &user_; }
-
-    // A frame over a picture, which must outlive it. Throws std::bad_alloc.
-    FramePtr frame_over(const AVFrame& picture) const {
-        const vs::PicturePlanes planes = planes_of(picture);
-        FramePtr frame(vs::picture_frame_create(picture.width, picture.height, &layout_, &planes));
-        if (!frame) {
-            throw std::bad_alloc();
-        }
-        return frame;
+std::int32_t stream_format(const vs::PixelLayout& layout) {
+    constexpr std::int32_t PLANAR[] = {VIDEOSTABILIZER_YUV420P, VIDEOSTABILIZER_YUV422P,
+                                       VIDEOSTABILIZER_YUV444P, VIDEOSTABILIZER_GRAY,
+                                       VIDEOSTABILIZER_YUV411P};
+    constexpr std::int32_t WITH_ALPHA[] = {VIDEOSTABILIZER_YUVA420P, VIDEOSTABILIZER_YUVA422P,
+                                           VIDEOSTABILIZER_YUVA444P};
+    constexpr std::int32_t PAIRS[] = {VIDEOSTABILIZER_NV12, VIDEOSTABILIZER_NV16,
+                                      VIDEOSTABILIZER_NV24};
+    constexpr std::int32_t HIGH_PAIRS[] = {VIDEOSTABILIZER_P0, VIDEOSTABILIZER_P2,
+                                           VIDEOSTABILIZER_P4};
+    std::int32_t family = PLANAR[layout.chroma];
+    if (layout.semi_planar != 0) {
+        family = (layout.high_bits != 0 ? HIGH_PAIRS : PAIRS)[layout.chroma];
+    } else if (layout.alpha != 0) {
+        family = WITH_ALPHA[layout.chroma];
     }
+    return family + layout.bit_depth;
+}
 
-    // The picture of a frame that the stabilizer has filled.
-    AvFramePtr picture_of(const vs::Frame& steady) {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        const auto made = made_.find(&steady);
-        AvFramePtr picture = std::move(made->second);
-        made_.erase(made);
-        return picture;
-    }
+VideoStabilizerStreamOptions stream_options(const StreamParts& parts) {
+    const PictureFormat& format = parts.source.format();
+    const vs::PixelLayout layout = layout_of(format.pixel_format, format.chroma_location).value();
+    const vs::VideoStabilizerOptions& from = parts.options;
+    VideoStabilizerStreamOptions options;
+    videostabilizer_stream_options_init(&options, sizeof options, VIDEOSTABILIZER_STANDARD);
+    options.width = format.width;
+    options.height = format.height;
+    options.format = stream_format(layout);
+    options.siting = layout.siting;
+    options.look_ahead = from.look_ahead;
+    options.sigma = from.sigma;
+    options.crop_ratio = from.crop_ratio;
+    options.whole_shift = from.whole_shift;
+    options.edge_guard = from.edge_guard;
+    options.repair_motions = from.repair_motions;
+    options.scene_cuts = from.scene_cuts;
+    options.engine = from.engine;
+    options.sampling = from.sampling;
+    options.threads = from.threads;
+    options.auto_crop = from.auto_crop;
+    options.crop_least = from.crop_least;
+    options.crop_most = from.crop_most;
+    return options;
+}
 
-  private:
-    vs::Frame* make() {
-        AvFramePtr picture = pool_.take();
-        FramePtr frame = frame_over(*picture);
-        const std::lock_guard<std::mutex> lock(mutex_);
-        made_[frame.get()] = std::move(picture);
-        return frame.release();
-    }
-
-    static vs::Frame* make_frame(void* self) noexcept {
-        try {
-            return static_cast<Pictures*>(self)->make();
-        } catch (...) {  // memory has run out; nothing may be thrown through the library
-            return nullptr;
-        }
-    }
-
-    vs::PixelLayout layout_;
-    PicturePool pool_;
-    vs::VideoStabilizerUser user_{this, make_frame};
-    std::mutex mutex_;  // guards the rest
-    // What the stabilizer has, also frames that it has released at the end of a stream.
-    std::unordered_map<const vs::Frame*, AvFramePtr> made_;
-};
-
-StabilizerPtr make_stabilizer(const StreamParts& parts, Pictures& pictures) {
+StreamPtr open_stream(const StreamParts& parts) {
     forget_library_errors();
-    const bool may_use_opencl = parts.options.engine != vs::STABILIZER_ENGINE_NATIVE;
-    const bool needs_opencl = parts.options.engine == vs::STABILIZER_ENGINE_OPENCL;
-    if (may_use_opencl && vs::video_stabilizer_module_init() != 0 && needs_opencl) {
+    const VideoStabilizerStreamOptions options = stream_options(parts);
+    VideoStabilizerStream* stream = nullptr;
+    const int code = videostabilizer_stream_open(&options, &stream, nullptr, 0);
+    if (code == VIDEOSTABILIZER_NO_DEVICE) {
         throw opencl_error();
     }
-    forget_library_errors();
-    const PictureFormat& format = parts.source.format();
-    StabilizerPtr stabilizer(vs::video_stabilizer_create_for_pictures(
-        format.width, format.height, &pictures.layout(), 0, pictures.user(), &parts.options));
-    if (!stabilizer) {
+    if (code != VIDEOSTABILIZER_OK) {
         throw library_error("the stabilizer cannot be created");
     }
-    if (parts.path != nullptr) {
-        // With whole_shift, the corrections that are told are those of the pictures.
-        const float crop = parts.options.whole_shift != 0 ? 1.0F : parts.options.crop_ratio;
-        const vs::VideoStabilizerObserver observer =
-            parts.path->observer(static_cast<double>(crop));
-        vs::video_stabilizer_set_observer(stabilizer.get(), &observer);
+    forget_library_errors();  // of a GPU that is not there
+    return StreamPtr(stream);
+}
+
+// The options as the stream uses them.
+vs::VideoStabilizerOptions options_in_use(const StreamParts& parts, VideoStabilizerStream* stream) {
+    VideoStabilizerStreamOptions used{};
+    used.size = sizeof used;
+    videostabilizer_stream_get_options(stream, &used);
+    vs::VideoStabilizerOptions options = parts.options;
+    options.engine = static_cast<vs::VideoStabilizerEngine>(used.engine);
+    options.sigma = used.sigma;
+    options.crop_least = used.crop_least;
+    options.crop_most = used.crop_most;
+    options.picture_width = used.picture_width;
+    options.picture_height = used.picture_height;
+    return options;
+}
+
+int chroma_height(const PictureFormat& format) {
+    return chroma_of(format.pixel_format) == vs::CHROMA_420 ? (format.height + 1) / 2
+                                                            : format.height;
+}
+
+// An FFmpeg picture over a steady one, which it keeps.
+AvFramePtr av_picture(VideoStabilizerPicture* steady, const PictureFormat& format) {
+    const auto unref = [](void* picture, std::uint8_t*) {
+        videostabilizer_picture_unref(static_cast<VideoStabilizerPicture*>(picture));
+    };
+    VideoStabilizerOutput output{};
+    output.size = sizeof output;
+    videostabilizer_picture_get(steady, &output);
+    AvFramePtr picture;
+    try {
+        picture = make_av_frame();
+    } catch (const std::bad_alloc&) {
+        unref(steady, nullptr);
+        throw;
     }
-    return stabilizer;
+    picture->format = format.pixel_format;
+    picture->width = format.width;
+    picture->height = format.height;
+    std::size_t bytes = 0;  // the planes are in one block
+    for (int k = 0; k < 4 && output.planes.data[k] != nullptr; ++k) {
+        picture->data[k] = static_cast<std::uint8_t*>(output.planes.data[k]);
+        picture->linesize[k] = static_cast<int>(output.planes.stride[k]);
+        const int rows = k == 1 || k == 2 ? chroma_height(format) : format.height;
+        bytes = static_cast<std::size_t>(picture->data[k] - picture->data[0]) +
+                static_cast<std::size_t>(picture->linesize[k]) * static_cast<std::size_t>(rows);
+    }
+    picture->buf[0] = av_buffer_create(picture->data[0], bytes, unref, steady, 0);
+    if (picture->buf[0] == nullptr) {
+        unref(steady, nullptr);
+        throw std::bad_alloc();
+    }
+    return picture;
+}
+
+// Tells the path of a picture what the stream reports of it.
+void follow(PathFollower& path, double stage_crop_ratio,
+            const VideoStabilizerStreamReport& report) {
+    const vs::VideoStabilizerObserver observer = path.observer(stage_crop_ratio);
+    const auto frame = static_cast<std::int32_t>(report.number & INT32_MAX);
+    if (report.number > 0) {
+        const int status = report.motion_found == 2 ? 2 : 1 - report.motion_found;
+        const vs::MotionLog log = {report.points, report.inliers, report.track_ratio, status};
+        observer.on_motion(observer.ctx, frame - 1, report.motion, &log);
+    }
+    observer.on_correction(observer.ctx, frame, report.correction);
+    vs::VideoStabilizerReport told{};
+    told.frame = frame;
+    told.look_ahead = report.look_ahead;
+    told.sigma = report.sigma;
+    told.guarded = report.guarded;
+    told.granted = report.granted;
+    told.repaired = report.motion_found == 2 ? 1 : 0;
+    told.scene_start = report.number > 0 ? report.scene_start : 0;
+    told.crop = report.crop;
+    observer.on_report(observer.ctx, &told);
 }
 
 // Adds its lifetime to `seconds`.
@@ -181,249 +224,137 @@ class Stopwatch {
     Clock::time_point start_ = Clock::now();
 };
 
-// Reads pictures into frames, and writes those of steady frames. Threads: read on one thread, write
-// on another.
-class Stream {
-  public:
-    Stream(const StreamParts& parts, Pictures& pictures) : parts_(parts), pictures_(pictures) {}
-
-    // A frame over the next picture; null at the end of the input.
-    FramePtr read() {
-        const Stopwatch stopwatch(reading_seconds_);
-        Taken taken;
-        taken.picture = parts_.source.read(taken.tag);
-        if (!taken.picture) {
-            return nullptr;
-        }
-        parts_.extras.add_shaky(*taken.picture);
-        FramePtr frame = pictures_.frame_over(*taken.picture);
-        frame->timestamp = taken.tag.time;
-        const std::lock_guard<std::mutex> lock(mutex_);
-        taken_.push_back(std::move(taken));
-        return frame;
-    }
-
-    // Writes the picture of a steady frame.
-    void write(FramePtr frame) {
-        const Stopwatch stopwatch(writing_seconds_);
-        const Taken taken = next();
-        const AvFramePtr picture = pictures_.picture_of(*frame);
-        parts_.sink.write(*picture, taken.tag);
-        parts_.extras.add_steady(*picture, taken.tag);
-    }
-
-    // For use after the threads have ended.
-    double reading_seconds() const { return reading_seconds_; }
-    double writing_seconds() const { return writing_seconds_; }
-
-  private:
-    // A picture that was read, which is kept until the stabilizer has returned its steady one.
-    struct Taken {
-        AvFramePtr picture;
-        PictureTag tag;
-    };
-
-    // Frames keep their order, so a queue is enough.
-    Taken next() {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        Taken taken = std::move(taken_.front());
-        taken_.pop_front();
-        return taken;
-    }
-
-    const StreamParts& parts_;
-    Pictures& pictures_;
-    double reading_seconds_ = 0;
-    double writing_seconds_ = 0;
-    std::mutex mutex_;  // guards the rest
-    std::deque<Taken> taken_;
-};
-
-// Bounds the frames in flight and hands the steady ones to the writing thread.
-//
-// A full output queue of the stabilizer makes its threads poll every 50 microseconds, which costs
-// when the writer is an encoder that needs all cores. With no more frames in flight than its queues
-// hold, and frames taken out at once, that does not happen.
-class FramesInFlight {
-  public:
-    explicit FramesInFlight(int look_ahead) : room_(look_ahead + CIRCULATING) {}
-
-    // Waits for room for one more frame. Returns false when closed.
-    bool enter() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return room_ > 0 || closed_; });
-        --room_;
-        return !closed_;
-    }
-
-    void put(FramePtr steady) {
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            steady_.push_back(std::move(steady));
-        }
-        changed_.notify_all();
-    }
-
-    // Waits for the next steady frame; null when closed and empty.
-    FramePtr take() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return !steady_.empty() || closed_; });
-        if (steady_.empty()) {
-            return nullptr;
-        }
-        FramePtr frame = std::move(steady_.front());
-        steady_.pop_front();
-        return frame;
-    }
-
-    // Makes room for another frame.
-    void leave() {
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            ++room_;
-        }
-        changed_.notify_all();
-    }
-
-    // Ends all waits; no frame may enter any more.
-    void close() {
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            closed_ = true;
-        }
-        changed_.notify_all();
-    }
-
-  private:
-    // Besides the look-ahead: one frame each being read, analysed, warped and written, and two in
-    // queues.
-    static constexpr int CIRCULATING = 6;
-
-    std::mutex mutex_;  // guards the rest
-    std::condition_variable changed_;
-    int room_;
-    bool closed_ = false;
-    std::deque<FramePtr> steady_;
-};
-
-// The threads of one stream, and what they share.
+// The pictures of one stream: one thread reads and pushes, the calling one pulls and writes.
 class Run {
   public:
-    Run(const StreamParts& parts, Pictures& pictures, vs::VideoStabilizer* stabilizer,
-        StreamSeconds& seconds)
+    Run(const StreamParts& parts, VideoStabilizerStream* stream, StreamSeconds& seconds)
         : parts_(parts),
-          stabilizer_(stabilizer),
-          seconds_(seconds),
-          stream_(parts, pictures),
-          in_flight_(parts.options.look_ahead) {}
+          stream_(stream),
+          // With whole_shift, the corrections that are told are those of the pictures.
+          stage_crop_ratio_(
+              parts.options.whole_shift != 0 ? 1.0 : static_cast<double>(parts.options.crop_ratio)),
+          seconds_(seconds) {}
 
-    Stream& stream() { return stream_; }
+    // Reads the next picture; null at the end of the input.
+    AvFramePtr read() {
+        const Stopwatch stopwatch(seconds_.reading);
+        PictureTag tag;
+        AvFramePtr picture = parts_.source.read(tag);
+        if (picture) {
+            parts_.extras.add_shaky(*picture);
+            const std::lock_guard<std::mutex> lock(mutex_);
+            tags_.push_back(std::move(tag));
+        }
+        return picture;
+    }
 
-    // Passes `first` and all following frames through the stabilizer. Returns the number of frames
+    // Passes `first` and all following pictures through the stream. Returns the number of those
     // written; `read_failure` receives what stopped the reading thread.
-    std::int64_t pass_all(FramePtr first, std::exception_ptr& read_failure) {
-        std::exception_ptr pop_failure;
-        std::exception_ptr write_failure;
+    std::int64_t pass_all(AvFramePtr first, std::exception_ptr& read_failure) {
+        std::exception_ptr failure;
         std::int64_t frames = 0;
-        std::thread pusher;
-        std::thread popper;
+        std::thread reader;
         try {
-            pusher = std::thread([&] { push_all(std::move(first), read_failure); });
-            popper = std::thread([&] { pop_all(pop_failure); });
+            reader = std::thread([&] { push_all(std::move(first), read_failure); });
             frames = write_all();
         } catch (...) {
-            write_failure = std::current_exception();
-        }
-        // Releases the other threads wherever they wait. Without a write failure the popping thread
-        // is done: it has closed in_flight_.
-        if (write_failure || pop_failure) {
+            failure = std::current_exception();
             parts_.cancelled = true;
+            videostabilizer_stream_drain(stream_);  // a push that waits ends
         }
-        in_flight_.close();
-        vs::video_stabilizer_stop(stabilizer_);
-        for (std::thread* thread : {&pusher, &popper}) {
-            if (thread->joinable()) {
-                thread->join();
-            }
+        if (reader.joinable()) {
+            reader.join();
         }
-        for (const auto& failure : {write_failure, pop_failure}) {
-            if (failure) {
-                std::rethrow_exception(failure);
-            }
+        if (failure) {
+            std::rethrow_exception(failure);
         }
         return frames;
     }
 
   private:
     // Body of the reading thread.
-    void push_all(FramePtr frame, std::exception_ptr& failure) {
+    void push_all(AvFramePtr picture, std::exception_ptr& failure) {
         try {
-            while (frame) {
-                const int result = push(std::move(frame));
-                if (result == vs::RESULT_STOPPING) {
-                    return;  // pop_all reports why
-                }
-                if (result != vs::RESULT_OK) {
+            while (picture) {
+                const int code = push(std::move(picture));
+                if (code == VIDEOSTABILIZER_INVALID) {
                     throw library_error("the stabilizer rejects a frame");
                 }
-                frame = stream_.read();
+                if (code != VIDEOSTABILIZER_OK) {
+                    return;  // write_all reports why
+                }
+                picture = read();
             }
         } catch (...) {
             failure = std::current_exception();
         }
-        vs::video_stabilizer_signal_eos(stabilizer_);
+        videostabilizer_stream_drain(stream_);
     }
 
-    int push(FramePtr frame) {
+    // The decoder's picture is lent to the stream.
+    int push(AvFramePtr picture) {
         const Stopwatch stopwatch(seconds_.pushing);
-        if (!in_flight_.enter()) {
-            return vs::RESULT_STOPPING;
+        VideoStabilizerInput input{};
+        input.size = sizeof input;
+        for (int k = 0; k < 4; ++k) {
+            input.planes.data[k] = picture->data[k];
+            input.planes.stride[k] = picture->linesize[k];
         }
-        return vs::video_stabilizer_push_frame(stabilizer_, frame.release());
-    }
-
-    // Body of the thread that takes steady frames from the stabilizer.
-    void pop_all(std::exception_ptr& failure) {
-        try {
-            for (;;) {
-                vs::Frame* frame = nullptr;
-                const int result = vs::video_stabilizer_pop_frame(stabilizer_, &frame);
-                if (result == vs::RESULT_END_OF_STREAM) {
-                    break;
-                }
-                if (result != vs::RESULT_OK) {
-                    throw library_error("the stabilizer has failed");
-                }
-                in_flight_.put(FramePtr(frame));
-            }
-        } catch (...) {
-            failure = std::current_exception();
-        }
-        in_flight_.close();
+        input.host = picture.release();
+        input.release = [](void*, void* lent) { AvFramePtr(static_cast<AVFrame*>(lent)).reset(); };
+        return videostabilizer_stream_push(stream_, &input, -1);
     }
 
     std::int64_t write_all() {
         for (std::int64_t frames = 0;; ++frames) {
-            FramePtr frame = take();
-            if (!frame) {
+            VideoStabilizerPicture* const steady = pull();
+            if (steady == nullptr) {
                 return frames;
             }
-            stream_.write(std::move(frame));
-            in_flight_.leave();
+            write(steady);
             parts_.progress.show(frames + 1);
         }
     }
 
-    FramePtr take() {
+    // Null at the end.
+    VideoStabilizerPicture* pull() {
         const Stopwatch stopwatch(seconds_.popping);
-        return in_flight_.take();
+        VideoStabilizerPicture* picture = nullptr;
+        const int code = videostabilizer_stream_pull(stream_, &picture, -1);
+        if (code < 0) {
+            throw library_error("the stabilizer has failed");
+        }
+        return picture;
+    }
+
+    void write(VideoStabilizerPicture* steady) {
+        const Stopwatch stopwatch(seconds_.writing);
+        VideoStabilizerStreamReport report{};
+        report.size = sizeof report;
+        videostabilizer_picture_report(steady, &report);
+        const AvFramePtr picture = av_picture(steady, parts_.source.format());
+        if (parts_.path != nullptr) {
+            follow(*parts_.path, stage_crop_ratio_, report);
+        }
+        const PictureTag tag = next_tag();
+        parts_.sink.write(*picture, tag);
+        parts_.extras.add_steady(*picture, tag);
+    }
+
+    // Pictures keep their order, so a queue is enough.
+    PictureTag next_tag() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        PictureTag tag = std::move(tags_.front());
+        tags_.pop_front();
+        return tag;
     }
 
     const StreamParts& parts_;
-    vs::VideoStabilizer* stabilizer_;
-    StreamSeconds& seconds_;
-    Stream stream_;
-    FramesInFlight in_flight_;
+    VideoStabilizerStream* stream_;
+    double stage_crop_ratio_;
+    StreamSeconds& seconds_;  // reading and pushing belong to the reading thread
+    std::mutex mutex_;        // guards the next
+    std::deque<PictureTag> tags_;
 };
 
 bool is_input_failure(const std::exception_ptr& failure) {
@@ -440,26 +371,19 @@ bool is_input_failure(const std::exception_ptr& failure) {
 
 StreamResult stabilize_stream(const StreamParts& parts) {
     StreamResult result;
-    Pictures pictures(parts.source.format());
-    // It may keep frames over pictures of the run, which it no longer reads once it is stopped.
-    const StabilizerPtr stabilizer = make_stabilizer(parts, pictures);
-    result.options = stabilizer->options;
+    const StreamPtr stream = open_stream(parts);
+    result.options = options_in_use(parts, stream.get());
     const auto start = std::chrono::steady_clock::now();
-    Run run(parts, pictures, stabilizer.get(), result.seconds);
+    Run run(parts, stream.get(), result.seconds);
 
-    // The stabilizer is not started for a stream without frames.
-    FramePtr first;
+    AvFramePtr first;
     try {
-        first = run.stream().read();
+        first = run.read();
     } catch (const video_io::InputError&) {
         result.input_failure = std::current_exception();
     }
     if (!first) {
         return result;
-    }
-
-    if (vs::video_stabilizer_start(stabilizer.get()) != vs::RESULT_OK) {
-        throw LibraryError("the stabilizer cannot start its thread");
     }
     std::exception_ptr read_failure;
     result.frames = run.pass_all(std::move(first), read_failure);
@@ -467,8 +391,6 @@ StreamResult stabilize_stream(const StreamParts& parts) {
         std::rethrow_exception(read_failure);
     }
     result.input_failure = read_failure;
-    result.seconds.reading = run.stream().reading_seconds();
-    result.seconds.writing = run.stream().writing_seconds();
     result.seconds.total =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (parts.path != nullptr) {
