@@ -277,11 +277,14 @@ class Run {
         try {
             while (picture) {
                 const int code = push(std::move(picture));
-                if (code == VIDEOSTABILIZER_INVALID) {
-                    throw library_error("the stabilizer rejects a frame");
+                if (code == VIDEOSTABILIZER_DRAINING || code == VIDEOSTABILIZER_FAILED) {
+                    return;  // write_all knows why
+                }
+                if (code == VIDEOSTABILIZER_NO_MEMORY) {
+                    throw std::bad_alloc();
                 }
                 if (code != VIDEOSTABILIZER_OK) {
-                    return;  // write_all reports why
+                    throw library_error("the stabilizer rejects a frame");
                 }
                 picture = read();
             }
