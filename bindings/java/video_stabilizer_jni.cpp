@@ -128,7 +128,8 @@ bool set_option(VideoStabilizerStreamOptions& o, const std::string& name, double
                    {"edge_guard", &o.edge_guard}, {"repair_motions", &o.repair_motions},
                    {"scene_cuts", &o.scene_cuts}, {"engine", &o.engine},
                    {"sampling", &o.sampling},     {"threads", &o.threads},
-                   {"auto_crop", &o.auto_crop},   {"siting", &o.siting}};
+                   {"auto_crop", &o.auto_crop},   {"shutter", &o.shutter},
+                   {"siting", &o.siting}};
     for (const auto& option : numbers) {
         if (name == option.name) {
             *option.number = static_cast<std::int32_t>(std::clamp(value, -1e9, 1e9));
@@ -141,7 +142,8 @@ bool set_option(VideoStabilizerStreamOptions& o, const std::string& name, double
     } reals[] = {{"sigma", &o.sigma},
                  {"crop_ratio", &o.crop_ratio},
                  {"crop_least", &o.crop_least},
-                 {"crop_most", &o.crop_most}};
+                 {"crop_most", &o.crop_most},
+                 {"readout", &o.readout}};
     for (const auto& option : reals) {
         if (name == option.name) {
             *option.number = static_cast<float>(value);
@@ -382,10 +384,11 @@ NATIVE(jint, nativePull)
     const jlong told[] = {r.number,       r.look_ahead, r.guarded, r.scene_start,
                           r.motion_found, r.points,     r.inliers, output.timestamp};
     env->SetLongArrayRegion(numbers, 0, 8, told);
-    float reals[22] = {r.sigma, r.crop, r.granted, r.track_ratio};
+    float reals[23] = {r.sigma, r.crop, r.granted, r.track_ratio};
     std::copy_n(r.motion, 9, reals + 4);
     std::copy_n(r.correction, 9, reals + 13);
-    env->SetFloatArrayRegion(values, 0, 22, reals);
+    reals[22] = r.readout;
+    env->SetFloatArrayRegion(values, 0, 23, reals);
     return code;
 }
 

@@ -300,10 +300,10 @@ void read_name(const py::dict& options, const char* name, const std::vector<cons
     value = static_cast<std::int32_t>(found - names.begin());
 }
 
-constexpr const char* OPTION_NAMES[] = {"frame_rate",  "look_ahead", "sigma",          "crop_ratio",
-                                        "whole_shift", "edge_guard", "repair_motions", "scene_cuts",
-                                        "engine",      "sampling",   "threads",        "auto_crop",
-                                        "crop_least",  "crop_most",  "siting"};
+constexpr const char* OPTION_NAMES[] = {
+    "frame_rate",     "look_ahead", "sigma",   "crop_ratio", "whole_shift", "edge_guard",
+    "repair_motions", "scene_cuts", "engine",  "sampling",   "threads",     "auto_crop",
+    "crop_least",     "crop_most",  "shutter", "readout",    "siting"};
 
 VideoStabilizerStreamOptions read_options(const Kind& kind, const std::string& strength,
                                           const py::dict& options) {
@@ -329,6 +329,8 @@ VideoStabilizerStreamOptions read_options(const Kind& kind, const std::string& s
     read_option(options, "threads", o.threads);
     read_option(options, "crop_least", o.crop_least);
     read_option(options, "crop_most", o.crop_most);
+    read_option(options, "readout", o.readout);
+    read_name(options, "shutter", {"off", "auto", "rows", "columns"}, o.shutter);
     read_switch(options, "whole_shift", o.whole_shift);
     read_switch(options, "edge_guard", o.edge_guard);
     read_switch(options, "repair_motions", o.repair_motions);
@@ -431,7 +433,7 @@ class Stabilizer {
     }
     void change(const std::optional<std::string>& strength, const py::kwargs& options) {
         py::dict all = strength ? py::dict() : options_.attr("copy")();
-        for (const char* const kept : {"engine", "threads", "siting"}) {
+        for (const char* const kept : {"engine", "threads", "siting", "shutter", "readout"}) {
             if (options_.contains(kept)) {
                 all[kept] = options_[kept];
             }
@@ -568,6 +570,8 @@ PYBIND11_MODULE(_native, module) {
         .def_readonly("points", &Report::points)
         .def_readonly("inliers", &Report::inliers)
         .def_readonly("track_ratio", &Report::track_ratio)
+        .def_readonly("readout", &Report::readout)
+        .def_readonly("readout_confidence", &Report::readout_confidence)
         .def_property_readonly("motion", [](const Report& r) { return matrix(r.motion); })
         .def_property_readonly("correction", [](const Report& r) { return matrix(r.correction); });
 

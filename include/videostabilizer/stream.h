@@ -158,6 +158,14 @@ enum {
     VIDEOSTABILIZER_SAMPLING_SHARP = 2 /* Lanczos, six taps */
 };
 
+/* What is done about a rolling shutter; see videostabilizer/stabilizer_options.h. */
+enum {
+    VIDEOSTABILIZER_SHUTTER_OFF = 0,
+    VIDEOSTABILIZER_SHUTTER_AUTO = 1,   /* the readout is estimated */
+    VIDEOSTABILIZER_SHUTTER_ROWS = 2,   /* lines are rows, and `readout` is given */
+    VIDEOSTABILIZER_SHUTTER_COLUMNS = 3 /* lines are columns, likewise */
+};
+
 /* Levels of the log. */
 enum {
     VIDEOSTABILIZER_LOG_INFO = 4,
@@ -196,6 +204,8 @@ typedef struct VideoStabilizerStreamOptions {
     int32_t auto_crop; /* the crop adapts to the shake, in place of crop_ratio; needs edge_guard */
     float crop_least;  /* 0.5 to 0.99: its bounds; 0: 0.65 and 0.95 */
     float crop_most;   /* */
+    int32_t shutter;   /* */
+    float readout;     /* -1 to 1 of the time between pictures, with rows and columns */
 
     /*
      * Receives what the library has to say about this stream, from `log_level` on; null: nobody does.
@@ -265,6 +275,11 @@ typedef struct VideoStabilizerStreamReport {
     int32_t points;       /* places that were followed */
     int32_t inliers;      /* those of them that agree with the motion; -1 or 0: too few points */
     float track_ratio;    /* 0 to 1: share of the places that could be followed */
+    float readout;        /* of the rolling shutter that was corrected; 0: none */
+    float readout_confidence; /* 0 to 1 */
+    int32_t columns;          /* 1: its lines are columns */
+    float first_line[2];      /* pixels that the middle of the first line ... */
+    float last_line[2];       /* ... and of the last one is moved by, against that of the picture */
     float motion[9]; /* maps positions in the picture before to this one; row-major 3x3, pixels */
     float correction[9]; /* maps positions in this picture to the steady one, before the crop */
 } VideoStabilizerStreamReport;
@@ -346,7 +361,7 @@ VIDEOSTABILIZER_API int videostabilizer_stream_flush(VideoStabilizerStream* stre
 /*
  * Changes a running stream, smoothly: from the next picture that is corrected on, the path goes on from
  * where it is, with another sigma, or towards another crop_ratio, crop_least or crop_most, by at most a
- * tenth a second (frame_rate); after a scene cut at once. All other options must be as the stream was
+ * tenth a second (frame_rate), after a scene cut at once; or towards another readout that is given. All other options must be as the stream was
  * opened, but for callbacks, which are not read, and for look_ahead: less is enough, since a longer one
  * than asked for does no harm. So the options of every strength with the same switches may be set.
  * Returns: OK; INVALID; NEEDS_REOPEN, with the reason as message, for anything else, and for crop_ratio

@@ -50,6 +50,13 @@ void SteadyPath::add(std::int64_t k, const CameraStep& step, const std::vector<S
     }
 }
 
+void SteadyPath::change(const PathChange& change, double readout) {
+    planner_.change(change);
+    if (shutter_) {
+        shutter_->aim(readout);
+    }
+}
+
 // Lays the path of the shutter over frames first .. end - 1, which have no cut between them.
 void SteadyPath::lay_path(std::int64_t first, std::int64_t end) {
     around_.assign(1, CameraPose{});

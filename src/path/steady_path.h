@@ -70,7 +70,8 @@ class SteadyPath {
     bool has_columns() const { return shutter_ && shutter_->by_columns(); }
 
     // Of the frames from the next on that is corrected. Without edge guard it changes nothing.
-    void change(const PathChange& change) { planner_.change(change); }
+    // readout: of a shutter that is not estimated.
+    void change(const PathChange& change, double readout);
 
     // Writes the correcting transform of frame n, before the crop. Frames come in order, each once;
     // `newest` is the newest that was added. `motions` and `logs` are the ring that the filter works

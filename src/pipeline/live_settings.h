@@ -13,6 +13,7 @@ struct LiveSettings {
     float crop_least;   // with auto_crop only
     float crop_most;    //
     double crop_speed;  // see PathChange
+    float readout;      // with shutter rows or columns only
 };
 
 // Takes the place of what was offered before and not yet taken over. Throws std::bad_alloc.

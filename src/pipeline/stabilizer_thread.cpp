@@ -194,10 +194,11 @@ void take_settings(VideoStabilizer* s) {
     }
     gaussian_motion_filter_set_params(s->filter, s->radius, next->sigma);
     if (s->steady_path != nullptr) {
-        s->steady_path->change({static_cast<double>(next->sigma),
-                                static_cast<double>(next->crop_ratio),
-                                static_cast<double>(next->crop_least),
-                                static_cast<double>(next->crop_most), next->crop_speed});
+        s->steady_path->change(
+            {static_cast<double>(next->sigma), static_cast<double>(next->crop_ratio),
+             static_cast<double>(next->crop_least), static_cast<double>(next->crop_most),
+             next->crop_speed},
+            static_cast<double>(next->readout));
     }
 }
 

@@ -246,6 +246,7 @@ void RollingShutter::learn(std::int64_t k) {
 
 void RollingShutter::choose() {
     if (!settings_.automatic) {
+        in_use_ += std::clamp(settings_.readout - in_use_, -FASTEST_CHANGE, FASTEST_CHANGE);
         return;
     }
     const auto distinct = [](const ReadoutEstimator& e) {

@@ -58,6 +58,8 @@ class RollingShutter {
     void learn(std::int64_t k);
     // What is used from now on follows what has been learned.
     void choose();
+    // Of one that is not estimated: it becomes another within some pictures.
+    void aim(double readout) { settings_.readout = readout; }
     // Whether so much more is known of the readout that all steps are to be fitted again. Once.
     bool take_change();
     // Pictures of another camera may follow.

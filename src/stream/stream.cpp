@@ -591,7 +591,7 @@ int Stream::change(const VideoStabilizerStreamOptions* wanted) {
     try {
         offer_settings(engine_->stabilizer(),
                        {options.sigma, options.crop_ratio, options.crop_least, options.crop_most,
-                        crop_speed(settings)});
+                        crop_speed(settings), options.readout});
     } catch (const std::bad_alloc&) {
         return refuse(VIDEOSTABILIZER_NO_MEMORY,
                       videostabilizer_strerror(VIDEOSTABILIZER_NO_MEMORY));
@@ -600,6 +600,7 @@ int Stream::change(const VideoStabilizerStreamOptions* wanted) {
     settings_.options.crop_ratio = options.crop_ratio;
     settings_.options.crop_least = options.crop_least;
     settings_.options.crop_most = options.crop_most;
+    settings_.options.readout = options.readout;
     return VIDEOSTABILIZER_OK;
 }
 
@@ -611,6 +612,7 @@ VideoStabilizerStreamOptions Stream::options() {
     options.crop_ratio = now.crop_ratio;
     options.crop_least = now.crop_least;
     options.crop_most = now.crop_most;
+    options.readout = now.readout;
     options.picture_width = now.picture_width;
     options.picture_height = now.picture_height;
     options.sampling = now.sampling;

@@ -99,6 +99,11 @@ void StreamEngine::watch() {
         report.crop = from->crop;
         report.granted = from->granted;
         report.guarded = from->guarded;
+        report.readout = from->readout;
+        report.readout_confidence = from->readout_confidence;
+        report.columns = from->columns;
+        std::copy_n(from->first_line, 2, report.first_line);
+        std::copy_n(from->last_line, 2, report.last_line);
         report.scene_start = engine.corrected_ == 0 ? 1 : from->scene_start;
         ++engine.corrected_;
     };

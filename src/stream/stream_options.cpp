@@ -35,6 +35,8 @@ VideoStabilizerOptions stabilizer_options(const VideoStabilizerStreamOptions& gi
     options.auto_crop = given.auto_crop;
     options.crop_least = given.crop_least;
     options.crop_most = given.crop_most;
+    options.shutter = static_cast<VideoStabilizerShutter>(given.shutter);
+    options.readout = given.readout;
     if (format.is_packed() && options.sampling == STABILIZER_SAMPLING_STATED) {
         options.sampling = STABILIZER_SAMPLING_BILINEAR;  // no nearest blue and red beside green
     }
@@ -60,6 +62,7 @@ bool options_of_strength(int strength, VideoStabilizerStreamOptions& out) {
     out.scene_cuts = options.scene_cuts;
     out.engine = options.engine;
     out.sampling = options.sampling;
+    out.shutter = options.shutter;
     out.log_level = VIDEOSTABILIZER_LOG_WARNING;
     return true;
 }
@@ -108,7 +111,7 @@ const char* change_fault(const StreamSettings& open, const StreamSettings& wante
     }
     if (to.whole_shift != from.whole_shift || to.edge_guard != from.edge_guard ||
         to.repair_motions != from.repair_motions || to.scene_cuts != from.scene_cuts ||
-        to.auto_crop != from.auto_crop) {
+        to.auto_crop != from.auto_crop || to.shutter != from.shutter) {
         return "switches cannot change in an open stream";
     }
     if (to.picture_width != from.picture_width || to.picture_height != from.picture_height ||

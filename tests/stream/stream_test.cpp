@@ -400,6 +400,27 @@ TEST_F(StreamTest, ChangesSmoothly) {
     }
     EXPECT_GT(steps, 30);  // a tenth in a second of 30 pictures
 
+    o.shutter = VIDEOSTABILIZER_SHUTTER_ROWS;
+    o.readout = 0.5F;
+    TestStream bent(o);
+    for (int i = 0; i < 120; ++i) {
+        ASSERT_EQ(bent.push(i, false, FOREVER), VIDEOSTABILIZER_OK);
+        if (i == 40) {
+            o.readout = -0.25F;
+            EXPECT_EQ(videostabilizer_stream_change(bent.stream, &o), 0);
+        }
+        if (i >= 20) {
+            ASSERT_EQ(bent.pull(true, FOREVER), VIDEOSTABILIZER_OK);
+        }
+    }
+    EXPECT_EQ(bent.reports.front().readout, 0.5F);
+    EXPECT_EQ(bent.reports.back().readout, -0.25F);
+    for (std::size_t i = 1; i < bent.reports.size(); ++i) {
+        EXPECT_LE(std::abs(bent.reports[i].readout - bent.reports[i - 1].readout), 0.101F) << i;
+    }
+    o.shutter = VIDEOSTABILIZER_SHUTTER_AUTO;
+    o.readout = 0;
+
     const struct {
         const char* field;
         void (*set)(VideoStabilizerStreamOptions&);

@@ -7,6 +7,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -114,6 +115,8 @@ VideoStabilizerStreamOptions stream_options(const StreamParts& parts) {
     options.auto_crop = from.auto_crop;
     options.crop_least = from.crop_least;
     options.crop_most = from.crop_most;
+    options.shutter = from.shutter;
+    options.readout = from.readout;
     return options;
 }
 
@@ -206,6 +209,11 @@ void follow(PathFollower& path, double stage_crop_ratio,
     told.repaired = report.motion_found == 2 ? 1 : 0;
     told.scene_start = report.number > 0 ? report.scene_start : 0;
     told.crop = report.crop;
+    told.readout = report.readout;
+    told.readout_confidence = report.readout_confidence;
+    told.columns = report.columns;
+    std::copy_n(report.first_line, 2, told.first_line);
+    std::copy_n(report.last_line, 2, told.last_line);
     observer.on_report(observer.ctx, &told);
 }
 

@@ -23,7 +23,8 @@ class Stabilizer(_Stabilizer):
         separated into planes on the way in and interleaved on the way out, on the calling thread.
     strength: gentle, standard, strong or maximum.
     Further options, by name: frame_rate, look_ahead, sigma, crop_ratio, whole_shift, edge_guard,
-        repair_motions, scene_cuts, engine, sampling, threads, auto_crop, crop_least, crop_most, siting.
+        repair_motions, scene_cuts, engine, sampling, threads, auto_crop, crop_least, crop_most, shutter, readout,
+        siting.
 
     All methods may be called from any thread; they let other threads of Python run meanwhile.
     Raises ValueError for what is refused, MemoryError, and Error for all else.

@@ -25,6 +25,8 @@ class Report:
     points: int
     inliers: int
     track_ratio: float
+    readout: float
+    readout_confidence: float
     motion: npt.NDArray[np.float32]
     correction: npt.NDArray[np.float32]
 

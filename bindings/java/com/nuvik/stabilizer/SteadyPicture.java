@@ -13,8 +13,8 @@ public final class SteadyPicture implements AutoCloseable {
     final int[] rowStrides;
     /** Number, look-ahead, guarded, scene start, motion found, points, inliers; timestamp. */
     final long[] numbers = new long[8];
-    /** Sigma, crop, granted, track ratio; motion; correction. */
-    final float[] values = new float[22];
+    /** Sigma, crop, granted, track ratio; motion; correction; readout. */
+    final float[] values = new float[23];
     private final VideoStabilizer owner;
     private boolean closed;
 
@@ -126,6 +126,15 @@ public final class SteadyPicture implements AutoCloseable {
      */
     public float[] correction() {
         return java.util.Arrays.copyOfRange(values, 13, 22);
+    }
+
+    /**
+     * The readout of the rolling shutter that was corrected, share of the time between pictures.
+     *
+     * @return -1 to 1; 0: none
+     */
+    public float readout() {
+        return values[22];
     }
 
     /** Gives the picture back. Its buffers then show later pictures. A second call does nothing. */

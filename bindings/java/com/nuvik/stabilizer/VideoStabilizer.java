@@ -121,7 +121,7 @@ public final class VideoStabilizer implements AutoCloseable {
 
         /**
          * Any other option, by its name in {@code VideoStabilizerStreamOptions}: look_ahead, sigma,
-         * crop_ratio, frame_rate, threads, auto_crop, crop_least, crop_most, engine, sampling ...
+         * crop_ratio, frame_rate, threads, auto_crop, crop_least, crop_most, shutter, readout, engine, sampling ...
          *
          * @param name the name
          * @param value its value; 1 or 0 for switches
