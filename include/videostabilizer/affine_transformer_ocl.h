@@ -70,13 +70,13 @@ struct AffineTransformerOcl {
     std::int32_t input_capacity;  // frames
     float crop_ratio;             // shown part of the source; 1 is all of it
 
-    cl_command_queue cmd_queue;
-    cl_kernel kernel;
-    cl_mem mem_src_y;
-    cl_mem mem_src_uv;
-    cl_mem mem_dst_y;
-    cl_mem mem_dst_uv;
-    cl_mem mem_wp;  // six floats: output position to source position
+    cl_command_queue cmd_queue;  // of this stage
+    cl_kernel kernel;            // of this stage
+    cl_mem mem_src_y;            // device buffers of a picture:
+    cl_mem mem_src_uv;           //
+    cl_mem mem_dst_y;            //
+    cl_mem mem_dst_uv;           //
+    cl_mem mem_wp;               // six floats: output position to source position
 
     Frame input_queue;                      // sentinel; its links are guarded by `mutex`
     std::atomic<std::int32_t> input_count;  // frames queued; written under `mutex`
@@ -84,12 +84,12 @@ struct AffineTransformerOcl {
     std::atomic<std::int32_t> output_eos;   // the last frame was delivered
     std::atomic<std::int32_t> quit;         // stop flag: set by fini, and at the end of the stream
     std::int32_t timeout_ms;                // 1000: length of one timed wait for input
-    pthread_t worker;
-    pthread_mutex_t mutex;
-    pthread_cond_t cond;  // a frame was queued, or a flag was set
-    int in_place;         // nonzero: the output is written into the input frame
-    void* user;           // passed to on_frame and on_eos
-    AffineTransformerCallbacks callbacks;
+    pthread_t worker;                       // the stage's thread
+    pthread_mutex_t mutex;                  // guards the queue
+    pthread_cond_t cond;                    // a frame was queued, or a flag was set
+    int in_place;                           // nonzero: the output is written into the input frame
+    void* user;                             // passed to on_frame and on_eos
+    AffineTransformerCallbacks callbacks;   // of the owner
 
     std::atomic<std::int32_t> worker_started;  // 1: `worker` runs or waits to be joined
     std::atomic<std::int32_t> needs_fini;      // 1 until a call of fini clears it
@@ -137,6 +137,7 @@ VIDEOSTABILIZER_API int affine_transformer_ocl_get_frame(AffineTransformerOcl* t
 
 // Whether the queue is full or empty at this moment: 1 or 0. Threads: thread-safe.
 VIDEOSTABILIZER_API int affine_transformer_ocl_full(AffineTransformerOcl* t);
+// Likewise.
 VIDEOSTABILIZER_API int affine_transformer_ocl_empty(AffineTransformerOcl* t);
 
 // Signals the end of the input: queued frames are still delivered, then on_eos is called. An idle

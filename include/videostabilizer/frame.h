@@ -49,7 +49,7 @@ struct Frame {
                    // are the stabilizer's. Hosts must not use it in popped frames unless their own
                    // create_frame stored it. Null in a new frame.
     Frame* next;   // links of the queue that holds the frame
-    Frame* prev;
+    Frame* prev;   //
 };
 
 // Creates a frame whose luma and chroma lie in one buffer.

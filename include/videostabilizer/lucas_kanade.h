@@ -28,7 +28,7 @@ struct LK_Params {
     float epsilon_x;              // a level ends once its last update is smaller than this in x
     float epsilon_y;              // and than this in y, in samples of the level
     float max_disp_x;             // a displacement of this many pixels or more loses the point
-    float max_disp_y;
+    float max_disp_y;             //
     std::int32_t border_x;  // points closer than this to the left or right edge are not tracked
     std::int32_t border_y;  // points closer than this to the top or bottom edge are not tracked
 };

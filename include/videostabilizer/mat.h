@@ -30,31 +30,35 @@ class Mat {
     bool external_data = false;  // true: the elements are not its own
     bool continuous = false;     // true: no gaps between the rows (step = cols * sizeof(T))
     T* data = nullptr;           // element (0, 0); null in an empty matrix
-    int rows = 0;
-    int cols = 0;
-    int step = 0;  // bytes from the start of one row to the start of the next
+    int rows = 0;                // of elements
+    int cols = 0;                // elements of a row
+    int step = 0;                // bytes from the start of one row to the start of the next
 
     VIDEOSTABILIZER_API Mat();                              // empty
     VIDEOSTABILIZER_API Mat(int row_count, int col_count);  // own elements, uninitialised
     VIDEOSTABILIZER_API Mat(int row_count, int col_count, T* elements,
-                            int step_bytes);               // view on the caller's elements
-    VIDEOSTABILIZER_API Mat(const Mat& other);             // view on the elements of other
-    VIDEOSTABILIZER_API Mat(Mat&& other) noexcept;         // takes over, leaves other empty
-    VIDEOSTABILIZER_API Mat& operator=(const Mat& other);  // becomes a view, as above
-    VIDEOSTABILIZER_API Mat& operator=(Mat&& other) noexcept;
+                            int step_bytes);                   // view on the caller's elements
+    VIDEOSTABILIZER_API Mat(const Mat& other);                 // view on the elements of other
+    VIDEOSTABILIZER_API Mat(Mat&& other) noexcept;             // takes over, leaves other empty
+    VIDEOSTABILIZER_API Mat& operator=(const Mat& other);      // becomes a view, as above
+    VIDEOSTABILIZER_API Mat& operator=(Mat&& other) noexcept;  // takes over, as above
     VIDEOSTABILIZER_API ~Mat();
 
     // Applies the create rule for the given shape.
     VIDEOSTABILIZER_API void create(int row_count, int col_count);
 
+    // The first element of row i, which is not checked.
     VIDEOSTABILIZER_API T* row(int i) {
         return const_cast<T*>(static_cast<const Mat&>(*this).row(i));
     }
+    // Likewise.
     VIDEOSTABILIZER_API const T* row(int i) const {
         const char* start = reinterpret_cast<const char*>(data) + std::ptrdiff_t{i} * step;
         return static_cast<const T*>(static_cast<const void*>(start));
     }
+    // Element (i, j), likewise.
     VIDEOSTABILIZER_API T& at(int i, int j) { return row(i)[j]; }
+    // Likewise.
     VIDEOSTABILIZER_API const T& at(int i, int j) const { return row(i)[j]; }
 
     // The process-wide empty matrix, passed for an absent optional argument. Never written.

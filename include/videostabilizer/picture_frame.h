@@ -36,8 +36,8 @@ enum ChromaSiting : std::int32_t {
 
 // The layout of a picture. All zero but bit_depth = 8: planar 4:2:0 as video has it.
 struct PixelLayout {
-    ChromaFormat chroma;
-    ChromaSiting siting;
+    ChromaFormat chroma;       // how many luma samples share a chroma sample
+    ChromaSiting siting;       // where it lies
     std::int32_t bit_depth;    // 8: bytes; 9..16: two bytes a sample, little endian
     std::int32_t semi_planar;  // 0: planes Y, U, V; 1: planes Y and UV, samples in turns, in either
                                // order (NV12, NV21, NV16, P010, P016)
@@ -53,8 +53,8 @@ struct PicturePlanes {
     unsigned char* data[3];  // the first row of each, at any address
     std::int32_t stride[3];  // bytes from a row to the next; negative where the first row is the
                              // last in memory; even for samples of two bytes
-    unsigned char* alpha = nullptr;
-    std::int32_t alpha_stride = 0;
+    unsigned char* alpha = nullptr;  // plane 3
+    std::int32_t alpha_stride = 0;   // of plane 3, bytes
 };
 
 // Creates a frame of any layout. Its `format` is PIX_FMT_PICTURE; the other fields of Frame have the

@@ -67,7 +67,7 @@ struct VideoStabilizerReport {
     std::int32_t columns;      // 1: lines are columns
     // Pixels that the middle of the first and of the last line is moved by against that of the picture.
     float first_line[2];
-    float last_line[2];
+    float last_line[2];  //
 };
 
 // Results of the analysis, for hosts that display or record them. Any function may be null. All are
@@ -93,24 +93,24 @@ struct VideoStabilizerObserver {
 // The record of one stream. Hosts use the functions below. The fields are public for inspection
 // only; while the stream runs they belong to the library's threads.
 struct VideoStabilizer {
-    std::int32_t width;      // stream geometry: pixels, bytes
-    std::int32_t height;     //
-    std::int32_t stride_y;   // 0 in streams of PIX_FMT_PICTURE
-    std::int32_t stride_uv;  // likewise
-    PixFmt format;
-    Frame input_queue;                       // sentinel; links guarded by input_mutex
-    Frame output_queue;                      // sentinel; links guarded by output_mutex
-    std::atomic<std::int32_t> input_count;   // written under input_mutex
-    std::atomic<std::int32_t> output_count;  // written under output_mutex
-    std::int32_t input_capacity;             // 3
-    std::int32_t output_capacity;            // 2
-    std::int32_t scale;                      // decimation of the analysis images: 1, 2 or 4
-    unsigned char* luma_block;               // both analysis images
-    unsigned char* prev_luma;                // analysis image of the previous frame
-    unsigned char* cur_luma;                 // analysis image of the newest frame
-    FastParams fast_params;
-    LK_Params lk_params;
-    RansacParams ransac_params;
+    std::int32_t width;                       // stream geometry: pixels, bytes
+    std::int32_t height;                      //
+    std::int32_t stride_y;                    // 0 in streams of PIX_FMT_PICTURE
+    std::int32_t stride_uv;                   // likewise
+    PixFmt format;                            // of the frames
+    Frame input_queue;                        // sentinel; links guarded by input_mutex
+    Frame output_queue;                       // sentinel; links guarded by output_mutex
+    std::atomic<std::int32_t> input_count;    // written under input_mutex
+    std::atomic<std::int32_t> output_count;   // written under output_mutex
+    std::int32_t input_capacity;              // 3
+    std::int32_t output_capacity;             // 2
+    std::int32_t scale;                       // decimation of the analysis images: 1, 2 or 4
+    unsigned char* luma_block;                // both analysis images
+    unsigned char* prev_luma;                 // analysis image of the previous frame
+    unsigned char* cur_luma;                  // analysis image of the newest frame
+    FastParams fast_params;                   // of the corner detector
+    LK_Params lk_params;                      // of the tracker
+    RansacParams ransac_params;               // of the motion estimator
     std::int32_t max_points;                  // 256: reserved capacity of every point list
     std::vector<KeyPoint> next_points;        // tracked corners in the newest analysis image
     std::vector<KeyPoint> prev_points;        // corners of the previous analysis image
@@ -126,31 +126,31 @@ struct VideoStabilizer {
     std::vector<SimpleLA::Mat<float>*> motions;  // motion from frame i to i + 1
     // Correcting transforms on their way to the stage.
     std::vector<SimpleLA::Mat<float>*> warp_pool;
-    std::vector<MotionLog> motion_logs;  // ring; belongs to `motions`
-    GaussianMotionFilter* filter;
-    std::int32_t in_place;
+    std::vector<MotionLog> motion_logs;    // ring; belongs to `motions`
+    GaussianMotionFilter* filter;          // smooths the path
+    std::int32_t in_place;                 // as given
     AffineTransformerOcl* transformer;     // the warp stage of the stated kernels; else null
     VideoStabilizerUser* user;             // the host's; may be null
     std::atomic<std::int32_t> quit;        // stop flag
     std::atomic<std::int32_t> input_eos;   // the host signalled the end of its input
     std::atomic<std::int32_t> output_eos;  // the warp stage has delivered its last frame
     std::int32_t timeout_ms;               // 3000: length of one timed wait
-    pthread_t worker;
-    pthread_mutex_t input_mutex;
-    pthread_mutex_t output_mutex;
+    pthread_t worker;                      // the thread of the analysis
+    pthread_mutex_t input_mutex;           // see the queues
+    pthread_mutex_t output_mutex;          //
     pthread_cond_t input_cond;   // with input_mutex: a frame was queued, or a flag was set
     pthread_cond_t output_cond;  // with output_mutex: likewise
     pthread_cond_t eos_cond;     // with output_mutex: a flag was set
 
     std::atomic<std::int32_t> worker_joinable;  // 1 from start until the worker is joined
     std::atomic<std::int32_t> failed;           // 1: a thread has ended with an error
-    VideoStabilizerObserver observer;
-    VideoStabilizerOptions options;
-    SteadyPath* steady_path;      // null: the filter alone is used
-    std::int64_t newest_frame;    // frame_index, unbounded
-    std::int64_t sent_frame;      // output_index, unbounded
-    PictureStage* picture_stage;  // the warp stage where `transformer` is null
-    PixelLayout layout;           // of the pictures, where `format` is PIX_FMT_PICTURE
+    VideoStabilizerObserver observer;           // the host's
+    VideoStabilizerOptions options;             // as decided
+    SteadyPath* steady_path;                    // null: the filter alone is used
+    std::int64_t newest_frame;                  // frame_index, unbounded
+    std::int64_t sent_frame;                    // output_index, unbounded
+    PictureStage* picture_stage;                // the warp stage where `transformer` is null
+    PixelLayout layout;  // of the pictures, where `format` is PIX_FMT_PICTURE
     // Pictures of more than 8 bits, with steady_path: the upper 8 of the luma of frame i, packed, in
     // i mod 2; else empty.
     std::vector<unsigned char> upper_bits[2];
@@ -293,8 +293,11 @@ VIDEOSTABILIZER_API int video_stabilizer_pop_frame(VideoStabilizer* stabilizer, 
 
 // 1 or 0 at this moment, for hosts that want to avoid blocking. Threads: thread-safe.
 VIDEOSTABILIZER_API int video_stabilizer_input_empty(VideoStabilizer* stabilizer);
+// Likewise.
 VIDEOSTABILIZER_API int video_stabilizer_input_full(VideoStabilizer* stabilizer);
+// Likewise.
 VIDEOSTABILIZER_API int video_stabilizer_output_empty(VideoStabilizer* stabilizer);
+// Likewise.
 VIDEOSTABILIZER_API int video_stabilizer_output_full(VideoStabilizer* stabilizer);
 
 // Signals the end of the input: later pushes are refused, the frames inside are delivered, then pop

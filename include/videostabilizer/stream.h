@@ -113,9 +113,9 @@ VIDEOSTABILIZER_API int32_t videostabilizer_format_by_name(const char* name);
 
 /* A plane of a format. */
 typedef struct VideoStabilizerPlaneShape {
-    size_t size;
+    size_t size;      /* of the record */
     size_t row_bytes; /* that belong to the picture; strides are at least as long */
-    int32_t rows;
+    int32_t rows;     /* of the plane */
 } VideoStabilizerPlaneShape;
 
 /*
@@ -182,25 +182,25 @@ enum {
 
 /* Options of a stream. Comments give the range; switches are 0 or 1. */
 typedef struct VideoStabilizerStreamOptions {
-    size_t size;         /* set by options_init */
-    int32_t width;       /* pixels; 16 to 32768 */
-    int32_t height;      /* */
-    int32_t format;      /* */
-    int32_t siting;      /* of the chroma of formats that share it; left */
-    double frame_rate;   /* pictures a second; 0: not known, taken as 30. See stream_change */
-    int32_t look_ahead;  /* 1 to 120 pictures: the delay, and half of the smoothing span */
-    float sigma;         /* 0.25 to 1000 pictures: width of the smoothing; 0: sqrt(look_ahead) */
-    float crop_ratio;    /* 0.5 to 1: the part of the width and height that is shown */
-    int32_t whole_shift; /* the next four: see videostabilizer/stabilizer_options.h */
-    int32_t edge_guard;
-    int32_t repair_motions;
-    int32_t scene_cuts;
+    size_t size;            /* set by options_init */
+    int32_t width;          /* pixels; 16 to 32768 */
+    int32_t height;         /* */
+    int32_t format;         /* */
+    int32_t siting;         /* of the chroma of formats that share it; left */
+    double frame_rate;      /* pictures a second; 0: not known, taken as 30. See stream_change */
+    int32_t look_ahead;     /* 1 to 120 pictures: the delay, and half of the smoothing span */
+    float sigma;            /* 0.25 to 1000 pictures: width of the smoothing; 0: sqrt(look_ahead) */
+    float crop_ratio;       /* 0.5 to 1: the part of the width and height that is shown */
+    int32_t whole_shift;    /* the next four: see videostabilizer/stabilizer_options.h */
+    int32_t edge_guard;     /* */
+    int32_t repair_motions; /* */
+    int32_t scene_cuts;     /* */
     int32_t
         picture_width; /* the top left part that is picture, the rest being padding; pixels, ... */
     int32_t picture_height; /* ... at least 16; 0 and 0: all of it */
-    int32_t engine;
-    int32_t sampling;
-    int32_t threads;   /* of the native engine: 1 to 64; 0: one for each processor */
+    int32_t engine;         /* VIDEOSTABILIZER_ENGINE_... */
+    int32_t sampling;       /* VIDEOSTABILIZER_SAMPLING_... */
+    int32_t threads;        /* of the native engine: 1 to 64; 0: one for each processor */
     int32_t auto_crop; /* the crop adapts to the shake, in place of crop_ratio; needs edge_guard */
     float crop_least;  /* 0.5 to 0.99: its bounds; 0: 0.65 and 0.95 */
     float crop_most;   /* */
@@ -213,7 +213,7 @@ typedef struct VideoStabilizerStreamOptions {
      * function of this interface.
      */
     void (*log)(void* log_context, int level, const char* area, const char* text);
-    void* log_context;
+    void* log_context; /* passed to it */
     int32_t log_level; /* VIDEOSTABILIZER_LOG_... */
 
     /*
@@ -222,7 +222,7 @@ typedef struct VideoStabilizerStreamOptions {
      * library, several at once. It may push and pull with time-out 0; no other function of streams.
      */
     void (*on_ready)(void* ready_context, int ready);
-    void* ready_context;
+    void* ready_context; /* passed to it */
 } VideoStabilizerStreamOptions;
 
 /*
@@ -246,7 +246,7 @@ typedef struct VideoStabilizerPlanes {
 
 /* A picture to push. Set all to zero, then what is needed. */
 typedef struct VideoStabilizerInput {
-    size_t size;
+    size_t size;                  /* of the record */
     VideoStabilizerPlanes planes; /* read only */
     int64_t timestamp;            /* the host's; not interpreted */
     void* host;                   /* the host's; comes back with the steady picture */
@@ -258,12 +258,12 @@ typedef struct VideoStabilizerInput {
      * the calling threads and from those of the library. It may push and pull with time-out 0.
      */
     void (*release)(void* release_context, void* host);
-    void* release_context;
+    void* release_context; /* passed to it */
 } VideoStabilizerInput;
 
 /* How a picture became steady. */
 typedef struct VideoStabilizerStreamReport {
-    size_t size;
+    size_t size;          /* of the record */
     int64_t number;       /* of the picture, from 0 on since the stream was opened or flushed */
     int32_t look_ahead;   /* pictures: the latency of the stream */
     float sigma;          /* pictures: of the smoothing in use */
@@ -295,10 +295,10 @@ typedef struct VideoStabilizerPicture VideoStabilizerPicture;
 
 /* What a steady picture is. */
 typedef struct VideoStabilizerOutput {
-    size_t size;
-    VideoStabilizerPlanes planes;
-    int64_t timestamp; /* of the picture that was pushed */
-    void* host;        /* likewise */
+    size_t size;                  /* of the record */
+    VideoStabilizerPlanes planes; /* of the picture */
+    int64_t timestamp;            /* of the picture that was pushed */
+    void* host;                   /* likewise */
 } VideoStabilizerOutput;
 
 /*

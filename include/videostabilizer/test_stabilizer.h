@@ -26,13 +26,13 @@ struct Buffer {
 // The pools, valid while test_stabilizer runs. The input pool is larger than the number of frames
 // that the pipeline can hold, so that no buffer is refilled while its frame is in flight.
 struct FrameContext {
-    Buffer output_buffers[6];
-    Buffer input_buffers[26];
+    Buffer output_buffers[6];    // in turns
+    Buffer input_buffers[26];    // in turns
     std::int32_t output_cursor;  // next output buffer to use
     std::int32_t input_cursor;   // next input buffer to use
 };
 
-extern VIDEOSTABILIZER_API FrameContext frame_ctx;
+extern VIDEOSTABILIZER_API FrameContext frame_ctx;  // of the process
 
 // Runs the test; prints its progress, the elapsed time and the number of frames to standard output.
 // A missing file, a failed pop (a stream that ended early, also because of an OpenCL error) or a

@@ -6,6 +6,7 @@ package com.nuvik.stabilizer;
 public class StabilizerException extends RuntimeException {
     private static final long serialVersionUID = 1;
 
+    /** Below zero. */
     private final int code;
 
     StabilizerException(String message, int code) {
