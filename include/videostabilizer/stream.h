@@ -41,7 +41,7 @@ enum {
     VIDEOSTABILIZER_AGAIN = 1,         /* not now: see stream_push and stream_pull */
     VIDEOSTABILIZER_END = 2,           /* all pictures have been pulled */
     VIDEOSTABILIZER_INVALID = -1,      /* an argument, option or picture is refused */
-    VIDEOSTABILIZER_NO_MEMORY = -2,    /* */
+    VIDEOSTABILIZER_NO_MEMORY = -2,    /* there is not enough memory */
     VIDEOSTABILIZER_NO_THREAD = -3,    /* the system gives no thread or descriptor */
     VIDEOSTABILIZER_NO_DEVICE = -4,    /* the engine asked for cannot be used */
     VIDEOSTABILIZER_DRAINING = -5,     /* a push after stream_drain */
@@ -128,8 +128,8 @@ VIDEOSTABILIZER_API int videostabilizer_format_plane(int32_t format, int32_t wid
 
 /* Where the first chroma sample lies among the luma samples that share it. */
 enum {
-    VIDEOSTABILIZER_SITING_LEFT = 0, /* MPEG-2 and later */
-    VIDEOSTABILIZER_SITING_CENTRE = 1,
+    VIDEOSTABILIZER_SITING_LEFT = 0,   /* MPEG-2 and later */
+    VIDEOSTABILIZER_SITING_CENTRE = 1, /* JPEG, MPEG-1 */
     VIDEOSTABILIZER_SITING_TOP_LEFT = 2,
     VIDEOSTABILIZER_SITING_TOP = 3,
     VIDEOSTABILIZER_SITING_BOTTOM_LEFT = 4,
@@ -184,28 +184,27 @@ enum {
 typedef struct VideoStabilizerStreamOptions {
     size_t size;            /* set by options_init */
     int32_t width;          /* pixels; 16 to 32768 */
-    int32_t height;         /* */
-    int32_t format;         /* */
-    int32_t siting;         /* of the chroma of formats that share it; left */
+    int32_t height;         /* pixels; 16 to 32768 */
+    int32_t format;         /* VIDEOSTABILIZER_FORMAT_..., or a family and bits */
+    int32_t siting;         /* of the chroma of formats that share it: VIDEOSTABILIZER_SITING_... */
     double frame_rate;      /* pictures a second; 0: not known, taken as 30. See stream_change */
     int32_t look_ahead;     /* 1 to 120 pictures: the delay, and half of the smoothing span */
     float sigma;            /* 0.25 to 1000 pictures: width of the smoothing; 0: sqrt(look_ahead) */
     float crop_ratio;       /* 0.5 to 1: the part of the width and height that is shown */
-    int32_t whole_shift;    /* the next four: see videostabilizer/stabilizer_options.h */
-    int32_t edge_guard;     /* */
-    int32_t repair_motions; /* */
-    int32_t scene_cuts;     /* */
-    int32_t
-        picture_width; /* the top left part that is picture, the rest being padding; pixels, ... */
-    int32_t picture_height; /* ... at least 16; 0 and 0: all of it */
+    int32_t whole_shift;    /* 1: the full shift is applied; 0: crop_ratio times it */
+    int32_t edge_guard;     /* 1: nothing is shown from outside the picture; needs whole_shift */
+    int32_t repair_motions; /* 1: motions that were not found are interpolated */
+    int32_t scene_cuts;     /* 1: the smoothing stops at scene cuts */
+    int32_t picture_width;  /* pixels, from 16 on: what is picture, top left; 0, 0: all of it */
+    int32_t picture_height; /* likewise; the rest is padding */
     int32_t engine;         /* VIDEOSTABILIZER_ENGINE_... */
     int32_t sampling;       /* VIDEOSTABILIZER_SAMPLING_... */
     int32_t threads;        /* of the native engine: 1 to 64; 0: one for each processor */
-    int32_t auto_crop; /* the crop adapts to the shake, in place of crop_ratio; needs edge_guard */
-    float crop_least;  /* 0.5 to 0.99: its bounds; 0: 0.65 and 0.95 */
-    float crop_most;   /* */
-    int32_t shutter;   /* */
-    float readout;     /* -1 to 1 of the time between pictures, with rows and columns */
+    int32_t auto_crop;      /* 1: the crop adapts to the shake; needs edge_guard */
+    float crop_least;       /* 0.5 to 0.99: the least that is shown then; 0: 0.65 */
+    float crop_most;        /* 0.5 to 0.99: the most that is shown then; 0: 0.95 */
+    int32_t shutter;        /* VIDEOSTABILIZER_SHUTTER_... */
+    float readout;          /* -1 to 1 of the time between pictures, with rows and columns */
 
     /*
      * Receives what the library has to say about this stream, from `log_level` on; null: nobody does.
@@ -284,6 +283,7 @@ typedef struct VideoStabilizerStreamReport {
     float correction[9]; /* maps positions in this picture to the steady one, before the crop */
 } VideoStabilizerStreamReport;
 
+/* A stream; opaque. */
 typedef struct VideoStabilizerStream VideoStabilizerStream;
 
 /*
