@@ -304,6 +304,8 @@ typedef struct VideoStabilizerOutput {
 /*
  * Opens a stream. Both records are read during the call only; callbacks and their contexts are used
  * until the stream is closed. Starts three threads, and those of the native engine.
+ * Memory: that of video_stabilizer_create_for_pictures; of each picture inside that is copied, the copy;
+ * steady pictures until they are pulled and given back, and six of them and of copies to be used again.
  * reason: receives, cut to reason_size bytes, why a stream was not opened, else ""; may be null.
  * Returns: OK and *stream; else null there, and INVALID, NO_MEMORY, NO_THREAD or NO_DEVICE.
  */
