@@ -320,7 +320,8 @@ VIDEOSTABILIZER_API void videostabilizer_stream_close(VideoStabilizerStream* str
  * Gives a picture to the stream, once there is room: look_ahead + 6 pictures are inside at most, from
  * push to pull. So a host of one thread does not wait here: it pushes with time-out 0, and where that
  * is answered AGAIN, a steady picture is due, for which it waits in stream_pull.
- * Returns: OK; AGAIN where there was no room in time; INVALID; NO_MEMORY; DRAINING; FAILED.
+ * Returns: OK; AGAIN where there was no room in time; INVALID; NO_MEMORY, after which the same picture may be
+ *          pushed again; DRAINING; FAILED, of which pull tells more.
  */
 VIDEOSTABILIZER_API int videostabilizer_stream_push(VideoStabilizerStream* stream,
                                                     const VideoStabilizerInput* input,

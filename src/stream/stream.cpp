@@ -219,7 +219,8 @@ int Stream::refuse_input(const VideoStabilizerInput& input, int code, const char
 }
 
 int Stream::state_code() const {
-    return failed_ != 0 ? failed_ : (draining_ ? VIDEOSTABILIZER_DRAINING : VIDEOSTABILIZER_OK);
+    return failed_ != 0 ? VIDEOSTABILIZER_FAILED
+                        : (draining_ ? VIDEOSTABILIZER_DRAINING : VIDEOSTABILIZER_OK);
 }
 
 // Waits for room for a picture that is yet to be copied.
@@ -351,8 +352,8 @@ int Stream::drain() {
     int events = 0;
     {
         const MutexLock lock(mutex_);
-        code = failed_;
-        if (code == 0 && !draining_ && !flushing_) {
+        code = failed_ != 0 ? VIDEOSTABILIZER_FAILED : VIDEOSTABILIZER_OK;
+        if (failed_ == 0 && !draining_ && !flushing_) {
             draining_ = true;
             feed();
             pthread_cond_broadcast(&room_);
