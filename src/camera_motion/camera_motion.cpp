@@ -53,7 +53,7 @@ constexpr double FINE_GATE = 1;
 // Pictures that are blurred differently agree better where they are small.
 constexpr double NO_WORSE = 1.5;  // scatter in a level, relative to that in the level before
 // What a rolling shutter makes scatter in all levels: of what it moves the outer lines by.
-constexpr double ROLLING_SCATTER = 0.2;
+constexpr double ROLLING_SCATTER = 0.05;
 
 // What is found.
 // A handheld camera turns by at most 0.03 radians from frame to frame, and zooms by 0.025 while walking.
