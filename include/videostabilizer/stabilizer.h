@@ -156,7 +156,7 @@ struct VideoStabilizer {
     std::vector<unsigned char> upper_bits[2];
     CameraMotion* camera_motion;  // finds the steps for steady_path; null without
     // On their way to picture_stage, like warp_pool.
-    PictureTransform* picture_transforms;
+    PictureTransform* picture_transforms[2];
     std::atomic<LiveSettings*> next_settings;  // which the worker is to take over; null: none
 };
 

@@ -238,7 +238,7 @@ void send_corrected(VideoStabilizer* s, std::int64_t n) {
     slot = nullptr;  // owned by the stage from here on
     frame->opaque = correction.data;
     if (s->picture_stage != nullptr) {
-        PictureTransform& transform = s->picture_transforms[ring_slot(n, s->warp_pool.size())];
+        PictureTransform& transform = *s->picture_transforms[ring_slot(n, s->warp_pool.size())];
         std::copy_n(correction.data, transform.whole.size(), transform.whole.begin());
         if (s->steady_path != nullptr) {
             s->steady_path->add_rows(transform);

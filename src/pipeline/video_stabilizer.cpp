@@ -191,7 +191,9 @@ void create_history(VideoStabilizer* s) {
         s->camera_motion = new CameraMotion(settings.width, settings.height);
     }
     s->warp_pool.reserve(WARP_POOL_SIZE);
-    s->picture_transforms = new PictureTransform[WARP_POOL_SIZE];
+    for (PictureTransform*& transform : s->picture_transforms) {
+        transform = new PictureTransform;
+    }
     for (int i = 0; i < WARP_POOL_SIZE; ++i) {
         s->warp_pool.push_back(new_matrix());
     }
@@ -514,7 +516,9 @@ void video_stabilizer_delete(VideoStabilizer* stabilizer) {
     delete s->picture_stage;
     delete_matrices(s->motions);
     delete_matrices(s->warp_pool);
-    delete[] s->picture_transforms;
+    for (const PictureTransform* const transform : s->picture_transforms) {
+        delete transform;
+    }
     pthread_cond_destroy(&s->eos_cond);
     pthread_cond_destroy(&s->output_cond);
     pthread_cond_destroy(&s->input_cond);
