@@ -26,13 +26,14 @@ constexpr int SPARE_STEPS = 8;
 
 }  // namespace
 
-MotionHistory::MotionHistory(int width, int height, int reach, bool repairs, bool finds_cuts)
+MotionHistory::MotionHistory(int width, int height, int reach, bool repairs, bool finds_cuts,
+                             int kept)
     : centre_(picture_centre(width, height)),
       calm_(CALM_SHARE * std::hypot(width, height)),
       reach_(reach),
       repairs_(repairs),
       finds_cuts_(finds_cuts),
-      ring_(static_cast<std::size_t>(2 * reach + SPARE_STEPS)) {}
+      ring_(static_cast<std::size_t>(std::max(2 * reach, kept) + SPARE_STEPS)) {}
 
 void MotionHistory::add(std::int64_t k, const CameraStep& step) {
     ring_[ring_slot(k, ring_.size())] = {step.found ? step.pose : CameraPose{}, step.found,

@@ -26,9 +26,9 @@ namespace videostabilizer {
 // Threads: owner only.
 class MotionHistory {
   public:
-    // Keeps the steps of `reach` frames on either side of a frame that is `reach` frames old. Throws
-    // std::bad_alloc.
-    MotionHistory(int width, int height, int reach, bool repairs, bool finds_cuts);
+    // Keeps the steps of `reach` frames on either side of a frame that is `reach` frames old, and at
+    // least `kept` steps. Throws std::bad_alloc.
+    MotionHistory(int width, int height, int reach, bool repairs, bool finds_cuts, int kept = 0);
 
     // Adds step k, one more than the last.
     void add(std::int64_t k, const CameraStep& step);

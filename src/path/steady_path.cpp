@@ -18,11 +18,17 @@ constexpr std::int64_t PATH_BEFORE = 10;
 constexpr std::int64_t SETTLING = 2;
 constexpr std::int64_t SETTLED = 8;
 
+// Steps that can be fitted again, the newest included.
+constexpr int refitted_steps(int look_ahead) {
+    return std::max(look_ahead, static_cast<int>(SETTLED)) + 1;
+}
+
 }  // namespace
 
 SteadyPath::SteadyPath(const SteadyPathSettings& settings)
     : history_(settings.width, settings.height, settings.look_ahead, settings.repair_motions,
-               settings.scene_cuts),
+               settings.scene_cuts,
+               refitted_steps(settings.look_ahead) + static_cast<int>(PATH_BEFORE)),
       guards_(settings.edge_guard),
       planner_({settings.width, settings.height, settings.look_ahead, settings.sigma,
                 settings.crop_ratio, settings.crop_least, settings.crop_most}),
@@ -32,7 +38,7 @@ SteadyPath::SteadyPath(const SteadyPathSettings& settings)
       width_(settings.width),
       height_(settings.height) {
     if (settings.rolling_shutter && settings.edge_guard) {
-        const int kept_steps = std::max(settings.look_ahead, static_cast<int>(SETTLED)) + 1;
+        const int kept_steps = refitted_steps(settings.look_ahead);
         const int most_frames = kept_steps + static_cast<int>(PATH_BEFORE) + 1;
         shutter_.emplace(RollingShutterSettings{settings.width, settings.height,
                                                 settings.estimates_readout, settings.readout,
@@ -57,6 +63,15 @@ void SteadyPath::change(const PathChange& change, double readout) {
     }
 }
 
+// The first of at most so many frames before one that belong to its scene.
+std::int64_t SteadyPath::path_start(std::int64_t frame, std::int64_t most) const {
+    std::int64_t first = frame;
+    while (first > 0 && frame - first < most && !history_.is_cut(first - 1)) {
+        --first;
+    }
+    return first;
+}
+
 // Lays the path of the shutter over frames first .. end - 1, which have no cut between them.
 void SteadyPath::lay_path(std::int64_t first, std::int64_t end) {
     around_.assign(1, CameraPose{});
@@ -68,10 +83,7 @@ void SteadyPath::lay_path(std::int64_t first, std::int64_t end) {
 
 // The newest step is fitted with what is known so far, and again when the path goes on after it.
 void SteadyPath::improve_steps(std::int64_t newest) {
-    std::int64_t first = newest;
-    while (first > 0 && newest - first < path_newest_ && !history_.is_cut(first - 1)) {
-        --first;
-    }
+    const std::int64_t first = path_start(newest, path_newest_);
     lay_path(first, newest + 2);
     const bool all = shutter_->take_change();
     for (std::int64_t k = first; k <= newest; ++k) {
@@ -166,7 +178,7 @@ Steadied SteadyPath::correct(std::int64_t n, std::int64_t newest, GaussianMotion
     }
     const bool bends = shutter_ && shutter_->readout() != 0;
     if (bends) {
-        lay_path(std::max(history_.scene_around(n).first, n - PATH_BEFORE), end);
+        lay_path(path_start(n, PATH_BEFORE), end);
         for (std::int64_t k = n; k < end; ++k) {
             reaches_[static_cast<std::size_t>(k - n)] = shutter_->reach_of(k);
         }

@@ -84,6 +84,7 @@ class SteadyPath {
     void add_rows(PictureTransform& transform) const;
 
   private:
+    std::int64_t path_start(std::int64_t frame, std::int64_t most) const;
     void lay_path(std::int64_t first, std::int64_t end);
     void improve_steps(std::int64_t newest);
     void store_step(std::int64_t k, std::vector<SimpleLA::Mat<float>*>& motions,

@@ -61,26 +61,31 @@ void PathSpline::filter(double pole) {
 
 void PathSpline::fit(const CameraPose* poses, std::size_t count) {
     const auto parts = [](const CameraPose& p) { return Parts{p.x, p.y, p.angle, p.zoom}; };
-    const auto reflected = [&](std::size_t end, std::size_t within) {
-        const Parts a = parts(poses[end]);
-        const Parts b = parts(poses[within]);
+    count = std::min(count, most_);
+    const std::size_t last = count - 1;
+    // `k` pictures beyond an end.
+    const auto reflected = [&](bool at_start, std::size_t k) {
+        const std::size_t known = std::min(k, last);
+        const Parts end = parts(poses[at_start ? 0 : last]);
+        const Parts other_end = parts(poses[at_start ? last : 0]);
+        const Parts within = parts(poses[at_start ? known : last - known]);
+        const double further =
+            last == 0 ? 0 : static_cast<double>(k - known) / static_cast<double>(last);
         Parts result{};
         for (std::size_t i = 0; i < PARTS; ++i) {
-            result[i] = 2 * a[i] - b[i];
+            result[i] = 2 * end[i] - within[i] + further * (end[i] - other_end[i]);
         }
         return result;
     };
-    count = std::min(count, most_);
-    const std::size_t last = count - 1;
     coefficients_.clear();
     for (std::size_t k = MARGIN; k > 0; --k) {
-        coefficients_.push_back(reflected(0, std::min(k, last)));
+        coefficients_.push_back(reflected(true, k));
     }
     for (std::size_t k = 0; k < count; ++k) {
         coefficients_.push_back(parts(poses[k]));
     }
     for (std::size_t k = 1; k <= MARGIN; ++k) {
-        coefficients_.push_back(reflected(last, last - std::min(k, last)));
+        coefficients_.push_back(reflected(false, k));
     }
     for (const double pole : POLES) {
         filter(pole);

@@ -38,7 +38,11 @@ TEST(PathSpline, IsThePathBetweenThePicturesToo) {
         const double time = 12 + eighth / 8.0;
         expect_pose(spline.at(time), shaking(time), 0.01, 1e-5);
     }
-    // Without a second pose there is no speed.
+    // Few poses have a speed, too.
+    const CameraPose pan[] = {{0, 0, 0, 0}, {20, -8, 0, 0}, {40, -16, 0, 0}};
+    spline.fit(pan, 3);
+    expect_pose(spline.at(0.5), {10, -4, 0, 0}, 0.05, 1e-9);
+    // Without a second pose there is none.
     spline.fit(poses.data(), 1);
     expect_pose(spline.at(0.5), poses[0], 1e-9, 1e-9);
 }

@@ -217,13 +217,14 @@ TEST(Strength, CropsCalmClipsLittle) {
 // correction says.
 TEST(RollingShutter, IsTakenOut) {
     constexpr int FRAMES = 80;
-    const std::tuple<double, bool, int, VideoStabilizerShutter> cases[] = {
-        {0.7, false, STABILIZER_STANDARD, STABILIZER_SHUTTER_AUTO},
-        {-0.5, true, STABILIZER_STRONG, STABILIZER_SHUTTER_AUTO},
-        {0.7, false, STABILIZER_STANDARD, STABILIZER_SHUTTER_ROWS},
-        {0, false, STABILIZER_STANDARD, STABILIZER_SHUTTER_AUTO},
+    const std::tuple<double, bool, int, VideoStabilizerShutter, int> cases[] = {
+        {0.7, false, STABILIZER_STANDARD, STABILIZER_SHUTTER_AUTO, 10},
+        {0.7, false, STABILIZER_STANDARD, STABILIZER_SHUTTER_AUTO, 1},
+        {-0.5, true, STABILIZER_STRONG, STABILIZER_SHUTTER_AUTO, 20},
+        {0.7, false, STABILIZER_STANDARD, STABILIZER_SHUTTER_ROWS, 10},
+        {0, false, STABILIZER_STANDARD, STABILIZER_SHUTTER_AUTO, 10},
     };
-    for (const auto& [readout, columns, strength, shutter] : cases) {
+    for (const auto& [readout, columns, strength, shutter, look_ahead] : cases) {
         SCOPED_TRACE(testing::Message() << readout << ", shutter " << shutter);
         synthetic::ClipSettings settings = clip_settings(WIDTH, HEIGHT);
         settings.camera.shake = 2;
@@ -234,6 +235,7 @@ TEST(RollingShutter, IsTakenOut) {
         double differences[2] = {};
         for (const bool corrected : {false, true}) {
             VideoStabilizerOptions options = options_for(strength);
+            options.look_ahead = look_ahead;
             options.shutter = corrected ? shutter : STABILIZER_SHUTTER_OFF;
             options.readout = 0.7F;  // matters to rows only
             std::vector<std::vector<unsigned char>> steady;
