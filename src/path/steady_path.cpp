@@ -84,6 +84,9 @@ void SteadyPath::lay_path(std::int64_t first, std::int64_t end) {
 // The newest step is fitted with what is known so far, and again when the path goes on after it.
 void SteadyPath::improve_steps(std::int64_t newest) {
     const std::int64_t first = path_start(newest, path_newest_);
+    if (history_.is_cut(newest - 1)) {
+        shutter_->begin_scene(newest);
+    }
     lay_path(first, newest + 2);
     const bool all = shutter_->take_change();
     for (std::int64_t k = first; k <= newest; ++k) {
@@ -112,14 +115,14 @@ double SteadyPath::expected_shear() const {
 
 void SteadyPath::add_rows(PictureTransform& transform) const {
     transform.by_rows = 0;
-    if (!shutter_ || shutter_->readout() == 0) {
+    if (!bends_) {
         return;
     }
     constexpr int MOST_TRIALS = 8;
     constexpr double LESS = 0.7;
     LineMotion lines = lines_;
     for (int k = 0; k < MOST_TRIALS; ++k) {
-        if (make_rows(lines, shutter_->by_columns(), width_, height_, transform)) {
+        if (make_rows(lines, by_columns_, width_, height_, transform)) {
             return;
         }
         lines.scale(LESS);
@@ -164,9 +167,6 @@ Steadied SteadyPath::correct(std::int64_t n, std::int64_t newest, GaussianMotion
     }
     if (steadied.scene_start) {
         planner_.begin_scene();
-        if (shutter_) {
-            shutter_->begin_scene();
-        }
     } else if (n > 0) {
         planner_.advance(history_.step(n - 1));
     }
@@ -176,26 +176,27 @@ Steadied SteadyPath::correct(std::int64_t n, std::int64_t newest, GaussianMotion
         const auto index = static_cast<std::size_t>(k - n);
         camera_[index] = pose_after(camera_[index - 1], history_.step(k - 1));
     }
-    const bool bends = shutter_ && shutter_->readout() != 0;
-    if (bends) {
+    bends_ = shutter_ && shutter_->readout_of(n) != 0;
+    if (bends_) {
         lay_path(path_start(n, PATH_BEFORE), end);
         for (std::int64_t k = n; k < end; ++k) {
             reaches_[static_cast<std::size_t>(k - n)] = shutter_->reach_of(k);
         }
     }
-    const PlannedPose planned =
-        planner_.plan(camera_.data(), static_cast<int>(end - n), bends ? reaches_.data() : nullptr);
+    const PlannedPose planned = planner_.plan(camera_.data(), static_cast<int>(end - n),
+                                              bends_ ? reaches_.data() : nullptr);
     if (shutter_) {
         steadied.confidence = shutter_->confidence();
-        if (bends) {
-            steadied.readout = shutter_->readout();
+        if (bends_) {
+            by_columns_ = shutter_->columns_of(n);
+            steadied.readout = shutter_->readout_of(n);
             lines_ = shutter_->lines_of(n);
             lines_.scale(planned.line_share);
-            const double x = shutter_->by_columns() ? 0.5 * (width_ - 1) : 0;
-            const double y = shutter_->by_columns() ? 0 : 0.5 * (height_ - 1);
+            const double x = by_columns_ ? 0.5 * (width_ - 1) : 0;
+            const double y = by_columns_ ? 0 : 0.5 * (height_ - 1);
             const Similarity first = lines_.field(-0.5);
             const Similarity last = lines_.field(0.5);
-            steadied.columns = shutter_->by_columns();
+            steadied.columns = by_columns_;
             steadied.first_line = {first.map_x(-x, -y), first.map_y(-x, -y)};
             steadied.last_line = {last.map_x(x, y), last.map_y(x, y)};
         }

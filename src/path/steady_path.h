@@ -104,7 +104,10 @@ class SteadyPath {
     std::optional<RollingShutter> shutter_;
     std::int64_t path_newest_ = 0;    // steps before the newest one that it is laid over
     std::vector<CameraPose> around_;  // scratch: poses that it lays its path over
-    LineMotion lines_;                // of the frame that was corrected last
+    // Of the frame that was corrected last.
+    bool bends_ = false;
+    bool by_columns_ = false;
+    LineMotion lines_;
 };
 
 }  // namespace videostabilizer

@@ -16,6 +16,11 @@ constexpr double OTHER_SCENE = 0.25;     // weight of the steps before a cut
 constexpr double USUAL_PARALLAX = 0.3;   // deviation, of the shift over the whole height
 constexpr double LARGEST_DEVIATION = 1;  // as good as not knowing it
 constexpr std::size_t FEWEST_STEPS = 8;
+constexpr double TELLING = 1;  // a step's own deviation, where it tells anything
+
+// Of a scene whose own steps say something else than those before it.
+constexpr double OTHER_CAMERA = 4;  // deviations
+constexpr double LEAST_DIFFERENCE = 0.05;
 
 constexpr std::size_t N = ReadoutEvidence::UNKNOWNS;
 
@@ -25,22 +30,49 @@ ReadoutEstimator::ReadoutEstimator() : steps_(MEMORY) {}
 
 void ReadoutEstimator::add(std::int64_t k, const ReadoutEvidence& evidence) {
     Step& step = steps_[static_cast<std::size_t>(k) % MEMORY];
-    count_ += step.weight > 0 ? 0 : 1;
-    step = {evidence, 1};
-    solve();
+    const auto told = [](const ReadoutEvidence& e) { return e.m[0][0]; };
+    if (step.weight > 0 &&
+        told(evidence) < std::min(told(step.evidence), 1 / (TELLING * TELLING))) {
+        return;
+    }
+    step = {evidence, 1, false};
+    if (earlier_.steps > 0) {
+        const Solution own = solve(true);
+        const double deviations = OTHER_CAMERA * std::hypot(own.deviation, earlier_.deviation) *
+                                  few_steps_factor(own.steps);
+        if (own.deviation < LARGEST_DEVIATION &&
+            std::abs(own.readout - earlier_.readout) > std::max(deviations, LEAST_DIFFERENCE)) {
+            forget_earlier_scenes();
+        }
+    }
+    all_ = solve(false);
 }
 
 void ReadoutEstimator::begin_scene() {
     for (Step& step : steps_) {
         step.weight *= OTHER_SCENE;
+        step.earlier = true;
     }
+    earlier_ = all_;
 }
 
-void ReadoutEstimator::solve() {
-    readout_ = 0;
-    deviation_ = LARGEST_DEVIATION;
-    if (count_ < FEWEST_STEPS) {
-        return;
+void ReadoutEstimator::forget_earlier_scenes() {
+    for (Step& step : steps_) {
+        step.weight = step.earlier ? 0 : step.weight;
+    }
+    earlier_ = {};
+}
+
+ReadoutEstimator::Solution ReadoutEstimator::solve(bool of_this_scene) const {
+    const auto weight_of = [of_this_scene](const Step& step) {
+        return of_this_scene && step.earlier ? 0 : step.weight;
+    };
+    Solution solution;
+    solution.deviation = LARGEST_DEVIATION;
+    solution.steps = static_cast<std::size_t>(std::count_if(
+        steps_.begin(), steps_.end(), [&](const Step& step) { return weight_of(step) > 0; }));
+    if (solution.steps < FEWEST_STEPS) {
+        return solution;
     }
     double sum[N][N + 1] = {};
     for (std::size_t i = 1; i < N; ++i) {
@@ -49,7 +81,7 @@ void ReadoutEstimator::solve() {
     for (const Step& step : steps_) {
         for (std::size_t i = 0; i < N; ++i) {
             for (std::size_t j = i; j <= N; ++j) {
-                sum[i][j] += step.weight * step.evidence.m[i][j];
+                sum[i][j] += weight_of(step) * step.evidence.m[i][j];
             }
         }
     }
@@ -62,7 +94,7 @@ void ReadoutEstimator::solve() {
     }
     double x[N];
     if (!solve_positive(matrix, inverse) || !solve_positive(sum, x)) {
-        return;
+        return solution;
     }
     double square = 0;
     for (const Step& step : steps_) {
@@ -75,10 +107,11 @@ void ReadoutEstimator::solve() {
             }
             influence += inverse[i] * score;
         }
-        square += step.weight * step.weight * influence * influence;
+        square += weight_of(step) * weight_of(step) * influence * influence;
     }
-    readout_ = std::clamp(x[0], -1.0, 1.0);
-    deviation_ = std::min(std::sqrt(square), LARGEST_DEVIATION);
+    solution.readout = std::clamp(x[0], -1.0, 1.0);
+    solution.deviation = std::min(std::sqrt(square), LARGEST_DEVIATION);
+    return solution;
 }
 
 }  // namespace videostabilizer

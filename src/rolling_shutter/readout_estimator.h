@@ -18,6 +18,12 @@ struct ReadoutEvidence {
     double m[UNKNOWNS][UNKNOWNS + 1] = {};
 };
 
+// What a deviation of so few steps is to be multiplied by: they tell of half of it, or less.
+inline double few_steps_factor(std::size_t steps) {
+    constexpr double FEW_STEPS = 20;
+    return 1 + FEW_STEPS / static_cast<double>(steps + 1);
+}
+
 // The readout of a sensor out of the evidence of its last steps, by least squares. Its deviation is that
 // of the steps from each other (H. White, 1980), not the noise of places: what moves on its own in a picture
 // is wrong in all of its places.
@@ -27,27 +33,37 @@ class ReadoutEstimator {
   public:
     ReadoutEstimator();  // throws std::bad_alloc
 
-    // The evidence of step k; it replaces what was added for that step before.
+    // The evidence of step k; it replaces what was added for that step before, or long ago. Evidence of
+    // almost nothing replaces none: the readout is not forgotten while the camera rests.
     void add(std::int64_t k, const ReadoutEvidence& evidence);
 
-    // Another camera may follow: what was learned counts less.
+    // Another camera may follow: what was learned counts less, and is forgotten as soon as the new steps
+    // say something else.
     void begin_scene();
 
-    double readout() const { return readout_; }  // share of the frame interval; 0: nothing known
-    double deviation() const { return deviation_; }  // its standard deviation
-    std::size_t steps() const { return count_; }
+    double readout() const {
+        return all_.readout;
+    }  // share of the frame interval; 0: nothing known
+    double deviation() const { return all_.deviation; }  // its standard deviation
+    std::size_t steps() const { return all_.steps; }
 
   private:
-    void solve();
+    struct Solution {
+        double readout = 0;
+        double deviation = 1;
+        std::size_t steps = 0;
+    };
+    Solution solve(bool of_this_scene) const;
+    void forget_earlier_scenes();
 
     struct Step {
         ReadoutEvidence evidence;
-        double weight = 0;  // 0: there is none
+        double weight = 0;     // 0: there is none
+        bool earlier = false;  // of an earlier scene
     };
     std::vector<Step> steps_;  // step k in slot k mod size
-    std::size_t count_ = 0;    // of those with evidence
-    double readout_ = 0;
-    double deviation_ = 1;
+    Solution all_;
+    Solution earlier_;  // all there was when the scene began; no steps: nothing is left of it
 };
 
 }  // namespace videostabilizer

@@ -31,7 +31,6 @@ constexpr double LEAST_CHANGE = 0.5;
 // by its deviation.
 constexpr double DISTINCT = 6;
 constexpr double STILL_DISTINCT = 3;
-constexpr double FEW_STEPS = 20;  // tell of their deviation half of what it is
 constexpr double LARGEST_DEVIATION = 0.1;
 constexpr double NO_READOUT = 0.03;  // smaller ones are as good as none
 constexpr double SURE = 0.04;
@@ -104,7 +103,8 @@ double RollingShutter::usual_shear() const {
 }
 
 LineMotion RollingShutter::unit_lines(std::int64_t picture) const {
-    const double readout = std::copysign(std::max(std::abs(in_use_), LEAST_READOUT), in_use_);
+    const double in_use = readout_of(picture);
+    const double readout = std::copysign(std::max(std::abs(in_use), LEAST_READOUT), in_use);
     const auto index = static_cast<std::size_t>(picture - first_);
     LineMotion lines;
     for (std::size_t node = 0; node < LineMotion::NODES; ++node) {
@@ -115,7 +115,7 @@ LineMotion RollingShutter::unit_lines(std::int64_t picture) const {
 
 LineMotion RollingShutter::lines_of(std::int64_t picture) const {
     LineMotion lines = unit_lines(picture);
-    lines.scale(in_use_);
+    lines.scale(readout_of(picture));
     return lines;
 }
 
@@ -257,8 +257,7 @@ void RollingShutter::choose() {
         columns_ = !columns_;
     }
     const ReadoutEstimator& e = columns_ ? by_column_ : by_row_;
-    const double enough =
-        used_ ? STILL_DISTINCT : DISTINCT * (1 + FEW_STEPS / static_cast<double>(e.steps() + 1));
+    const double enough = (used_ ? STILL_DISTINCT : DISTINCT) * few_steps_factor(e.steps());
     const bool is_narrow = e.deviation() < LARGEST_DEVIATION;
     const bool usable = is_narrow && distinct(e) > enough && std::abs(e.readout()) > NO_READOUT;
     used_ = usable;
@@ -274,7 +273,10 @@ bool RollingShutter::take_change() {
     return changed;
 }
 
-void RollingShutter::begin_scene() {
+void RollingShutter::begin_scene(std::int64_t picture) {
+    scene_first_ = picture;
+    earlier_readout_ = in_use_;
+    earlier_columns_ = columns_;
     by_row_.begin_scene();
     by_column_.begin_scene();
 }
@@ -289,17 +291,19 @@ double RollingShutter::confidence() const {
 
 LineReach RollingShutter::reach_of(std::int64_t picture) const {
     LineReach reach;
-    if (in_use_ == 0) {
+    const double readout = readout_of(picture);
+    const bool columns = columns_of(picture);
+    if (readout == 0) {
         return reach;
     }
     const auto index = static_cast<std::size_t>(picture - first_);
     const double half_width = 0.5 * (settings_.width - 1);
     const double half_height = 0.5 * (settings_.height - 1);
     for (const double line : {-0.5, -0.25, 0.25, 0.5}) {
-        const Similarity field = field_at(in_use_ * line, index, 1);
+        const Similarity field = field_at(readout * line, index, 1);
         for (const double side : {-1.0, 1.0}) {
-            const double x = columns_ ? 2 * half_width * line : side * half_width;
-            const double y = columns_ ? side * half_height : 2 * half_height * line;
+            const double x = columns ? 2 * half_width * line : side * half_width;
+            const double y = columns ? side * half_height : 2 * half_height * line;
             reach.x = std::max(reach.x, std::abs(field.map_x(x, y)));
             reach.y = std::max(reach.y, std::abs(field.map_y(x, y)));
         }

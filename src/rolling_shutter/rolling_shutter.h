@@ -62,11 +62,19 @@ class RollingShutter {
     void aim(double readout) { settings_.readout = readout; }
     // Whether so much more is known of the readout that all steps are to be fitted again. Once.
     bool take_change();
-    // Pictures of another camera may follow.
-    void begin_scene();
+    // Pictures from this one on may be of another camera.
+    void begin_scene(std::int64_t picture);
 
-    double readout() const { return in_use_; }  // what pictures are corrected for; 0: nothing
+    // What pictures of the newest scene are corrected for; 0: nothing.
+    double readout() const { return in_use_; }
     bool by_columns() const { return columns_; }
+    // The same of any picture. Those of earlier scenes keep what was known when the newest began.
+    double readout_of(std::int64_t picture) const {
+        return picture < scene_first_ ? earlier_readout_ : in_use_;
+    }
+    bool columns_of(std::int64_t picture) const {
+        return picture < scene_first_ ? earlier_columns_ : columns_;
+    }
     bool is_known() const { return known_; }  // the readout, be it 0
     double confidence() const;                // 0..1
 
@@ -74,7 +82,7 @@ class RollingShutter {
     // what is usual along the path. 0 where it is known that there is no readout.
     double usual_shear() const;
 
-    // Where the camera was at the lines of a picture on the path, for the readout in use.
+    // Where the camera was at the lines of a picture on the path, for its readout.
     LineMotion lines_of(std::int64_t picture) const;
     // How far the lines of a picture are moved at the borders by that, pixels.
     LineReach reach_of(std::int64_t picture) const;
@@ -112,6 +120,9 @@ class RollingShutter {
     bool known_ = false;  // the readout, be it 0
     bool used_ = false;
     double in_use_ = 0;
+    std::int64_t scene_first_ = 0;
+    double earlier_readout_ = 0;  // of pictures before that
+    bool earlier_columns_ = false;
     double told_ = 0;          // that take_change has told of
     bool told_known_ = false;  // likewise
 };
