@@ -16,7 +16,9 @@ constexpr double OTHER_SCENE = 0.25;     // weight of the steps before a cut
 constexpr double USUAL_PARALLAX = 0.3;   // deviation, of the shift over the whole height
 constexpr double LARGEST_DEVIATION = 1;  // as good as not knowing it
 constexpr std::size_t FEWEST_STEPS = 8;
-constexpr double TELLING = 1;  // a step's own deviation, where it tells anything
+// Deviation of a single step beyond which it tells of noise only: 30 while the camera rests, 1 in the calmest
+// steps of hands.
+constexpr double LEAST_TOLD = 5;
 
 // Of a scene whose own steps say something else than those before it.
 constexpr double OTHER_CAMERA = 4;  // deviations
@@ -29,12 +31,10 @@ constexpr std::size_t N = ReadoutEvidence::UNKNOWNS;
 ReadoutEstimator::ReadoutEstimator() : steps_(MEMORY) {}
 
 void ReadoutEstimator::add(std::int64_t k, const ReadoutEvidence& evidence) {
-    Step& step = steps_[static_cast<std::size_t>(k) % MEMORY];
-    const auto told = [](const ReadoutEvidence& e) { return e.m[0][0]; };
-    if (step.weight > 0 &&
-        told(evidence) < std::min(told(step.evidence), 1 / (TELLING * TELLING))) {
+    if (!(evidence.m[0][0] > 1 / (LEAST_TOLD * LEAST_TOLD))) {
         return;
     }
+    Step& step = steps_[static_cast<std::size_t>(k) % MEMORY];
     step = {evidence, 1, false};
     if (earlier_.steps > 0) {
         const Solution own = solve(true);

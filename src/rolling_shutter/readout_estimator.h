@@ -33,8 +33,8 @@ class ReadoutEstimator {
   public:
     ReadoutEstimator();  // throws std::bad_alloc
 
-    // The evidence of step k; it replaces what was added for that step before, or long ago. Evidence of
-    // almost nothing replaces none: the readout is not forgotten while the camera rests.
+    // The evidence of step k; it replaces what was added for that step before, or long ago. Where it is
+    // next to nothing it does not count: the readout is not forgotten while the camera rests.
     void add(std::int64_t k, const ReadoutEvidence& evidence);
 
     // Another camera may follow: what was learned counts less, and is forgotten as soon as the new steps

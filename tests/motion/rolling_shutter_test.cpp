@@ -132,6 +132,30 @@ TEST(RollingShutter, FindsTheReadoutAndTheStepsOfTheCamera) {
     }
 }
 
+TEST(ReadoutEstimator, OutlastsRestAndNoticesAnotherCamera) {
+    ReadoutEstimator estimator;
+    std::int64_t k = 0;
+    const auto add = [&](int steps, double told, double readout) {
+        for (int i = 0; i < steps; ++i, ++k) {
+            ReadoutEvidence evidence;
+            evidence.m[0][0] = evidence.m[1][1] = evidence.m[2][2] = told;
+            evidence.m[0][ReadoutEvidence::UNKNOWNS] = told * (readout + (k % 2 == 0 ? 0.1 : -0.1));
+            estimator.add(k, evidence);
+        }
+    };
+    add(60, 100, 0.7);
+    add(300, 0.001, 0);
+    EXPECT_NEAR(estimator.readout(), 0.7, 0.01);
+    estimator.begin_scene();
+    add(10, 30, 0.72);
+    EXPECT_NEAR(estimator.readout(), 0.7, 0.02);
+    EXPECT_GT(estimator.steps(), 60U);
+    estimator.begin_scene();
+    add(20, 30, 0);
+    EXPECT_NEAR(estimator.readout(), 0, 0.01);
+    EXPECT_EQ(estimator.steps(), 20U);
+}
+
 TEST(RollingShutter, RowsOfAWarpUndoWhatLinesWereMovedBy) {
     for (const bool columns : {false, true}) {
         SCOPED_TRACE(columns);
