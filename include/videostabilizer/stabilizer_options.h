@@ -72,10 +72,10 @@ struct VideoStabilizerOptions {
 };
 
 // Predefined options, all with engine auto and a crop ratio of 0.9. All but gentle apply the full
-// shift, guard the edges, repair motions, stop at scene cuts, correct a rolling shutter and sample sharp. Choose standard where
-// a third of a second of delay is acceptable, strong for recordings, maximum for files, gentle for
-// the least change. If shake exceeds the cropped margin, a smaller crop_ratio helps more than a
-// longer look-ahead.
+// shift, guard the edges, repair motions, stop at scene cuts, correct a rolling shutter and sample
+// sharp. Choose standard where a third of a second of delay is acceptable, strong for recordings,
+// maximum for files, gentle for the least change. If shake exceeds the cropped margin, a smaller
+// crop_ratio helps more than a longer look-ahead.
 enum VideoStabilizerStrength : std::int32_t {
     STABILIZER_GENTLE,    // look-ahead 10: as video_stabilizer_create, within one grey level
     STABILIZER_STANDARD,  // look-ahead 10, sigma 10

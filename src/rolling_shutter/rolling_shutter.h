@@ -21,10 +21,10 @@ struct RollingShutterSettings {
     int width;       // of the pictures, pixels
     int height;      //
     bool automatic;  // the readout is estimated; else:
-    double
-        readout;   // share of the frame interval from the first line to the last, -1..1; negative:
-                   // the last line comes first
-    bool columns;  // lines are columns: the picture was turned
+    // Share of the frame interval from the first line to the last, -1..1; negative: the last one
+    // comes first.
+    double readout;
+    bool columns;     // lines are columns: the picture was turned
     int most_frames;  // that a path is laid over
     int kept_steps;   // that can be fitted again when more is known
 };
