@@ -374,6 +374,12 @@ GstFlowReturn take_in(Steadier& s, BufferPtr buffer) {
     return result == NOT_READY ? GST_FLOW_OK : result;
 }
 
+bool is_same_video(const Steadier& s, GstCaps* caps) {
+    GstVideoInfo info;
+    return has_caps(s) && gst_video_info_from_caps(&info, caps) != FALSE &&
+           gst_video_info_is_equal(&info, &s.info) != FALSE;
+}
+
 bool set_caps(Steadier& s, GstCaps* caps) {
     GstVideoInfo info;
     if (gst_video_info_from_caps(&info, caps) == FALSE ||
@@ -441,6 +447,7 @@ gboolean on_sink_event(GstPad* pad, GstObject* parent, GstEvent* event) {
         case GST_EVENT_CAPS: {
             GstCaps* caps = nullptr;
             gst_event_parse_caps(event, &caps);
+            if (is_same_video(s, caps)) break;
             if (!set_caps(s, caps)) {
                 gst_event_unref(event);
                 return FALSE;
@@ -457,10 +464,11 @@ gboolean on_sink_event(GstPad* pad, GstObject* parent, GstEvent* event) {
             drain(s);
             break;
         default:
-            if (GST_EVENT_IS_SERIALIZED(event) && !s.inside.empty()) {
-                s.events.push_back(event);
-                return TRUE;
-            }
+            break;
+    }
+    if (GST_EVENT_IS_SERIALIZED(event) && !s.inside.empty()) {
+        s.events.push_back(event);
+        return TRUE;
     }
     return gst_pad_event_default(pad, parent, event);
 }
