@@ -67,6 +67,7 @@ struct Steadier {
     bool strides_are_free = false;  // downstream reads GstVideoMeta
     bool is_live = false;
     Settings applied;
+    Settings wanted;  // they are applied, or were refused
     // The last one takes pictures. Those before it are drained, and give their pictures first: a new
     // scene does not hold the source up.
     std::deque<StreamPtr> streams;
@@ -274,7 +275,9 @@ GstFlowReturn drain(Steadier& s) {
     return result;
 }
 
+// Where there is a stream already, it stays if another one cannot be opened.
 bool open_stream(Steadier& s, const Settings& settings) {
+    s.wanted = settings;
     VideoStabilizerStreamOptions options = stream_options(settings, s.info);
     options.log = on_log;
     options.log_context = s.element;
@@ -282,6 +285,12 @@ bool open_stream(Steadier& s, const Settings& settings) {
     VideoStabilizerStream* stream = nullptr;
     std::string reason(256, '\0');
     const int code = videostabilizer_stream_open(&options, &stream, reason.data(), reason.size());
+    if (code != VIDEOSTABILIZER_OK && !s.streams.empty()) {
+        GST_ELEMENT_WARNING(s.element, LIBRARY, SETTINGS,
+                            ("%s; nothing is changed", videostabilizer_strerror(code)),
+                            ("%s", reason.c_str()));
+        return true;
+    }
     if (code != VIDEOSTABILIZER_OK) {
         GST_ELEMENT_ERROR(s.element, LIBRARY, SETTINGS, ("%s", videostabilizer_strerror(code)),
                           ("%s", reason.c_str()));
@@ -298,13 +307,14 @@ bool open_stream(Steadier& s, const Settings& settings) {
 // Makes the stream one of these settings; where it has to be another stream, that begins a scene.
 bool apply(Steadier& s, const Settings& settings) {
     if (s.streams.empty()) return open_stream(s, settings);
-    if (settings == s.applied) return true;
+    if (settings == s.wanted) return true;
     const VideoStabilizerStreamOptions options = stream_options(settings, s.info);
     VideoStabilizerStream* const stream = s.streams.back().get();
     if (options.look_ahead != look_ahead_of(s.applied, s.info)) return open_stream(s, settings);
     const int code = videostabilizer_stream_change(stream, &options);
     if (code == VIDEOSTABILIZER_OK) {
         s.applied = settings;
+        s.wanted = settings;
         return true;
     }
     return open_stream(s, settings);
@@ -380,6 +390,18 @@ bool is_same_video(const Steadier& s, GstCaps* caps) {
            gst_video_info_is_equal(&info, &s.info) != FALSE;
 }
 
+bool is_same_segment(const Steadier& s, GstEvent* event) {
+    GstEvent* const last = gst_pad_get_sticky_event(s.source, GST_EVENT_SEGMENT, 0);
+    if (last == nullptr) return false;
+    const GstSegment* before = nullptr;
+    const GstSegment* now = nullptr;
+    gst_event_parse_segment(last, &before);
+    gst_event_parse_segment(event, &now);
+    const bool result = gst_segment_is_equal(before, now) != FALSE;
+    gst_event_unref(last);
+    return result;
+}
+
 bool set_caps(Steadier& s, GstCaps* caps) {
     GstVideoInfo info;
     if (gst_video_info_from_caps(&info, caps) == FALSE ||
@@ -432,8 +454,9 @@ GstFlowReturn on_buffer(GstPad* /*pad*/, GstObject* parent, GstBuffer* given) {
     }
     if (gst_pad_check_reconfigure(s.source) != FALSE) ask_neighbours(s);
     if (!apply(s, settings)) return GST_FLOW_ERROR;
-    if (GST_BUFFER_IS_DISCONT(given) && !s.is_fresh && !open_stream(s, settings)) {
-        return GST_FLOW_ERROR;
+    if (GST_BUFFER_IS_DISCONT(given) && !s.is_fresh) {
+        if (!open_stream(s, s.applied)) return GST_FLOW_ERROR;
+        s.wanted = settings;
     }
     return take_in(s, std::move(buffer));
 }
@@ -456,9 +479,11 @@ gboolean on_sink_event(GstPad* pad, GstObject* parent, GstEvent* event) {
             gst_pad_mark_reconfigure(s.source);
             return result;
         }
+        case GST_EVENT_SEGMENT:
+            if (!is_same_segment(s, event)) drain(s);
+            break;
         case GST_EVENT_EOS:
         case GST_EVENT_GAP:
-        case GST_EVENT_SEGMENT:
         case GST_EVENT_SEGMENT_DONE:
         case GST_EVENT_STREAM_START:
             drain(s);

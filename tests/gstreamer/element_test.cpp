@@ -156,6 +156,7 @@ TEST(Element, StartsScenesAndLosesNothing) {
          0, 2},
         {"another look-ahead", [](Element& e) { e.set("look-ahead", 9); }, 10, 2},
         {"another crop", [](Element& e) { e.set("crop", 0.8); }, 10, 1},
+        {"a crop that is refused", [](Element& e) { e.set("crop", 0.3); }, 10, 1},
         {"another sampling",
          [](Element& e) { e.set("sampling", static_cast<int>(VIDEOSTABILIZER_SAMPLING_BILINEAR)); },
          10, 2},
