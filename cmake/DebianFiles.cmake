@@ -48,7 +48,8 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   file(GLOB pages ${staged}/usr/share/man/man*/*)
   run(gzip -9 --no-name --force ${doc}/changelog ${doc}/changelog.Debian ${pages})
 
-  file(GLOB binaries ${staged}/usr/bin/* ${staged}/usr/lib/*/*.so.*.*)
+  file(GLOB binaries ${staged}/usr/bin/* ${staged}/usr/lib/*/*.so.*.*
+    ${staged}/usr/lib/*/gstreamer-1.0/*.so)
   if(binaries)
     run(${CPACK_VIDEOSTABILIZER_STRIP} --strip-unneeded --remove-section=.comment
       --remove-section=.note ${binaries})

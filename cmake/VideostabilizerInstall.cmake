@@ -8,6 +8,7 @@
 #   videostabilizer_development  what compilers need, in addition
 #   videostabilizer_program      stabilize-video
 #   videostabilizer_java         the jar
+#   videostabilizer_gstreamer    the GStreamer element
 #   videostabilizer_licence      the licence of all of them
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)

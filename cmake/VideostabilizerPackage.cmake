@@ -84,6 +84,17 @@ figures.
 Pictures of 8 to 16 bits and every chroma layout stay what they are. They are
 warped on the processors or, where asked, on a graphics card with OpenCL.")
 endif()
+if(VIDEOSTABILIZER_HAS_GSTREAMER)
+  vs_debian_package(videostabilizer_gstreamer
+    NAME gstreamer1.0-videostabilizer
+    SECTION libs
+    COMPONENTS videostabilizer_library
+    DESCRIPTION "real-time video stabilisation - GStreamer element
+${about}
+.
+This package contains the element videostabilizer, which does so in pipelines of
+GStreamer, live or not.")
+endif()
 if(VIDEOSTABILIZER_HAS_JAR)
   vs_debian_package(videostabilizer_java
     NAME libvideostabilizer-java
