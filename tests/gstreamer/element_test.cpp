@@ -7,7 +7,7 @@
 #include <gst/check/gstharness.h>
 #include <gst/video/video.h>
 
-#include <memory>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -239,8 +239,15 @@ TEST(Element, StopsAtAnyMoment) {
 }
 
 class Gst : public testing::Environment {
-    void SetUp() override { gst_init(nullptr, nullptr); }
+    void SetUp() override {
+        putenv(plugin_path_.data());
+        putenv(registry_.data());
+        gst_init(nullptr, nullptr);
+    }
     void TearDown() override { gst_deinit(); }
+
+    std::string plugin_path_ = VS_PLUGIN_PATH;
+    std::string registry_ = VS_REGISTRY;
 };
 const auto* const gst = testing::AddGlobalTestEnvironment(new Gst);
 
