@@ -92,8 +92,8 @@ if(VIDEOSTABILIZER_HAS_GSTREAMER)
     DESCRIPTION "real-time video stabilisation - GStreamer element
 ${about}
 .
-This package contains the element videostabilizer, which does so in pipelines of
-GStreamer, live or not.")
+This package contains the element videostabilizer, which does so in pipelines
+of GStreamer, live or not.")
 endif()
 if(VIDEOSTABILIZER_HAS_JAR)
   vs_debian_package(videostabilizer_java
