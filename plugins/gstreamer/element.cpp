@@ -348,6 +348,13 @@ int patience(const Steadier& s) {
     return s.is_live ? static_cast<int>(picture_time(s.info) / 2 / GST_MSECOND) : 0;
 }
 
+GstFlowReturn refuse_interlaced(Steadier& s) {
+    GST_ELEMENT_ERROR(s.element, STREAM, FORMAT,
+                      ("Interlaced video cannot be stabilised; put deinterlace before it"),
+                      (nullptr));
+    return GST_FLOW_NOT_NEGOTIATED;
+}
+
 GstFlowReturn take_in(Steadier& s, BufferPtr buffer) {
     VideoStabilizerInput input{};
     input.size = sizeof input;
@@ -409,12 +416,6 @@ bool set_caps(Steadier& s, GstCaps* caps) {
         return false;
     }
     const Settings settings = current_settings(s);
-    if (settings.enabled && GST_VIDEO_INFO_IS_INTERLACED(&info)) {
-        GST_ELEMENT_ERROR(s.element, STREAM, FORMAT,
-                          ("Interlaced video cannot be stabilised; put deinterlace before it"),
-                          ("%" GST_PTR_FORMAT, static_cast<void*>(caps)));
-        return false;
-    }
     drain(s);
     s.spare.reset();
     s.info = info;
@@ -452,6 +453,7 @@ GstFlowReturn on_buffer(GstPad* /*pad*/, GstObject* parent, GstBuffer* given) {
         tell_latency(s, settings);
         return result == GST_FLOW_OK ? gst_pad_push(s.source, buffer.release()) : result;
     }
+    if (GST_VIDEO_INFO_IS_INTERLACED(&s.info)) return refuse_interlaced(s);
     if (gst_pad_check_reconfigure(s.source) != FALSE) ask_neighbours(s);
     if (!apply(s, settings)) return GST_FLOW_ERROR;
     if (GST_BUFFER_IS_DISCONT(given) && !s.is_fresh) {

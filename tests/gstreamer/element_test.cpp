@@ -56,7 +56,7 @@ class Element {
         GST_BUFFER_DTS(buffer) = GST_BUFFER_PTS(buffer) - STEP;
         GST_BUFFER_DURATION(buffer) = STEP - 1;
         if (discont) GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
-        gst_buffer_add_video_region_of_interest_meta(buffer, "face", 10, 10, 20, 20);
+        gst_buffer_add_video_region_of_interest_meta(buffer, "face", 20, 20, 20, 10);
         return gst_harness_push(harness_, buffer);
     }
     void push_from_to(int first, int last) {
@@ -208,6 +208,24 @@ TEST(Element, KeepsEventsAtTheirPlaces) {
     e.push(2);
     e.event(gst_event_new_eos());
     EXPECT_EQ(gst_harness_events_received(e.harness()), before + 2);
+}
+
+// A camera at rest, half of whose picture is shown: the region is twice as large.
+TEST(Element, MovesRegions) {
+    Element e(caps_of("I420", 64, 48));
+    e.set("crop", 0.5);
+    for (int n = 0; n < 10; ++n) {
+        e.push(0);
+    }
+    e.event(gst_event_new_eos());
+    for (int n = 0; n < 10; ++n) {
+        GstBuffer* const buffer = gst_harness_pull(e.harness());
+        const auto* const region = gst_buffer_get_video_region_of_interest_meta(buffer);
+        ASSERT_NE(region, nullptr);
+        EXPECT_THAT((std::vector<guint>{region->x, region->y, region->w, region->h}),
+                    testing::ElementsAre(8, 16, 40, 20));
+        gst_buffer_unref(buffer);
+    }
 }
 
 TEST(Element, RefusesWhatItCannotDo) {
