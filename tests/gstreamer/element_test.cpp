@@ -143,6 +143,9 @@ TEST(Element, StartsScenesAndLosesNothing) {
         {"a gap", [](Element& e) { e.event(gst_event_new_gap(START + 9 * STEP, STEP)); }, 10, 2},
         {"a flush",
          [](Element& e) {
+             for (int n = 10; e.waiting() == 0; ++n) {  // until the first scene has been seen
+                 e.push(n);
+             }
              e.event(gst_event_new_flush_start());
              while (e.waiting() > 0) {
                  gst_buffer_unref(gst_harness_pull(e.harness()));
