@@ -213,7 +213,7 @@ VIDEOSTABILIZER_API VideoStabilizer* video_stabilizer_create(int width, int heig
 //   OpenCL device  2 height (stride_y + stride_uv) with the stated sampling; with the others 5 for
 //                  each sample of a picture, 7 beyond 8 bits, and 300,000, in part host memory
 //   native engine  130,000 instead, 66,000 for each thread but the first, and up to 370,000 more
-//                  once pictures are reduced
+//                  once pictures are reduced; with shutter up to 2,700,000 more, once lines are moved
 //   in_place       the planes of a picture, but not with the stated sampling of OpenCL; also where
 //                  frames of create_frame share memory with pushed ones
 //   frames         at most a + 8 frames of the host

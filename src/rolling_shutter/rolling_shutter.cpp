@@ -119,7 +119,7 @@ LineMotion RollingShutter::lines_of(std::int64_t picture) const {
     return lines;
 }
 
-// Fits the step to the sightings, with a shear that usually is as large as this, pixels at the last line.
+// Fits the step to the sightings, with a shear that usually is as large as this, pixels between the outer lines.
 bool RollingShutter::fit_sightings(double usual_shear) {
     const ConsensusSettings settings = {0, GATE * pixel_, FLAT_SCATTER * pixel_, 0};
     LineShear shear;

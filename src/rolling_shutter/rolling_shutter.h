@@ -78,8 +78,8 @@ class RollingShutter {
     bool is_known() const { return known_; }  // the readout, be it 0
     double confidence() const;                // 0..1
 
-    // How much further the last line of a picture may move than the middle one, beyond what the step says:
-    // what is usual along the path. 0 where it is known that there is no readout.
+    // How much further the last line of a picture may move than the first one, beyond what the step says,
+    // pixels: what is usual along the path. 0 where it is known that there is no readout.
     double usual_shear() const;
 
     // Where the camera was at the lines of a picture on the path, for its readout.
