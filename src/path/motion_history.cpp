@@ -21,6 +21,12 @@ constexpr double CALM_SHARE = 0.05;
 // of one step are closed best by 1, gaps of four steps in a shaky picture by 3.
 constexpr int SPEED_STEPS = 3;
 
+// No camera moves so far from one picture to the next. What does is not used, for the numbers' sake: paths
+// over hundreds of steps stay finite.
+constexpr double FARTHEST_SHARE = 4;  // of the picture's diagonal
+constexpr double LARGEST_TURN = 4;    // radians
+constexpr double LARGEST_ZOOM = 1;    // logarithm
+
 // Steps kept beyond the reach: SPEED_STEPS beside a gap of up to 5.
 constexpr int SPARE_STEPS = 8;
 
@@ -35,14 +41,22 @@ MotionHistory::MotionHistory(int width, int height, int reach, bool repairs, boo
       finds_cuts_(finds_cuts),
       ring_(static_cast<std::size_t>(std::max(2 * reach, kept) + SPARE_STEPS)) {}
 
+// False for what is not a number.
+bool MotionHistory::is_plausible(const CameraPose& pose) const {
+    return std::hypot(pose.x, pose.y) < FARTHEST_SHARE / CALM_SHARE * calm_ &&
+           std::abs(pose.angle) < LARGEST_TURN && std::abs(pose.zoom) < LARGEST_ZOOM;
+}
+
 void MotionHistory::add(std::int64_t k, const CameraStep& step) {
-    ring_[ring_slot(k, ring_.size())] = {step.found ? step.pose : CameraPose{}, step.found,
-                                         step.strange};
+    const bool found = step.found && is_plausible(step.pose);
+    ring_[ring_slot(k, ring_.size())] = {found ? step.pose : CameraPose{}, found, step.strange};
     steps_ = k + 1;
 }
 
 void MotionHistory::improve(std::int64_t k, const CameraPose& pose) {
-    ring_[ring_slot(k, ring_.size())].pose = pose;
+    if (is_plausible(pose)) {
+        ring_[ring_slot(k, ring_.size())].pose = pose;
+    }
 }
 
 bool MotionHistory::is_known(std::int64_t k) const {

@@ -30,10 +30,10 @@ class MotionHistory {
     // least `kept` steps. Throws std::bad_alloc.
     MotionHistory(int width, int height, int reach, bool repairs, bool finds_cuts, int kept = 0);
 
-    // Adds step k, one more than the last.
+    // Adds step k, one more than the last. One that no camera makes is as one that was not found.
     void add(std::int64_t k, const CameraStep& step);
 
-    // Replaces step k, which was found, by what is known better.
+    // Replaces step k, which was found, by what is known better, unless no camera makes that.
     void improve(std::int64_t k, const CameraPose& pose);
 
     // The camera's step from frame k to k + 1, with gaps closed.
@@ -60,6 +60,7 @@ class MotionHistory {
         bool strange;  // see CameraStep
     };
 
+    bool is_plausible(const CameraPose& pose) const;
     bool is_known(std::int64_t k) const;
     bool was_calm(std::int64_t k) const;
     const Step& at(std::int64_t k) const;

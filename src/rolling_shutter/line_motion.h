@@ -29,7 +29,8 @@ class LineMotion {
     }
 
     Similarity field(double line) const {
-        const double place = (NODES - 1) * std::clamp(line + 0.5, 0.0, 1.0);
+        // In this order, what is not a number is the first line.
+        const double place = (NODES - 1) * std::min(std::max(0.0, line + 0.5), 1.0);
         const auto before = std::min(static_cast<std::size_t>(place), NODES - 2);
         const double share = place - static_cast<double>(before);
         const Similarity& p = nodes[before];

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 #include "motion/solve_positive.h"
 
@@ -38,6 +39,12 @@ constexpr double NOTICEABLE_CHANGE = 0.03;
 constexpr double FASTEST_CHANGE = 0.1;  // from picture to picture
 constexpr double MORE_DISTINCT = 1.5;   // of the other axis
 
+bool is_finite(const SeenPair& p) {
+    return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.dx) && std::isfinite(p.dy) &&
+           std::isfinite(p.vxx) && std::isfinite(p.vxy) && std::isfinite(p.vyy) &&
+           std::isfinite(p.trust);
+}
+
 }  // namespace
 
 RollingShutter::RollingShutter(const RollingShutterSettings& settings)
@@ -61,7 +68,9 @@ RollingShutter::RollingShutter(const RollingShutterSettings& settings)
 void RollingShutter::keep(std::int64_t k, const std::vector<SeenPair>& pairs) {
     const auto count = static_cast<std::ptrdiff_t>(std::min(pairs.size(), MOST_PAIRS));
     kept(k).step = k;
-    kept(k).pairs.assign(pairs.begin(), pairs.begin() + count);
+    kept(k).pairs.clear();
+    std::copy_if(pairs.begin(), pairs.begin() + count, std::back_inserter(kept(k).pairs),
+                 is_finite);
 }
 
 void RollingShutter::lay_path(std::int64_t first, const CameraPose* poses, std::size_t count) {
