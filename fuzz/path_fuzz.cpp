@@ -121,7 +121,7 @@ class Stream {
     void run(fuzz::Input& input) {
         std::vector<SeenPair> pairs;
         std::int64_t next = 0;
-        for (std::int64_t newest = 0; newest < 4 * MOST_STEPS && !input.empty(); ++newest) {
+        for (std::int64_t newest = 0; newest < MOST_STEPS && !input.empty(); ++newest) {
             if (newest > 0) {
                 path_.add(newest - 1, take_step(input, settings_, pairs), pairs);
             }
@@ -139,7 +139,7 @@ class Stream {
     }
 
   private:
-    static constexpr int MOST_STEPS = 100;
+    static constexpr int MOST_STEPS = 160;
 
     void change(fuzz::Input& input) {
         PathChange to{};

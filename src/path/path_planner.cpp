@@ -237,14 +237,15 @@ void PathPlanner::approach_crop(std::size_t count) {
 void PathPlanner::plan_zoom(const CameraPose* camera, std::size_t count) {
     // In pixels at the corner, for CLOSE_ENOUGH.
     const double unit = std::hypot(half_width_, half_height_);
-    const double crop = crop_planner_ ? crop_planner_->shown() : shown_;
-    const double zoom_room = ZOOM_SHARE * (1 - crop);
+    const auto zoom_room = [this](std::size_t k) {
+        return ZOOM_SHARE * (1 - (crop_planner_ ? crop_planner_->shown() : crop_[k]));
+    };
     for (std::size_t k = 0; k < count; ++k) {
         shaky_[k] = {unit * camera[k].zoom, 0, 0};
     }
     find_path(count, {Point{unit * before_[0].zoom, 0, 0}, Point{unit * before_[1].zoom, 0, 0}},
               [&](std::size_t k, const Point& point) {
-                  const double room = unit * zoom_room;
+                  const double room = unit * zoom_room(k);
                   return Point{std::clamp(point.x, shaky_[k].x - room, shaky_[k].x + room), 0, 0};
               });
     for (std::size_t k = 0; k < count; ++k) {
@@ -352,6 +353,9 @@ PlannedPose PathPlanner::plan(const CameraPose* camera, int frames, const LineRe
     for (std::size_t k = 0; k < count; ++k) {
         lines_[k] = lines != nullptr ? lines[k] : LineReach{};
     }
+    if (!crop_planner_) {
+        approach_crop(count);
+    }
     plan_zoom(camera, count);
     for (std::size_t k = 0; k < count; ++k) {
         shaky_[k] = point_of(camera[k]);
@@ -359,8 +363,6 @@ PlannedPose PathPlanner::plan(const CameraPose* camera, int frames, const LineRe
     const Point wished = wish(count);
     if (crop_planner_) {
         plan_crop(camera, count);
-    } else if (shown_ != settings_.crop_ratio) {
-        approach_crop(count);
     }
     set_limits(camera, count);
     find_path(count, {point_of(before_[0]), point_of(before_[1])},
