@@ -2,9 +2,11 @@
 
 // The native warp and the stated sampling: any transforms, sizes and sample formats. Every variant
 // gives the bytes of the plain one, however the rows are split, reads nothing outside the plane, and
-// leaves the bytes between rows alone.
+// leaves the bytes between rows alone. And a plane whose samples are linear in their position, which any
+// kernel leaves linear, shows at every output position what the map says.
 
 #include <algorithm>
+#include <cmath>
 #include <iterator>
 
 #include "fuzz/fuzz_input.h"
@@ -34,6 +36,61 @@ WarpMap take_map(fuzz::Input& input) {
     map.rows_apart = input.in_range(1, 40);
     map.first_row = input.in_range(0, 8) / 8.0;
     return map;
+}
+
+// Samples that rise linearly, and what a map shows of them.
+void require_positions(const PlaneShape& shape, const WarpMap& map, ResamplingKernels& kernels,
+                       double turn) {
+    const SampleFormat& f = shape.format;
+    const double largest = static_cast<double>((1 << f.depth) - 1);
+    // Levels per sample: most of the range over the plane.
+    const double along = std::cos(turn) * 0.4 * largest / shape.width;
+    const double down = std::sin(turn) * 0.4 * largest / shape.height;
+    const auto level = [&](double x, double y) {
+        return 0.5 * largest + along * (x - 0.5 * shape.width) + down * (y - 0.5 * shape.height);
+    };
+    const std::ptrdiff_t stride = std::ptrdiff_t{shape.width} * f.channels * f.bytes;
+    Bytes source(static_cast<std::size_t>(stride * shape.height));
+    Bytes target(source.size());
+    const auto place = [&](int x, int y) {
+        return y * stride + std::ptrdiff_t{x} * f.channels * f.bytes;
+    };
+    for (int y = 0; y < shape.height; ++y) {
+        for (int x = 0; x < shape.width; ++x) {
+            const auto code = static_cast<std::uint16_t>(std::lround(level(x, y)) << f.shift);
+            for (int c = 0; c < f.channels; ++c) {
+                std::memcpy(&source[static_cast<std::size_t>(place(x, y) + c * f.bytes)], &code,
+                            static_cast<std::size_t>(f.bytes));
+            }
+        }
+    }
+    PlaneWarp warp;
+    warp.prepare(shape, map, kernels);
+    WarpScratch scratch;
+    warp.warp_rows(warp_variants[0], {source.data(), stride}, {target.data(), stride}, 0,
+                   shape.height, scratch);
+    // Kernels reach so far, and where the source ends it is not linear any more.
+    constexpr double BORDER = 8;
+    // Positions within a block and tables that rows share are rounded; so are samples and weights.
+    const double tolerance = 1.5 + 0.12 * (std::abs(along) + std::abs(down)) + 6e-4 * largest;
+    for (int y = 0; y < shape.height; ++y) {
+        const Affine2 t = map.at(y);
+        for (int x = 0; x < shape.width; ++x) {
+            const double from_x = t.a * x + t.b * y + t.c;
+            const double from_y = t.d * x + t.e * y + t.f;
+            if (!(from_x > BORDER && from_x < shape.width - BORDER && from_y > BORDER &&
+                  from_y < shape.height - BORDER)) {
+                continue;
+            }
+            for (int c = 0; c < f.channels; ++c) {
+                std::uint16_t code = 0;
+                std::memcpy(&code, &target[static_cast<std::size_t>(place(x, y) + c * f.bytes)],
+                            static_cast<std::size_t>(f.bytes));
+                fuzz::require(std::abs((code >> f.shift) - level(from_x, from_y)) <= tolerance,
+                              "what the map shows");
+            }
+        }
+    }
 }
 
 }  // namespace
@@ -78,6 +135,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           [&](const WarpVariant& variant, const TargetPlane& target, int first, int last) {
               warp.warp_rows(variant, from, target, first, last, scratch);
           });
+
+    require_positions(shape, map, kernels, 0.1 * middle);
 
     const Affine2& t = map.transforms.front();
     const double elements[] = {t.a, t.b, t.c, t.d, t.e, t.f};
