@@ -49,6 +49,16 @@ const struct {
      [](int x, int y, int frame) { return texture(x * (1 + frame) / 4, y * (1 + frame) / 4, 0); }},
     {"mirrored every frame",
      [](int x, int y, int frame) { return texture(frame % 2 == 0 ? x : 500 - x, y, 0); }},
+    {"a still", [](int x, int y, int) { return texture(x, y, 0); }},
+    {"slow motion", [](int x, int y, int frame) { return texture(8 * x + frame, 8 * y, 0); }},
+    {"slide show", [](int x, int y, int frame) { return texture(x, y, frame / 20); }},
+    {"time-lapse: every frame elsewhere",
+     [](int x, int y, int frame) { return texture(x + 977 * frame, y - 613 * frame, frame); }},
+    {"all foreground",
+     [](int x, int y, int frame) {  // squares that go their own ways
+         const int way = (x / 48 * 7 + y / 48 * 5) % 9;
+         return texture(x + (way % 3 - 1) * 3 * frame, y + (way / 3 - 1) * 3 * frame, 0);
+     }},
     {"corners in one row", [](int x, int y, int frame) { return squares(x - frame, y - 80); }},
 };
 
@@ -75,12 +85,15 @@ void expect_well_filled(const Frame* frame) {
 }
 
 // Runs a clip and looks at what comes out.
-void expect_every_frame(Geometry g, const VideoStabilizerOptions& options, Pixel pixel, int count,
-                        bool has_strange_motions = false) {
+Ending expect_every_frame(Geometry g, const VideoStabilizerOptions& options, Pixel pixel, int count,
+                          bool has_strange_motions = false) {
     VideoStabilizerUser user = {&g, make_untouched};
     const StabilizerPtr s = make_stabilizer(g, false, &options, &user);
-    ASSERT_NE(s, nullptr);
-    const Ending ending = run_stream(
+    if (s == nullptr) {
+        ADD_FAILURE() << "no stream";
+        return {};
+    }
+    Ending ending = run_stream(
         s.get(), count, [&](int number) { return make_frame(number, g, pixel); },
         expect_well_filled);
     EXPECT_EQ(ending.popped, count);
@@ -89,6 +102,7 @@ void expect_every_frame(Geometry g, const VideoStabilizerOptions& options, Pixel
     EXPECT_EQ(std::all_of(ending.motions.begin(), ending.motions.end(), is_finite),
               !has_strange_motions);
     EXPECT_TRUE(std::all_of(ending.corrections.begin(), ending.corrections.end(), is_finite));
+    return ending;
 }
 
 TEST_F(Numbers, EveryPictureComesOutWithAllOptions) {
@@ -108,6 +122,47 @@ TEST_F(Numbers, EveryPictureComesOutWithAllOptions) {
             SCOPED_TRACE(testing::Message()
                          << picture.name << ", look-ahead " << options.look_ahead);
             expect_every_frame(packed(896, 160), options, picture.pixel, 14);
+        }
+    }
+}
+
+// The steady picture lies within its source, and is enlarged by no more than crop and zoom have a share in.
+void expect_within(const Ending& ending, int width, int height) {
+    constexpr double ROUNDING = 0.05;   // pixels, of single precision
+    constexpr double ZOOM_SHARE = 0.2;  // of what is cropped
+    for (std::size_t i = 0; i < ending.corrections.size(); ++i) {
+        const Matrix& m = ending.corrections[i];
+        const auto at = [&m](std::size_t k) { return static_cast<double>(m[k]); };
+        const double crop = static_cast<double>(ending.reports[i].crop);
+        const double det = at(0) * at(4) - at(1) * at(3);
+        ASSERT_GT(crop, 0.5 - 1e-6) << i;
+        ASSERT_LE(crop, 1) << i;
+        ASSERT_NEAR(0.5 * std::log(det), 0, ZOOM_SHARE * (1 - crop) + 1e-4) << i;
+        for (const double side_x : {-0.5, 0.5}) {
+            for (const double side_y : {-0.5, 0.5}) {
+                const double x = 0.5 * (width - 1) + side_x * crop * (width - 1) - at(2);
+                const double y = 0.5 * (height - 1) + side_y * crop * (height - 1) - at(5);
+                const double from_x = (at(4) * x - at(1) * y) / det;
+                const double from_y = (at(0) * y - at(3) * x) / det;
+                ASSERT_TRUE(from_x >= -ROUNDING && from_x <= width - 1 + ROUNDING &&
+                            from_y >= -ROUNDING && from_y <= height - 1 + ROUNDING)
+                    << i << ": " << from_x << ", " << from_y;
+            }
+        }
+    }
+}
+
+TEST_F(Numbers, TheStrongPathRunsAwayInNoPicture) {
+    constexpr Geometry G = packed(320, 192);
+    for (const bool adapts : {false, true}) {
+        VideoStabilizerOptions options = options_for(STABILIZER_STRONG);
+        options.engine = STABILIZER_ENGINE_NATIVE;
+        options.sampling = STABILIZER_SAMPLING_SHARP;
+        options.auto_crop = adapts ? 1 : 0;
+        options.shutter = adapts ? STABILIZER_SHUTTER_AUTO : STABILIZER_SHUTTER_OFF;
+        for (const auto& picture : PICTURES) {
+            SCOPED_TRACE(testing::Message() << picture.name << ", crop " << adapts);
+            expect_within(expect_every_frame(G, options, picture.pixel, 70), G.width, G.height);
         }
     }
 }

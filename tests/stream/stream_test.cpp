@@ -11,8 +11,11 @@
 
 #include <atomic>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -491,52 +494,87 @@ TEST_F(StreamTest, RefusesWithAReason) {
     EXPECT_EQ(s.push(0, false, 0), VIDEOSTABILIZER_OK);
 }
 
-TEST_F(StreamTest, WithoutMemoryOrThreadsAnswersACodeAndLeavesNothing) {
-    for (const char* const call : {ALLOCATION, "pthread_create"}) {
-        int n = 0;
-        bool failed = true;
-        while (failed) {
-            SCOPED_TRACE(testing::Message() << call << " " << ++n);
-            expect_nothing_left();
-            fail({call, n, n});
-            TestStream s(options(VIDEOSTABILIZER_FORMAT_RGB24));
-            failed = let_all_succeed();
-            EXPECT_EQ(s.code == 0, !failed) << s.code;
-            EXPECT_EQ(failed, *s.reason != '\0');
-            if (failed) {
-                EXPECT_TRUE(s.code == VIDEOSTABILIZER_NO_MEMORY ||
-                            s.code == VIDEOSTABILIZER_NO_THREAD);
+// A stream of packed pictures, and one with all that the strong path has, on the pool.
+std::vector<VideoStabilizerStreamOptions> options_that_allocate() {
+    auto strong = options(VIDEOSTABILIZER_P0 + 10, VIDEOSTABILIZER_STRONG);
+    strong.auto_crop = 1;
+    strong.shutter = VIDEOSTABILIZER_SHUTTER_AUTO;
+    strong.sampling = VIDEOSTABILIZER_SAMPLING_SHARP;
+    strong.threads = 4;
+    return {options(VIDEOSTABILIZER_FORMAT_RGB24), strong};
+}
+
+TEST_F(StreamTest, OpenedWithoutMemoryOrThreadsAnswersACodeAndLeavesNothing) {
+    for (const auto& o : options_that_allocate()) {
+        for (const char* const call : {ALLOCATION, "pthread_create"}) {
+            int n = 0;
+            int refused = 0;
+            bool failed = true;
+            while (failed) {
+                SCOPED_TRACE(testing::Message() << call << " " << ++n << ", format " << o.format);
+                expect_nothing_left();
+                fail({call, n, n});
+                TestStream s(o);
+                failed = let_all_succeed();
+                EXPECT_EQ(s.code != 0, *s.reason != '\0');
+                if (s.code == 0) {  // perhaps without threads of the pool, which nobody waits for
+                    EXPECT_EQ(s.run(3), VIDEOSTABILIZER_END);
+                    continue;
+                }
+                ++refused;
+                EXPECT_TRUE(failed);
+                EXPECT_EQ(s.code, call == ALLOCATION ? VIDEOSTABILIZER_NO_MEMORY
+                                                     : VIDEOSTABILIZER_NO_THREAD);
             }
+            expect_nothing_left();
+            EXPECT_GE(refused, call == ALLOCATION ? 20 : 3);
         }
-        expect_nothing_left();
-        EXPECT_GT(n, call == ALLOCATION ? 20 : 3);
     }
-    // While it runs: each allocation in turn, of a stream that is flushed in between.
-    int count = 1;
-    for (int n = 0; n <= count; n += n < 24 ? 1 : 9) {
-        SCOPED_TRACE(testing::Message() << "allocation " << n << " of " << count);
-        TestStream s(options(VIDEOSTABILIZER_FORMAT_RGB24));
-        const int live = live_blocks();
-        fail({ALLOCATION, n, n});
-        // The pictures of this test are not the library's.
-        int code = s.run(14, true, true);
-        EXPECT_TRUE(code == VIDEOSTABILIZER_END || code == VIDEOSTABILIZER_NO_MEMORY ||
-                    code == VIDEOSTABILIZER_FAILED)
-            << code;
-        if (n == 0) {
-            EXPECT_EQ(code, VIDEOSTABILIZER_END);
+}
+
+// Each allocation in turn, of a stream that is changed, fed, drained and flushed; with
+// EVERY_ALLOCATION in the environment really each, else many.
+TEST_F(StreamTest, WithoutMemoryOrThreadsAnswersACodeAndGoesOn) {
+    const bool every = std::getenv("EVERY_ALLOCATION") != nullptr;  // NOLINT(concurrency-mt-unsafe)
+    for (const auto& o : options_that_allocate()) {
+        int count = 1;
+        for (int n = 0; n <= count; n += every || n < 16 ? 1 : 1 + count / 12) {
+            SCOPED_TRACE(testing::Message() << "allocation " << n << " of " << count);
+            TestStream s(o);
+            const int live = live_blocks();
+            fail({ALLOCATION, n, n});
+            auto changed = o;
+            changed.sigma = 3;
+            int code = videostabilizer_stream_change(s.stream, &changed);
+            EXPECT_TRUE(code == VIDEOSTABILIZER_OK || code == VIDEOSTABILIZER_NO_MEMORY) << code;
+            // The pictures of this test are not the library's.
+            code = s.run(24, true, true);
+            EXPECT_TRUE(code == VIDEOSTABILIZER_END || code == VIDEOSTABILIZER_NO_MEMORY ||
+                        code == VIDEOSTABILIZER_FAILED)
+                << code;
+            if (n == 0) {
+                EXPECT_EQ(code, VIDEOSTABILIZER_END);
+            }
+            code = videostabilizer_stream_flush(s.stream);
+            EXPECT_TRUE(code == VIDEOSTABILIZER_OK || code == VIDEOSTABILIZER_NO_MEMORY) << code;
+            let_all_succeed();
+            count = n == 0 ? calls(ALLOCATION) : count;
+            EXPECT_EQ(videostabilizer_stream_flush(s.stream), 0);
+            s.steady.clear();
+            EXPECT_EQ(s.run(14), VIDEOSTABILIZER_END);
+            EXPECT_EQ(s.steady.size(), 14U);
+            EXPECT_GE(live_blocks(), live - 8);
         }
-        code = videostabilizer_stream_flush(s.stream);
-        EXPECT_TRUE(code == VIDEOSTABILIZER_OK || code == VIDEOSTABILIZER_NO_MEMORY ||
-                    code == VIDEOSTABILIZER_NO_THREAD)
-            << code;
-        let_all_succeed();
-        count = n == 0 ? calls(ALLOCATION) : count;
-        EXPECT_EQ(videostabilizer_stream_flush(s.stream), 0);
-        s.steady.clear();
+        // A flush that gets no threads leaves the stream as it was.
+        TestStream s(o);
+        EXPECT_EQ(s.push(0, true, FOREVER), VIDEOSTABILIZER_OK);
+        for (int n = 1; n <= 3; ++n) {
+            fail({"pthread_create", n, n});
+            EXPECT_EQ(videostabilizer_stream_flush(s.stream), VIDEOSTABILIZER_NO_THREAD) << n;
+            let_all_succeed();
+        }
         EXPECT_EQ(s.run(14), VIDEOSTABILIZER_END);
-        EXPECT_EQ(s.steady.size(), 14U);
-        EXPECT_GE(live_blocks(), live - 8);
+        EXPECT_EQ(s.steady.size(), 15U);
     }
 }
 
@@ -601,6 +639,79 @@ TEST_F(StreamTest, TakesCallsOfAllThreadsAtOnce) {
     }
     videostabilizer_stream_close(std::exchange(s.stream, nullptr));
     EXPECT_EQ(released, pushed[0] + pushed[1]);
+}
+
+// The life of a stream whose calls come from four threads and that ends at any moment.
+void live_at_random(unsigned seed) {
+    auto o = options(VIDEOSTABILIZER_FORMAT_NV12, static_cast<int>(seed % 4));
+    o.width = STREAM_WIDTH;
+    o.height = 16;
+    o.threads = 1 + static_cast<int>(seed / 4 % 4);
+    VideoStabilizerStream* stream = nullptr;
+    ASSERT_EQ(videostabilizer_stream_open(&o, &stream, nullptr, 0), 0);
+    std::atomic<bool> over{false};
+    std::atomic<int> released{0};
+    HostPicture picture(o.format, false);
+    picture.draw(3, 8);
+    int taken = 0;
+    std::thread push([&] {
+        VideoStabilizerInput input{sizeof input, picture.planes, 0, nullptr, nullptr, &released};
+        input.release = [](void* count, void*) { ++*static_cast<std::atomic<int>*>(count); };
+        while (!over) {
+            const int code = videostabilizer_stream_push(stream, &input, 1);
+            taken += code != VIDEOSTABILIZER_AGAIN ? 1 : 0;
+        }
+    });
+    std::thread pull([&] {
+        VideoStabilizerPicture* steady = nullptr;
+        while (!over) {
+            videostabilizer_stream_pull(stream, &steady, 1);
+            videostabilizer_picture_unref(steady);
+        }
+    });
+    std::thread others([&] {
+        for (unsigned i = seed; !over; i = i * 1664525U + 1013904223U) {
+            const unsigned what = i >> 24U;
+            if (what < 16) {
+                videostabilizer_stream_drain(stream);
+            } else if (what < 64) {
+                EXPECT_EQ(videostabilizer_stream_flush(stream), 0);
+            } else if (what < 128) {
+                EXPECT_EQ(videostabilizer_stream_change(stream, &o), 0);
+            } else {
+                videostabilizer_stream_ready(stream);
+                videostabilizer_stream_get_options(stream, &o);
+            }
+        }
+    });
+    usleep(seed / 16 % 4000);
+    over = true;
+    push.join();
+    pull.join();
+    others.join();
+    videostabilizer_stream_close(stream);
+    EXPECT_EQ(released, taken);
+}
+
+// As many as STOP_ROUNDS says, eight at a time on one pool.
+TEST_F(StreamTest, EndsAtRandomMomentsUnderLoad) {
+    const char* const text = std::getenv("STOP_ROUNDS");         // NOLINT(concurrency-mt-unsafe)
+    const int rounds = text != nullptr ? std::atoi(text) : 160;  // NOLINT(cert-err34-c)
+    const unsigned seed = std::random_device{}();
+    std::printf("seed %u\n", seed);
+    std::atomic<int> left{rounds};
+    std::vector<std::thread> hosts;
+    for (unsigned host = 0; host < 8; ++host) {
+        hosts.emplace_back([&, host] {
+            std::mt19937 random(seed + host);
+            while (left.fetch_sub(1) > 0) {
+                live_at_random(static_cast<unsigned>(random()));
+            }
+        });
+    }
+    for (std::thread& host : hosts) {
+        host.join();
+    }
 }
 
 }  // namespace
