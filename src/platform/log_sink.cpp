@@ -10,6 +10,7 @@ namespace videostabilizer {
 namespace {
 
 thread_local const LogSink* sink_of_thread = nullptr;
+thread_local int start_error = 0;
 
 struct ThreadStart {
     void* (*body)(void*);
@@ -38,19 +39,23 @@ LogScope::~LogScope() {
     sink_of_thread = before_;
 }
 
+int& last_start_error() {
+    return start_error;
+}
+
 int start_thread(pthread_t* thread, void* (*body)(void*), void* argument) {
     if (sink_of_thread == nullptr) {
-        return pthread_create(thread, nullptr, body, argument);
+        return start_error = pthread_create(thread, nullptr, body, argument);
     }
     auto* const start = new (std::nothrow) ThreadStart{body, argument, sink_of_thread};
     if (start == nullptr) {
-        return ENOMEM;
+        return start_error = ENOMEM;
     }
-    const int result = pthread_create(thread, nullptr, begin_thread, start);
-    if (result != 0) {
+    start_error = pthread_create(thread, nullptr, begin_thread, start);
+    if (start_error != 0) {
         delete start;
     }
-    return result;
+    return start_error;
 }
 
 }  // namespace videostabilizer

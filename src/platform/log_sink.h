@@ -28,7 +28,11 @@ class LogScope {
     const LogSink* before_;
 };
 
-// pthread_create of a joinable thread that has the sink of the calling thread, which outlives it.
+// pthread_create of a joinable thread that has the sink of the calling thread, which outlives it. ENOMEM: there
+// was no memory; EAGAIN: no thread.
 int start_thread(pthread_t* thread, void* (*body)(void*), void* argument);
+
+// What start_thread returned last on the calling thread, which callers may have made another code of.
+int& last_start_error();
 
 }  // namespace videostabilizer

@@ -3,6 +3,7 @@
 #include "stream/stream_engine.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <new>
 #include <utility>
 
@@ -16,6 +17,11 @@ namespace {
 // As the C interface tells it; MotionLog's has 0 for motions that were found.
 int motion_found(const MotionLog& log) {
     return log.status == 0 ? 1 : (log.status == 2 ? 2 : 0);
+}
+
+// Also where the program has the log, in which the stream cannot read what is missing.
+int thread_code(int start_error) {
+    return start_error == ENOMEM ? VIDEOSTABILIZER_NO_MEMORY : VIDEOSTABILIZER_NO_THREAD;
 }
 
 }  // namespace
@@ -36,9 +42,13 @@ int StreamEngine::create(const StreamSettings& settings, EngineUser& user, const
                                 auto& e = *static_cast<StreamEngine*>(self);
                                 return e.engine_user_.make_output(e.made_++);
                             }};
+    last_start_error() = 0;
     engine->stabilizer_ = video_stabilizer_create_for_pictures(
         settings.given.width, settings.given.height, &settings.format.layout, 0,
         &engine->frame_maker_, &settings.options);
+    if (engine->stabilizer_ == nullptr && last_start_error() != 0) {
+        return thread_code(last_start_error());
+    }
     if (engine->stabilizer_ == nullptr) {
         return wanted == STABILIZER_ENGINE_OPENCL ? VIDEOSTABILIZER_NO_DEVICE
                                                   : VIDEOSTABILIZER_NO_MEMORY;
@@ -49,7 +59,7 @@ int StreamEngine::create(const StreamSettings& settings, EngineUser& user, const
     engine->watch();
     if (video_stabilizer_start(engine->stabilizer_) != RESULT_OK ||
         start_thread(&engine->carrier_, carrier, engine.get()) != 0) {
-        return VIDEOSTABILIZER_NO_THREAD;
+        return thread_code(last_start_error());
     }
     engine->has_carrier_ = true;
     out = std::move(engine);
