@@ -71,8 +71,20 @@ void require_positions(const PlaneShape& shape, const WarpMap& map, ResamplingKe
                    shape.height, scratch);
     // Kernels reach so far, and where the source ends it is not linear any more.
     constexpr double BORDER = 8;
-    // Positions within a block and tables that rows share are rounded; so are samples and weights.
-    const double tolerance = 1.5 + 0.12 * (std::abs(along) + std::abs(down)) + 6e-4 * largest;
+    // Positions within a block and tables that rows share are rounded; so are samples and weights. A block
+    // has one step, and that of its rows' interval: where transforms differ much, it is off.
+    double bend = 0;
+    for (std::size_t k = 1; k < map.transforms.size(); ++k) {
+        const Affine2& p = map.transforms[k - 1];
+        const Affine2& q = map.transforms[k];
+        const double turned =
+            std::abs(q.a - p.a) + std::abs(q.b - p.b) + std::abs(q.d - p.d) + std::abs(q.e - p.e);
+        const double moved =
+            turned * (shape.width + shape.height) + std::abs(q.c - p.c) + std::abs(q.f - p.f);
+        bend = std::max(bend, 16 * turned + 4 * moved / map.rows_apart);
+    }
+    const double samples = 0.12 + (std::isfinite(bend) ? bend : largest);
+    const double tolerance = 1.5 + samples * (std::abs(along) + std::abs(down)) + 6e-4 * largest;
     for (int y = 0; y < shape.height; ++y) {
         const Affine2 t = map.at(y);
         for (int x = 0; x < shape.width; ++x) {
