@@ -12,9 +12,14 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <memory>
 #include <tuple>
+#include <vector>
 
+#include "frames/picture_layout.h"
 #include "native_warp/plane_warp.h"
+#include "picture_warp/native_warper.h"
+#include "picture_warp/stated_warper.h"
 #include "tests/cpu_warp/warp_variants.h"
 #include "tests/features/picture.h"
 #include "videostabilizer/fast16.h"
@@ -239,6 +244,81 @@ void add_native_warp(Checksum& sum) {
     }
 }
 
+// The layouts of all families that streams have, with one depth.
+std::vector<PixelLayout> layouts_of(int depth) {
+    std::vector<PixelLayout> layouts;
+    for (const ChromaFormat chroma :
+         {CHROMA_NONE, CHROMA_420, CHROMA_422, CHROMA_444, CHROMA_411}) {
+        for (int kind = 0; kind < 8; ++kind) {
+            PixelLayout layout{};
+            layout.chroma = chroma;
+            layout.siting = static_cast<ChromaSiting>(kind % 3);
+            layout.bit_depth = depth;
+            layout.semi_planar = kind & 1;
+            layout.high_bits = kind >> 1 & 1;
+            layout.alpha = kind >> 2;
+            if (layout_fault(layout) == nullptr) {
+                layouts.push_back(layout);
+            }
+        }
+    }
+    return layouts;
+}
+
+// A picture of noise, or an empty one.
+struct WholePicture {
+    WholePicture(const PixelLayout& layout, int width, int height, std::uint32_t seed) {
+        for (int k = 0; k < plane_count(layout); ++k) {
+            const int row = plane_samples(width, layout, k) * sample_bytes(layout);
+            auto& plane = memory[static_cast<std::size_t>(k)];
+            plane = noise_picture(static_cast<std::size_t>(row * plane_rows(height, layout, k)),
+                                  seed + static_cast<std::uint32_t>(k));
+            set_plane(planes, k, plane.data(), row);
+        }
+    }
+
+    PicturePlanes planes{};
+    std::array<std::vector<unsigned char>, 4> memory;
+};
+
+// Whole pictures by the native engine, with 1 to 8 threads.
+void add_native_engine(Checksum& sum) {
+    constexpr int COLUMNS = 83;
+    constexpr int ROWS = 130;
+    const WarpMap one = {{{0.92, -0.03, 3.3, 0.03, 0.92, 2.7}}, 1, 0};
+    const WarpMap rows = {{{0.9, 0.01, 4, 0.02, 0.91, 5}, {0.9, -0.02, 7, 0.01, 0.93, 3}}, 129, 0};
+    for (int depth = 8; depth <= 16; ++depth) {
+        for (const PixelLayout& layout : layouts_of(depth)) {
+            const PictureShape shape = picture_shape(COLUMNS, ROWS, layout);
+            const WholePicture source(layout, COLUMNS, ROWS, 12);
+            for (int sampling = 0; sampling < 3; ++sampling) {
+                std::array<std::vector<unsigned char>, 4> first;
+                for (int threads = 1; threads <= 8; ++threads) {
+                    std::unique_ptr<PictureWarper> warper;
+                    if (sampling == 0) {
+                        warper = std::make_unique<StatedWarper>(shape, threads);
+                    } else {
+                        warper = std::make_unique<NativeWarper>(
+                            shape, sampling == 1 ? Resampling::BILINEAR : Resampling::LANCZOS3,
+                            threads);
+                    }
+                    const WholePicture target(layout, COLUMNS, ROWS, 99);
+                    EXPECT_EQ(
+                        warper->warp(source.planes, sampling == 2 ? rows : one, target.planes), 0);
+                    if (threads == 1) {
+                        first = target.memory;
+                    }
+                    EXPECT_EQ(target.memory, first)
+                        << threads << " threads, depth " << depth << ", sampling " << sampling;
+                }
+                for (const auto& plane : first) {
+                    sum.add_bytes(plane.data(), plane.size());
+                }
+            }
+        }
+    }
+}
+
 TEST(Golden, ResultsAreTheSameOnEveryProcessor) {
     const std::tuple<const char*, void (*)(Checksum&), std::uint64_t> rows[] = {
         {"corners and tracks", add_tracks, 0xc0bd453dd19d431d},
@@ -246,6 +326,7 @@ TEST(Golden, ResultsAreTheSameOnEveryProcessor) {
         {"smoothed path", add_smoothed_path, 0xfa2107302a34bf63},
         {"matrices", add_matrices, 0xcbc913410f4b39e3},
         {"native warp", add_native_warp, 0xd22e877792a57f1c},
+        {"native engine", add_native_engine, 0xf6d4d9f070c04aad},
     };
     for (const auto& [name, add, checksum] : rows) {
         Checksum sum;
