@@ -69,6 +69,10 @@ TEST(ProgramWithoutMemory, MakingAStreamOfPictures) {
     expect_no_crash("out.y4m --path path.csv --json report.json", 24);
 }
 
+TEST(ProgramWithoutMemory, OnTheStrongPath) {
+    expect_no_crash("out.y4m --strength strong --crop auto --threads 3", 10);
+}
+
 TEST(ProgramWithoutMemory, MakingAFilm) {
     expect_no_crash("out.mkv --codec ffv1", 10);
 }
