@@ -270,8 +270,9 @@ struct WholePicture {
     WholePicture(const PixelLayout& layout, int width, int height, std::uint32_t seed) {
         for (int k = 0; k < plane_count(layout); ++k) {
             const int row = plane_samples(width, layout, k) * sample_bytes(layout);
+            const int rows = plane_rows(height, layout, k);
             auto& plane = memory[static_cast<std::size_t>(k)];
-            plane = noise_picture(static_cast<std::size_t>(row * plane_rows(height, layout, k)),
+            plane = noise_picture(static_cast<std::size_t>(row) * static_cast<std::size_t>(rows),
                                   seed + static_cast<std::uint32_t>(k));
             set_plane(planes, k, plane.data(), row);
         }
