@@ -515,6 +515,7 @@ gboolean on_sink_query(GstPad* pad, GstObject* parent, GstQuery* query) {
     gst_query_add_allocation_pool(query, nullptr, static_cast<guint>(info.size),
                                   static_cast<guint>(held), 0);
     gst_query_add_allocation_meta(query, GST_VIDEO_META_API_TYPE, nullptr);
+    gst_query_add_allocation_meta(query, GST_VIDEO_CROP_META_API_TYPE, nullptr);
     return TRUE;
 }
 

@@ -2,10 +2,13 @@
 
 #include "steady_buffers.h"
 
+#include <gst/video/gstvideoaffinetransformationmeta.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstddef>
+#include <iterator>
 
 #include "formats.h"
 
@@ -67,15 +70,56 @@ void move_region(GstVideoRegionOfInterestMeta& region, const VideoStabilizerStre
     region.h = within(most.y, info.height) - region.y;
 }
 
+// The window that makes the picture of the caps out of a larger one. A crop meta of another size than the
+// caps is for those after us.
+const GstVideoCropMeta* window_of(GstBuffer* buffer, const GstVideoInfo& info) {
+    const GstVideoCropMeta* const crop = gst_buffer_get_video_crop_meta(buffer);
+    if (crop == nullptr) return nullptr;
+    const bool fits = crop->width == static_cast<guint>(info.width) &&
+                      crop->height == static_cast<guint>(info.height);
+    return fits ? crop : nullptr;
+}
+
+// Makes the frame that of a part of it. False: it has no such part.
+bool cut_out(GstVideoFrame& frame, guint x, guint y, const GstVideoInfo& info) {
+    const auto whole_width = static_cast<guint64>(frame.info.width);
+    const auto whole_height = static_cast<guint64>(frame.info.height);
+    if (guint64{x} + static_cast<guint64>(info.width) > whole_width ||
+        guint64{y} + static_cast<guint64>(info.height) > whole_height) {
+        return false;
+    }
+    const GstVideoFormatInfo& format = *info.finfo;
+    for (guint plane = 0; plane < format.n_planes; ++plane) {
+        guint component = 0;
+        while (format.plane[component] != plane) {
+            ++component;
+        }
+        const std::ptrdiff_t column = x >> format.w_sub[component];
+        const std::ptrdiff_t row = y >> format.h_sub[component];
+        frame.data[plane] = static_cast<guint8*>(frame.data[plane]) +
+                            row * frame.info.stride[plane] +
+                            column * format.pixel_stride[component];
+    }
+    return true;
+}
+
 struct MetaCopy {
     GstBuffer* to;
     const GstVideoInfo* info;
     const VideoStabilizerStreamReport* report;
+    bool is_cut_out;  // the crop meta has been followed
 };
 
 gboolean copy_meta(GstBuffer* from, GstMeta** meta, gpointer user_data) {
     const auto* const copy = static_cast<const MetaCopy*>(user_data);
     const GstMetaInfo* const kind = (*meta)->info;
+    if (copy->is_cut_out && kind->api == GST_VIDEO_CROP_META_API_TYPE) return TRUE;
+    if (kind->api == GST_VIDEO_AFFINE_TRANSFORMATION_META_API_TYPE) {  // does not copy itself
+        const auto* const shown = reinterpret_cast<const GstVideoAffineTransformationMeta*>(*meta);
+        auto* const copied = gst_buffer_add_video_affine_transformation_meta(copy->to);
+        std::copy(std::begin(shown->matrix), std::end(shown->matrix), std::begin(copied->matrix));
+        return TRUE;
+    }
     static const GQuark memory = g_quark_from_static_string(GST_META_TAG_MEMORY_STR);
     static const GQuark reference = g_quark_from_static_string(GST_META_TAG_MEMORY_REFERENCE_STR);
     if (kind->transform_func == nullptr || gst_meta_api_type_has_tag(kind->api, memory) != FALSE ||
@@ -117,6 +161,12 @@ Loan* begin_loan(GstBuffer* buffer, const GstVideoInfo& info, bool borrow,
     auto loan = std::make_unique<Loan>();
     GstVideoInfo wanted = info;
     if (gst_video_frame_map(&loan->frame, &wanted, buffer, GST_MAP_READ) == FALSE) return nullptr;
+    const GstVideoCropMeta* const window = window_of(buffer, info);
+    if (!cut_out(loan->frame, window != nullptr ? window->x : 0, window != nullptr ? window->y : 0,
+                 info)) {
+        gst_video_frame_unmap(&loan->frame);
+        return nullptr;
+    }
     input.planes = planes_of(loan->frame);
     input.release = borrow ? release_loan : nullptr;
     input.release_context = loan.get();
@@ -170,7 +220,7 @@ void copy_metadata(GstBuffer* from, GstBuffer* to, const GstVideoInfo& info,
     constexpr auto FLAGS_AND_TIMES = static_cast<GstBufferCopyFlags>(
         static_cast<int>(GST_BUFFER_COPY_FLAGS) | static_cast<int>(GST_BUFFER_COPY_TIMESTAMPS));
     gst_buffer_copy_into(to, from, FLAGS_AND_TIMES, 0, static_cast<gsize>(-1));
-    MetaCopy copy{to, &info, &report};
+    MetaCopy copy{to, &info, &report, window_of(from, info) != nullptr};
     gst_buffer_foreach_meta(from, copy_meta, &copy);
     gst_buffer_foreach_meta(to, move_if_region, &copy);
 }

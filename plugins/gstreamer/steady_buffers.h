@@ -21,7 +21,7 @@ using BufferPtr = std::unique_ptr<GstBuffer, BufferUnref>;
 // its memory is a device's, of which there may be little.
 bool may_borrow(GstBuffer* buffer);
 
-// Lends a buffer to a stream, or has it copied. `input` gets the planes and what ends the loan; where
+// Lends a buffer, or the part of it that its crop meta says, to a stream, or has it copied. `input` gets the planes and what ends the loan; where
 // the stream did not take it, end_loan does. Null: the buffer cannot be mapped as such a picture.
 struct Loan;
 Loan* begin_loan(GstBuffer* buffer, const GstVideoInfo& info, bool borrow,
@@ -32,7 +32,7 @@ void end_loan(Loan* loan);
 BufferPtr wrap(VideoStabilizerPicture* picture, const GstVideoInfo& info);
 
 // Copies times, flags and metas. Regions of interest move with the picture; what describes memory stays
-// behind.
+// behind, and so does a crop that has been followed.
 void copy_metadata(GstBuffer* from, GstBuffer* to, const GstVideoInfo& info,
                    const VideoStabilizerStreamReport& report);
 

@@ -5,9 +5,12 @@
 
 #include <gmock/gmock.h>
 #include <gst/check/gstharness.h>
+#include <gst/video/gstvideoaffinetransformationmeta.h>
 #include <gst/video/video.h>
 
+#include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "videostabilizer/stream.h"
@@ -44,7 +47,7 @@ class Element {
         gst_video_info_from_caps(&info_, parsed);
         gst_caps_unref(parsed);
     }
-    GstFlowReturn push(int number, bool discont = false) {
+    GstBuffer* buffer(int number) const {
         GstBuffer* const buffer = gst_buffer_new_allocate(nullptr, info_.size, nullptr);
         GstMapInfo map;
         gst_buffer_map(buffer, &map, GST_MAP_WRITE);
@@ -55,9 +58,77 @@ class Element {
         GST_BUFFER_PTS(buffer) = START + STEP * static_cast<GstClockTime>(number);
         GST_BUFFER_DTS(buffer) = GST_BUFFER_PTS(buffer) - STEP;
         GST_BUFFER_DURATION(buffer) = STEP - 1;
+        return buffer;
+    }
+    GstFlowReturn push(int number, bool discont = false) {
+        GstBuffer* const buffer = this->buffer(number);
         if (discont) GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
         gst_buffer_add_video_region_of_interest_meta(buffer, "face", 20, 20, 20, 10);
         return gst_harness_push(harness_, buffer);
+    }
+    // Pushes a part of a larger picture: as a window, or on its own.
+    void push_cut(int x, int y, bool is_window) {
+        GstVideoInfo large;
+        gst_video_info_set_format(&large, GST_VIDEO_INFO_FORMAT(&info_), info_.width + 16,
+                                  info_.height + 10);
+        std::swap(info_, large);
+        GstBuffer* cut = buffer(0);
+        std::swap(info_, large);
+        gst_buffer_add_video_meta(cut, GST_VIDEO_FRAME_FLAG_NONE, GST_VIDEO_INFO_FORMAT(&large),
+                                  static_cast<guint>(large.width),
+                                  static_cast<guint>(large.height));
+        if (is_window) {
+            GstVideoCropMeta* const crop = gst_buffer_add_video_crop_meta(cut);
+            crop->x = static_cast<guint>(x);
+            crop->y = static_cast<guint>(y);
+            crop->width = static_cast<guint>(info_.width);
+            crop->height = static_cast<guint>(info_.height);
+        } else {
+            GstBuffer* const own = buffer(0);
+            copy_part(cut, large, x, y, own);
+            gst_buffer_unref(cut);
+            cut = own;
+        }
+        gst_buffer_add_video_affine_transformation_meta(cut)->matrix[1] = 1.5F;
+        EXPECT_EQ(gst_harness_push(harness_, cut), GST_FLOW_OK);
+    }
+    void copy_part(GstBuffer* from, GstVideoInfo& whole, int x, int y, GstBuffer* to) {
+        GstVideoFrame source;
+        GstVideoFrame target;
+        gst_video_frame_map(&source, &whole, from, GST_MAP_READ);
+        gst_video_frame_map(&target, &info_, to, GST_MAP_WRITE);
+        for (guint k = 0; k < GST_VIDEO_FRAME_N_COMPONENTS(&target); ++k) {
+            for (int row = 0; row < GST_VIDEO_FRAME_COMP_HEIGHT(&target, k); ++row) {
+                for (int i = 0; i < GST_VIDEO_FRAME_COMP_WIDTH(&target, k); ++i) {
+                    const auto place = [&](GstVideoFrame& frame, int column, int line) {
+                        return GST_VIDEO_FRAME_COMP_DATA(&frame, k) +
+                               line * GST_VIDEO_FRAME_COMP_STRIDE(&frame, k) +
+                               column * GST_VIDEO_FRAME_COMP_PSTRIDE(&frame, k);
+                    };
+                    const int left = x >> GST_VIDEO_FORMAT_INFO_W_SUB(info_.finfo, k);
+                    const int top = y >> GST_VIDEO_FORMAT_INFO_H_SUB(info_.finfo, k);
+                    std::memcpy(place(target, i, row), place(source, left + i, top + row),
+                                GST_VIDEO_FRAME_COMP_DEPTH(&target, k) > 8 ? 2 : 1);
+                }
+            }
+        }
+        gst_video_frame_unmap(&source);
+        gst_video_frame_unmap(&target);
+    }
+    std::string pixels_of(GstBuffer* buffer) {
+        GstVideoFrame steady;
+        GstVideoFrame packed;
+        GstBuffer* const copy = gst_buffer_new_allocate(nullptr, info_.size, nullptr);
+        gst_buffer_memset(copy, 0, 0, info_.size);
+        gst_video_frame_map(&steady, &info_, buffer, GST_MAP_READ);
+        gst_video_frame_map(&packed, &info_, copy, GST_MAP_WRITE);
+        gst_video_frame_copy(&packed, &steady);
+        gst_video_frame_unmap(&packed);
+        gst_video_frame_unmap(&steady);
+        std::string pixels(info_.size, '\0');
+        gst_buffer_extract(copy, 0, pixels.data(), pixels.size());
+        gst_buffer_unref(copy);
+        return pixels;
     }
     void push_from_to(int first, int last) {
         for (int n = first; n <= last; ++n) {
@@ -206,7 +277,7 @@ TEST(Element, KeepsEventsAtTheirPlaces) {
     Element e(caps_of("I420"));
     e.push_from_to(0, 1);
     const guint before = gst_harness_events_received(e.harness());
-    e.event(gst_event_new_tag(gst_tag_list_new(GST_TAG_TITLE, "late", nullptr)));
+    e.event(gst_event_new_tag(gst_tag_list_new(GST_TAG_IMAGE_ORIENTATION, "rotate-90", nullptr)));
     EXPECT_EQ(gst_harness_events_received(e.harness()), before);
     e.push(2);
     e.event(gst_event_new_eos());
@@ -229,6 +300,60 @@ TEST(Element, MovesRegions) {
                     testing::ElementsAre(8, 16, 40, 20));
         gst_buffer_unref(buffer);
     }
+}
+
+// A crop meta of the caps' size is followed; the metas that turn the picture go with it.
+TEST(Element, FollowsCropsAndKeepsOrientations) {
+    for (const char* const format : {"I420", "NV12", "RGB", "I420_10LE"}) {
+        std::vector<std::string> steady;
+        for (const bool is_window : {false, true}) {
+            SCOPED_TRACE(format);
+            Element e(caps_of(format, 64, 48));
+            e.push_cut(4, 6, is_window);
+            e.event(gst_event_new_eos());
+            GstBuffer* const buffer = gst_harness_pull(e.harness());
+            EXPECT_EQ(gst_buffer_get_video_crop_meta(buffer), nullptr);
+            const auto* const turned = gst_buffer_get_video_affine_transformation_meta(buffer);
+            ASSERT_NE(turned, nullptr);
+            EXPECT_EQ(turned->matrix[1], 1.5F);
+            steady.push_back(e.pixels_of(buffer));
+            gst_buffer_unref(buffer);
+        }
+        EXPECT_TRUE(steady[0] == steady[1]) << format;
+    }
+    // One that is smaller than the caps is for the sink.
+    Element e(caps_of("I420", 64, 48));
+    GstBuffer* const given = e.buffer(0);
+    gst_buffer_add_video_crop_meta(given)->width = 10;
+    EXPECT_EQ(gst_harness_push(e.harness(), given), GST_FLOW_OK);
+    e.event(gst_event_new_eos());
+    GstBuffer* const buffer = gst_harness_pull(e.harness());
+    EXPECT_NE(gst_buffer_get_video_crop_meta(buffer), nullptr);
+    gst_buffer_unref(buffer);
+}
+
+// Every picture is needed for the path, so that none is left out here; the source may.
+TEST(Element, PassesQosOn) {
+    Element e(caps_of("I420"));
+    e.push_from_to(0, 9);
+    const std::size_t there = e.waiting();
+    GstEvent* const late =
+        gst_event_new_qos(GST_QOS_TYPE_UNDERFLOW, 2.5, 40 * GST_MSECOND, START + 20 * STEP);
+    EXPECT_NE(gst_harness_push_upstream_event(e.harness(), late), FALSE);
+    GstEvent* event = nullptr;
+    while ((event = gst_harness_try_pull_upstream_event(e.harness())) != nullptr &&
+           GST_EVENT_TYPE(event) != GST_EVENT_QOS) {
+        gst_event_unref(event);
+    }
+    ASSERT_NE(event, nullptr);
+    GstClockTime time = 0;
+    gst_event_parse_qos(event, nullptr, nullptr, nullptr, &time);
+    EXPECT_EQ(time, START + 20 * STEP);
+    gst_event_unref(event);
+    EXPECT_EQ(e.waiting(), there);
+    e.push_from_to(10, 14);
+    e.event(gst_event_new_eos());
+    e.expect_from_to(0, 14);
 }
 
 TEST(Element, RefusesWhatItCannotDo) {
