@@ -3,7 +3,8 @@
 // live WIDTH HEIGHT RATE SECONDS PIPELINE: plays shaken pictures at the clock's pace through a pipeline
 // and tells what a viewer and the machine notice. PIPELINE begins after the source, or, with
 // LIVE_RTP=PORT, after a jitter buffer that is fed over the loopback; it names the element `v` and ends
-// in a sink `out`. LIVE_GAP=1 sends a gap in the middle and tells how long that holds the source up.
+// in a sink `out`. LIVE_GAP=1 sends a gap after 50 pictures and tells how long that holds the source up.
+// LIVE_CHANGES=1 changes properties all the time.
 //
 // Fails where a picture was dropped or lost, or came out of order.
 
@@ -16,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/synthetic/scene.h"
@@ -23,7 +25,6 @@
 namespace {
 
 constexpr int CLIP = 32;  // pictures; they are shown to and fro
-constexpr GstClockTime PATIENCE = 3 * GST_SECOND;
 
 struct Picture {
     std::vector<unsigned char> bytes;
@@ -53,7 +54,8 @@ struct Shown {
     GstClockTime latest = 0;  // after the time at which a picture was due
     GstClockTime sum = 0;
     GstElement* pipeline = nullptr;
-    GstClockTime latency = 0;
+    std::atomic<GstClockTime> latency{0};
+    GstClockTime begin = GST_CLOCK_TIME_NONE;
 };
 
 GstClockTime now(GstElement* pipeline) {
@@ -67,13 +69,15 @@ GstClockTime now(GstElement* pipeline) {
 void on_picture(GstElement* /*sink*/, GstBuffer* buffer, GstPad* /*pad*/, gpointer data) {
     auto& shown = *static_cast<Shown*>(data);
     const GstClockTime time = GST_BUFFER_PTS(buffer);
-    if (shown.pictures > 0 && time <= shown.last) ++shown.out_of_order;
+    if (shown.begin != GST_CLOCK_TIME_NONE && time <= shown.last) ++shown.out_of_order;
     shown.last = time;
+    ++shown.pictures;
+    if (shown.begin == GST_CLOCK_TIME_NONE) shown.begin = time;
+    if (time < shown.begin + GST_SECOND) return;  // the latency is being agreed upon
     const GstClockTime due = time + shown.latency;
     const GstClockTime late = std::max(now(shown.pipeline), due) - due;
     shown.latest = std::max(shown.latest, late);
     shown.sum += late;
-    ++shown.pictures;
 }
 
 // Once, before a picture in the middle.
@@ -85,6 +89,26 @@ GstPadProbeReturn send_gap(GstPad* pad, GstPadProbeInfo* info, gpointer /*data*/
     gst_pad_send_event(pad, gst_event_new_gap(GST_BUFFER_PTS(buffer), GST_MSECOND));
     std::printf("gap_ms %.1f\n", static_cast<double>(g_get_monotonic_time() - begin) / 1000);
     return GST_PAD_PROBE_OK;
+}
+
+// What an application may do while pictures run.
+void change(GstElement* element, int number) {
+    switch (number % 5) {
+        case 0:
+            g_object_set(element, "crop", 0.8 + 0.01 * (number % 10), nullptr);
+            break;
+        case 1:
+            g_object_set(element, "sampling", number % 3, nullptr);
+            break;
+        case 2:
+            g_object_set(element, "enabled", number % 2, nullptr);
+            break;
+        case 3:
+            g_object_set(element, "strength", number % 4, "threads", number % 3, nullptr);
+            break;
+        default:
+            g_object_set(element, "look-ahead", 5 + number % 7, nullptr);
+    }
 }
 
 double processor_seconds() {
@@ -150,24 +174,26 @@ int run(int width, int height, int rate, int seconds, const std::string& rest) {
 
     // Messages about latency are answered as players do.
     GstBus* const bus = gst_element_get_bus(receiver);
-    int errors = 0;
-    const auto answer = [&](GstClockTime patience) {
-        while (GstMessage* const message = gst_bus_timed_pop(bus, patience)) {
+    std::atomic<int> errors{0};
+    std::thread answers([&] {
+        for (bool is_end = false; !is_end;) {
+            GstMessage* const message = gst_bus_timed_pop(bus, GST_CLOCK_TIME_NONE);
             if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_LATENCY) {
                 gst_bin_recalculate_latency(GST_BIN(receiver));
-                shown.latency = gst_pipeline_get_latency(GST_PIPELINE(receiver));
+                GstClockTime latency = 0;
                 GstQuery* const query = gst_query_new_latency();
                 if (gst_element_query(receiver, query) != FALSE) {
-                    gst_query_parse_latency(query, nullptr, &shown.latency, nullptr);
+                    gst_query_parse_latency(query, nullptr, &latency, nullptr);
                 }
                 gst_query_unref(query);
+                shown.latency = latency;
             }
             if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) ++errors;
-            const bool is_end = GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS;
+            is_end = GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS ||
+                     GST_MESSAGE_TYPE(message) == GST_MESSAGE_APPLICATION;
             gst_message_unref(message);
-            if (is_end) return;
         }
-    };
+    });
     const int total = rate * seconds;
     while (now(sender) == 0) {
         g_usleep(1000);
@@ -194,14 +220,18 @@ int run(int width, int height, int rate, int seconds, const std::string& rest) {
         guint64 waiting = 0;
         g_object_get(in, "current-level-buffers", &waiting, nullptr);
         most_waiting = std::max(most_waiting, waiting);
-        answer(0);
+        if (std::getenv("LIVE_CHANGES") != nullptr && n % 25 == 24) change(element, n / 25);
     }
     int look_ahead = 0;
     g_object_get(element, "look-ahead", &look_ahead, nullptr);
     const double used = processor_seconds() - before;
     GstFlowReturn flow = GST_FLOW_OK;
     g_signal_emit_by_name(in, "end-of-stream", &flow);
-    answer(port != nullptr ? GST_SECOND : PATIENCE);
+    if (port != nullptr) {  // no end comes through
+        g_usleep(1500000);
+        gst_bus_post(bus, gst_message_new_application(nullptr, gst_structure_new_empty("end")));
+    }
+    answers.join();
     const int expected = port != nullptr ? total - look_ahead : total;
     const guint64 dropped = count_of(sink, "dropped");
     std::printf(
@@ -209,7 +239,7 @@ int run(int width, int height, int rate, int seconds, const std::string& rest) {
         "most %.1f waiting %llu cpu_ms_per_picture %.2f cores %.2f\n",
         total, shown.pictures.load(), static_cast<unsigned long long>(dropped),
         static_cast<unsigned long long>(count_of(element, "scenes")), shown.out_of_order.load(),
-        static_cast<double>(shown.latency) / 1e6,
+        static_cast<double>(shown.latency.load()) / 1e6,
         static_cast<double>(shown.sum) / 1e6 / std::max(1, shown.pictures.load()),
         static_cast<double>(shown.latest) / 1e6, static_cast<unsigned long long>(most_waiting),
         used * 1000 / total, used / seconds);
