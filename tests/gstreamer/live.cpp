@@ -201,6 +201,7 @@ int run(int width, int height, int rate, int seconds, const std::string& rest) {
     const GstClockTime start = now(sender) + 100 * GST_MSECOND;
     const double before = processor_seconds();
     guint64 most_waiting = 0;
+    guint64 dropped_at_start = 0;
     for (int n = 0; n < total; ++n) {
         const int place = n % (2 * CLIP);
         const std::vector<unsigned char>& bytes =
@@ -220,6 +221,7 @@ int run(int width, int height, int rate, int seconds, const std::string& rest) {
         guint64 waiting = 0;
         g_object_get(in, "current-level-buffers", &waiting, nullptr);
         most_waiting = std::max(most_waiting, waiting);
+        if (n == 2 * rate) dropped_at_start = count_of(sink, "dropped");
         if (std::getenv("LIVE_CHANGES") != nullptr && n % 25 == 24) change(element, n / 25);
     }
     int look_ahead = 0;
@@ -235,9 +237,11 @@ int run(int width, int height, int rate, int seconds, const std::string& rest) {
     const int expected = port != nullptr ? total - look_ahead : total;
     const guint64 dropped = count_of(sink, "dropped");
     std::printf(
-        "in %d out %d dropped %llu scenes %llu out_of_order %d latency_ms %.1f late_ms mean %.2f "
+        "in %d out %d dropped %llu, at the start %llu, scenes %llu out_of_order %d latency_ms %.1f "
+        "late_ms mean %.2f "
         "most %.1f waiting %llu cpu_ms_per_picture %.2f cores %.2f\n",
         total, shown.pictures.load(), static_cast<unsigned long long>(dropped),
+        static_cast<unsigned long long>(dropped_at_start),
         static_cast<unsigned long long>(count_of(element, "scenes")), shown.out_of_order.load(),
         static_cast<double>(shown.latency.load()) / 1e6,
         static_cast<double>(shown.sum) / 1e6 / std::max(1, shown.pictures.load()),

@@ -9,7 +9,10 @@ import java.util.Arrays;
 import java.util.List;
 import java.util.concurrent.atomic.AtomicInteger;
 
-/** Streams in a VM with a small heap that is full of garbage. Exits with 0 where all is as it should be. */
+/**
+ * Streams in a VM with a small heap that is full of garbage. Exits with 0 where all is as it should be. With
+ * a number: opens and closes so many streams, for a tool that watches memory.
+ */
 public class StreamTest {
     private static final int WIDTH = 193;
     private static final int HEIGHT = 145;
@@ -19,6 +22,16 @@ public class StreamTest {
     private static volatile Object garbage;
 
     public static void main(String[] arguments) throws Exception {
+        if (arguments.length > 0) {
+            openAndClose(Integer.parseInt(arguments[0]));
+            for (int i = 0; i < 20; ++i) {  // what is left to the garbage collector
+                System.gc();
+                Thread.sleep(20);
+                openAndClose(1);
+            }
+            System.out.println("done");
+            return;
+        }
         anyLayoutGivesTheSame();
         onePlane();
         refuses();

@@ -4,7 +4,9 @@
 import gc
 import os
 import itertools
+import os
 import resource
+import subprocess
 import threading
 import time
 
@@ -82,6 +84,31 @@ def test_packed_colours(format, channels):
         assert mine.array.shape == (HEIGHT, WIDTH, channels)
         for channel in range(channels):
             assert np.array_equal(mine.array[:, :, channel], other.array)
+
+
+@pytest.mark.skipif("STEADY" not in os.environ, reason="there is no host in C")
+@pytest.mark.parametrize(
+    "format, dtype, samples",
+    [
+        ("gray", np.uint8, 1),
+        ("gray12le", np.uint16, 1),
+        ("yuv420p", np.uint8, 1.5),
+        ("nv12", np.uint8, 1.5),
+        ("yuv422p", np.uint8, 2),
+        ("yuv444p10le", np.uint16, 3),
+        ("rgb24", np.uint8, 3),
+    ],
+)
+def test_equals_a_host_in_c(format, dtype, samples):
+    rows = int(HEIGHT * samples)
+    pictures = [np.resize(view(i), (rows, WIDTH)).astype(dtype) for i in range(FRAMES)]
+    command = [os.environ["STEADY"], str(WIDTH), str(HEIGHT), format]
+    given = b"".join(p.tobytes() for p in pictures)
+    expected = subprocess.run(command, input=given, capture_output=True, check=True).stdout
+    shape = (HEIGHT, WIDTH, 3) if format == "rgb24" else (rows, WIDTH)
+    with Stabilizer(WIDTH, HEIGHT, format) as s:
+        mine = b"".join(p.array.tobytes() for p in run(s, [p.reshape(shape) for p in pictures]))
+    assert mine == expected and mine != given
 
 
 def test_refuses_with_a_reason():
@@ -168,16 +195,17 @@ def test_threads_run_beside_it():
         assert np.array_equal(a.array, b.array)
 
 
-def test_a_thousand_streams_leave_nothing():
-    def open_and_close(count):
-        for i in range(count):
-            s = Stabilizer(64, 48, engine="native", threads=1)
-            s.push(np.zeros((48, 64), np.uint8), copy=i % 2 == 0)
-            if i % 2 == 0:
-                s.close()
-        gc.collect()
-        return resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
+def open_and_close(count):
+    for i in range(count):
+        s = Stabilizer(64, 48, engine="native", threads=1)
+        s.push(np.zeros((48, 64), np.uint8), copy=i % 2 == 0)
+        if i % 2 == 0:
+            s.close()
+    gc.collect()
+    return resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
 
+
+def test_a_thousand_streams_leave_nothing():
     before = open_and_close(100)
     count = int(os.environ.get("STREAMS", "1000"))
     assert open_and_close(count) - before < 20_000  # KiB; each stream has more than 300
