@@ -206,7 +206,9 @@ def open_and_close(count):
 
 
 def test_a_thousand_streams_leave_nothing():
+    threads = os.listdir("/proc/self/task")
     before = open_and_close(100)
+    assert os.listdir("/proc/self/task") == threads
     count = int(os.environ.get("STREAMS", "1000"))
     assert open_and_close(count) - before < 20_000  # KiB; each stream has more than 300
 
