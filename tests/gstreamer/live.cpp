@@ -134,7 +134,7 @@ GstElement* parse(const std::string& text) {
     GstElement* const pipeline = gst_parse_launch(text.c_str(), &error);
     if (error != nullptr) {
         std::fprintf(stderr, "%s\n", error->message);
-        std::exit(2);
+        g_clear_error(&error);
     }
     return pipeline;
 }
@@ -145,7 +145,7 @@ int run(int width, int height, int rate, int seconds, const std::string& rest) {
         "appsrc name=in is-live=true format=time caps=video/x-raw,format=I420,width=" +
         std::to_string(width) + ",height=" + std::to_string(height) +
         ",framerate=" + std::to_string(rate) + "/1 ! ";
-    const char* const port = std::getenv("LIVE_RTP");
+    const char* const port = g_getenv("LIVE_RTP");
     GstElement* sender = nullptr;
     GstElement* receiver = nullptr;
     if (port != nullptr) {
@@ -158,13 +158,14 @@ int run(int width, int height, int rate, int seconds, const std::string& rest) {
     } else {
         sender = receiver = parse(source + rest);
     }
+    if (sender == nullptr || receiver == nullptr) return 2;
     Shown shown;
     shown.pipeline = receiver;
     GstElement* const sink = gst_bin_get_by_name(GST_BIN(receiver), "out");
     GstElement* const element = gst_bin_get_by_name(GST_BIN(receiver), "v");
     GstElement* const in = gst_bin_get_by_name(GST_BIN(sender), "in");
     g_signal_connect(sink, "handoff", G_CALLBACK(on_picture), &shown);
-    if (std::getenv("LIVE_GAP") != nullptr) {
+    if (g_getenv("LIVE_GAP") != nullptr) {
         GstPad* const pad = gst_element_get_static_pad(element, "sink");
         gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, send_gap, nullptr, nullptr);
         gst_object_unref(pad);
@@ -222,7 +223,7 @@ int run(int width, int height, int rate, int seconds, const std::string& rest) {
         g_object_get(in, "current-level-buffers", &waiting, nullptr);
         most_waiting = std::max(most_waiting, waiting);
         if (n == 2 * rate) dropped_at_start = count_of(sink, "dropped");
-        if (std::getenv("LIVE_CHANGES") != nullptr && n % 25 == 24) change(element, n / 25);
+        if (g_getenv("LIVE_CHANGES") != nullptr && n % 25 == 24) change(element, n / 25);
     }
     int look_ahead = 0;
     g_object_get(element, "look-ahead", &look_ahead, nullptr);
