@@ -49,7 +49,7 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   run(gzip -9 --no-name --force ${doc}/changelog ${doc}/changelog.Debian ${pages})
 
   file(GLOB binaries ${staged}/usr/bin/* ${staged}/usr/lib/*/*.so.*.*
-    ${staged}/usr/lib/*/gstreamer-1.0/*.so)
+    ${staged}/usr/lib/*/gstreamer-1.0/*.so ${staged}/usr/lib/*/obs-plugins/*.so)
   if(binaries)
     run(${CPACK_VIDEOSTABILIZER_STRIP} --strip-unneeded --remove-section=.comment
       --remove-section=.note ${binaries})

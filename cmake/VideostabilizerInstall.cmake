@@ -9,6 +9,7 @@
 #   videostabilizer_program      stabilize-video
 #   videostabilizer_java         the jar
 #   videostabilizer_gstreamer    the GStreamer element
+#   videostabilizer_obs          the OBS filter
 #   videostabilizer_licence      the licence of all of them
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)

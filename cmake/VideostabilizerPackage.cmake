@@ -95,6 +95,18 @@ ${about}
 This package contains the element videostabilizer, which does so in pipelines
 of GStreamer, live or not.")
 endif()
+if(VIDEOSTABILIZER_HAS_OBS)
+  vs_debian_package(videostabilizer_obs
+    NAME obs-videostabilizer
+    SECTION video
+    COMPONENTS videostabilizer_library
+    DEPENDS "obs-studio"
+    DESCRIPTION "real-time video stabilisation - OBS filter
+${about}
+.
+This package contains a filter for the cameras and other video sources of OBS
+Studio.")
+endif()
 if(VIDEOSTABILIZER_HAS_JAR)
   vs_debian_package(videostabilizer_java
     NAME libvideostabilizer-java

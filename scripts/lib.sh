@@ -20,7 +20,7 @@ build_packages=(
   ocl-icd-opencl-dev opencl-headers
   libavcodec-dev libavdevice-dev libavfilter-dev libavformat-dev libavutil-dev libswscale-dev
   libcli11-dev libplplot-dev nlohmann-json3-dev
-  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libobs-dev
 )
 
 say() {

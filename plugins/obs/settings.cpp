@@ -25,6 +25,12 @@ bool Settings::is_same_stream(const Settings& other) const {
            look_ahead == other.look_ahead && engine == other.engine;
 }
 
+bool Settings::is_within_change(const Settings& other) const {
+    return auto_crop == other.auto_crop && shutter == other.shutter && engine == other.engine &&
+           strength != VIDEOSTABILIZER_GENTLE && other.strength != VIDEOSTABILIZER_GENTLE &&
+           look_ahead_of(*this) == look_ahead_of(other);
+}
+
 void set_defaults(obs_data_t* data) {
     const Settings defaults;
     obs_data_set_default_int(data, setting::STRENGTH, defaults.strength);

@@ -37,6 +37,8 @@ struct Settings {
 
     // Whether a stream of the one is as good for the other.
     bool is_same_stream(const Settings& other) const;
+    // Whether a stream of the one can become one of the other while it runs.
+    bool is_within_change(const Settings& other) const;
 };
 
 void set_defaults(obs_data_t* data);

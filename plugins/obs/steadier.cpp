@@ -145,7 +145,7 @@ void Steadier::apply(const Settings& settings, const obs_source_frame& frame) {
     }
     Run& run = runs_.back();
     if (settings.is_same_stream(run.settings)) return;
-    if (look_ahead_of(settings) == look_ahead_of(run.settings)) {
+    if (settings.is_within_change(run.settings)) {
         const VideoStabilizerStreamOptions options =
             stream_options(settings, frame, run.frame_rate);
         if (videostabilizer_stream_change(run.stream.get(), &options) == VIDEOSTABILIZER_OK) {

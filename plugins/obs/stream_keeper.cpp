@@ -10,16 +10,15 @@ namespace obs_videostabilizer {
 
 namespace {
 
-void on_log(void* /*context*/, int level, const char* area, const char* text) {
-    blog(level >= VIDEOSTABILIZER_LOG_ERROR ? LOG_ERROR : LOG_WARNING, "[videostabilizer] %s: %s",
-         area, text);
+void on_log(void* /*context*/, int /*level*/, const char* area, const char* text) {
+    blog(LOG_WARNING, "[videostabilizer] %s: %s", area, text);
 }
 
 StreamAnswer answer_to(const StreamRequest& request) {
     StreamAnswer answer{request, nullptr, std::string(256, '\0')};
     VideoStabilizerStreamOptions options = request.options;
     options.log = on_log;
-    options.log_level = VIDEOSTABILIZER_LOG_WARNING;
+    options.log_level = VIDEOSTABILIZER_LOG_ERROR;
     VideoStabilizerStream* stream = nullptr;
     const int code =
         videostabilizer_stream_open(&options, &stream, answer.reason.data(), answer.reason.size());
