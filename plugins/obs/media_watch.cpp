@@ -16,12 +16,15 @@ constexpr std::int64_t MOST_SPEED = 2;
 constexpr std::int64_t REPEAT_RANGE = 1000;
 
 void on_restart(void* steadier, calldata_t* /*data*/) {
-    static_cast<Steadier*>(steadier)->pause(false);
     static_cast<Steadier*>(steadier)->restart();
 }
 
 void on_pause(void* steadier, calldata_t* /*data*/) {
-    static_cast<Steadier*>(steadier)->pause(true);
+    static_cast<Steadier*>(steadier)->pause();
+}
+
+void on_resume(void* steadier, calldata_t* /*data*/) {
+    static_cast<Steadier*>(steadier)->resume();
 }
 
 struct Signal {
@@ -29,8 +32,9 @@ struct Signal {
     signal_callback_t callback;
 };
 constexpr Signal SIGNALS[] = {
-    {"media_pause", on_pause},  {"media_restart", on_restart},  {"media_stopped", on_restart},
-    {"media_next", on_restart}, {"media_previous", on_restart}, {"media_started", on_restart},
+    {"media_pause", on_pause},     {"media_play", on_resume},  {"media_restart", on_restart},
+    {"media_stopped", on_restart}, {"media_next", on_restart}, {"media_previous", on_restart},
+    {"media_started", on_restart},
 };
 
 }  // namespace

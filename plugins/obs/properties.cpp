@@ -15,6 +15,8 @@ namespace {
 
 constexpr std::int64_t SECOND = 1000000000;
 constexpr std::int64_t MILLISECOND = 1000000;
+// One picture in so many is lost before it is worth a line.
+constexpr std::int64_t MANY = 50;
 
 // Names of properties that are no settings.
 constexpr auto STATE = "state";
@@ -49,7 +51,9 @@ std::string state_text(const Status& status) {
         case State::REFUSED:
             return filled("State.Refused", status.reason);
         default:
-            return status.lost > 0 ? filled("State.Lost", std::to_string(status.lost)) : "";
+            return status.lost > status.pictures / MANY
+                       ? filled("State.Lost", std::to_string(status.lost))
+                       : "";
     }
 }
 

@@ -72,10 +72,11 @@ void Steadier::tell(State state, const std::string& reason) {
     status_.interval = interval_;
 }
 
-bool Steadier::is_jump(const obs_source_frame& frame, std::int64_t now) const {
+bool Steadier::is_jump(const obs_source_frame& frame, std::int64_t now) {
     const std::int64_t longest = std::max(LEAST_BREAK, BREAKS * last_step_);
     const std::int64_t step = static_cast<std::int64_t>(frame.timestamp) - last_time_;
-    return step < 0 || step > longest || (now - last_call_ > longest && !pauses_);
+    const bool goes_on = resumes_.exchange(false) || pauses_;
+    return step < 0 || (!goes_on && (step > longest || now - last_call_ > longest));
 }
 
 void Steadier::note_times(const obs_source_frame& frame, std::int64_t now) {
@@ -89,6 +90,7 @@ void Steadier::note_times(const obs_source_frame& frame, std::int64_t now) {
     last_call_ = now;
     const bool is_system_time = std::llabs(time - now) < SYSTEM_TIME_RANGE;
     const std::lock_guard<std::mutex> lock(told_mutex_);
+    ++status_.pictures;
     status_.sound_follows = !is_system_time;
 }
 
@@ -261,7 +263,7 @@ void Steadier::tick(bool enabled) {
     is_interlaced_ = obs_source_get_deinterlace_mode(source_) != OBS_DEINTERLACE_MODE_DISABLE;
     const auto now = static_cast<std::int64_t>(os_gettime_ns());
     const bool has_stopped =
-        now - last_call_ > std::max(LEAST_BREAK, BREAKS * last_step_) && !pauses_;
+        now - last_call_ > std::max(LEAST_BREAK, BREAKS * last_step_) && !pauses_ && !resumes_;
     if ((!enabled || has_stopped) && !runs_.empty()) drop_all();
 }
 

@@ -28,7 +28,8 @@ struct Status {
     State state = State::WAITING;
     std::string reason;
     std::int64_t interval = 0;  // nanoseconds between pictures; 0: not known
-    std::int64_t lost = 0;      // pictures that were not steady in time
+    std::int64_t pictures = 0;  // that came in
+    std::int64_t lost = 0;      // those of them that were not steady in time
     bool sound_follows = true;  // OBS shifts the sound of the source along with its pictures
 };
 
@@ -55,9 +56,13 @@ class Steadier {
     Status status() const;
 
     // What is inside is not shown any more; the next frame begins a scene.
-    void restart() { restarts_ = true; }
+    void restart() {
+        pauses_ = false;
+        restarts_ = true;
+    }
     // The source pauses; a pause is no jump.
-    void pause(bool pauses) { pauses_ = pauses; }
+    void pause() { pauses_ = true; }
+    void resume() { resumes_ = pauses_.exchange(false); }
 
     // Takes a reference to the frame, and gives one with the frame that it returns, which may be null.
     obs_source_frame* filter(obs_source_t* source, obs_source_frame* frame);
@@ -79,7 +84,7 @@ class Steadier {
         int latency;
     };
 
-    bool is_jump(const obs_source_frame& frame, std::int64_t now) const;
+    bool is_jump(const obs_source_frame& frame, std::int64_t now);
     void note_times(const obs_source_frame& frame, std::int64_t now);
     void drop_all();
     void give_back(obs_source_frame* frame);
@@ -115,6 +120,7 @@ class Steadier {
 
     std::atomic<bool> restarts_{false};
     std::atomic<bool> pauses_{false};
+    std::atomic<bool> resumes_{false};  // the next frame does
 
     StreamKeeper keeper_;
 };

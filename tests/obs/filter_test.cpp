@@ -210,13 +210,15 @@ TEST(Filter, ShowsNoFramesOfThePast) {
         {"a new format", 20, [](Source& s) { s.set_kind(VIDEO_FORMAT_YUY2, 64, 48); }, true},
         {"a time without frames", 20,
          [](Source&) { std::this_thread::sleep_for(std::chrono::milliseconds(700)); }, true},
-        {"a pause", 20,
+        {"a pause", 90,
          [](Source& s) {
-             calldata_t data{};
-             calldata_set_ptr(&data, "source", s.source());
-             signal_handler_signal(obs_source_get_signal_handler(s.source()), "media_pause", &data);
-             calldata_free(&data);
-             std::this_thread::sleep_for(std::chrono::milliseconds(700));
+             for (const char* const name : {"media_pause", "media_play"}) {
+                 calldata_t data{};
+                 calldata_set_ptr(&data, "source", s.source());
+                 signal_handler_signal(obs_source_get_signal_handler(s.source()), name, &data);
+                 calldata_free(&data);
+                 std::this_thread::sleep_for(std::chrono::milliseconds(700));
+             }
          },
          false},
         {"a restart", 20, [](Source& s) { obs_source_media_started(s.source()); }, true},

@@ -128,7 +128,7 @@ def everything():
     add_filter("last")
     yield 2
     yield from record("last")
-    say("done")
+    say("finished")
 
 
 STEPS = everything()
