@@ -78,7 +78,7 @@ void with_packing(video_format format, const Work& work) {
     }
 }
 
-// A row of each plane.
+// A row of each plane. Without alpha, the last is nowhere.
 struct Rows {
     std::uint8_t* y;
     std::uint8_t* u;
@@ -88,8 +88,7 @@ struct Rows {
 
 Rows rows_of(const VideoStabilizerPlanes& planes, std::ptrdiff_t row) {
     const auto at = [&](int plane) {
-        auto* const first = static_cast<std::uint8_t*>(planes.data[plane]);
-        return first != nullptr ? first + row * planes.stride[plane] : nullptr;
+        return static_cast<std::uint8_t*>(planes.data[plane]) + row * planes.stride[plane];
     };
     return {at(0), at(1), at(2), at(3)};
 }
@@ -159,7 +158,7 @@ VideoStabilizerPlanes planes_in(std::vector<std::uint8_t>& memory, const obs_sou
         size += shape.row_bytes * static_cast<std::size_t>(shape.rows);
     }
     memory.resize(size);
-    for (int k = 0; k < count; ++k) {
+    for (int k = 0; k < 4; ++k) {
         planes.data[k] = memory.data() + offsets[static_cast<std::size_t>(k)];
     }
     return planes;

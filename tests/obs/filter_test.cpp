@@ -138,8 +138,9 @@ class Source {
     // Of the last plane, no more is known than its first row.
     std::size_t size_of(const obs_source_frame& frame) const {
         int planes = 1;
-        while (planes < MAX_AV_PLANES && frame.data[planes] != nullptr)
+        while (planes < MAX_AV_PLANES && frame.data[planes] != nullptr) {
             ++planes;
+        }
         const bool is_quarter = format_ == VIDEO_FORMAT_I420 || format_ == VIDEO_FORMAT_NV12 ||
                                 format_ == VIDEO_FORMAT_I010 || format_ == VIDEO_FORMAT_P010;
         const std::size_t rows = is_quarter ? height_ / 2 : height_;
@@ -316,6 +317,8 @@ void register_source(const char* id, std::uint32_t flags) {
     obs_register_source_s(&info, sizeof info);
 }
 
+// NOLINTBEGIN(concurrency-mt-unsafe): there is one thread
+
 // OBS's library asks for a display, if only for its keyboard.
 class Display {
   public:
@@ -368,6 +371,7 @@ class Obs : public testing::Environment {
 
     std::unique_ptr<Display> display_;
 };
+// NOLINTEND(concurrency-mt-unsafe)
 const auto* const obs = testing::AddGlobalTestEnvironment(new Obs);
 
 }  // namespace
