@@ -82,6 +82,11 @@ def disturb():
 
 
 def record(name):
+    """From the same place of the clip each time, which is longer than that."""
+    parent = source()
+    obs.obs_source_media_restart(parent)
+    obs.obs_source_release(parent)
+    yield 2
     obs.obs_frontend_recording_start()
     yield SECONDS
     obs.obs_frontend_recording_stop()
@@ -96,13 +101,11 @@ def everything():
     yield 2
     yield from record("before")
     add_filter("steady")
-    yield 2
     yield from record("after")
     change = obs.obs_data_create()
     obs.obs_data_set_bool(change, "halves", True)
     with_filter("steady", lambda _, f: obs.obs_source_update(f, change))
     obs.obs_data_release(change)
-    yield 2
     yield from record("halves")
     if LANGUAGE_PAUSE:
         parent = source()
@@ -126,7 +129,6 @@ def everything():
     for k in range(2):
         remove_filter(f"f{k}")
     add_filter("last")
-    yield 2
     yield from record("last")
     say("finished")
 
