@@ -4,7 +4,8 @@
 # What the scripts of this folder share. Source it; it changes no directory.
 #
 #   root            the top folder of the repository
-#   build_packages  the Debian packages that building everything but the tests takes
+#   build_packages  the Debian packages that building the library and the programs takes
+#   plugin_packages those that the plug-ins take besides; without them they are left out
 #   say TEXT        tells the user what happens now
 #   die TEXT        one sentence on standard error, and the end
 #   usage           prints the comment at the head of the script
@@ -20,8 +21,9 @@ build_packages=(
   ocl-icd-opencl-dev opencl-headers
   libavcodec-dev libavdevice-dev libavfilter-dev libavformat-dev libavutil-dev libswscale-dev
   libcli11-dev libplplot-dev nlohmann-json3-dev
-  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libobs-dev
 )
+# shellcheck disable=SC2034
+plugin_packages=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libobs-dev)
 
 say() {
   printf '== %s\n' "$*"
