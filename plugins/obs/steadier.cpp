@@ -166,8 +166,9 @@ bool Steadier::push(obs_source_frame* frame) {
     input.planes = planes_to_push(*frame, separated_, borrows);
     input.timestamp = static_cast<std::int64_t>(frame->timestamp);
     input.release = borrows ? end_loan : nullptr;
+    inside_.push_back(frame);  // before the stream borrows it, as this may throw
     const int code = videostabilizer_stream_push(runs_.back().stream.get(), &input, 0);
-    if (code == VIDEOSTABILIZER_OK) inside_.push_back(frame);
+    if (code != VIDEOSTABILIZER_OK) inside_.pop_back();
     return code == VIDEOSTABILIZER_OK;
 }
 
