@@ -18,6 +18,7 @@ import subprocess
 import sys
 import tempfile
 import time
+from statistics import median
 
 BAR = 1.05
 RESAMPLES = 2000
@@ -62,12 +63,6 @@ def run(program, options, clip, folder):
     if done.returncode != 0:
         return None
     return (after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime, passed)
-
-
-def median(values):
-    ordered = sorted(values)
-    middle = len(ordered) // 2
-    return ordered[middle] if len(ordered) % 2 else (ordered[middle - 1] + ordered[middle]) / 2
 
 
 def interval(ratios):
