@@ -11,7 +11,7 @@ import obspython as obs
 SECONDS = int(os.environ["TRY_SECONDS"])
 ROUNDS = int(os.environ["TRY_ROUNDS"])
 FOLDER = os.environ["TRY_FOLDER"]
-LANGUAGE_PAUSE = int(os.environ.get("TRY_DIALOG_SECONDS", "0"))
+DIALOG_SECONDS = int(os.environ.get("TRY_DIALOG_SECONDS", "0"))
 KIND = "videostabilizer_filter"
 random.seed(1)
 
@@ -107,12 +107,12 @@ def everything():
     with_filter("steady", lambda _, f: obs.obs_source_update(f, change))
     obs.obs_data_release(change)
     yield from record("halves")
-    if LANGUAGE_PAUSE:
+    if DIALOG_SECONDS:
         parent = source()
         obs.obs_frontend_open_source_filters(parent)
         obs.obs_source_release(parent)
         say("dialog")
-        yield LANGUAGE_PAUSE
+        yield DIALOG_SECONDS
     remove_filter("steady")
     for n in range(ROUNDS):
         name = f"f{n % 2}"

@@ -21,8 +21,9 @@ using BufferPtr = std::unique_ptr<GstBuffer, BufferUnref>;
 // its memory is a device's, of which there may be little.
 bool may_borrow(GstBuffer* buffer);
 
-// Lends a buffer, or the part of it that its crop meta says, to a stream, or has it copied. `input` gets the planes and what ends the loan; where
-// the stream did not take it, end_loan does. Null: the buffer cannot be mapped as such a picture.
+// Lends a buffer, or the part of it that its crop meta says, to a stream, or has it copied. `input` gets
+// the planes and what ends the loan; where the stream did not take it, end_loan does. Null: the buffer
+// cannot be mapped as such a picture.
 struct Loan;
 Loan* begin_loan(GstBuffer* buffer, const GstVideoInfo& info, bool borrow,
                  VideoStabilizerInput& input);
